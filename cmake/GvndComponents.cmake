@@ -1,0 +1,74 @@
+# The libraries and the tool of the hosted build. A component exists as soon as its directory has sources. What may
+# depend on what is one way: nthost on nothing, driver and plugins on nthost's ntifs.h and on the plugin boundary.
+
+find_package(Threads REQUIRED)
+
+gvnd_sources(GVND_NTHOST_SOURCES nthost)
+gvnd_sources(GVND_DRIVER_SOURCES driver)
+gvnd_sources(GVND_MEMFS_SOURCES plugins/memfs)
+gvnd_sources(GVND_HOSTFS_SOURCES plugins/hostfs)
+gvnd_sources(GVND_TOOL_SOURCES tools/gvnd)
+
+set(GVND_LIBRARIES "")
+
+# The boundary header. Installed, all headers of the boundary live in one directory.
+add_library(gvnd_plugin INTERFACE)
+add_library(gvnd::plugin ALIAS gvnd_plugin)
+set_target_properties(gvnd_plugin PROPERTIES EXPORT_NAME plugin)
+target_include_directories(gvnd_plugin INTERFACE
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+install(TARGETS gvnd_plugin EXPORT gvndTargets)
+
+if(GVND_NTHOST_SOURCES)
+    gvnd_library(nthost SOURCES ${GVND_NTHOST_SOURCES})
+    target_include_directories(gvnd_nthost
+        PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/nthost/include>
+               $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/gvnd-nthost>
+        PRIVATE ${PROJECT_SOURCE_DIR}/nthost)
+    target_compile_features(gvnd_nthost PUBLIC cxx_std_20)
+    # WCHAR is wchar_t in NT code, and has 16 bits there.
+    target_compile_options(gvnd_nthost PUBLIC -fshort-wchar)
+    target_compile_definitions(gvnd_nthost PUBLIC NTHOST_CHECKS=$<BOOL:${GVND_CHECKS}>)
+    target_link_libraries(gvnd_nthost PUBLIC Threads::Threads)
+    # Reports name the functions of a stack, which only exported symbols allow.
+    target_link_options(gvnd_nthost INTERFACE -rdynamic)
+    list(APPEND GVND_LIBRARIES nthost)
+endif()
+
+if(TARGET gvnd_nthost AND GVND_DRIVER_SOURCES)
+    gvnd_library(driver KERNEL ENTRY GvndDriverEntry SOURCES ${GVND_DRIVER_SOURCES})
+    target_include_directories(gvnd_driver PRIVATE ${PROJECT_SOURCE_DIR}/driver)
+    target_link_libraries(gvnd_driver PUBLIC gvnd_nthost gvnd_plugin)
+    list(APPEND GVND_LIBRARIES driver)
+endif()
+
+if(TARGET gvnd_nthost AND GVND_MEMFS_SOURCES)
+    gvnd_library(memfs KERNEL ENTRY GvMemfsDriverEntry SOURCES ${GVND_MEMFS_SOURCES})
+    target_include_directories(gvnd_memfs PRIVATE ${PROJECT_SOURCE_DIR}/plugins/memfs)
+    target_link_libraries(gvnd_memfs PUBLIC gvnd_nthost gvnd_plugin)
+    list(APPEND GVND_LIBRARIES memfs)
+endif()
+
+if(TARGET gvnd_nthost AND GVND_HOSTFS_SOURCES)
+    gvnd_library(hostfs ENTRY GvHostfsDriverEntry SOURCES ${GVND_HOSTFS_SOURCES})
+    target_include_directories(gvnd_hostfs PRIVATE ${PROJECT_SOURCE_DIR}/plugins/hostfs)
+    target_link_libraries(gvnd_hostfs PUBLIC gvnd_nthost gvnd_plugin)
+    list(APPEND GVND_LIBRARIES hostfs)
+endif()
+
+list(TRANSFORM GVND_LIBRARIES PREPEND gvnd:: OUTPUT_VARIABLE GVND_LINK_ALL)
+
+if(GVND_BUILD_TOOL AND GVND_TOOL_SOURCES AND TARGET gvnd_driver)
+    find_package(CLI11 REQUIRED)
+    find_package(fmt REQUIRED)
+    find_package(nlohmann_json REQUIRED)
+    find_library(GVND_READLINE readline REQUIRED)
+    mark_as_advanced(GVND_READLINE)
+    gvnd_executable(gvnd ${GVND_TOOL_SOURCES})
+    target_include_directories(gvnd PRIVATE ${PROJECT_SOURCE_DIR}/tools)
+    target_link_libraries(gvnd PRIVATE ${GVND_LINK_ALL} CLI11::CLI11 fmt::fmt nlohmann_json::nlohmann_json
+        ${GVND_READLINE})
+    set_target_properties(gvnd PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR})
+    install(TARGETS gvnd)
+endif()

@@ -1,0 +1,61 @@
+# The kernel images: the sources of the hosted build, compiled for NT and linked by lld-link into gvnd.sys and
+# gvmemfs.sys, each with its PDB. Images carry no time and no path, so two builds anywhere are byte-identical.
+
+# -fasynchronous-unwind-tables: -ffreestanding turns the tables off, and a function that has no entry in .pdata unwinds
+# as a leaf, so an exception would miss its guard. The kernel's stack is small, hence the limit per frame. Two
+# intrinsics would be defined twice by the header set, hence the defines.
+set(GVND_NT_FLAGS
+    ${GVND_WARNING_FLAGS} ${GVND_KERNEL_FLAGS} -Wframe-larger-than=1024 -O2 -g -gcodeview
+    -ffreestanding -fasynchronous-unwind-tables -fms-extensions -mno-red-zone -fno-stack-protector
+    -fno-threadsafe-statics -fno-strict-aliasing -fno-ident -fno-color-diagnostics
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-compilation-dir=.
+    -Wno-pragma-pack
+    -D__INTRINSIC_DEFINED_InterlockedBitTestAndSet -D__INTRINSIC_DEFINED_InterlockedBitTestAndReset)
+
+file(CREATE_LINK ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR}/source SYMBOLIC)
+# Instead of the compiler cache, which would leave its mark on the recorded command line.
+set(CMAKE_CXX_COMPILER_LAUNCHER ${PROJECT_SOURCE_DIR}/cmake/nt-compile.sh ${PROJECT_SOURCE_DIR})
+
+set(GVND_NT_SYSTEM_DIRS ${GVND_MINGW_DIR}/include ${GVND_MINGW_DIR}/include/ddk)
+
+# The PDB is named without a directory in the image, and paths inside of it start at a fixed root.
+set(CMAKE_CXX_LINK_EXECUTABLE
+    "<GVND_LINKER> /nologo /driver /subsystem:native /entry:DriverEntry /nodefaultlib /dynamicbase /highentropyva /nxcompat /Brepro /debug /pdbaltpath:%_PDB% /pdbsourcepath:C:\\gvnd <LINK_FLAGS> /out:<TARGET> <OBJECTS> <LINK_LIBRARIES>")
+string(REPLACE "<GVND_LINKER>" "${GVND_LLD_LINK}" CMAKE_CXX_LINK_EXECUTABLE "${CMAKE_CXX_LINK_EXECUTABLE}")
+
+# An image named <name>.sys from the sources below one directory.
+function(gvnd_nt_image name directory)
+    gvnd_sources(sources ${directory})
+    if(NOT sources)
+        return()
+    endif()
+    add_executable(${name} ${sources})
+    set_target_properties(${name} PROPERTIES SUFFIX .sys)
+    target_include_directories(${name} SYSTEM PRIVATE ${GVND_NT_SYSTEM_DIRS})
+    target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/${directory} ${PROJECT_SOURCE_DIR}/include)
+    target_compile_options(${name} PRIVATE ${GVND_NT_FLAGS})
+    set_property(TARGET ${name} PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/packaging/nt/set_checksum.py)
+    target_link_libraries(${name} PRIVATE ${GVND_MINGW_DIR}/lib/libntoskrnl.a)
+    target_link_options(${name} PRIVATE /pdb:${name}.pdb /map:${name}.map)
+    add_custom_command(TARGET ${name} POST_BUILD
+        COMMAND ${PROJECT_SOURCE_DIR}/packaging/nt/set_checksum.py ${name}.sys VERBATIM)
+    set_property(TARGET ${name} APPEND PROPERTY ADDITIONAL_CLEAN_FILES ${name}.pdb ${name}.map)
+    install(FILES ${PROJECT_BINARY_DIR}/${name}.sys ${PROJECT_BINARY_DIR}/${name}.pdb DESTINATION drivers)
+    add_test(NAME nt.${name}.ImageIsSound
+        COMMAND ${PROJECT_SOURCE_DIR}/packaging/nt/check_image.py $<TARGET_FILE:${name}>)
+endfunction()
+
+enable_testing()
+gvnd_nt_image(gvnd driver)
+gvnd_nt_image(gvmemfs plugins/memfs)
+
+gvnd_sources(GVND_LAYOUT_SOURCES tests/layout)
+if(GVND_LAYOUT_SOURCES)
+    add_library(gvnd_layout OBJECT ${GVND_LAYOUT_SOURCES})
+    target_compile_options(gvnd_layout PRIVATE ${GVND_NT_FLAGS})
+    target_include_directories(gvnd_layout SYSTEM PRIVATE ${GVND_NT_SYSTEM_DIRS})
+    target_include_directories(gvnd_layout PRIVATE ${PROJECT_SOURCE_DIR}/driver ${PROJECT_SOURCE_DIR}/include)
+endif()
+
+add_test(NAME nt.ImagesAreReproducible
+    COMMAND ${PROJECT_SOURCE_DIR}/packaging/nt/check_reproducible.sh ${PROJECT_BINARY_DIR})

@@ -1,0 +1,76 @@
+# Tests and benchmarks. tests/<name>/ becomes the executable <name>_tests. Four directories are special: support is
+# linked into all of them, layout is compiled only (its assertions are the test), outsider is a project of its own that
+# uses the installed package, and packaging needs no C++.
+
+find_package(GTest REQUIRED)
+include(GoogleTest)
+
+gvnd_sources(GVND_SUPPORT_SOURCES tests/support)
+set(GVND_TEST_MAIN ${PROJECT_SOURCE_DIR}/tests/support/main.cpp)
+if(${GVND_TEST_MAIN} IN_LIST GVND_SUPPORT_SOURCES)
+    list(REMOVE_ITEM GVND_SUPPORT_SOURCES ${GVND_TEST_MAIN})
+    set(GVND_GTEST GTest::gtest GTest::gmock)
+else()
+    set(GVND_TEST_MAIN "")
+    set(GVND_GTEST GTest::gtest GTest::gmock GTest::gtest_main)
+endif()
+
+if(TARGET gvnd_nthost AND GVND_SUPPORT_SOURCES)
+    add_library(gvnd_testsupport STATIC ${GVND_SUPPORT_SOURCES})
+    target_compile_options(gvnd_testsupport PRIVATE ${GVND_HOSTED_FLAGS})
+    target_link_libraries(gvnd_testsupport PUBLIC ${GVND_LINK_ALL} gvnd_plugin GTest::gtest GTest::gmock)
+    target_include_directories(gvnd_testsupport PUBLIC ${PROJECT_SOURCE_DIR}/tests)
+endif()
+
+function(gvnd_test_directory name)
+    gvnd_sources(sources tests/${name})
+    if(NOT sources)
+        return()
+    endif()
+    set(target ${name}_tests)
+    gvnd_executable(${target} ${sources} ${GVND_TEST_MAIN})
+    target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+    target_link_libraries(${target} PRIVATE $<TARGET_NAME_IF_EXISTS:gvnd_testsupport> ${GVND_LINK_ALL} gvnd_plugin
+        ${GVND_GTEST})
+    gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST TEST_PREFIX ${name}. PROPERTIES TIMEOUT 120)
+endfunction()
+
+file(GLOB GVND_TEST_DIRS CONFIGURE_DEPENDS LIST_DIRECTORIES true RELATIVE ${PROJECT_SOURCE_DIR}/tests
+    ${PROJECT_SOURCE_DIR}/tests/*)
+list(REMOVE_ITEM GVND_TEST_DIRS support layout outsider packaging)
+if(TARGET gvnd_nthost)
+    foreach(directory IN LISTS GVND_TEST_DIRS)
+        if(IS_DIRECTORY ${PROJECT_SOURCE_DIR}/tests/${directory})
+            gvnd_test_directory(${directory})
+        endif()
+    endforeach()
+endif()
+
+gvnd_sources(GVND_LAYOUT_SOURCES tests/layout)
+if(TARGET gvnd_nthost AND GVND_LAYOUT_SOURCES)
+    add_library(gvnd_layout OBJECT ${GVND_LAYOUT_SOURCES})
+    target_compile_options(gvnd_layout PRIVATE ${GVND_HOSTED_FLAGS})
+    target_include_directories(gvnd_layout PRIVATE ${PROJECT_SOURCE_DIR}/driver)
+    target_link_libraries(gvnd_layout PRIVATE gvnd_nthost gvnd_plugin)
+endif()
+
+gvnd_sources(GVND_BENCH_SOURCES bench)
+if(GVND_BUILD_BENCH AND GVND_BENCH_SOURCES AND TARGET gvnd_driver)
+    find_package(benchmark REQUIRED)
+    gvnd_executable(gvnd_bench ${GVND_BENCH_SOURCES})
+    target_include_directories(gvnd_bench PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+    target_link_libraries(gvnd_bench PRIVATE $<TARGET_NAME_IF_EXISTS:gvnd_testsupport> ${GVND_LINK_ALL} gvnd_plugin
+        benchmark::benchmark)
+    if(NOT ${PROJECT_SOURCE_DIR}/bench/main.cpp IN_LIST GVND_BENCH_SOURCES)
+        target_link_libraries(gvnd_bench PRIVATE benchmark::benchmark_main)
+    endif()
+endif()
+
+# The installed package, used by a stranger. One build kind is enough to prove it, and a sanitized one would need the
+# stranger to be sanitized too.
+if(TARGET gvnd_driver AND NOT GVND_SANITIZE AND NOT GVND_CHECKS AND EXISTS ${PROJECT_SOURCE_DIR}/tests/outsider/main.cpp)
+    add_test(NAME outsider.InstalledPackageBuildsAndRuns
+        COMMAND ${CMAKE_COMMAND} -D SOURCE_DIR=${PROJECT_SOURCE_DIR}/tests/outsider -D BUILD_DIR=${PROJECT_BINARY_DIR}
+            -D CXX=${CMAKE_CXX_COMPILER} -P ${PROJECT_SOURCE_DIR}/cmake/run_outsider.cmake)
+    set_tests_properties(outsider.InstalledPackageBuildsAndRuns PROPERTIES TIMEOUT 120)
+endif()

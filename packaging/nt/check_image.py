@@ -1,0 +1,157 @@
+#!/usr/bin/env python3
+"""Checks a kernel image before it may be shipped, and prints a short report.
+
+    check_image.py IMAGE [--allow FILE]
+
+Unwind data is checked over the code itself, not over symbols: each byte of an executable section belongs to a function
+with an entry in .pdata, or to code that provably leaves the stack alone and may therefore be unwound as a leaf.
+"""
+import argparse
+import pathlib
+import re
+import subprocess
+import sys
+
+import pe
+
+# What a leaf must not do: move the stack pointer, or call.
+NOT_A_LEAF = re.compile(r"^(push|pop|call|enter|leave)|,\s*%(rsp|esp)$")
+INSTRUCTION = re.compile(r"^\s*([0-9a-f]+):\s+(\S.*?)\s*(#.*)?$")
+
+
+def allowed_names(path):
+    lines = (line.split("#")[0].strip() for line in path.read_text().splitlines())
+    return {line for line in lines if line}
+
+
+def check_header(image):
+    if image.machine != pe.MACHINE_AMD64:
+        yield f"machine is {image.machine:#x}, not x86-64"
+    if image.subsystem != pe.SUBSYSTEM_NATIVE:
+        yield f"subsystem is {image.subsystem}, not native"
+    if image.section_at(image.entry) is None:
+        yield "no entry point"
+    if not image.dll_characteristics & pe.NX_COMPAT:
+        yield "not marked for no-execute data"
+    if image.checksum != image.computed_checksum():
+        yield f"checksum is {image.checksum:#x}, should be {image.computed_checksum():#x}"
+    for section in image.sections:
+        if section.flags & pe.SECTION_EXECUTE and section.flags & pe.SECTION_WRITE:
+            yield f"section {section.name} is writable and executable"
+
+
+def check_relocations(image):
+    if not image.dll_characteristics & pe.DYNAMIC_BASE or image.characteristics & pe.RELOCS_STRIPPED:
+        yield "cannot be loaded at another address"
+    if not image.directories[pe.RELOCATIONS][1]:
+        yield "no relocations"
+
+
+def check_imports(image, allowed):
+    for module, name in image.imports():
+        if module.lower() != "ntoskrnl.exe":
+            yield f"imports {name} from {module}"
+        elif name not in allowed:
+            yield f"imports {name}, which is not on the list of allowed imports"
+
+
+def check_pdb(image, path):
+    name = image.pdb_path()
+    if name is None:
+        yield "names no PDB"
+    elif name != pathlib.Path(path).with_suffix(".pdb").name:
+        yield f"names its PDB {name!r}, not by the bare name beside the image"
+
+
+def check_unwind_entries(image, functions):
+    if not functions:
+        yield "no unwind data"
+    last = 0
+    for function in functions:
+        section = image.section_at(function.begin)
+        if function.begin < last or function.end <= function.begin:
+            yield f"unwind entries out of order at {function.begin:#x}"
+        if section is None or not section.flags & pe.SECTION_EXECUTE:
+            yield f"unwind entry for {function.begin:#x}, which is no code"
+        if image.unwind_version_and_flags(function)[0] not in (1, 2):
+            yield f"unwind data of {function.begin:#x} is damaged"
+        last = function.end
+
+
+def uncovered_ranges(image, functions):
+    for section in image.sections:
+        if not section.flags & pe.SECTION_EXECUTE:
+            continue
+        position = section.rva
+        end = section.rva + section.size
+        for function in functions:
+            if section.rva <= function.begin < end:
+                if function.begin > position:
+                    yield position, function.begin
+                position = max(position, function.end)
+        if position < end:
+            yield position, end
+
+
+def disassembly(image, path):
+    """Address and text of each instruction of the image, by relative address."""
+    for tool in ("llvm-objdump", "llvm-objdump-14", "llvm-objdump-15", "llvm-objdump-16"):
+        try:
+            output = subprocess.run([tool, "-d", "--no-show-raw-insn", str(path)], check=True, text=True,
+                                    capture_output=True).stdout
+            break
+        except FileNotFoundError:
+            continue
+    else:
+        raise SystemExit("llvm-objdump is not installed")
+    for line in output.splitlines():
+        if match := INSTRUCTION.match(line):
+            yield int(match[1], 16) - image.base, re.sub(r"\s+", " ", match[2])
+
+
+def check_leaves(image, path, functions):
+    ranges = list(uncovered_ranges(image, functions))
+    position = 0
+    for address, text in disassembly(image, path):
+        while position < len(ranges) and ranges[position][1] <= address:
+            position += 1
+        if position == len(ranges):
+            return
+        if address >= ranges[position][0] and NOT_A_LEAF.search(text):
+            yield f"code at {address:#x} has no unwind data but uses the stack: {text}"
+
+
+def report(image, path, functions):
+    imports = sorted({name for _, name in image.imports()})
+    handlers = sum(1 for f in functions if image.unwind_version_and_flags(f)[1] & pe.UNWIND_HANDLERS)
+    print(f"{path.name}: {len(image.data)} bytes, {len(functions)} functions with unwind data, {handlers} with a handler,"
+          f" {len(imports)} imports, PDB {image.pdb_path()}")
+    for name in imports:
+        print(f"    {name}")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("image", type=pathlib.Path)
+    parser.add_argument("--allow", type=pathlib.Path, default=pathlib.Path(__file__).with_name("imports.allow"),
+                        help="names that may be imported, one a line (default: %(default)s)")
+    arguments = parser.parse_args()
+
+    image = pe.Image(arguments.image)
+    functions = image.runtime_functions()
+    report(image, arguments.image, functions)
+    complaints = [
+        *check_header(image),
+        *check_relocations(image),
+        *check_imports(image, allowed_names(arguments.allow)),
+        *check_pdb(image, arguments.image),
+        *check_unwind_entries(image, functions),
+        *check_leaves(image, arguments.image, functions),
+    ]
+    for complaint in complaints:
+        print(f"{arguments.image.name}: {complaint}", file=sys.stderr)
+    return 1 if complaints else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
