@@ -1,0 +1,102 @@
+// The front door: native system services. Nt forms act for the mode the thread last came from (user mode unless it is a
+// system thread or runs a driver's code); Zw forms act for kernel mode: no probing, kernel handles reachable.
+#pragma once
+
+#include "base.h"
+#include "io.h"
+#include "status.h"
+
+NT_EXTERN_C_BEGIN
+
+#define KEY_QUERY_VALUE 0x0001u
+#define KEY_READ 0x20019u
+#define KEY_WRITE 0x20006u
+#define KEY_ALL_ACCESS 0xf003fu
+
+#define REG_NONE 0
+#define REG_SZ 1
+#define REG_EXPAND_SZ 2
+#define REG_BINARY 3
+#define REG_DWORD 4
+#define REG_MULTI_SZ 7
+#define REG_QWORD 11
+
+typedef enum _KEY_VALUE_INFORMATION_CLASS
+{
+    KeyValueBasicInformation,
+    KeyValueFullInformation,
+    KeyValuePartialInformation
+} KEY_VALUE_INFORMATION_CLASS;
+
+typedef struct _KEY_VALUE_BASIC_INFORMATION
+{
+    ULONG TitleIndex;
+    ULONG Type;
+    ULONG NameLength;
+    WCHAR Name[1];
+} KEY_VALUE_BASIC_INFORMATION, *PKEY_VALUE_BASIC_INFORMATION;
+
+// The data stands at DataOffset, behind the name.
+typedef struct _KEY_VALUE_FULL_INFORMATION
+{
+    ULONG TitleIndex;
+    ULONG Type;
+    ULONG DataOffset;
+    ULONG DataLength;
+    ULONG NameLength;
+    WCHAR Name[1];
+} KEY_VALUE_FULL_INFORMATION, *PKEY_VALUE_FULL_INFORMATION;
+
+typedef struct _KEY_VALUE_PARTIAL_INFORMATION
+{
+    ULONG TitleIndex;
+    ULONG Type;
+    ULONG DataLength;
+    UCHAR Data[1];
+} KEY_VALUE_PARTIAL_INFORMATION, *PKEY_VALUE_PARTIAL_INFORMATION;
+
+#define EVENT_QUERY_STATE 0x0001u
+#define EVENT_MODIFY_STATE 0x0002u
+#define EVENT_ALL_ACCESS (STANDARD_RIGHTS_REQUIRED | SYNCHRONIZE | 0x3u)
+
+#define PROCESS_DUP_HANDLE 0x0040u
+
+#define NtCurrentProcess() ((HANDLE)(LONG_PTR)-1)
+#define NtCurrentThread() ((HANDLE)(LONG_PTR)-2)
+
+#define NT_SERVICE(name, parameters)                       \
+    NTSYSAPI NTSTATUS NTAPI Nt##name parameters;           \
+    NTSYSAPI NTSTATUS NTAPI Zw##name parameters
+
+NT_SERVICE(CreateFile, (PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
+                        PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER AllocationSize, ULONG FileAttributes,
+                        ULONG ShareAccess, ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer,
+                        ULONG EaLength));
+NT_SERVICE(Close, (HANDLE Handle));
+NT_SERVICE(DeviceIoControlFile, (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                                 PIO_STATUS_BLOCK IoStatusBlock, ULONG IoControlCode, PVOID InputBuffer,
+                                 ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength));
+// Cancels the current thread's requests on the file and waits for them to end.
+NT_SERVICE(CancelIoFile, (HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock));
+// Cancels any thread's requests of this process on the file, or only the one with the given status block.
+// STATUS_NOT_FOUND if there was none.
+NT_SERVICE(CancelIoFileEx, (HANDLE FileHandle, PIO_STATUS_BLOCK IoRequestToCancel, PIO_STATUS_BLOCK IoStatusBlock));
+NT_SERVICE(CreateEvent, (PHANDLE EventHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
+                         EVENT_TYPE EventType, BOOLEAN InitialState));
+NT_SERVICE(SetEvent, (HANDLE EventHandle, PLONG PreviousState));
+NT_SERVICE(ResetEvent, (HANDLE EventHandle, PLONG PreviousState));
+NT_SERVICE(WaitForSingleObject, (HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout));
+NT_SERVICE(WaitForMultipleObjects, (ULONG Count, HANDLE Handles[], WAIT_TYPE WaitType, BOOLEAN Alertable,
+                                    PLARGE_INTEGER Timeout));
+NT_SERVICE(DuplicateObject, (HANDLE SourceProcessHandle, HANDLE SourceHandle, HANDLE TargetProcessHandle,
+                             PHANDLE TargetHandle, ACCESS_MASK DesiredAccess, ULONG HandleAttributes, ULONG Options));
+#define DUPLICATE_CLOSE_SOURCE 0x1u
+#define DUPLICATE_SAME_ACCESS 0x2u
+NT_SERVICE(OpenKey, (PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes));
+// STATUS_BUFFER_TOO_SMALL when the fixed part does not fit, STATUS_BUFFER_OVERFLOW when the data does not;
+// ResultLength is the length that would.
+NT_SERVICE(QueryValueKey, (HANDLE KeyHandle, PUNICODE_STRING ValueName,
+                           KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass, PVOID KeyValueInformation,
+                           ULONG Length, PULONG ResultLength));
+
+NT_EXTERN_C_END

@@ -1,0 +1,73 @@
+// The thread and process records. A thread's own fields are touched by that thread alone, unless a comment says
+// otherwise. Both records are bodies of objects (ob/object.h), begin with a dispatcher header and can be waited for.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include <ntifs.h>
+
+namespace nthost {
+namespace ob {
+class HandleTable;
+}
+namespace se {
+struct Token;
+}
+
+// A lock that the current thread holds: what it is, how often, in which mode, since where.
+struct HeldLock {
+    enum class Kind : uint8_t { Resource, SpinLock };
+    void* Address;
+    Kind LockKind;
+    uint32_t Shared;    // times held shared
+    uint32_t Exclusive; // times held exclusive
+    void* Where;        // return address of the first acquisition
+};
+} // namespace nthost
+
+struct _EPROCESS {
+    DISPATCHER_HEADER Header; // signalled when the process has ended
+    HANDLE Id;
+    std::string Name;
+    nthost::ob::HandleTable* Handles; // owned; its own lock
+    nthost::se::Token* Token;         // owned
+};
+
+struct _ETHREAD {
+    DISPATCHER_HEADER Header; // signalled when the thread has ended
+    HANDLE Id;
+    PEPROCESS Process; // referenced; the process it belongs to
+    PEPROCESS ActsFor; // the process whose handles and addresses it uses now
+    KPROCESSOR_MODE PreviousMode;
+    bool IsSystemThread;
+    KIRQL Irql;
+    uint32_t ApcDisable; // nesting of critical regions
+    PIRP TopLevelIrp;    // a request or one of the FSRTL_..._TOP_LEVEL_IRP markers
+    PNT_GUARD Guard;     // innermost
+    NTSTATUS ExitStatus;
+    std::vector<nthost::HeldLock> Held; // locks held now, in order of acquisition
+    uint32_t DriverDepth;               // calls into driver code that are under way on this thread
+    const char* DriverCall;             // the innermost of them, for reports
+    PIRP CurrentIrp;                    // innermost request whose dispatch routine runs here
+    std::atomic<uint32_t> WakeWord;     // the wait core parks on it; changed by wakers
+    PKSTART_ROUTINE StartRoutine;
+    PVOID StartContext;
+    // Requests that this thread issued and that are not complete: the I/O manager's, under its own lock.
+    LIST_ENTRY IrpList;
+    std::atomic<LONG> OutstandingIrps;
+    // Locks that other threads released for this one and that still stand in Held: under ps's thread-list lock; the
+    // flag is read without it (ke/held.h).
+    std::vector<void*> Disowned;
+    std::atomic<bool> HasDisowned;
+    LIST_ENTRY LiveLink; // in ps's list of running threads
+};
+
+namespace nthost::ke {
+// The current thread's record; a thread that is not attached to a process is a fatal error of the caller.
+_ETHREAD* CurrentThread();
+// The same, or null.
+_ETHREAD* CurrentThreadOrNull();
+} // namespace nthost::ke
