@@ -1,0 +1,30 @@
+// IRP_MJ_LOCK_CONTROL: byte-range locks live in the driver alone. The request is screened and given to the platform's lock package,
+// which completes it, then or later.
+
+#include "frame/context.h"
+#include "frame/requests.h"
+#include "frame/resource.h"
+#include "frame/trace.h"
+
+NTSTATUS GvDoLockControl(IrpContext* context, GvOutcome* outcome)
+{
+    if (KeGetCurrentIrql() != PASSIVE_LEVEL) return STATUS_UNSUCCESSFUL;
+    if (!context->IsTopLevel) {
+        GV_TRACE(GvTraceError, "ERR: lock-ctrl must be a top-level request\n");
+        return STATUS_INVALID_PARAMETER;
+    }
+    Fcb* const fcb = GvFcbOf(IoGetCurrentIrpStackLocation(context->Irp)->FileObject);
+    if (fcb->FcbType != GvFile) {
+        GV_TRACE(GvTraceError, "ERR: bad fcb type: %d\n", fcb->FcbType);
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (context->IsAsync) return GvPendIrpContext(context);
+
+    GvHeldResource lock;
+    if (const NTSTATUS status = lock.Exclusive(fcb->Header.Resource); !NT_SUCCESS(status)) return status;
+    // Before the call: from that moment on the request is the package's.
+    outcome->IrpTakenOver = true;
+    const NTSTATUS status = FsRtlProcessFileLock(&fcb->FileLock, context->Irp, nullptr);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED("FsRtlProcessFileLock", status);
+    return status;
+}

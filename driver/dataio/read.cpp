@@ -1,0 +1,110 @@
+// IRP_MJ_READ: one plugin call, straight into the caller's memory, whoever asks. A paging read differs in two ways: byte-range locks
+// do not apply to it, and it does not move the file position. End of file is the plugin's decision.
+
+#include "frame/plugincall.h"
+#include "frame/requests.h"
+#include "frame/resource.h"
+#include "objects/util.h"
+
+namespace
+{
+
+struct ReadRequest
+{
+    PIRP Irp;
+    PFILE_OBJECT FileObject;
+    Fcb* File;
+    LONGLONG Offset;
+    bool IsPaging;
+    bool IsSynchronous;
+    bool IsMdl;
+};
+
+ReadRequest ReadParameters(PIRP irp)
+{
+    const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(irp);
+    return {
+        .Irp = irp,
+        .FileObject = stack->FileObject,
+        .File = GvFcbOf(stack->FileObject),
+        .Offset = stack->Parameters.Read.ByteOffset.QuadPart,
+        .IsPaging = (irp->Flags & IRP_PAGING_IO) != 0,
+        .IsSynchronous = (stack->FileObject->Flags & FO_SYNCHRONOUS_IO) != 0,
+        .IsMdl = (stack->MinorFunction & IRP_MN_MDL) != 0,
+    };
+}
+
+void TraceParameters(const ReadRequest& read)
+{
+    GV_TRACE_AS("GvDoRead", GvTraceFlow,
+                "mn: 0x%x, fo: 0x%x, fo-flags: 0x%x, synch: 0x%x, irp-flags: 0x%x, paging: 0x%x, mdl: 0x%x, "
+                "user-buffer: 0x%x\n",
+                IoGetCurrentIrpStackLocation(read.Irp)->MinorFunction, read.FileObject, read.FileObject->Flags,
+                static_cast<ULONG>(read.IsSynchronous), read.Irp->Flags, static_cast<ULONG>(read.IsPaging),
+                static_cast<ULONG>(read.IsMdl), read.Irp->UserBuffer);
+}
+
+// Maps, and probes an address that a user-mode caller gave; a request that came through a worker has a system address.
+[[nodiscard]] NTSTATUS GetBuffer(PIRP irp, ULONG length, void** buffer)
+{
+    const bool contained = GvGuarded([irp, length, buffer] {
+        *buffer = GvUtlMapBufferForIo(irp);
+        if (*buffer && *buffer == irp->UserBuffer && irp->RequestorMode == UserMode) ProbeForWrite(*buffer, length, 1);
+    });
+    if (!contained) {
+        GV_TRACE_AS("GvDoRead", GvTraceError, "EXCEPTION: 0x%x, bad user-buffer\n", STATUS_ACCESS_VIOLATION);
+        return STATUS_ACCESS_VIOLATION;
+    }
+    if (*buffer) return STATUS_SUCCESS;
+    GV_TRACE_AS("GvDoRead", GvTraceError, "GvUtlMapBufferForIo(): failed\n");
+    return STATUS_UNSUCCESSFUL;
+}
+
+// The object's lock is held, unless the request is nested in work that may hold it.
+[[nodiscard]] NTSTATUS ReadLocked(IrpContext* context, const ReadRequest& read, ULONG* length)
+{
+    if (read.File->Deleted) return STATUS_END_OF_FILE;
+    if (!read.IsPaging && !FsRtlCheckLockForReadAccess(&read.File->FileLock, read.Irp)) {
+        GV_TRACE_AS("GvDoRead", GvTraceError, "FsRtlCheckLockForReadAccess(): failed\n");
+        return STATUS_FILE_LOCK_CONFLICT;
+    }
+    void* buffer = nullptr;
+    NTSTATUS status = GetBuffer(read.Irp, *length, &buffer);
+    if (!NT_SUCCESS(status)) return status;
+    status = GV_CALL_PLUGIN(context, read.File, Read, read.File->PluginFd, read.Offset, length, buffer);
+    if (!NT_SUCCESS(status)) {
+        GV_TRACE_AS("GvDoRead", GvTraceError, "Read(): 0x%x\n", status);
+        return status;
+    }
+    if (read.IsSynchronous && !read.IsPaging) {
+        read.FileObject->CurrentByteOffset.QuadPart = read.Offset + *length;
+    }
+    return status;
+}
+
+} // namespace
+
+NTSTATUS GvDoRead(IrpContext* context, GvOutcome* outcome)
+{
+    if (KeGetCurrentIrql() > APC_LEVEL) return STATUS_UNSUCCESSFUL;
+    if (context->IsAsync || KeGetCurrentIrql() != PASSIVE_LEVEL) return GvPendIrpContext(context);
+
+    const ReadRequest read = ReadParameters(context->Irp);
+    TraceParameters(read);
+    if (read.File->FcbType != GvFile) {
+        GV_TRACE(GvTraceError, "ERROR: FO: 0x%x is not a 'file'\n", read.FileObject);
+        return STATUS_OBJECT_TYPE_MISMATCH;
+    }
+    if (read.IsMdl) {
+        GV_TRACE(GvTraceError, "ERROR: IRP_MN_MDL not supported\n");
+        return STATUS_INVALID_PARAMETER;
+    }
+    GvHeldResource lock;
+    if (context->IsTopLevel) {
+        if (const NTSTATUS status = lock.Shared(read.File->Header.Resource); !NT_SUCCESS(status)) return status;
+    }
+    ULONG length = IoGetCurrentIrpStackLocation(context->Irp)->Parameters.Read.Length;
+    const NTSTATUS status = ReadLocked(context, read, &length);
+    if (NT_SUCCESS(status)) outcome->Information = length;
+    return status;
+}

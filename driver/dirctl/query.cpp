@@ -1,0 +1,255 @@
+// Listing a directory: one plugin call per entry, by an ordinal kept in the Ccb. Vcb.Resource is held shared, then the directory's
+// lock: exclusive when the request carries a name, the only case in which the pattern can be installed.
+
+#include "dirctl/dirctl.h"
+
+#include "create/create.h"
+#include "dirctl/records.h"
+#include "frame/plugincall.h"
+#include "frame/resource.h"
+
+namespace
+{
+
+struct DirectoryQuery
+{
+    PIRP Irp;
+    Fcb* Directory;
+    ::Ccb* Ccb;
+    ULONG Flags;
+    ULONG Length;
+    PUNICODE_STRING FileName; // or null
+    ULONG FileIndex;
+    const DirectoryClass* Class;
+};
+
+constexpr char kName[] = "GvPerformQueryDir";
+
+DirectoryQuery ReadQuery(PIRP irp)
+{
+    const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(irp);
+    const auto& query = stack->Parameters.QueryDirectory;
+    return {
+        .Irp = irp,
+        .Directory = GvFcbOf(stack->FileObject),
+        .Ccb = GvCcbOf(stack->FileObject),
+        .Flags = stack->Flags,
+        .Length = query.Length,
+        .FileName = query.FileName,
+        .FileIndex = query.FileIndex,
+        .Class = GvDirectoryClassOf(query.FileInformationClass),
+    };
+}
+
+[[nodiscard]] NTSTATUS MapBuffer(const DirectoryQuery& query, UCHAR** buffer)
+{
+    const bool contained = GvGuarded([&query, buffer] {
+        *buffer = static_cast<UCHAR*>(GvUtlMapBufferForIo(query.Irp));
+        if (*buffer && *buffer == query.Irp->UserBuffer && query.Irp->RequestorMode == UserMode) {
+            ProbeForWrite(*buffer, query.Length, 1);
+        }
+    });
+    if (!contained) {
+        GV_TRACE_AS(kName, GvTraceError, "EXCEPTION: 0x%x, (1) bad user-buffer\n", STATUS_ACCESS_VIOLATION);
+        return STATUS_ACCESS_VIOLATION;
+    }
+    if (*buffer) return STATUS_SUCCESS;
+    GV_TRACE_AS(kName, GvTraceError, "GvUtlMapBufferForIo(): failed: 0x%x\n", STATUS_UNSUCCESSFUL);
+    return STATUS_UNSUCCESSFUL;
+}
+
+// The name in the form that is matched: the plugin's, or as it stands. holder owns what the plugin gave.
+[[nodiscard]] NTSTATUS NormalizedName(IrpContext* context, PCUNICODE_STRING name, GvString* holder,
+                                      PCUNICODE_STRING* result)
+{
+    const NTSTATUS status = GvPnGetNormalizedPathFromPlugin(context, name, holder->Out());
+    if (!NT_SUCCESS(status) && status != STATUS_NOT_SUPPORTED) return status;
+    *result = NT_SUCCESS(status) && *holder ? holder->Get() : name;
+    return STATUS_SUCCESS;
+}
+
+// Once set, a pattern stays for the life of the handle.
+[[nodiscard]] NTSTATUS InstallPattern(IrpContext* context, const DirectoryQuery& query, bool* installed)
+{
+    if (!query.FileName || query.Ccb->DirSearchPattern) return STATUS_SUCCESS;
+    GvString normalized;
+    PCUNICODE_STRING name = nullptr;
+    NTSTATUS status = NormalizedName(context, query.FileName, &normalized, &name);
+    if (!NT_SUCCESS(status)) {
+        GV_TRACE_AS(kName, GvTraceError, "GvPnGetNormalizedPathFromPlugin(): failed: 0x%x\n", status);
+        return status;
+    }
+    query.Ccb->DirScanIndex = 0;
+    GvString pattern(GvUtlAllocUnicodeString(PagedPool, name->Length));
+    if (!pattern) {
+        GV_TRACE_AS(kName, GvTraceError, "out-of-mem\n");
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    status = RtlUpcaseUnicodeString(pattern.Get(), name, FALSE);
+    if (!NT_SUCCESS(status)) {
+        GV_TRACE_AS(kName, GvTraceError, "RtlUpcaseUnicodeString(): 0x%x\n", status);
+        return status;
+    }
+    query.Ccb->DirSearchPattern = pattern.Release();
+    *installed = true;
+    return STATUS_SUCCESS;
+}
+
+// Indexes are ordinals: a deletion below the current one would make a plain resume skip an entry, so the scan starts over.
+void PositionScan(const DirectoryQuery& query)
+{
+    Ccb* const ccb = query.Ccb;
+    const ULONG generation = static_cast<ULONG>(query.Directory->ChildDeleteCount);
+    bool reset = false;
+    if (ccb->DirScanIndex == 0) {
+        ccb->DirGeneration = generation;
+    } else if (ccb->DirGeneration != generation) {
+        ccb->DirGeneration = generation;
+        ccb->DirScanIndex = 0;
+        reset = true;
+        GV_TRACE_AS(kName, GvTraceNotable, "entries deleted from dir, during dir-list, resetting dir-list scan-index\n");
+    }
+    if (query.Flags & SL_RESTART_SCAN) {
+        ccb->DirScanIndex = 0;
+    } else if ((query.Flags & SL_INDEX_SPECIFIED) && !reset) {
+        ccb->DirScanIndex = static_cast<LONG>(query.FileIndex + 1);
+    }
+}
+
+bool GvDoesDirEntryMatchQuery(IrpContext* context, const Ccb* ccb, const PluginDirEntry* entry)
+{
+    const PUNICODE_STRING pattern = ccb->DirSearchPattern;
+    if (!pattern) return true;
+    const auto length = static_cast<USHORT>(entry->FileNameLength);
+    const UNICODE_STRING plain = {length, length, const_cast<PWCH>(entry->FileName)};
+    GvString normalized;
+    PCUNICODE_STRING name = nullptr;
+    if (const NTSTATUS status = NormalizedName(context, &plain, &normalized, &name); !NT_SUCCESS(status)) {
+        GV_TRACE(GvTraceError, "GvPnGetNormalizedPathFromPlugin(): failed: 0x%x\n", status);
+        return false;
+    }
+    const bool matches = RtlCompareUnicodeString(pattern, name, TRUE) == 0 ||
+                         FsRtlIsNameInExpression(pattern, const_cast<PUNICODE_STRING>(name), TRUE, nullptr);
+    GV_TRACE(GvTraceFlow, "%wZ %S %wZ\n", pattern, matches ? L"==" : L"!=", name);
+    return matches;
+}
+
+// The buffer of one query while it fills.
+struct Listing
+{
+    UCHAR* Buffer;
+    UCHAR* Previous; // last record placed, or null
+    ULONG Remaining;
+};
+
+enum class Placed
+{
+    Yes,
+    NoRoom,
+    Faulted
+};
+
+Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* listing)
+{
+    const ULONG size = GvDirEntrySize(query.Class, entry);
+    if (listing->Remaining < size) return Placed::NoRoom;
+    UCHAR* const destination = listing->Buffer + (query.Length - listing->Remaining);
+    const auto index = static_cast<ULONG>(query.Ccb->DirScanIndex);
+    if (!GvGuarded([&] { GvFillDirEntryInfo(query.Class, entry, index, listing->Previous, destination); })) {
+        GV_TRACE_AS(kName, GvTraceError, "EXCEPTION: 0x%x, (2) bad user-buffer\n", STATUS_ACCESS_VIOLATION);
+        return Placed::Faulted;
+    }
+    InterlockedIncrement(&query.Ccb->DirScanIndex);
+    listing->Remaining -= size;
+    listing->Previous = destination;
+    return Placed::Yes;
+}
+
+[[nodiscard]] NTSTATUS EndOfListing(const Listing& listing, bool patternInstalled)
+{
+    GV_TRACE_AS(kName, GvTraceFlow, "all done\n");
+    if (listing.Previous) return STATUS_SUCCESS;
+    // Only the first query of a scan says that nothing matches; later ones say that nothing more does.
+    return patternInstalled ? STATUS_NO_SUCH_FILE : STATUS_NO_MORE_FILES;
+}
+
+[[nodiscard]] NTSTATUS FillListing(IrpContext* context, const DirectoryQuery& query, bool patternInstalled,
+                                   Listing* listing)
+{
+    NTSTATUS status = STATUS_SUCCESS;
+    GvBlock<PluginDirEntry> entry;
+    while (listing->Remaining != 0) {
+        status = GV_CALL_PLUGIN(context, query.Directory, ReadDirEntry, query.Directory->PluginFd,
+                                static_cast<ULONG>(query.Ccb->DirScanIndex), entry.Out());
+        if (status == STATUS_NO_MORE_FILES) return EndOfListing(*listing, patternInstalled);
+        if (NT_SUCCESS(status) && !entry) status = STATUS_UNSUCCESSFUL;
+        if (!NT_SUCCESS(status)) {
+            GV_TRACE_AS(kName, GvTraceFlow, "ReadDirEntry(): 0x%x\n", status);
+            return status;
+        }
+        if (!GvDoesDirEntryMatchQuery(context, query.Ccb, entry.Get())) {
+            InterlockedIncrement(&query.Ccb->DirScanIndex);
+            continue;
+        }
+        switch (Place(query, entry.Get(), listing)) {
+        case Placed::NoRoom: return listing->Previous ? STATUS_SUCCESS : STATUS_BUFFER_OVERFLOW;
+        case Placed::Faulted: return STATUS_ACCESS_VIOLATION;
+        case Placed::Yes: break;
+        }
+        if (query.Flags & SL_RETURN_SINGLE_ENTRY) return STATUS_SUCCESS;
+    }
+    return status;
+}
+
+[[nodiscard]] NTSTATUS GvPerformQueryDir(IrpContext* context, const DirectoryQuery& query, ULONG* information)
+{
+    *information = 0;
+    Listing listing = {.Buffer = nullptr, .Previous = nullptr, .Remaining = query.Length};
+    NTSTATUS status = MapBuffer(query, &listing.Buffer);
+    if (!NT_SUCCESS(status)) return status;
+
+    GvHeldResource lock;
+    status = query.FileName ? lock.Exclusive(query.Directory->Header.Resource)
+                            : lock.Shared(query.Directory->Header.Resource);
+    if (!NT_SUCCESS(status)) return status;
+    bool patternInstalled = false;
+    status = InstallPattern(context, query, &patternInstalled);
+    if (!NT_SUCCESS(status)) return status;
+    PositionScan(query);
+    status = FillListing(context, query, patternInstalled, &listing);
+    *information = query.Length - listing.Remaining;
+    return status;
+}
+
+void TraceQuery(const DirectoryQuery& query, ULONG infoClass)
+{
+    constexpr char kCaller[] = "GvDoQueryDirectory";
+    if (query.FileName) {
+        GV_TRACE_AS(kCaller, GvTraceFlow,
+                    "(query): flags: 0x%x, class: 0x%x, file-index: 0x%x, file-name: %wZ, len: 0x%x\n", query.Flags,
+                    infoClass, query.FileIndex, query.FileName, query.Length);
+    } else {
+        GV_TRACE_AS(kCaller, GvTraceFlow,
+                    "(query): flags: 0x%x, class: 0x%x, file-index: 0x%x, file-name: NONE, len: 0x%x\n", query.Flags,
+                    infoClass, query.FileIndex, query.Length);
+    }
+}
+
+} // namespace
+
+NTSTATUS GvDoQueryDirectory(IrpContext* context, ULONG* information)
+{
+    const DirectoryQuery query = ReadQuery(context->Irp);
+    const auto infoClass = static_cast<ULONG>(
+        IoGetCurrentIrpStackLocation(context->Irp)->Parameters.QueryDirectory.FileInformationClass);
+    TraceQuery(query, infoClass);
+    GvHeldResource lock;
+    if (const NTSTATUS status = lock.Shared(&context->Vcb->Resource); !NT_SUCCESS(status)) return status;
+    if (!query.Class) {
+        GV_TRACE(GvTraceError, "unsupported info-class: %d\n", infoClass);
+        return STATUS_INVALID_INFO_CLASS;
+    }
+    const NTSTATUS status = GvPerformQueryDir(context, query, information);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvPerformQueryDir", status);
+    return status;
+}

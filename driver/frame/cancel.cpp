@@ -1,0 +1,65 @@
+// Cancellation. A request is in one of three places when the I/O manager cancels it: waiting on PendedList (it ends at once),
+// on ActiveList inside a worker or a plugin call (its event is signalled and it runs on), or on neither (nothing to
+// do). All of it is ordered by Vcb.QueueLock; the global cancel lock is given up first and never held together with it.
+
+#include "frame/context.h"
+#include "frame/trace.h"
+
+void GvArmCancelForPluginCall(Vcb* vcb, IrpContext* context)
+{
+    GvHeldSpinLock lock(vcb->QueueLock);
+    if (!GvUtlIsEntryOnList(&vcb->ActiveList, &context->Link)) InsertTailList(&vcb->ActiveList, &context->Link);
+    context->Irp->Tail.Overlay.DriverContext[0] = vcb;
+    IoSetCancelRoutine(context->Irp, GvIoCancelRoutine);
+}
+
+void GvDisarmCancelForPluginCall(Vcb* vcb, IrpContext* context, CancelRoutine cancelRoutine)
+{
+    GvHeldSpinLock lock(vcb->QueueLock);
+    if (GvUtlIsEntryOnList(&vcb->ActiveList, &context->Link)) RemoveEntryList(&context->Link);
+    if (cancelRoutine == CancelRoutine::Clear) IoSetCancelRoutine(context->Irp, nullptr);
+}
+
+namespace
+{
+
+IrpContext* FindByIrp(LIST_ENTRY* head, PIRP irp)
+{
+    for (LIST_ENTRY* link = head->Flink; link != head; link = link->Flink) {
+        auto* const context = CONTAINING_RECORD(link, IrpContext, Link);
+        if (context->Irp == irp) return context;
+    }
+    return nullptr;
+}
+
+// The waiting context, taken off its list and now the caller's; null if the request is being served or is gone.
+IrpContext* TakePendedOrSignalActive(Vcb* vcb, PIRP irp)
+{
+    GvHeldSpinLock lock(vcb->QueueLock);
+    if (IrpContext* const waiting = FindByIrp(&vcb->PendedList, irp)) {
+        RemoveEntryList(&waiting->Link);
+        --vcb->PendedCount;
+        return waiting;
+    }
+    if (IrpContext* const active = FindByIrp(&vcb->ActiveList, irp)) {
+        KeSetEvent(&active->PluginCallContext, IO_NO_INCREMENT, FALSE);
+    }
+    return nullptr;
+}
+
+} // namespace
+
+VOID NTAPI GvIoCancelRoutine(PDEVICE_OBJECT, PIRP irp)
+{
+    IoReleaseCancelSpinLock(irp->CancelIrql);
+
+    auto* const vcb = static_cast<Vcb*>(irp->Tail.Overlay.DriverContext[0]);
+    IrpContext* const context = TakePendedOrSignalActive(vcb, irp);
+    if (!context) return;
+
+    GvTraceClosing(__func__, IoGetCurrentIrpStackLocation(irp)->FileObject, STATUS_CANCELLED, 0);
+    irp->IoStatus.Status = STATUS_CANCELLED;
+    irp->IoStatus.Information = 0;
+    IofCompleteRequest(irp, IO_NO_INCREMENT);
+    GvFreeIrpContext(context);
+}

@@ -1,0 +1,35 @@
+// The dispatch skeleton: the one shape of routine that every request served on a volume runs through.
+#pragma once
+
+#include "frame/records.h"
+
+// What an inner routine yields beside its status.
+struct GvOutcome
+{
+    ULONG Information;
+    bool IrpTakenOver; // somebody else completes the request: the context goes, the request is not touched again
+};
+
+// STATUS_PENDING means that the request has left this thread.
+using GvInnerRoutine = NTSTATUS (*)(IrpContext* context, GvOutcome* outcome);
+using GvOpeningTrace = void (*)(const char* function, PDEVICE_OBJECT device, PIRP irp);
+
+// One request kind.
+struct GvDispatchRow
+{
+    UCHAR Major;
+    const char* Name;
+    PDRIVER_DISPATCH Entry; // the dispatch routine of that name
+    GvInnerRoutine Inner;
+    GvOpeningTrace TraceOpening;
+    bool MayPend;           // STATUS_PENDING from the inner routine: the worker pool has the request
+    bool YieldsInformation; // else IoStatus.Information is 0
+};
+
+// "dev: 0x%x, fo: 0x%x\n"
+void GvTraceOpening(const char* function, PDEVICE_OBJECT device, PIRP irp);
+
+NTSTATUS GvDispatch(const GvDispatchRow& row, PDEVICE_OBJECT device, PIRP irp);
+
+// Ends a request: closing trace, information and status, completion. Returns the status.
+NTSTATUS GvCompleteRequest(const char* function, PIRP irp, NTSTATUS status, ULONG_PTR information);

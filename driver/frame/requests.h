@@ -1,0 +1,24 @@
+// The requests that a volume serves: one row each, with its dispatch routine and its inner routine. An inner routine works on the
+// context's request; docs/architecture.md follows some of them.
+#pragma once
+
+#include "frame/dispatch.h"
+
+// Fills the major functions that are served.
+void GvFillDispatchRows(PDRIVER_OBJECT driver);
+// Null for a major function that no row serves.
+const GvDispatchRow* GvRowOf(UCHAR major);
+
+NTSTATUS NTAPI GvCreate(PDEVICE_OBJECT device, PIRP irp);
+NTSTATUS NTAPI GvClose(PDEVICE_OBJECT device, PIRP irp);
+NTSTATUS NTAPI GvRead(PDEVICE_OBJECT device, PIRP irp);
+NTSTATUS NTAPI GvDirControl(PDEVICE_OBJECT device, PIRP irp);
+NTSTATUS NTAPI GvLockControl(PDEVICE_OBJECT device, PIRP irp);
+NTSTATUS NTAPI GvCleanup(PDEVICE_OBJECT device, PIRP irp);
+
+NTSTATUS GvDoCreate(IrpContext* context, GvOutcome* outcome);
+NTSTATUS GvDoClose(IrpContext* context, GvOutcome* outcome);
+NTSTATUS GvDoRead(IrpContext* context, GvOutcome* outcome);
+NTSTATUS GvDoDirControl(IrpContext* context, GvOutcome* outcome);
+NTSTATUS GvDoLockControl(IrpContext* context, GvOutcome* outcome);
+NTSTATUS GvDoCleanup(IrpContext* context, GvOutcome* outcome);

@@ -1,0 +1,68 @@
+// The trace. A message at a level goes out when GvDebugMask has the level's bit and the IRQL is PASSIVE_LEVEL, as two
+// DbgPrint calls: a prefix with process, thread and function, then the message. Pointers and 64-bit values print through
+// %x, so the adapter narrows them to their low 32 bits; a value meant for %I64x is wrapped in GvWide.
+#pragma once
+
+#include "frame/nt.h"
+
+enum GvTraceLevel : ULONG
+{
+    GvTraceError = 1,       // failing callees, refused input, broken invariants
+    GvTraceNotable = 2,     // expected events worth seeing in a normal log
+    GvTraceFlow = 4,        // which path a request takes
+    GvTraceDispatch = 8,    // opening and closing of each request
+    GvTraceUnsupported = 16 // requests for features that the driver does not have
+};
+
+extern ULONG GvDebugMask;
+
+struct GvWide
+{
+    ULONGLONG Value;
+};
+
+template <typename T>
+ULONG GvTraceArgument(T integer)
+{
+    return static_cast<ULONG>(integer);
+}
+template <typename T>
+ULONG GvTraceArgument(T* pointer)
+{
+    return static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(pointer));
+}
+inline PCUNICODE_STRING GvTraceArgument(PCUNICODE_STRING text) { return text; }
+inline PCUNICODE_STRING GvTraceArgument(PUNICODE_STRING text) { return text; }
+inline const char* GvTraceArgument(const char* text) { return text; }
+inline const WCHAR* GvTraceArgument(const WCHAR* text) { return text; }
+inline ULONGLONG GvTraceArgument(GvWide wide) { return wide.Value; }
+
+inline bool GvTraceWanted(ULONG level)
+{
+    return (GvDebugMask & level) != 0 && KeGetCurrentIrql() == PASSIVE_LEVEL;
+}
+
+void GvTracePrefix(const char* function);
+
+// For code that speaks in another function's name, such as the shared dispatch skeleton.
+#define GV_TRACE_AS(function, level, ...)                                    \
+    do {                                                                     \
+        if (GvTraceWanted(level)) {                                          \
+            GvTracePrefix(function);                                         \
+            GvTraceMessage(__VA_ARGS__);                                     \
+        }                                                                    \
+    } while (0)
+
+#define GV_TRACE(level, ...) GV_TRACE_AS(__func__, level, __VA_ARGS__)
+
+// A callee that failed: its name and its status.
+#define GV_TRACE_FAILED(callee, status) GV_TRACE(GvTraceError, callee "(): 0x%x\n", status)
+
+template <typename... Arguments>
+void GvTraceMessage(const char* format, Arguments... arguments)
+{
+    DbgPrint(format, GvTraceArgument(arguments)...);
+}
+
+// The closing trace of a request; ends in two line feeds, which separate requests in a log.
+void GvTraceClosing(const char* function, PFILE_OBJECT fileObject, NTSTATUS status, ULONG_PTR information);

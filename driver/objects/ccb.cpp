@@ -1,0 +1,27 @@
+// The per-open record: made when an open succeeds, freed at close.
+
+#include "objects/ccb.h"
+
+#include "frame/pool.h"
+#include "frame/trace.h"
+
+NTSTATUS GvCcbCreateCcb(bool deleteOnClose, Ccb** result)
+{
+    auto* const ccb = GvAllocate<Ccb>(NonPagedPool);
+    if (!ccb) {
+        GV_TRACE(GvTraceError, "out-of-mem\n");
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    ccb->EaScanIndex = 1;
+    ccb->DeleteOnClose = deleteOnClose;
+    *result = ccb;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS GvCcbDeleteCcb(Ccb* ccb)
+{
+    if (!ccb) return STATUS_INVALID_PARAMETER;
+    if (ccb->DirSearchPattern) GvFree(ccb->DirSearchPattern);
+    GvFree(ccb);
+    return STATUS_SUCCESS;
+}

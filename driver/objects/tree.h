@@ -1,0 +1,27 @@
+// The name trees. Every change and walk happens with Vcb.Resource held exclusively; only the count is read without it.
+#pragma once
+
+#include "frame/records.h"
+
+[[nodiscard]] NTSTATUS GvTreeInit(GvTree** tree);
+// STATUS_UNSUCCESSFUL, with the tree left usable, while it has entries.
+[[nodiscard]] NTSTATUS GvTreeDelete(GvTree* tree);
+
+// STATUS_UNSUCCESSFUL for a name that is on the tree, STATUS_INSUFFICIENT_RESOURCES; the entry is then not in use.
+[[nodiscard]] NTSTATUS GvTreeAddEntry(GvTree* tree, PCUNICODE_STRING name, GvTreeEntry* entry);
+// The entry must be on this tree. Always succeeds.
+NTSTATUS GvTreeRemoveEntryByVal(GvTree* tree, GvTreeEntry* entry);
+
+// Exact match, without regard to case. STATUS_NOT_FOUND.
+[[nodiscard]] NTSTATUS GvTreeGetEntry(GvTree* tree, PCUNICODE_STRING name, GvTreeEntry** entry);
+// A copy of the entry's name for the caller to free, in paged pool.
+[[nodiscard]] NTSTATUS GvTreeGetEntryKey(GvTree* tree, GvTreeEntry* entry, PUNICODE_STRING* name);
+ULONG GvTreeGetEntryCount(const GvTree* tree);
+
+enum class GvWalk : bool
+{
+    Continue,
+    Restart
+};
+// Every entry once, in the platform's order; null at the end. Not to be interleaved with changes.
+GvTreeEntry* GvTreeGetNextEntry(GvTree* tree, GvWalk walk);

@@ -1,0 +1,63 @@
+// Requests on the control device. No lock: the table is constant and the device is made before any request can come.
+
+#include "volume/control.h"
+
+#include "frame/context.h"
+#include "frame/dispatch.h"
+#include "frame/trace.h"
+
+PDEVICE_OBJECT GvCtrlDevice;
+
+namespace
+{
+
+[[nodiscard]] NTSTATUS GvCtrlIrpDeviceControl(PIRP irp, ULONG* information)
+{
+    *information = 0;
+    if (irp->RequestorMode != KernelMode) {
+        GV_TRACE(GvTraceError, "ERR: umode caller to gvnd ctrl-dev ioctl");
+        return STATUS_INVALID_PARAMETER;
+    }
+    const auto& parameters = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl;
+    if (parameters.IoControlCode != IOCTL_GVND_GET_SERVICE_TABLE) {
+        GV_TRACE(GvTraceError, "bad ioctl\n");
+        return STATUS_INVALID_PARAMETER;
+    }
+    const GvServices* const table = &GvServiceTable;
+    if (parameters.OutputBufferLength < sizeof(table)) {
+        GV_TRACE(GvTraceError, "buffer too small\n");
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    RtlCopyMemory(irp->AssociatedIrp.SystemBuffer, &table, sizeof(table));
+    *information = sizeof(table);
+    return STATUS_SUCCESS;
+}
+
+[[nodiscard]] NTSTATUS ServeControlRequest(PDEVICE_OBJECT device, PIRP irp, ULONG* information)
+{
+    const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(irp);
+    if (const NTSTATUS status = GvUtlCheckFileObject(device, stack->FileObject); !NT_SUCCESS(status)) {
+        GV_TRACE_FAILED("GV_IS_VALID_FO", status);
+        return status;
+    }
+    switch (stack->MajorFunction) {
+    case IRP_MJ_CREATE:
+    case IRP_MJ_CLOSE:
+    case IRP_MJ_CLEANUP: return STATUS_SUCCESS;
+    case IRP_MJ_DEVICE_CONTROL: return GvCtrlIrpDeviceControl(irp, information);
+    default:
+        GV_TRACE(GvTraceError, "bad major-function: 0x%x\n", stack->MajorFunction);
+        return STATUS_NOT_SUPPORTED;
+    }
+}
+
+} // namespace
+
+NTSTATUS GvCtrlHandleIrp(PDEVICE_OBJECT device, PIRP irp, bool* handled)
+{
+    *handled = device == GvCtrlDevice;
+    if (!*handled) return STATUS_SUCCESS;
+    ULONG information = 0;
+    const NTSTATUS status = ServeControlRequest(device, irp, &information);
+    return GvCompleteRequest(__func__, irp, status, information);
+}

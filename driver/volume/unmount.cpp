@@ -1,0 +1,121 @@
+// Unmount. The test of the drain rules moves the state from 2 to 3 under PinLock, so that one caller alone can win and the
+// teardown is queued once; the teardown runs on a system thread, since the winner may hold anything.
+
+#include "volume/volume.h"
+
+#include "frame/pool.h"
+#include "frame/trace.h"
+#include "objects/fcb.h"
+#include "objects/util.h"
+#include "volume/workers.h"
+
+namespace
+{
+
+void ForgetBackingObjectAndPlugin(Vcb* vcb)
+{
+    ObDereferenceObject(vcb->BackingFileObject);
+    vcb->BackingFileObject = nullptr;
+    vcb->PluginOps = nullptr;
+}
+
+void DeleteLink(Vcb* vcb)
+{
+    if (!vcb->SymLinkName) return;
+    if (const NTSTATUS status = IoDeleteSymbolicLink(vcb->SymLinkName); !NT_SUCCESS(status)) {
+        GV_TRACE_AS("GvDoUnmount", GvTraceError, "IoDeleteSymbolicLink(%wZ): 0x%x\n", vcb->SymLinkName, status);
+    }
+    GvFree(vcb->SymLinkName);
+    vcb->SymLinkName = nullptr;
+}
+
+// A step that fails ends it, and leaves the device behind.
+NTSTATUS GvDoUnmount(PDEVICE_OBJECT device)
+{
+    Vcb* const vcb = GvVcbOf(device);
+    NTSTATUS status = FspStopWorkerThreads(&vcb->StopEvent, vcb->WorkerCount, vcb->WorkerThreads);
+    if (!NT_SUCCESS(status)) {
+        GV_TRACE_FAILED("FspStopWorkerThreads", status);
+        return status;
+    }
+    GvFree(vcb->WorkerThreads);
+    vcb->WorkerThreads = nullptr;
+    vcb->WorkerCount = 0;
+
+    if (vcb->PluginOps->OnUnmounted) vcb->PluginOps->OnUnmounted(vcb->PluginOps->PluginContext);
+    ForgetBackingObjectAndPlugin(vcb);
+
+    status = GvUtlDeleteResource(&vcb->Resource, GvAllocateResource::No);
+    if (!NT_SUCCESS(status)) {
+        GV_TRACE_FAILED("GvUtlDeleteResource", status);
+        return status;
+    }
+    status = GvFcbShutdown(vcb->FcbTables);
+    if (!NT_SUCCESS(status)) {
+        GV_TRACE_FAILED("GvFcbShutdown", status);
+        return status;
+    }
+    vcb->FcbTables = nullptr;
+    DeleteLink(vcb);
+    GvFcbFreeVolumeFcb(vcb->VolumeFcb);
+    vcb->VolumeFcb = nullptr;
+    FsRtlNotifyUninitializeSync(&vcb->NotifySync);
+    IoDeleteDevice(device);
+    GV_TRACE(GvTraceNotable, "unmounted device: 0x%x\n", device);
+    return STATUS_SUCCESS;
+}
+
+VOID NTAPI GvUnmountWorkRoutine(PDEVICE_OBJECT device, PVOID context)
+{
+    if (const NTSTATUS status = GvDoUnmount(device); !NT_SUCCESS(status)) GV_TRACE_FAILED("GvDoUnmount", status);
+    IoFreeWorkItem(static_cast<PIO_WORKITEM>(context));
+}
+
+NTSTATUS GvQueueUnmount(PDEVICE_OBJECT device)
+{
+    const PIO_WORKITEM item = IoAllocateWorkItem(device);
+    if (!item) {
+        // The volume stays in its last state with its device: nothing is left that could try again.
+        GV_TRACE_FAILED("IoAllocateWorkItem", STATUS_INSUFFICIENT_RESOURCES);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    IoQueueWorkItem(item, GvUnmountWorkRoutine, DelayedWorkQueue, item);
+    return STATUS_SUCCESS;
+}
+
+bool IsDrained(const Vcb* vcb) GV_REQUIRES(vcb->PinLock)
+{
+    return vcb->MountState == GvUnmountRequested && vcb->PluginCallCount == 0 && vcb->PinCount == 0 &&
+           GvFcbGetFcbCount(vcb->FcbTables) == 0 && vcb->VolumeFcb->OpenCount == 0;
+}
+
+bool ClaimUnmount(Vcb* vcb)
+{
+    GvHeldSpinLock lock(vcb->PinLock);
+    if (!IsDrained(vcb)) return false;
+    vcb->MountState = GvUnmounting;
+    return true;
+}
+
+} // namespace
+
+NTSTATUS GvUnmountIfDrained(PDEVICE_OBJECT device)
+{
+    if (KeGetCurrentIrql() > PASSIVE_LEVEL) return STATUS_ACCESS_DENIED;
+    if (!ClaimUnmount(GvVcbOf(device))) return STATUS_ACCESS_DENIED;
+    return GvQueueUnmount(device);
+}
+
+NTSTATUS NTAPI GvUnmountRequest(PDEVICE_OBJECT device)
+{
+    if (KeGetCurrentIrql() != PASSIVE_LEVEL) return STATUS_UNSUCCESSFUL;
+    GV_TRACE(GvTraceNotable, "unmount requested on device: 0x%x\n", device);
+    Vcb* const vcb = GvVcbOf(device);
+    {
+        GvHeldSpinLock lock(vcb->PinLock);
+        if (vcb->MountState == GvMounted) vcb->MountState = GvUnmountRequested;
+    }
+    GvUnmountIfDrained(device);
+    ObDereferenceObject(device);
+    return STATUS_SUCCESS;
+}
