@@ -11,7 +11,8 @@ typedef enum _POOL_TYPE
 {
     NonPagedPool = 0,
     PagedPool = 1,
-    NonPagedPoolNx = 512
+    NonPagedPoolNx = 512,
+    PoolTypeWithFlags = 0x7fffffff // names no pool: makes the or-ed flags below values of the type
 } POOL_TYPE;
 
 // Or-ed into the pool type.

@@ -1,4 +1,5 @@
-// File names: their components, their wildcards, the characters they may have. Any IRQL; only the arguments are touched.
+// File names: their components, their wildcards, the characters they may have. Any IRQL; only the arguments are
+// touched.
 #pragma once
 
 #include "base.h"
@@ -9,18 +10,18 @@ NT_EXTERN_C_BEGIN
 #define FlagOn(Flags, SingleFlag) ((Flags) & (SingleFlag))
 #endif
 
-#define DOS_STAR (L'<')
-#define DOS_QM (L'>')
-#define DOS_DOT (L'"')
+#define DOS_STAR      (L'<')
+#define DOS_QM        (L'>')
+#define DOS_DOT       (L'"')
 #define ANSI_DOS_STAR ('<')
-#define ANSI_DOS_QM ('>')
-#define ANSI_DOS_DOT ('"')
+#define ANSI_DOS_QM   ('>')
+#define ANSI_DOS_DOT  ('"')
 
-#define FSRTL_FAT_LEGAL 0x01
-#define FSRTL_HPFS_LEGAL 0x02
-#define FSRTL_NTFS_LEGAL 0x04
-#define FSRTL_WILD_CHARACTER 0x08
-#define FSRTL_OLE_LEGAL 0x10
+#define FSRTL_FAT_LEGAL         0x01
+#define FSRTL_HPFS_LEGAL        0x02
+#define FSRTL_NTFS_LEGAL        0x04
+#define FSRTL_WILD_CHARACTER    0x08
+#define FSRTL_OLE_LEGAL         0x10
 #define FSRTL_NTFS_STREAM_LEGAL (FSRTL_NTFS_LEGAL | FSRTL_OLE_LEGAL)
 
 // Has 128 entries, one for each 7-bit character.
@@ -28,13 +29,14 @@ extern const UCHAR* const FsRtlLegalAnsiCharacterArray;
 
 // Bytes above 127 get DefaultValue.
 #define FsRtlTestAnsiCharacter(C, DefaultValue, WildOk, Flags) \
-    (((SCHAR)(C) < 0) ? (DefaultValue)                         \
-                      : FlagOn(FsRtlLegalAnsiCharacterArray[(UCHAR)(C)], (Flags) | ((WildOk) ? FSRTL_WILD_CHARACTER : 0)))
-#define FsRtlIsAnsiCharacterWild(C) FsRtlTestAnsiCharacter(C, FALSE, FALSE, FSRTL_WILD_CHARACTER)
-#define FsRtlIsAnsiCharacterLegal(C, Flags) FsRtlTestAnsiCharacter(C, TRUE, FALSE, Flags)
-#define FsRtlIsAnsiCharacterLegalFat(C, WildOk) FsRtlTestAnsiCharacter(C, TRUE, WildOk, FSRTL_FAT_LEGAL)
-#define FsRtlIsAnsiCharacterLegalHpfs(C, WildOk) FsRtlTestAnsiCharacter(C, TRUE, WildOk, FSRTL_HPFS_LEGAL)
-#define FsRtlIsAnsiCharacterLegalNtfs(C, WildOk) FsRtlTestAnsiCharacter(C, TRUE, WildOk, FSRTL_NTFS_LEGAL)
+    (((SCHAR)(C) < 0)                                          \
+         ? (DefaultValue)                                      \
+         : FlagOn(FsRtlLegalAnsiCharacterArray[(UCHAR)(C)], (Flags) | ((WildOk) ? FSRTL_WILD_CHARACTER : 0)))
+#define FsRtlIsAnsiCharacterWild(C)                    FsRtlTestAnsiCharacter(C, FALSE, FALSE, FSRTL_WILD_CHARACTER)
+#define FsRtlIsAnsiCharacterLegal(C, Flags)            FsRtlTestAnsiCharacter(C, TRUE, FALSE, Flags)
+#define FsRtlIsAnsiCharacterLegalFat(C, WildOk)        FsRtlTestAnsiCharacter(C, TRUE, WildOk, FSRTL_FAT_LEGAL)
+#define FsRtlIsAnsiCharacterLegalHpfs(C, WildOk)       FsRtlTestAnsiCharacter(C, TRUE, WildOk, FSRTL_HPFS_LEGAL)
+#define FsRtlIsAnsiCharacterLegalNtfs(C, WildOk)       FsRtlTestAnsiCharacter(C, TRUE, WildOk, FSRTL_NTFS_LEGAL)
 #define FsRtlIsAnsiCharacterLegalNtfsStream(C, WildOk) FsRtlTestAnsiCharacter(C, TRUE, WildOk, FSRTL_NTFS_STREAM_LEGAL)
 #define FsRtlIsUnicodeCharacterWild(C) \
     (((C) >= 0x40) ? FALSE : FlagOn(FsRtlLegalAnsiCharacterArray[(C)], FSRTL_WILD_CHARACTER))

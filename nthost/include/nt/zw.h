@@ -76,6 +76,27 @@ NT_SERVICE(Close, (HANDLE Handle));
 NT_SERVICE(DeviceIoControlFile, (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                                  PIO_STATUS_BLOCK IoStatusBlock, ULONG IoControlCode, PVOID InputBuffer,
                                  ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength));
+// ByteOffset: on a file object for synchronous I/O null, or -2 (FILE_USE_FILE_POINTER_POSITION), means its current
+// position; else an offset that is not negative must be given (STATUS_INVALID_PARAMETER).
+NT_SERVICE(ReadFile, (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                      PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset,
+                      PULONG Key));
+#define FILE_USE_FILE_POINTER_POSITION 0xfffffffe
+// STATUS_INVALID_INFO_CLASS for a class without records, STATUS_INFO_LENGTH_MISMATCH for a buffer without room for the
+// fixed part of one.
+NT_SERVICE(QueryDirectoryFile, (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                                PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation, ULONG Length,
+                                FILE_INFORMATION_CLASS FileInformationClass, BOOLEAN ReturnSingleEntry,
+                                PUNICODE_STRING FileName, BOOLEAN RestartScan));
+NT_SERVICE(NotifyChangeDirectoryFile, (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                                       PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
+                                       ULONG CompletionFilter, BOOLEAN WatchTree));
+// The handle needs FILE_READ_DATA or FILE_WRITE_DATA.
+NT_SERVICE(LockFile, (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                      PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER ByteOffset, PLARGE_INTEGER Length, ULONG Key,
+                      BOOLEAN FailImmediately, BOOLEAN ExclusiveLock));
+NT_SERVICE(UnlockFile, (HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER ByteOffset,
+                        PLARGE_INTEGER Length, ULONG Key));
 // Cancels the current thread's requests on the file and waits for them to end.
 NT_SERVICE(CancelIoFile, (HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock));
 // Cancels any thread's requests of this process on the file, or only the one with the given status block.

@@ -6,11 +6,9 @@
 
 #include <ntifs.h>
 
-namespace nthost
-{
+namespace nthost {
 
-struct ErrorLogEntry
-{
+struct ErrorLogEntry {
     std::string Driver;                // "\Driver\name"
     std::string Device;                // full name; empty for an entry of the driver itself or a nameless device
     std::vector<unsigned char> Packet; // an IO_ERROR_LOG_PACKET, as long as the driver asked for

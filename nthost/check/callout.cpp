@@ -1,0 +1,46 @@
+// Compares the thread's state around a call into driver code. What was left behind is put back, so that one mistake is
+// one finding; locks stay as they are.
+#include "check/callout.h"
+
+#include "check/text.h"
+#include "ke/held.h"
+
+namespace nthost {
+
+namespace {
+
+std::string HeldText(_ETHREAD* thread)
+{
+    std::string text;
+    for (const HeldLock& held : ke::HeldBy(thread)) text += " " + HexText(held.Address);
+    return text.empty() ? " none" : text;
+}
+
+} // namespace
+
+ThreadState CaptureThreadState()
+{
+    _ETHREAD* const thread = ke::CurrentThread();
+    return {thread->Irql, thread->ApcDisable, thread->TopLevelIrp, ke::HeldBy(thread).size()};
+}
+
+void CompareThreadState(const ThreadState& before, const char* what)
+{
+    _ETHREAD* const thread = ke::CurrentThread();
+    if (thread->Irql != before.Irql)
+        ReportFinding("irql-changed", Format("%s: IRQL %u before, %u after", what, before.Irql, thread->Irql));
+    if (thread->ApcDisable != before.ApcDisable)
+        ReportFinding("critical-region-left-open",
+                      Format("%s: critical regions %u before, %u after", what, before.ApcDisable, thread->ApcDisable));
+    if (thread->TopLevelIrp != before.TopLevelIrp)
+        ReportFinding("top-level-irp-left",
+                      Format("%s: %p before, %p after", what, before.TopLevelIrp, thread->TopLevelIrp));
+    if (const size_t held = ke::HeldBy(thread).size(); held != before.HeldCount)
+        ReportFinding("lock-held-at-return",
+                      Format("%s: %zu locks before, %zu after:", what, before.HeldCount, held) + HeldText(thread));
+    thread->Irql = before.Irql;
+    thread->ApcDisable = before.ApcDisable;
+    thread->TopLevelIrp = before.TopLevelIrp;
+}
+
+} // namespace nthost

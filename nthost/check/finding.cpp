@@ -1,0 +1,56 @@
+// Keeps and prints findings. One lock, taken last: a finding may be reported with any other lock held.
+#include <nthost/check.h>
+
+#include <atomic>
+#include <cstdio>
+#include <mutex>
+
+#include "check/fatal.h"
+#include "check/stack.h"
+#include "check/text.h"
+#include "ke/thread.h"
+
+namespace nthost {
+
+namespace {
+
+std::mutex findingsLock;
+std::vector<Finding> findings;
+std::atomic<int> quiet;
+
+// Who did it; a request only by its address, since it may be complete and gone.
+std::string Place()
+{
+    const _ETHREAD* const thread = ke::CurrentThreadOrNull();
+    if (!thread) return "";
+    std::string place = Format(" [thread %zu", reinterpret_cast<size_t>(thread->Id));
+    if (thread->DriverCall) place += Format(", in %s", thread->DriverCall);
+    if (thread->CurrentIrp) place += Format(", request %p", thread->CurrentIrp);
+    return place + "]";
+}
+
+} // namespace
+
+void ReportFinding(std::string rule, std::string detail)
+{
+    Finding finding{std::move(rule), std::move(detail) + Place(), CurrentStackText()};
+    if (quiet.load() == 0)
+        fprintf(stderr, "nthost: finding %s: %s\n%s", finding.Rule.c_str(), finding.Detail.c_str(),
+                finding.Stack.c_str());
+    std::lock_guard lock(findingsLock);
+    findings.push_back(std::move(finding));
+}
+
+std::vector<Finding> TakeFindings()
+{
+    std::lock_guard lock(findingsLock);
+    std::vector<Finding> taken;
+    taken.swap(findings);
+    return taken;
+}
+
+QuietFindings::QuietFindings() { ++quiet; }
+
+QuietFindings::~QuietFindings() { --quiet; }
+
+} // namespace nthost

@@ -1,0 +1,86 @@
+// Device control: the code says how the buffers travel and which access the handle must have.
+#include <nthost/faults.h>
+
+#include "io/request.h"
+#include "io/service.h"
+#include "zw/capture.h"
+
+namespace nthost::io {
+
+namespace {
+
+struct ControlArguments {
+    KPROCESSOR_MODE Mode;
+    ULONG Code;
+    void* Input;
+    ULONG InputLength;
+    void* Output;
+    ULONG OutputLength;
+
+    ULONG Method() const { return Code & 3; }
+    // FILE_READ_ACCESS and FILE_WRITE_ACCESS have the same numbers as the data rights of a file.
+    ACCESS_MASK Access() const { return Code >> 14 & (FILE_READ_ACCESS | FILE_WRITE_ACCESS); }
+};
+
+// A missing buffer has no length, except where the driver gets the caller's arguments as they are.
+[[nodiscard]] NTSTATUS ProbeBuffers(ControlArguments* arguments)
+{
+    if (arguments->Method() == METHOD_NEITHER) return STATUS_SUCCESS;
+    if (!arguments->Input) arguments->InputLength = 0;
+    if (!arguments->Output) arguments->OutputLength = 0;
+    const NTSTATUS status = zw::ProbeUserForRead(arguments->Input, arguments->InputLength, 1, arguments->Mode);
+    if (!NT_SUCCESS(status) || arguments->Method() != METHOD_BUFFERED) return status;
+    return zw::ProbeUserForWrite(arguments->Output, arguments->OutputLength, 1, arguments->Mode);
+}
+
+[[nodiscard]] NTSTATUS AttachBuffers(Request& request, const ControlArguments& arguments)
+{
+    switch (arguments.Method()) {
+    case METHOD_BUFFERED:
+        return request.Buffered(arguments.Input, arguments.InputLength, arguments.Output, arguments.OutputLength);
+    case METHOD_NEITHER:
+        request.Location()->Parameters.DeviceIoControl.Type3InputBuffer = arguments.Input;
+        request.Neither(arguments.Output);
+        return STATUS_SUCCESS;
+    default:
+        const NTSTATUS status = request.Buffered(arguments.Input, arguments.InputLength, nullptr, 0);
+        if (!NT_SUCCESS(status)) return status;
+        request.Neither(arguments.Output);
+        return request.Direct(arguments.Output, arguments.OutputLength,
+                              arguments.Method() == METHOD_IN_DIRECT ? IoReadAccess : IoWriteAccess);
+    }
+}
+
+NTSTATUS DeviceControl(KPROCESSOR_MODE mode, HANDLE file, HANDLE event, PIO_APC_ROUTINE apcRoutine, PVOID apcContext,
+                       PIO_STATUS_BLOCK statusBlock, ULONG code, PVOID input, ULONG inputLength, PVOID output,
+                       ULONG outputLength)
+{
+    if (mode == KernelMode && FaultInjected("ZwDeviceIoControlFile")) return STATUS_INSUFFICIENT_RESOURCES;
+    ControlArguments arguments{mode, code, input, inputLength, output, outputLength};
+    NTSTATUS status = ProbeBuffers(&arguments);
+    if (!NT_SUCCESS(status)) return status;
+
+    Request request;
+    const ServiceCaller caller{mode, statusBlock, event, apcRoutine, apcContext};
+    status = request.Open(caller, file, arguments.Access(), Service::Asynchronous);
+    if (!NT_SUCCESS(status)) return status;
+    status = request.Build(IRP_MJ_DEVICE_CONTROL);
+    if (!NT_SUCCESS(status)) return status;
+    auto& parameters = request.Location()->Parameters.DeviceIoControl;
+    parameters.IoControlCode = code;
+    parameters.InputBufferLength = arguments.InputLength;
+    parameters.OutputBufferLength = arguments.OutputLength;
+    status = AttachBuffers(request, arguments);
+    return NT_SUCCESS(status) ? request.Issue() : status;
+}
+
+} // namespace
+
+} // namespace nthost::io
+
+NTHOST_SERVICE_PAIR(DeviceIoControlFile, nthost::io::DeviceControl,
+                    (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                     PIO_STATUS_BLOCK IoStatusBlock, ULONG IoControlCode, PVOID InputBuffer, ULONG InputBufferLength,
+                     PVOID OutputBuffer, ULONG OutputBufferLength),
+                    FileHandle, Event, ApcRoutine, ApcContext, IoStatusBlock, IoControlCode, InputBuffer,
+                    InputBufferLength, OutputBuffer, OutputBufferLength)

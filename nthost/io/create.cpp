@@ -1,0 +1,121 @@
+// The service that opens files: the caller's arguments in, a handle and a status block out.
+#include <cstring>
+
+#include <nthost/faults.h>
+
+#include "io/open.h"
+#include "io/service.h"
+#include "ob/object.h"
+#include "zw/capture.h"
+
+namespace nthost::io {
+
+namespace {
+
+struct CreateArguments {
+    KPROCESSOR_MODE Mode;
+    PHANDLE Handle;
+    POBJECT_ATTRIBUTES Attributes;
+    PIO_STATUS_BLOCK StatusBlock;
+    PLARGE_INTEGER AllocationSize;
+    PVOID EaBuffer;
+    ULONG EaLength;
+};
+
+// Extended attributes at create are not served.
+[[nodiscard]] NTSTATUS CheckEas(const CreateArguments& arguments)
+{
+    return arguments.EaBuffer || arguments.EaLength ? STATUS_EAS_NOT_SUPPORTED : STATUS_SUCCESS;
+}
+
+[[nodiscard]] NTSTATUS ReadAllocationSize(const CreateArguments& arguments, LARGE_INTEGER* size)
+{
+    size->QuadPart = 0;
+    return arguments.AllocationSize ? zw::ReadUser(arguments.AllocationSize, size, arguments.Mode) : STATUS_SUCCESS;
+}
+
+// Everything that the caller's addresses decide, before anything is opened.
+[[nodiscard]] NTSTATUS ReadArguments(const CreateArguments& arguments, OpenParameters* open,
+                                     zw::CapturedAttributes* attributes)
+{
+    NTSTATUS status = zw::ProbeUser(arguments.Handle, arguments.Mode);
+    if (NT_SUCCESS(status)) status = zw::ProbeUser(arguments.StatusBlock, arguments.Mode);
+    if (NT_SUCCESS(status)) status = ReadAllocationSize(arguments, &open->AllocationSize);
+    if (NT_SUCCESS(status)) status = CheckOpenParameters(*open);
+    if (NT_SUCCESS(status)) status = CheckEas(arguments);
+    if (NT_SUCCESS(status)) status = zw::CaptureObjectAttributes(arguments.Attributes, arguments.Mode, attributes);
+    open->Name = attributes->Name.Get();
+    open->Attributes = attributes->Attributes;
+    return status;
+}
+
+[[nodiscard]] NTSTATUS ReferenceRoot(HANDLE root, KPROCESSOR_MODE mode, PFILE_OBJECT* related)
+{
+    *related = nullptr;
+    if (!root) return STATUS_SUCCESS;
+    void* object;
+    const NTSTATUS status = ObReferenceObjectByHandle(root, 0, *IoFileObjectType, mode, &object, nullptr);
+    if (NT_SUCCESS(status)) *related = static_cast<PFILE_OBJECT>(object);
+    return status;
+}
+
+NTSTATUS ReturnFile(const CreateArguments& arguments, ULONG attributes, const OpenedFile& opened)
+{
+    PFILE_OBJECT const file = opened.File;
+    NTSTATUS status = zw::WriteUser(arguments.StatusBlock, opened.Result, arguments.Mode);
+    if (NT_SUCCESS(status)) {
+        // The file object must know of its handle before another thread can close it.
+        file->Flags |= FO_HANDLE_CREATED;
+        status = zw::ReturnHandle(file, opened.Granted, attributes, arguments.Mode, arguments.Handle);
+    }
+    return status;
+}
+
+NTSTATUS OpenAndReturn(const CreateArguments& arguments, const OpenParameters& open)
+{
+    OpenedFile opened{};
+    NTSTATUS status = OpenFile(open, &opened);
+    if (NT_WARNING(status)) {
+        const NTSTATUS written = zw::WriteUser(arguments.StatusBlock, opened.Result, arguments.Mode);
+        return NT_SUCCESS(written) ? status : written;
+    }
+    if (NT_ERROR(status)) return status;
+    const NTSTATUS returned = ReturnFile(arguments, open.Attributes, opened);
+    ObDereferenceObject(opened.File);
+    return NT_SUCCESS(returned) ? status : returned;
+}
+
+NTSTATUS CreateFile(KPROCESSOR_MODE mode, PHANDLE handle, ACCESS_MASK desiredAccess, POBJECT_ATTRIBUTES attributes,
+                    PIO_STATUS_BLOCK statusBlock, PLARGE_INTEGER allocationSize, ULONG fileAttributes,
+                    ULONG shareAccess, ULONG disposition, ULONG options, PVOID eaBuffer, ULONG eaLength)
+{
+    if (mode == KernelMode && FaultInjected("ZwCreateFile")) return STATUS_INSUFFICIENT_RESOURCES;
+    const CreateArguments arguments{mode, handle, attributes, statusBlock, allocationSize, eaBuffer, eaLength};
+    OpenParameters open{};
+    open.Mode = mode;
+    open.DesiredAccess = desiredAccess;
+    open.FileAttributes = fileAttributes;
+    open.ShareAccess = shareAccess;
+    open.Disposition = disposition;
+    open.Options = options;
+    zw::CapturedAttributes captured;
+    NTSTATUS status = ReadArguments(arguments, &open, &captured);
+    if (!NT_SUCCESS(status)) return status;
+    status = ReferenceRoot(captured.RootDirectory, mode, &open.Related);
+    if (!NT_SUCCESS(status)) return status;
+
+    status = OpenAndReturn(arguments, open);
+    if (open.Related) ObDereferenceObject(open.Related);
+    return status;
+}
+
+} // namespace
+
+} // namespace nthost::io
+
+NTHOST_SERVICE_PAIR(CreateFile, nthost::io::CreateFile,
+                    (PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
+                     PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER AllocationSize, ULONG FileAttributes,
+                     ULONG ShareAccess, ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer, ULONG EaLength),
+                    FileHandle, DesiredAccess, ObjectAttributes, IoStatusBlock, AllocationSize, FileAttributes,
+                    ShareAccess, CreateDisposition, CreateOptions, EaBuffer, EaLength)

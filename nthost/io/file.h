@@ -1,0 +1,59 @@
+// File objects: their body, their lock for synchronous I/O, and the requests that end them. The public part is the file
+// system's to fill; what stands behind it is the I/O manager's.
+#pragma once
+
+#include <atomic>
+
+#include <ntifs.h>
+
+#include "ke/park.h"
+#include "ke/word_lock.h"
+#include "ob/object.h"
+
+namespace nthost::io {
+
+// Lets threads wait for the end of requests that they do not own.
+class EndSignal {
+public:
+    void Raise();
+    // False when the deadline has passed first.
+    template <typename Condition>
+    bool Await(const Condition& reached, int64_t deadline = ke::NoDeadline)
+    {
+        for (bool inTime = true;;) {
+            const uint32_t seen = changes_.load();
+            if (reached()) return true;
+            if (!inTime) return false;
+            waiters_.fetch_add(1);
+            inTime = ke::ParkOnAddress(&changes_, seen, deadline);
+            waiters_.fetch_sub(1);
+        }
+    }
+
+private:
+    std::atomic<uint32_t> changes_{0};
+    std::atomic<uint32_t> waiters_{0};
+};
+
+struct FileBody {
+    FILE_OBJECT File; // IrpList is guarded by RequestLock
+    ke::WordLock RequestLock;
+    EndSignal Ended; // a request left the list
+};
+
+inline FileBody* BodyOf(PFILE_OBJECT file) { return reinterpret_cast<FileBody*>(file); }
+
+extern OBJECT_TYPE FileType;
+extern const GENERIC_MAPPING FileMapping;
+
+// A file object on the device, which the caller has counted for it (CountOpen) and whose count goes with it. Null
+// without memory.
+PFILE_OBJECT NewFileObject(PDEVICE_OBJECT device, ULONG createOptions);
+// The I/O manager owns the name's memory. False without memory.
+[[nodiscard]] bool SetFileName(PFILE_OBJECT file, const WCHAR* name, USHORT length);
+
+// One synchronous request at a time on a file object opened for synchronous I/O.
+void LockFileObject(PFILE_OBJECT file);
+void UnlockFileObject(PFILE_OBJECT file);
+
+} // namespace nthost::io

@@ -1,0 +1,216 @@
+// The end of a request. Whether the caller is told through its status block and event follows one rule (TellsCaller);
+// the rest is giving back what the request owned. Takes the lists' locks, one after the other.
+#include "io/finish.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include <nthost/check.h>
+
+#include "check/text.h"
+#include "io/file.h"
+#include "io/manager.h"
+#include "io/outstanding.h"
+#include "ob/object.h"
+#include "ps/threads.h"
+#include "zw/capture.h"
+
+namespace nthost::io {
+
+namespace {
+
+// Whether the dispatch routine returned STATUS_PENDING.
+enum class Pended { No, Yes };
+
+void CopyOutput(IrpRecord* record)
+{
+    PIRP const irp = &record->Irp;
+    const size_t length = std::min<ULONG_PTR>(irp->IoStatus.Information, record->OutputLength);
+    if (length == 0) return;
+    const NTSTATUS status =
+        zw::CopyToUser(irp->UserBuffer, irp->AssociatedIrp.SystemBuffer, length, 1, irp->RequestorMode);
+    if (NT_SUCCESS(status)) return;
+    irp->IoStatus.Status = status;
+    irp->IoStatus.Information = 0;
+}
+
+void EndBuffers(IrpRecord* record)
+{
+    PIRP const irp = &record->Irp;
+    constexpr ULONG BufferedInput = IRP_BUFFERED_IO | IRP_INPUT_OPERATION;
+    if ((irp->Flags & BufferedInput) == BufferedInput && !NT_ERROR(irp->IoStatus.Status)) CopyOutput(record);
+    FreeBuffers(irp);
+}
+
+bool OnSynchronousFile(PIRP irp)
+{
+    PFILE_OBJECT const file = irp->Tail.Overlay.OriginalFileObject;
+    return file && (file->Flags & FO_SYNCHRONOUS_IO);
+}
+
+// An error that the service returns itself is told nowhere else; one that came later is, unless the caller waits for
+// the request on a synchronous file object, which learns it from the service too.
+bool TellsCaller(PIRP irp, Pended pended)
+{
+    return !NT_ERROR(irp->IoStatus.Status) || (pended == Pended::Yes && !OnSynchronousFile(irp));
+}
+
+void SignalFile(PIRP irp)
+{
+    PFILE_OBJECT const file = irp->Tail.Overlay.OriginalFileObject;
+    file->FinalStatus = irp->IoStatus.Status;
+    KeSetEvent(&file->Event, IO_NO_INCREMENT, FALSE);
+}
+
+void TellCaller(PIRP irp, Pended pended)
+{
+    const bool synchronousFile = OnSynchronousFile(irp);
+    if (TellsCaller(irp, pended)) {
+        // The address may have gone bad since the service probed it; then nobody is left to be told.
+        if (irp->UserIosb) (void)zw::WriteUser(irp->UserIosb, irp->IoStatus, irp->RequestorMode);
+        if (irp->UserEvent) KeSetEvent(irp->UserEvent, IO_NO_INCREMENT, FALSE);
+        const bool waitedElsewhere = irp->UserEvent || (irp->Flags & IRP_SYNCHRONOUS_API);
+        if (synchronousFile || !waitedElsewhere) SignalFile(irp);
+    } else if (pended == Pended::Yes) {
+        SignalFile(irp);
+    }
+}
+
+// Buffers, caller, lists. The file reference of an asynchronous request is left to the caller of this.
+NTSTATUS EndRequest(IrpRecord* record, Pended pended, IO_STATUS_BLOCK* result)
+{
+    PIRP const irp = &record->Irp;
+    EndBuffers(record);
+    const NTSTATUS status = irp->IoStatus.Status;
+    if (result) *result = irp->IoStatus;
+    if (record->File) TellCaller(irp, pended); // what the I/O manager asks for itself concerns no caller's event
+    // After the caller was told: a thread that cancels its requests and waits for their end finds its status blocks
+    // filled.
+    Delist(record);
+    if (irp->UserEvent) ObDereferenceObject(irp->UserEvent);
+    IoFreeIrp(irp);
+    return status;
+}
+
+NTSTATUS FinishOnIssuer(IrpRecord* record, Pended pended, IO_STATUS_BLOCK* result)
+{
+    PFILE_OBJECT const file = record->How == Issue::Asynchronous ? record->File : nullptr;
+    const NTSTATUS status = EndRequest(record, pended, result);
+    if (file) ObDereferenceObject(file);
+    return status;
+}
+
+// Completions whose file reference is not given back yet. Counted before the caller is told, so that a caller that
+// closes its handle and unloads the driver then finds them here.
+std::atomic<LONG> g_filesToDrop;
+EndSignal g_filesDropped;
+
+void NoteDropped()
+{
+    g_filesToDrop.fetch_sub(1);
+    g_filesDropped.Raise();
+}
+
+VOID NTAPI DropFile(PVOID context)
+{
+    auto* const record = static_cast<IrpRecord*>(context);
+    PFILE_OBJECT const file = record->File;
+    ReleaseRecord(record);
+    ObDereferenceObject(file);
+    NoteDropped();
+}
+
+// The completing thread is inside a driver, perhaps at DISPATCH_LEVEL or with locks held: a close must not be sent from
+// here.
+void FinishOnCompleter(IrpRecord* record)
+{
+    HoldRecord(record);
+    g_filesToDrop.fetch_add(1);
+    EndRequest(record, Pended::Yes, nullptr);
+    if (record->File && !ob::DereferenceUnlessLast(record->File)) {
+        ExInitializeWorkItem(&record->Drop, DropFile, record);
+        ExQueueWorkItem(&record->Drop, DelayedWorkQueue);
+        return;
+    }
+    ReleaseRecord(record);
+    NoteDropped();
+}
+
+// The dispatch routine has broken its promise to complete; should it still come to that, an asynchronous request
+// without a caller is found.
+void Disown(IrpRecord* record)
+{
+    PIRP const irp = &record->Irp;
+    if (record->How == Issue::Waited && record->File) ObReferenceObject(record->File);
+    DetachFromThread(record); // which would wait for it at its end
+    record->How = Issue::Asynchronous;
+    irp->UserIosb = nullptr;
+    irp->Flags &= ~IRP_INPUT_OPERATION;
+}
+
+// True if completion has come first, so that the caller of this acts.
+bool LeaveDispatch(IrpRecord* record) { return record->Met.exchange(Left, std::memory_order_acq_rel) == Completed; }
+
+// True when the request has come to its end and is the caller's; false when an asynchronous one is still out.
+bool AwaitEnd(IrpRecord* record)
+{
+    if (record->How == Issue::Asynchronous) return LeaveDispatch(record);
+    KeInitializeEvent(&record->Done, NotificationEvent, FALSE);
+    if (!LeaveDispatch(record)) KeWaitForSingleObject(&record->Done, Executive, KernelMode, FALSE, nullptr);
+    return true;
+}
+
+} // namespace
+
+void Boot() { ps::SetThreadExitHook(CancelThreadRequests); }
+
+void AwaitDroppedFiles()
+{
+    g_filesDropped.Await([] { return g_filesToDrop.load() == 0; });
+}
+
+void FreeBuffers(PIRP irp)
+{
+    if (irp->Flags & IRP_DEALLOCATE_BUFFER) free(irp->AssociatedIrp.SystemBuffer);
+    irp->Flags &= ~(IRP_DEALLOCATE_BUFFER | IRP_BUFFERED_IO);
+    free(irp->Tail.Overlay.AuxiliaryBuffer); // what a service captured for the request's whole life
+    irp->Tail.Overlay.AuxiliaryBuffer = nullptr;
+    while (PMDL const mdl = irp->MdlAddress) {
+        irp->MdlAddress = mdl->Next;
+        if (mdl->MdlFlags & MDL_PAGES_LOCKED) MmUnlockPages(mdl);
+        IoFreeMdl(mdl);
+    }
+}
+
+void PassTop(IrpRecord* record)
+{
+    if (!record->Requestor) {
+        ReportFinding("irp-completed-without-owner", "irp " + HexText(&record->Irp));
+        return;
+    }
+    record->State.store(IrpState::Ended, std::memory_order_release);
+    if (record->Met.exchange(Completed, std::memory_order_acq_rel) != Left) return;
+    if (record->How == Issue::Waited)
+        KeSetEvent(&record->Done, IO_NO_INCREMENT, FALSE);
+    else
+        FinishOnCompleter(record);
+}
+
+NTSTATUS SendRequest(PDEVICE_OBJECT device, IrpRecord* record, IO_STATUS_BLOCK* result)
+{
+    const NTSTATUS returned = IofCallDriver(device, &record->Irp);
+    if (returned == STATUS_PENDING) {
+        const bool asynchronous = record->How == Issue::Asynchronous;
+        if (!AwaitEnd(record)) return STATUS_PENDING;
+        const NTSTATUS status = FinishOnIssuer(record, Pended::Yes, result);
+        return asynchronous ? STATUS_PENDING : status;
+    }
+    if (record->Met.load(std::memory_order_acquire) == Completed) return FinishOnIssuer(record, Pended::No, result);
+
+    Disown(record);
+    if (LeaveDispatch(record)) return FinishOnIssuer(record, Pended::No, result);
+    if (result) *result = {{returned}, 0};
+    return returned;
+}
+
+} // namespace nthost::io

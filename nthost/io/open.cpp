@@ -1,0 +1,186 @@
+// The road of an open: name to device, file object, create request, answer. No lock is held while the driver works; the
+// device is counted as open before it sees the request.
+#include "io/open.h"
+
+#include <cstring>
+#include <string>
+
+#include "io/device.h"
+#include "io/file.h"
+#include "io/finish.h"
+#include "io/request.h"
+#include "ke/thread.h"
+#include "ob/object.h"
+
+namespace nthost::io {
+
+namespace {
+
+constexpr unsigned MaximumReparses = 32;
+constexpr ULONG HasTraversePrivilege = 1; // in ACCESS_STATE.Flags: directories on the way are not checked
+
+ACCESS_MASK MapGeneric(ACCESS_MASK access)
+{
+    const ACCESS_MASK generic = access & (GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE | GENERIC_ALL);
+    ACCESS_MASK mapped = access & ~generic;
+    if (generic & GENERIC_READ) mapped |= FileMapping.GenericRead;
+    if (generic & GENERIC_WRITE) mapped |= FileMapping.GenericWrite;
+    if (generic & GENERIC_EXECUTE) mapped |= FileMapping.GenericExecute;
+    if (generic & GENERIC_ALL) mapped |= FileMapping.GenericAll;
+    return mapped;
+}
+
+// A device is open to everyone. Its own rights are granted here; those of a file on it are the file system's to grant.
+void GrantDevice(ACCESS_STATE* state)
+{
+    const ACCESS_MASK wanted = state->RemainingDesiredAccess;
+    state->PreviouslyGrantedAccess |= wanted & MAXIMUM_ALLOWED ? FileMapping.GenericAll : wanted;
+    state->RemainingDesiredAccess = 0;
+}
+
+ACCESS_STATE NewAccessState(ACCESS_MASK desired)
+{
+    ACCESS_STATE state{};
+    state.Flags = HasTraversePrivilege;
+    state.OriginalDesiredAccess = state.RemainingDesiredAccess = MapGeneric(desired);
+    state.SubjectSecurityContext.PrimaryToken = ke::CurrentThread()->ActsFor->Token;
+    return state;
+}
+
+ACCESS_MASK GrantedBy(const ACCESS_STATE& state)
+{
+    return (state.PreviouslyGrantedAccess | state.RemainingDesiredAccess) & FileType.ValidAccess;
+}
+
+// Where a name leads: a device, counted as open, and what it is to open there.
+struct Target {
+    PDEVICE_OBJECT Device;
+    const WCHAR* Path;
+    USHORT Length;
+};
+
+NTSTATUS TargetOfRelated(const OpenParameters& open, Target* target)
+{
+    target->Device = open.Related->DeviceObject;
+    target->Path = open.Name->Buffer;
+    target->Length = open.Name->Length;
+    return CountOpen(target->Device, true);
+}
+
+NTSTATUS TargetOfPath(PCUNICODE_STRING name, std::u16string* path, Target* target)
+{
+    if (name->Length == 0) return STATUS_OBJECT_PATH_SYNTAX_BAD;
+    void* object;
+    NTSTATUS status = ob::LookupPath(name, &object, path);
+    if (!NT_SUCCESS(status)) return status;
+    if (path->size() > MAXUSHORT / sizeof(WCHAR)) { // links can make a name longer than it came
+        ObDereferenceObject(object);
+        return STATUS_NAME_TOO_LONG;
+    }
+    target->Device = static_cast<PDEVICE_OBJECT>(object);
+    target->Path = reinterpret_cast<const WCHAR*>(path->data());
+    target->Length = static_cast<USHORT>(path->size() * sizeof(WCHAR));
+    status = ob::TypeOf(object) == &DeviceType ? CountOpen(target->Device, false) : STATUS_OBJECT_TYPE_MISMATCH;
+    ObDereferenceObject(object); // the open count keeps the device
+    return status;
+}
+
+// The file object takes over the target's open count, whether it comes to be or not.
+PFILE_OBJECT NewFileFor(const OpenParameters& open, const Target& target)
+{
+    PFILE_OBJECT const file = NewFileObject(target.Device, open.Options);
+    if (!file) {
+        UncountOpen(target.Device);
+        return nullptr;
+    }
+    if (!(open.Attributes & OBJ_CASE_INSENSITIVE)) file->Flags |= FO_OPENED_CASE_SENSITIVE;
+    if (SetFileName(file, target.Path, target.Length)) return file;
+    ObDereferenceObject(file);
+    return nullptr;
+}
+
+UCHAR LocationFlagsOf(const OpenParameters& open)
+{
+    UCHAR flags = open.LocationFlags;
+    if (!(open.Attributes & OBJ_CASE_INSENSITIVE)) flags |= SL_CASE_SENSITIVE;
+    if (open.Attributes & OBJ_FORCE_ACCESS_CHECK) flags |= SL_FORCE_ACCESS_CHECK;
+    return flags;
+}
+
+void FillCreate(PIRP irp, const OpenParameters& open, PIO_SECURITY_CONTEXT security)
+{
+    irp->RequestorMode = open.Mode;
+    irp->Overlay.AllocationSize = open.AllocationSize;
+    PIO_STACK_LOCATION const location = IoGetNextIrpStackLocation(irp);
+    location->Flags = LocationFlagsOf(open);
+    auto& create = location->Parameters.Create;
+    create.SecurityContext = security;
+    create.Options = open.Disposition << 24 | open.Options;
+    create.FileAttributes = static_cast<USHORT>(open.FileAttributes);
+    create.ShareAccess = static_cast<USHORT>(open.ShareAccess);
+}
+
+NTSTATUS SendCreate(const OpenParameters& open, PFILE_OBJECT file, ACCESS_STATE* access, IO_STATUS_BLOCK* result)
+{
+    PDEVICE_OBJECT const device = IoGetRelatedDeviceObject(file);
+    IrpRecord* const record =
+        NewFileIrp(file, device, IRP_MJ_CREATE, IRP_CREATE_OPERATION | IRP_SYNCHRONOUS_API | IRP_DEFER_IO_COMPLETION);
+    if (!record) return STATUS_INSUFFICIENT_RESOURCES;
+    IO_SECURITY_CONTEXT security = {nullptr, access, access->OriginalDesiredAccess, open.Options};
+    FillCreate(&record->Irp, open, &security);
+    file->RelatedFileObject = open.Related;
+    const NTSTATUS status = SendRequest(device, record, result);
+    file->RelatedFileObject = nullptr; // it is the caller's, and means something during the create only
+    return status;
+}
+
+NTSTATUS Create(const OpenParameters& open, const Target& target, OpenedFile* opened)
+{
+    PFILE_OBJECT const file = NewFileFor(open, target);
+    if (!file) return STATUS_INSUFFICIENT_RESOURCES;
+    ACCESS_STATE access = NewAccessState(open.DesiredAccess);
+    if (target.Length == 0 && !open.Related) GrantDevice(&access);
+    const NTSTATUS status = SendCreate(open, file, &access, &opened->Result);
+    if (!NT_SUCCESS(status)) {
+        ObDereferenceObject(file);
+        return status;
+    }
+    if (status != STATUS_REPARSE) file->Flags |= FO_FILE_OPEN;
+    opened->File = file;
+    opened->Granted = GrantedBy(access);
+    return status;
+}
+
+// One pass from a name to a file system's answer.
+NTSTATUS OpenOnce(const OpenParameters& open, OpenedFile* opened)
+{
+    Target target;
+    std::u16string path;
+    const NTSTATUS status = open.Related ? TargetOfRelated(open, &target) : TargetOfPath(open.Name, &path, &target);
+    return NT_SUCCESS(status) ? Create(open, target, opened) : status;
+}
+
+} // namespace
+
+NTSTATUS OpenFile(const OpenParameters& open, OpenedFile* opened)
+{
+    NTSTATUS status = OpenOnce(open, opened);
+    for (unsigned reparses = 0; status == STATUS_REPARSE; ++reparses) {
+        PFILE_OBJECT const redirected = opened->File;
+        if (opened->Result.Information != IO_REPARSE)
+            status = STATUS_IO_REPARSE_TAG_NOT_HANDLED;
+        else if (reparses == MaximumReparses)
+            status = STATUS_OBJECT_NAME_INVALID;
+        else {
+            // The new name stands in the file object that did not come to be, and is a full path.
+            OpenParameters again = open;
+            again.Name = &redirected->FileName;
+            again.Related = nullptr;
+            status = OpenOnce(again, opened);
+        }
+        ObDereferenceObject(redirected);
+    }
+    return status;
+}
+
+} // namespace nthost::io

@@ -1,0 +1,35 @@
+// Opening a file: what a service or the I/O manager itself asks for, and what comes of it.
+#pragma once
+
+#include <ntifs.h>
+
+namespace nthost::io {
+
+struct OpenParameters {
+    KPROCESSOR_MODE Mode;
+    PCUNICODE_STRING Name;
+    PFILE_OBJECT Related; // the name is relative to it; null for a full path
+    ULONG Attributes;     // OBJ_...
+    ACCESS_MASK DesiredAccess;
+    LARGE_INTEGER AllocationSize;
+    ULONG FileAttributes;
+    ULONG ShareAccess;
+    ULONG Disposition;
+    ULONG Options;
+    UCHAR LocationFlags; // SL_..., beyond those that follow from Attributes
+};
+
+struct OpenedFile {
+    PFILE_OBJECT File; // referenced for the caller, on success only
+    ACCESS_MASK Granted;
+    IO_STATUS_BLOCK Result;
+};
+
+// STATUS_INVALID_PARAMETER for combinations that no file system gets to see.
+[[nodiscard]] NTSTATUS CheckOpenParameters(const OpenParameters& open);
+
+// Follows the name to a device and sends the create, from the top again as often as a file system answers with
+// STATUS_REPARSE, at most 32 times (then STATUS_OBJECT_NAME_INVALID). Result is the driver's also on failure.
+[[nodiscard]] NTSTATUS OpenFile(const OpenParameters& open, OpenedFile* opened);
+
+} // namespace nthost::io

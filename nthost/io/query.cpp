@@ -1,0 +1,21 @@
+// Small questions about requests and threads that drivers ask.
+#include "io/irp.h"
+#include "ke/thread.h"
+
+using namespace nthost;
+using namespace nthost::io;
+
+BOOLEAN NTAPI IoIsOperationSynchronous(PIRP Irp)
+{
+    PFILE_OBJECT const file = Irp->Tail.Overlay.OriginalFileObject;
+    constexpr ULONG SynchronousPaging = IRP_PAGING_IO | IRP_SYNCHRONOUS_PAGING_IO;
+    if (file && (file->Flags & FO_SYNCHRONOUS_IO)) return TRUE;
+    // The paging bit alone says nothing: its companion has another meaning on other requests.
+    return (Irp->Flags & IRP_SYNCHRONOUS_API) || (Irp->Flags & SynchronousPaging) == SynchronousPaging;
+}
+
+PEPROCESS NTAPI IoGetRequestorProcess(PIRP Irp) { return RecordOf(Irp)->Requestor; }
+
+VOID NTAPI IoSetTopLevelIrp(PIRP Irp) { ke::CurrentThread()->TopLevelIrp = Irp; }
+
+PIRP NTAPI IoGetTopLevelIrp(VOID) { return ke::CurrentThread()->TopLevelIrp; }

@@ -1,0 +1,18 @@
+// Start and end of threads, processes, work queues and checks. The object manager comes up before and goes down after.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace nthost::ke {
+
+// Makes the system process and the first user process, attaches the calling thread to the latter, starts the workers.
+void Boot(unsigned systemWorkers);
+// Runs out the work queues and ends the workers; after it no work item may be queued. The calling thread stays
+// attached.
+void StopWorkers();
+// Reports system threads that still run, resources not deleted and live pool blocks, closes the first user process and
+// the system process with their handles, and detaches the calling thread.
+void Shutdown(std::vector<std::string>& leaks);
+
+} // namespace nthost::ke

@@ -1,0 +1,49 @@
+// Parking on a futex, and the contended half of the word lock. Nothing else in nthost blocks a thread, apart from host
+// threads that join others.
+#include "ke/park.h"
+
+#include <cerrno>
+#include <ctime>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "ke/word_lock.h"
+
+namespace nthost::ke {
+
+namespace {
+
+constexpr unsigned kSpins = 100; // about what a short section takes; parking costs two system calls
+
+timespec ToTimespec(int64_t nanoseconds)
+{
+    return {static_cast<time_t>(nanoseconds / 1000000000), static_cast<long>(nanoseconds % 1000000000)};
+}
+
+} // namespace
+
+bool ParkOnAddress(std::atomic<uint32_t>* word, uint32_t expected, int64_t deadline)
+{
+    const timespec until = ToTimespec(deadline);
+    const long result = syscall(SYS_futex, word, FUTEX_WAIT_BITSET_PRIVATE, expected,
+                                deadline == NoDeadline ? nullptr : &until, nullptr, FUTEX_BITSET_MATCH_ANY);
+    return !(result == -1 && errno == ETIMEDOUT);
+}
+
+void UnparkAddress(std::atomic<uint32_t>* word, unsigned count) { syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, count); }
+
+void LockWordContended(std::atomic<uint32_t>& word)
+{
+    for (unsigned spin = 0; spin < kSpins; ++spin) {
+        uint32_t expected = 0;
+        if (word.load(std::memory_order_relaxed) == 0 &&
+            word.compare_exchange_weak(expected, 1, std::memory_order_acquire))
+            return;
+        __builtin_ia32_pause();
+    }
+    // Whoever has waited takes the lock as contended: it cannot know whether others still wait.
+    while (word.exchange(2, std::memory_order_acquire) != 0) ParkOnAddress(&word, 2);
+}
+
+} // namespace nthost::ke

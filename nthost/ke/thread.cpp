@@ -1,0 +1,84 @@
+// The current thread's record, its IRQL and critical regions, and the clocks. Everything here belongs to the current
+// thread; no locks. Threads are made and ended by ps.
+#include "ke/thread.h"
+
+#include <ctime>
+
+#include <nthost/check.h>
+
+#include "check/fatal.h"
+#include "check/text.h"
+#include "ke/current.h"
+#include "ke/wait.h"
+
+namespace nthost::ke {
+
+namespace {
+
+thread_local _ETHREAD* current;
+
+constexpr int64_t kUnixEpoch = 116444736000000000; // 1970-01-01 in 100 ns since 1601
+
+int64_t Nanoseconds(clockid_t clock)
+{
+    timespec now;
+    clock_gettime(clock, &now);
+    return now.tv_sec * INT64_C(1000000000) + now.tv_nsec;
+}
+
+} // namespace
+
+_ETHREAD* CurrentThread()
+{
+    if (!current) Fatal("an NT routine was called on a thread that is not attached to a process");
+    return current;
+}
+
+_ETHREAD* CurrentThreadOrNull() { return current; }
+
+void SetCurrentThread(_ETHREAD* thread) { current = thread; }
+
+int64_t MonotonicNow() { return Nanoseconds(CLOCK_MONOTONIC); }
+
+int64_t SystemTimeNow() { return Nanoseconds(CLOCK_REALTIME) / 100 + kUnixEpoch; }
+
+} // namespace nthost::ke
+
+using namespace nthost;
+
+PKTHREAD NTAPI KeGetCurrentThread(VOID) { return ke::CurrentThread(); }
+
+KIRQL NTAPI KeGetCurrentIrql(VOID) { return ke::CurrentThread()->Irql; }
+
+KIRQL NTAPI KfRaiseIrql(KIRQL NewIrql)
+{
+    _ETHREAD* const thread = ke::CurrentThread();
+    const KIRQL before = thread->Irql;
+    if (NTHOST_CHECKS && NewIrql < before)
+        ReportFinding("irql-not-raised", Format("raise from %u to %u", before, NewIrql));
+    thread->Irql = NewIrql;
+    return before;
+}
+
+VOID NTAPI KeLowerIrql(KIRQL NewIrql)
+{
+    _ETHREAD* const thread = ke::CurrentThread();
+    if (NTHOST_CHECKS && NewIrql > thread->Irql)
+        ReportFinding("irql-not-lowered", Format("lowering from %u to %u", thread->Irql, NewIrql));
+    thread->Irql = NewIrql;
+}
+
+VOID NTAPI KeEnterCriticalRegion(VOID) { ++ke::CurrentThread()->ApcDisable; }
+
+VOID NTAPI KeLeaveCriticalRegion(VOID)
+{
+    _ETHREAD* const thread = ke::CurrentThread();
+    if (thread->ApcDisable)
+        --thread->ApcDisable;
+    else if (NTHOST_CHECKS)
+        ReportFinding("critical-region-underflow", "a critical region is left that was not entered");
+}
+
+BOOLEAN NTAPI KeAreApcsDisabled(VOID) { return ke::CurrentThread()->ApcDisable != 0; }
+
+VOID NTAPI KeQuerySystemTime(PLARGE_INTEGER CurrentTime) { CurrentTime->QuadPart = ke::SystemTimeNow(); }

@@ -1,0 +1,161 @@
+// Exceptions: the guard chain, raises, and the fault handler that turns a bad address into one. A thread's chain is its
+// own; nothing here locks. The handler runs on the faulting thread's stack, because a raise leaves it with longjmp.
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <ucontext.h>
+
+#include "check/fatal.h"
+#include "ke/thread.h"
+#include "mm/memory.h"
+#include <nthost/debug.h>
+
+namespace nthost::mm {
+
+namespace {
+
+constexpr size_t MaximumHooks = 8;
+std::atomic<FaultHook> g_hooks[MaximumHooks];
+
+struct sigaction g_previousSegv, g_previousBus;
+
+// The innermost guard comes off the chain before the jump, so that a raise in its handler goes to the next one.
+[[noreturn]] void JumpToGuard(_ETHREAD* thread, NTSTATUS code)
+{
+    NT_GUARD* const guard = thread->Guard;
+    thread->Guard = guard->Outer;
+    thread->DriverDepth = guard->DriverDepth;
+    thread->PreviousMode = guard->PreviousMode;
+    thread->CurrentIrp = static_cast<PIRP>(guard->CurrentIrp);
+    guard->Code = code;
+    longjmp(guard->Context, 1);
+}
+
+bool ResolvedByHook(void* address, bool write)
+{
+    for (const std::atomic<FaultHook>& slot : g_hooks) {
+        const FaultHook hook = slot.load(std::memory_order_acquire);
+        if (!hook) return false;
+        if (hook(address, write)) return true;
+    }
+    return false;
+}
+
+bool IsWrite(const ucontext_t* context)
+{
+#if defined(__x86_64__)
+    return context->uc_mcontext.gregs[REG_ERR] & 2;
+#else
+    (void)context;
+    return false;
+#endif
+}
+
+void* ProgramCounter(const ucontext_t* context)
+{
+#if defined(__x86_64__)
+    return reinterpret_cast<void*>(context->uc_mcontext.gregs[REG_RIP]);
+#else
+    (void)context;
+    return nullptr;
+#endif
+}
+
+// Not ours: what was installed before gets it, by being called or by letting the instruction fault again.
+void PassOn(int signal, siginfo_t* info, void* context)
+{
+    const struct sigaction& previous = signal == SIGBUS ? g_previousBus : g_previousSegv;
+    if (previous.sa_flags & SA_SIGINFO) return previous.sa_sigaction(signal, info, context);
+    if (previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN) return previous.sa_handler(signal);
+    struct sigaction standard {};
+    standard.sa_handler = SIG_DFL;
+    sigaction(signal, &standard, nullptr);
+    // A signal that somebody sent does not come again by itself.
+    if (info->si_code <= 0) raise(signal);
+}
+
+void OnFault(int signal, siginfo_t* info, void* frame)
+{
+    const int error = errno;
+    const auto* context = static_cast<const ucontext_t*>(frame);
+    const bool write = IsWrite(context);
+    _ETHREAD* const thread = ke::CurrentThreadOrNull();
+    if (!thread || info->si_code <= 0) return PassOn(signal, info, frame);
+
+    // A hook may take long and fault itself, and a jump to a guard never comes back: whatever mask the handler was
+    // entered with (sanitizers block everything) ends here.
+    pthread_sigmask(SIG_SETMASK, &context->uc_sigmask, nullptr);
+    if (ResolvedByHook(info->si_addr, write)) {
+        errno = error;
+        return;
+    }
+    if (thread->Guard) JumpToGuard(thread, signal == SIGBUS ? STATUS_IN_PAGE_ERROR : STATUS_ACCESS_VIOLATION);
+    Fatal("fault outside of any guard: %s of address %p at %p", write ? "write" : "read", info->si_addr,
+          ProgramCounter(context));
+}
+
+void Install(int signal, struct sigaction* previous)
+{
+    struct sigaction action {};
+    action.sa_sigaction = OnFault;
+    action.sa_flags = SA_SIGINFO | SA_NODEFER;
+    sigemptyset(&action.sa_mask);
+    sigaction(signal, &action, previous);
+}
+
+} // namespace
+
+void AddFaultHook(FaultHook hook)
+{
+    for (std::atomic<FaultHook>& slot : g_hooks) {
+        FaultHook free = nullptr;
+        if (slot.compare_exchange_strong(free, hook) || free == hook) return;
+    }
+    Fatal("no room for another fault hook");
+}
+
+void Boot()
+{
+    Install(SIGSEGV, &g_previousSegv);
+    Install(SIGBUS, &g_previousBus);
+}
+
+void Shutdown()
+{
+    sigaction(SIGSEGV, &g_previousSegv, nullptr);
+    sigaction(SIGBUS, &g_previousBus, nullptr);
+}
+
+} // namespace nthost::mm
+
+using nthost::ke::CurrentThread;
+
+void NtGuardPush(PNT_GUARD guard)
+{
+    _ETHREAD* const thread = CurrentThread();
+    guard->Outer = thread->Guard;
+    guard->Code = STATUS_SUCCESS;
+    guard->DriverDepth = thread->DriverDepth;
+    guard->PreviousMode = thread->PreviousMode;
+    guard->CurrentIrp = thread->CurrentIrp;
+    thread->Guard = guard;
+}
+
+void NtGuardLeave(PNT_GUARD guard)
+{
+    _ETHREAD* const thread = CurrentThread();
+    if (thread->Guard != guard) nthost::Fatal("guard %p left, but %p is the innermost", guard, thread->Guard);
+    thread->Guard = guard->Outer;
+}
+
+VOID NTAPI ExRaiseStatus(NTSTATUS Status)
+{
+    _ETHREAD* const thread = CurrentThread();
+    if (!thread->Guard) nthost::Fatal("%s raised outside of any guard", nthost::StatusName(Status).c_str());
+    nthost::mm::JumpToGuard(thread, Status);
+}
+
+VOID NTAPI ExRaiseAccessViolation(VOID) { ExRaiseStatus(STATUS_ACCESS_VIOLATION); }
+
+VOID NTAPI ExRaiseDatatypeMisalignment(VOID) { ExRaiseStatus(STATUS_DATATYPE_MISALIGNMENT); }

@@ -1,0 +1,151 @@
+// Threads: the object type, attaching a Linux thread and letting it go, the list of running threads. The list's lock
+// also guards what other threads post to a thread (ke/held.h).
+#include <nthost/process.h>
+
+#include <new>
+
+#include "check/callout.h"
+#include "check/fatal.h"
+#include "check/stack.h"
+#include "check/text.h"
+#include "ke/current.h"
+#include "ke/wait.h"
+#include "ob/object.h"
+#include "ps/ids.h"
+#include "ps/threads.h"
+
+namespace {
+
+void DeleteThread(void* body)
+{
+    PETHREAD const thread = static_cast<PETHREAD>(body);
+    PEPROCESS const process = thread->Process;
+    thread->~_ETHREAD();
+    ObDereferenceObject(process);
+}
+
+constexpr ACCESS_MASK kThreadAllAccess = 0x1fffff;
+
+_OBJECT_TYPE threadType = {"Thread",
+                           {STANDARD_RIGHTS_READ | 0x0048, STANDARD_RIGHTS_WRITE | 0x0437,
+                            STANDARD_RIGHTS_EXECUTE | SYNCHRONIZE | 0x0800, kThreadAllAccess},
+                           kThreadAllAccess,
+                           true,
+                           offsetof(_ETHREAD, Header),
+                           nullptr,
+                           DeleteThread,
+                           {}};
+POBJECT_TYPE threadTypePointer = &threadType;
+
+std::atomic<nthost::ps::ThreadExitHook> exitHook;
+LIST_ENTRY running = {&running, &running};
+
+} // namespace
+
+POBJECT_TYPE* PsThreadType = &threadTypePointer;
+
+namespace nthost::ps {
+
+ke::WordLock runningLock;
+
+bool IsRunning(const _ETHREAD* thread)
+{
+    for (const LIST_ENTRY* entry = running.Flink; entry != &running; entry = entry->Flink)
+        if (entry == &thread->LiveLink) return true;
+    return false;
+}
+
+_ETHREAD* NewThread(PEPROCESS process, KPROCESSOR_MODE mode)
+{
+    void* const body = ob::CreateObject(&threadType, sizeof(_ETHREAD));
+    if (!body) return nullptr;
+    _ETHREAD* const thread = new (body) _ETHREAD{};
+    ke::InitializeHeader(&thread->Header, ke::kThreadObject, 0);
+    thread->Id = NextId();
+    ObReferenceObject(process);
+    thread->Process = thread->ActsFor = process;
+    thread->PreviousMode = mode;
+    thread->Held.reserve(8);
+    InitializeListHead(&thread->IrpList);
+    return thread;
+}
+
+void EnterThread(_ETHREAD* thread)
+{
+    if (ke::CurrentThreadOrNull()) Fatal("this thread is already attached to a process");
+    ke::SetCurrentThread(thread);
+    runningLock.lock();
+    InsertTailList(&running, &thread->LiveLink);
+    runningLock.unlock();
+}
+
+void PrepareToLeave()
+{
+    if (NTHOST_CHECKS) CompareThreadState({}, "the thread's end");
+    if (const ThreadExitHook hook = exitHook.load()) hook(ke::CurrentThread());
+}
+
+void LeaveThread(NTSTATUS exitStatus)
+{
+    _ETHREAD* const thread = ke::CurrentThread();
+    thread->ExitStatus = exitStatus;
+    runningLock.lock();
+    RemoveEntryList(&thread->LiveLink);
+    runningLock.unlock();
+    ke::SignalHeader(&thread->Header);
+    ke::SetCurrentThread(nullptr);
+    ObDereferenceObject(thread);
+}
+
+void SetThreadExitHook(ThreadExitHook hook) { exitHook = hook; }
+
+void ReportSystemThreads(std::vector<std::string>& lines)
+{
+    runningLock.lock();
+    for (const LIST_ENTRY* entry = running.Flink; entry != &running; entry = entry->Flink) {
+        const _ETHREAD* const thread = CONTAINING_RECORD(entry, _ETHREAD, LiveLink);
+        if (thread->IsSystemThread)
+            lines.push_back(Format("system thread %zu still runs, started at ", reinterpret_cast<size_t>(thread->Id)) +
+                            FrameText(reinterpret_cast<char*>(thread->StartRoutine) + 1));
+    }
+    runningLock.unlock();
+}
+
+} // namespace nthost::ps
+
+namespace nthost {
+
+ThreadAttachment::ThreadAttachment(PEPROCESS process, KPROCESSOR_MODE previousMode)
+{
+    _ETHREAD* const thread = ps::NewThread(process, previousMode);
+    if (!thread) Fatal("no memory for a thread");
+    ps::EnterThread(thread);
+}
+
+ThreadAttachment::~ThreadAttachment()
+{
+    ps::PrepareToLeave();
+    ps::LeaveThread(STATUS_SUCCESS);
+}
+
+std::thread StartThread(PEPROCESS process, std::function<void()> body, KPROCESSOR_MODE previousMode)
+{
+    ObReferenceObject(process); // until the new thread has its own
+    return std::thread([process, previousMode, body = std::move(body)] {
+        const ThreadAttachment attachment(process, previousMode);
+        ObDereferenceObject(process);
+        body();
+    });
+}
+
+} // namespace nthost
+
+using namespace nthost;
+
+HANDLE NTAPI PsGetCurrentThreadId(VOID) { return ke::CurrentThread()->Id; }
+
+PETHREAD NTAPI PsGetCurrentThread(VOID) { return ke::CurrentThread(); }
+
+BOOLEAN NTAPI PsIsSystemThread(PETHREAD Thread) { return Thread->IsSystemThread; }
+
+KPROCESSOR_MODE NTAPI ExGetPreviousMode(VOID) { return ke::CurrentThread()->PreviousMode; }

@@ -1,0 +1,135 @@
+// Event objects and the services on them. An event's state is the wait core's; here are its handles and names. A named
+// event keeps its name as long as a handle is open.
+#include "ob/handle.h"
+#include "zw/capture.h"
+
+namespace nthost::zw {
+
+namespace {
+
+void CloseEvent(PEPROCESS, void* body, ACCESS_MASK, ULONG, ULONG remaining)
+{
+    if (remaining == 0) ob::RemoveName(body);
+}
+
+OBJECT_TYPE g_eventType{.Name = "Event",
+                        .Mapping = {STANDARD_RIGHTS_READ | EVENT_QUERY_STATE,
+                                    STANDARD_RIGHTS_WRITE | EVENT_MODIFY_STATE, STANDARD_RIGHTS_EXECUTE | SYNCHRONIZE,
+                                    EVENT_ALL_ACCESS},
+                        .ValidAccess = EVENT_ALL_ACCESS,
+                        .UsesDispatcherHeader = true,
+                        .WaitOffset = 0,
+                        .Close = CloseEvent,
+                        .Delete = nullptr,
+                        .Live = {}};
+POBJECT_TYPE g_eventTypePointer = &g_eventType;
+
+// Names the event, or finds the one that has the name already: STATUS_OBJECT_NAME_EXISTS then, with *body replaced.
+NTSTATUS InsertOrFind(const CapturedAttributes& attributes, void** body)
+{
+    const NTSTATUS status = ob::InsertName(attributes.Name.Get(), *body);
+    if (status != STATUS_OBJECT_NAME_COLLISION || !(attributes.Attributes & OBJ_OPENIF)) return status;
+
+    void* existing;
+    std::u16string remaining;
+    if (const NTSTATUS found = ob::LookupPath(attributes.Name.Get(), &existing, &remaining); !NT_SUCCESS(found))
+        return found;
+    if (ob::TypeOf(existing) != &g_eventType || !remaining.empty()) {
+        ObDereferenceObject(existing);
+        return STATUS_OBJECT_TYPE_MISMATCH;
+    }
+    ObDereferenceObject(*body);
+    *body = existing;
+    return STATUS_OBJECT_NAME_EXISTS;
+}
+
+NTSTATUS NameAndReturn(void* body, const CapturedAttributes& attributes, ACCESS_MASK granted, KPROCESSOR_MODE mode,
+                       PHANDLE handle)
+{
+    const bool named = !attributes.Name.Empty();
+    const NTSTATUS naming = named ? InsertOrFind(attributes, &body) : STATUS_SUCCESS;
+    NTSTATUS status = naming;
+    if (NT_SUCCESS(naming)) status = ReturnHandle(body, granted, attributes.Attributes, mode, handle);
+    if (named && !NT_SUCCESS(status) && naming == STATUS_SUCCESS) ob::RemoveName(body);
+    ObDereferenceObject(body);
+    return NT_SUCCESS(status) ? naming : status;
+}
+
+NTSTATUS CreateEvent(KPROCESSOR_MODE mode, PHANDLE handle, ACCESS_MASK desired, POBJECT_ATTRIBUTES objectAttributes,
+                     EVENT_TYPE type, BOOLEAN initialState)
+{
+    if (const NTSTATUS status = ProbeUser(handle, mode); !NT_SUCCESS(status)) return status;
+    if (type != NotificationEvent && type != SynchronizationEvent) return STATUS_INVALID_PARAMETER;
+    CapturedAttributes attributes;
+    if (const NTSTATUS status = CaptureObjectAttributes(objectAttributes, mode, &attributes); !NT_SUCCESS(status))
+        return status;
+    // Handles on directories are not given out, so no name can be relative to one.
+    if (attributes.RootDirectory) return STATUS_OBJECT_TYPE_MISMATCH;
+    const ACCESS_MASK granted = ob::MapAccess(desired, &g_eventType, EVENT_ALL_ACCESS);
+    if (granted & ~g_eventType.ValidAccess) return STATUS_ACCESS_DENIED;
+
+    void* const body = ob::CreateObject(&g_eventType, sizeof(KEVENT));
+    if (!body) return STATUS_INSUFFICIENT_RESOURCES;
+    KeInitializeEvent(static_cast<PKEVENT>(body), type, initialState);
+    return NameAndReturn(body, attributes, granted, mode, handle);
+}
+
+using Change = LONG (*)(PKEVENT event);
+
+NTSTATUS ChangeEvent(KPROCESSOR_MODE mode, HANDLE handle, PLONG previousState, Change change)
+{
+    if (previousState)
+        if (const NTSTATUS status = ProbeUser(previousState, mode); !NT_SUCCESS(status)) return status;
+    void* body;
+    const NTSTATUS status = ObReferenceObjectByHandle(handle, EVENT_MODIFY_STATE, &g_eventType, mode, &body, nullptr);
+    if (!NT_SUCCESS(status)) return status;
+    const LONG before = change(static_cast<PKEVENT>(body));
+    ObDereferenceObject(body);
+    // The event has changed by now, so a pointer that went bad meanwhile is the caller's loss.
+    if (previousState) (void)WriteUser(previousState, before, mode);
+    return STATUS_SUCCESS;
+}
+
+LONG Set(PKEVENT event) { return KeSetEvent(event, IO_NO_INCREMENT, FALSE); }
+
+LONG Reset(PKEVENT event) { return KeResetEvent(event); }
+
+} // namespace
+
+} // namespace nthost::zw
+
+using namespace nthost::zw;
+
+POBJECT_TYPE* ExEventObjectType = &g_eventTypePointer;
+
+NTSTATUS NTAPI NtCreateEvent(PHANDLE EventHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
+                             EVENT_TYPE EventType, BOOLEAN InitialState)
+{
+    return CreateEvent(ExGetPreviousMode(), EventHandle, DesiredAccess, ObjectAttributes, EventType, InitialState);
+}
+
+NTSTATUS NTAPI ZwCreateEvent(PHANDLE EventHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
+                             EVENT_TYPE EventType, BOOLEAN InitialState)
+{
+    return CreateEvent(KernelMode, EventHandle, DesiredAccess, ObjectAttributes, EventType, InitialState);
+}
+
+NTSTATUS NTAPI NtSetEvent(HANDLE EventHandle, PLONG PreviousState)
+{
+    return ChangeEvent(ExGetPreviousMode(), EventHandle, PreviousState, Set);
+}
+
+NTSTATUS NTAPI ZwSetEvent(HANDLE EventHandle, PLONG PreviousState)
+{
+    return ChangeEvent(KernelMode, EventHandle, PreviousState, Set);
+}
+
+NTSTATUS NTAPI NtResetEvent(HANDLE EventHandle, PLONG PreviousState)
+{
+    return ChangeEvent(ExGetPreviousMode(), EventHandle, PreviousState, Reset);
+}
+
+NTSTATUS NTAPI ZwResetEvent(HANDLE EventHandle, PLONG PreviousState)
+{
+    return ChangeEvent(KernelMode, EventHandle, PreviousState, Reset);
+}
