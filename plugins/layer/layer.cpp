@@ -1,0 +1,270 @@
+// The layer's thunks are one template over the slot; only the description of the arguments differs by type.
+
+#include "layer/layer.h"
+
+#include <cinttypes>
+#include <cstdio>
+
+#include <nthost/debug.h>
+
+namespace layer {
+namespace {
+
+std::string Describe(PCUNICODE_STRING text) { return nthost::ToUtf8(text); }
+std::string Describe(const char* text) { return text; }
+std::string Describe(ULONG value) { return std::to_string(value); }
+std::string Describe(PluginFd fd)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "#%" PRIx64, static_cast<uint64_t>(fd));
+    return text;
+}
+std::string Describe(LONGLONG value) { return std::to_string(value); }
+std::string Describe(const ULONG* value) { return std::to_string(*value); }
+std::string Describe(const LONGLONG* value) { return std::to_string(*value); }
+// Buffers and out parameters say nothing about the call.
+std::string Describe(const void*) { return {}; }
+template <typename T>
+std::string Describe(T** /*out*/)
+{
+    return {};
+}
+
+template <auto Slot> struct Named;
+
+template <typename... Arguments>
+std::string DescribeAll(Arguments... arguments)
+{
+    std::string all;
+    auto add = [&all](const std::string& one) {
+        if (!one.empty()) all += (all.empty() ? "" : " ") + one;
+    };
+    (add(Describe(arguments)), ...);
+    return all;
+}
+
+// A fault that no compiler can see coming.
+void TouchBadAddress()
+{
+    volatile uintptr_t address = 16;
+    *reinterpret_cast<volatile char*>(address) = 1;
+}
+
+template <auto Slot, typename Function> struct Thunk;
+
+template <auto Slot, typename... Arguments>
+struct Thunk<Slot, NTSTATUS(NTAPI*)(void*, PKEVENT, Arguments...)> {
+    static NTSTATUS NTAPI Call(void* context, PKEVENT cancel, Arguments... arguments)
+    {
+        auto* const layer = static_cast<PluginLayer*>(context);
+        const size_t note =
+            layer->Noting() ? layer->Begin(Named<Slot>::Name, DescribeAll(arguments...)) : layer->CountOne();
+        // From here on no object of this frame needs a destructor: an exception may jump over it.
+        NTSTATUS status;
+        if (!layer->Intercept(Named<Slot>::Name, cancel, &status)) {
+            status = (layer->Inner()->*Slot)(layer->Inner()->PluginContext, cancel, arguments...);
+        }
+        layer->End(note, status);
+        return status;
+    }
+};
+
+template <auto Slot>
+void Fill(PluginOps& table, const PluginOps& inner)
+{
+    using Function = std::remove_cvref_t<decltype(inner.*Slot)>;
+    if (inner.*Slot) table.*Slot = Thunk<Slot, Function>::Call;
+}
+
+#define FOR_EACH_OPERATION(X)                                                                                        \
+    X(GetNormalizedPath) X(AccessCheck) X(Lookup) X(Open) X(OpenDir) X(Create) X(CreateDir) X(Read) X(Write)         \
+    X(ReadDirEntry) X(GetInfo) X(SetFileSize) X(SetAttr) X(SetTime) X(GetVolInfo) X(SetVolLabel) X(Close) X(Rename)  \
+    X(Delete) X(FlushVol) X(FlushFile) X(ListEa) X(GetEa) X(SetEa) X(DeleteEa) X(ReadLink)
+
+#define NAME_OPERATION(name)                                                                                         \
+    template <> struct Named<&PluginOps::name> {                                                                     \
+        static constexpr const char* Name = #name;                                                                   \
+    };
+FOR_EACH_OPERATION(NAME_OPERATION)
+
+} // namespace
+
+PluginLayer::PluginLayer(const PluginOps* inner) : inner_(inner)
+{
+    table_.Version = inner->Version;
+    table_.PluginContext = this;
+    table_.OnMounted = OnMounted;
+    table_.OnUnmounted = OnUnmounted;
+#define FILL_OPERATION(name) Fill<&PluginOps::name>(table_, *inner);
+    FOR_EACH_OPERATION(FILL_OPERATION)
+}
+
+void NTAPI PluginLayer::OnMounted(void* context)
+{
+    auto* const layer = static_cast<PluginLayer*>(context);
+    if (layer->inner_->OnMounted) layer->inner_->OnMounted(layer->inner_->PluginContext);
+    const std::lock_guard lock(layer->mutex_);
+    ++layer->mounted_;
+}
+
+void NTAPI PluginLayer::OnUnmounted(void* context)
+{
+    auto* const layer = static_cast<PluginLayer*>(context);
+    if (layer->inner_->OnUnmounted) layer->inner_->OnUnmounted(layer->inner_->PluginContext);
+    const std::lock_guard lock(layer->mutex_);
+    ++layer->unmounted_;
+    layer->unmountedChanged_.notify_all();
+}
+
+unsigned PluginLayer::Mounted() const
+{
+    const std::lock_guard lock(mutex_);
+    return mounted_;
+}
+
+unsigned PluginLayer::Unmounted() const
+{
+    const std::lock_guard lock(mutex_);
+    return unmounted_;
+}
+
+void PluginLayer::WaitUntilUnmounted()
+{
+    std::unique_lock lock(mutex_);
+    unmountedChanged_.wait(lock, [this] { return unmounted_ != 0; });
+}
+
+std::vector<PluginCall> PluginLayer::Calls() const
+{
+    const std::lock_guard lock(mutex_);
+    return calls_;
+}
+
+std::vector<std::string> PluginLayer::Texts() const
+{
+    std::vector<std::string> texts;
+    for (const PluginCall& call : Calls()) texts.push_back(call.Text());
+    return texts;
+}
+
+size_t PluginLayer::Count(const std::string& operation) const
+{
+    size_t count = 0;
+    for (const PluginCall& call : Calls()) count += call.Operation == operation;
+    return count;
+}
+
+void PluginLayer::Clear()
+{
+    const std::lock_guard lock(mutex_);
+    cleared_ += calls_.size();
+    calls_.clear();
+}
+
+void PluginLayer::Fail(const std::string& operation, NTSTATUS status, unsigned nth)
+{
+    const std::lock_guard lock(mutex_);
+    plans_.emplace(operation, Plan{nth, [status](PKEVENT, NTSTATUS* result) {
+                                       *result = status;
+                                       return true;
+                                   }});
+}
+
+void PluginLayer::Raise(const std::string& operation, NTSTATUS status, unsigned nth)
+{
+    const std::lock_guard lock(mutex_);
+    plans_.emplace(operation, Plan{nth, [status](PKEVENT, NTSTATUS*) -> bool { ExRaiseStatus(status); }});
+}
+
+void PluginLayer::Fault(const std::string& operation, unsigned nth)
+{
+    const std::lock_guard lock(mutex_);
+    plans_.emplace(operation, Plan{nth, [](PKEVENT, NTSTATUS*) {
+                                       TouchBadAddress();
+                                       return false;
+                                   }});
+}
+
+void PluginLayer::Before(const std::string& operation, std::function<void(PKEVENT)> action, unsigned nth)
+{
+    const std::lock_guard lock(mutex_);
+    plans_.emplace(operation, Plan{nth, [action = std::move(action)](PKEVENT cancel, NTSTATUS*) {
+                                       action(cancel);
+                                       return false;
+                                   }});
+}
+
+bool PluginLayer::Intercept(const char* operation, PKEVENT cancel, NTSTATUS* status)
+{
+    std::shared_ptr<Gate> gate;
+    // Outlives an exception that passes this frame: what it owns is held by the layer.
+    const std::function<bool(PKEVENT, NTSTATUS*)>* action = nullptr;
+    {
+        const std::lock_guard lock(mutex_);
+        if (const auto found = gates_.find(operation); found != gates_.end()) gate = found->second;
+        for (auto [plan, end] = plans_.equal_range(operation); plan != end; ++plan) {
+            if (plan->second.CountDown > 0 && --plan->second.CountDown == 0) action = &plan->second.Action;
+        }
+    }
+    if (gate) gate->Pass();
+    gate.reset();
+    return action && (*action)(cancel, status);
+}
+
+size_t PluginLayer::CountOne()
+{
+    ++total_;
+    return kNoNote;
+}
+
+size_t PluginLayer::Begin(const char* operation, std::string arguments)
+{
+    ++total_;
+    const std::lock_guard lock(mutex_);
+    calls_.push_back({operation, std::move(arguments), STATUS_PENDING});
+    return cleared_ + calls_.size() - 1;
+}
+
+void PluginLayer::End(size_t note, NTSTATUS status)
+{
+    if (note == kNoNote) return;
+    const std::lock_guard lock(mutex_);
+    if (note >= cleared_) calls_[note - cleared_].Status = status;
+}
+
+std::shared_ptr<PluginLayer::Gate> PluginLayer::CloseGate(const std::string& operation)
+{
+    auto gate = std::make_shared<Gate>();
+    const std::lock_guard lock(mutex_);
+    gates_[operation] = gate;
+    return gate;
+}
+
+void PluginLayer::RemoveGate(const std::string& operation)
+{
+    const std::lock_guard lock(mutex_);
+    gates_.erase(operation);
+}
+
+void PluginLayer::Gate::WaitForArrivals(unsigned count)
+{
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [&] { return arrivals_ >= count; });
+}
+
+void PluginLayer::Gate::Open()
+{
+    const std::lock_guard lock(mutex_);
+    open_ = true;
+    changed_.notify_all();
+}
+
+void PluginLayer::Gate::Pass()
+{
+    std::unique_lock lock(mutex_);
+    ++arrivals_;
+    changed_.notify_all();
+    changed_.wait(lock, [this] { return open_; });
+}
+
+} // namespace layer
