@@ -7,6 +7,7 @@ gvnd_sources(GVND_NTHOST_SOURCES nthost)
 gvnd_sources(GVND_DRIVER_SOURCES driver)
 gvnd_sources(GVND_MEMFS_SOURCES plugins/memfs)
 gvnd_sources(GVND_HOSTFS_SOURCES plugins/hostfs)
+gvnd_sources(GVND_LAYER_SOURCES plugins/layer)
 gvnd_sources(GVND_TOOL_SOURCES tools/gvnd)
 
 set(GVND_LIBRARIES "")
@@ -56,6 +57,23 @@ if(TARGET gvnd_nthost AND GVND_HOSTFS_SOURCES)
     target_link_libraries(gvnd_hostfs PUBLIC gvnd_nthost gvnd_plugin)
     list(APPEND GVND_LIBRARIES hostfs)
 endif()
+
+# Records and disturbs the calls of any plugin table.
+if(TARGET gvnd_nthost AND GVND_LAYER_SOURCES)
+    gvnd_library(layer SOURCES ${GVND_LAYER_SOURCES})
+    target_link_libraries(gvnd_layer PUBLIC gvnd_nthost gvnd_plugin)
+    list(APPEND GVND_LIBRARIES layer)
+endif()
+
+# Hosted users name a plugin's header by its directory: <memfs/memfs.h>.
+foreach(plugin IN ITEMS hostfs layer)
+    if(TARGET gvnd_${plugin})
+        target_include_directories(gvnd_${plugin} PUBLIC
+            $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/plugins>
+            $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/gvnd-plugins>)
+        install(FILES plugins/${plugin}/${plugin}.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/gvnd-plugins/${plugin})
+    endif()
+endforeach()
 
 list(TRANSFORM GVND_LIBRARIES PREPEND gvnd:: OUTPUT_VARIABLE GVND_LINK_ALL)
 

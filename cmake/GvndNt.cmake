@@ -2,14 +2,14 @@
 # gvmemfs.sys, each with its PDB. Images carry no time and no path, so two builds anywhere are byte-identical.
 
 # -fasynchronous-unwind-tables: -ffreestanding turns the tables off, and a function that has no entry in .pdata unwinds
-# as a leaf, so an exception would miss its guard. The kernel's stack is small, hence the limit per frame. Two
-# intrinsics would be defined twice by the header set, hence the defines.
+# as a leaf, so an exception would miss its guard. -fno-jump-tables: they would stand between the functions, where
+# nothing tells them from code. The kernel's stack is small, hence the limit per frame. Two intrinsics would be defined
+# twice by the header set, hence the defines.
 set(GVND_NT_FLAGS
     ${GVND_WARNING_FLAGS} ${GVND_KERNEL_FLAGS} -Wframe-larger-than=1024 -O2 -g -gcodeview
     -ffreestanding -fasynchronous-unwind-tables -fms-extensions -mno-red-zone -fno-stack-protector
-    -fno-threadsafe-statics -fno-strict-aliasing -fno-ident -fno-color-diagnostics
-    -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-compilation-dir=.
-    -Wno-pragma-pack
+    -fno-threadsafe-statics -fno-strict-aliasing -fno-jump-tables -fno-ident -fno-color-diagnostics
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-compilation-dir=. -Wno-pragma-pack
     -D__INTRINSIC_DEFINED_InterlockedBitTestAndSet -D__INTRINSIC_DEFINED_InterlockedBitTestAndReset)
 
 file(CREATE_LINK ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR}/source SYMBOLIC)
@@ -18,9 +18,12 @@ set(CMAKE_CXX_COMPILER_LAUNCHER ${PROJECT_SOURCE_DIR}/cmake/nt-compile.sh ${PROJ
 
 set(GVND_NT_SYSTEM_DIRS ${GVND_MINGW_DIR}/include ${GVND_MINGW_DIR}/include/ddk)
 
+# /lldmingw: the compiler ties the unwind data of an inline function to it by the section's name only, and the linker
+# reads that in this mode alone; without it those functions would lose their entries in .pdata. Data of the kernel must
+# be imported as such, since nothing at run time would mend it: hence /auto-import:no.
 # The PDB is named without a directory in the image, and paths inside of it start at a fixed root.
 set(CMAKE_CXX_LINK_EXECUTABLE
-    "<GVND_LINKER> /nologo /driver /subsystem:native /entry:DriverEntry /nodefaultlib /dynamicbase /highentropyva /nxcompat /Brepro /debug /pdbaltpath:%_PDB% /pdbsourcepath:C:\\gvnd <LINK_FLAGS> /out:<TARGET> <OBJECTS> <LINK_LIBRARIES>")
+    "<GVND_LINKER> /nologo /driver /subsystem:native /entry:DriverEntry /nodefaultlib /lldmingw /auto-import:no /runtime-pseudo-reloc:no /dynamicbase /highentropyva /nxcompat /Brepro /debug /pdbaltpath:%_PDB% /pdbsourcepath:C:\\\\gvnd <LINK_FLAGS> /out:<TARGET> <OBJECTS> <LINK_LIBRARIES>")
 string(REPLACE "<GVND_LINKER>" "${GVND_LLD_LINK}" CMAKE_CXX_LINK_EXECUTABLE "${CMAKE_CXX_LINK_EXECUTABLE}")
 
 # An image named <name>.sys from the sources below one directory.

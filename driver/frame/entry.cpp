@@ -37,6 +37,9 @@ void FillDispatchTable(PDRIVER_OBJECT driver)
 {
     for (PDRIVER_DISPATCH& routine : driver->MajorFunction) routine = GvUnsupportedIrp;
     GvFillDispatchRows(driver);
+    driver->MajorFunction[IRP_MJ_FILE_SYSTEM_CONTROL] = GvFsControl;
+    driver->MajorFunction[IRP_MJ_DEVICE_CONTROL] = GvDevControl;
+    driver->MajorFunction[IRP_MJ_SHUTDOWN] = GvShutdown;
 }
 
 // No slot for reads, writes, queries or locks is ever filled: those requests always come as IRPs.

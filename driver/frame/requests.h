@@ -15,6 +15,10 @@ NTSTATUS NTAPI GvRead(PDEVICE_OBJECT device, PIRP irp);
 NTSTATUS NTAPI GvDirControl(PDEVICE_OBJECT device, PIRP irp);
 NTSTATUS NTAPI GvLockControl(PDEVICE_OBJECT device, PIRP irp);
 NTSTATUS NTAPI GvCleanup(PDEVICE_OBJECT device, PIRP irp);
+// Without a context, and so without a row.
+NTSTATUS NTAPI GvFsControl(PDEVICE_OBJECT device, PIRP irp);
+NTSTATUS NTAPI GvDevControl(PDEVICE_OBJECT device, PIRP irp);
+NTSTATUS NTAPI GvShutdown(PDEVICE_OBJECT device, PIRP irp);
 
 NTSTATUS GvDoCreate(IrpContext* context, GvOutcome* outcome);
 NTSTATUS GvDoClose(IrpContext* context, GvOutcome* outcome);

@@ -1,0 +1,1 @@
+// Nothing but the occasion to precompile the headers that every test reads.

@@ -1,0 +1,126 @@
+// The command line.
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include "gvnd/demo.h"
+#include "gvnd/export.h"
+#include "gvnd/session.h"
+#include "gvnd/shell.h"
+#include "gvnd/status.h"
+
+namespace {
+
+using namespace tool;
+
+struct Options {
+    VolumeChoice Volume;
+    bool Trace = false;
+    std::string Script;     // -c
+    std::string ScriptFile; // a file, or - for standard input
+    ExportJob Export;
+};
+
+int ReportLeaks(Session& session)
+{
+    const std::vector<std::string> left = session.Finish();
+    for (const std::string& line : left) fmt::print(stderr, "left behind: {}\n", line);
+    return left.empty() ? ExitSuccess : ExitLeak;
+}
+
+void RunCommands(Shell& shell, const Options& options)
+{
+    if (!options.Script.empty()) {
+        std::string lines = options.Script;
+        for (char& c : lines)
+            if (c == ';') c = '\n';
+        std::istringstream script(lines);
+        shell.RunScript(script);
+    } else if (!options.ScriptFile.empty() && options.ScriptFile != "-") {
+        std::ifstream file(options.ScriptFile);
+        if (!file) throw Usage(fmt::format("cannot read the script '{}'", options.ScriptFile));
+        shell.RunScript(file);
+    } else if (options.ScriptFile == "-" || !isatty(STDIN_FILENO)) {
+        shell.RunScript(std::cin);
+    } else {
+        shell.RunInteractive();
+    }
+}
+
+int RunShell(const Options& options)
+{
+    Session session(options.Trace);
+    session.Mount(options.Volume);
+    {
+        Shell shell(session);
+        RunCommands(shell, options);
+    }
+    return ReportLeaks(session);
+}
+
+int RunExport(const Options& options)
+{
+    Session session(options.Trace);
+    session.Mount(options.Volume);
+    ExportJob job = options.Export;
+    job.Progress = true;
+    const ExportTotals totals = ExportTree(session, job);
+    PrintTotals(totals);
+    const int leaked = ReportLeaks(session);
+    if (leaked) return leaked;
+    return totals.Problems.empty() ? ExitSuccess : ExitMismatch;
+}
+
+void AddVolumeOptions(CLI::App* command, Options& options)
+{
+    command->add_option("-p,--plugin", options.Volume.Plugin, "memfs, or hostfs:DIR to serve a directory")
+        ->capture_default_str();
+    command->add_flag("--read-only", options.Volume.ReadOnly, "refuse every change of the directory (hostfs)");
+    command->add_flag("--trace", options.Trace, "the driver's trace on standard error, from the load on");
+}
+
+int Main(int argc, char** argv)
+{
+    CLI::App app("gvnd: mounts a storage plugin behind the NT file-system driver, in this process.\n"
+                 "Without a command it shows the road of one file, and exports /usr/include.");
+    app.footer("Exit codes: 0 success, 1 a request failed, 2 wrong usage, 3 copies disagree, 4 something leaked.");
+    Options options;
+    CLI::App* const shell = app.add_subcommand("shell", "commands on a volume; `help` inside lists them");
+    AddVolumeOptions(shell, options);
+    shell->add_option("-c", options.Script, "commands to run, separated by semicolons");
+    shell->add_option("script", options.ScriptFile, "a file of commands, - for standard input");
+    CLI::App* const exporter = app.add_subcommand("export", "copy a tree out of a volume, and verify it");
+    AddVolumeOptions(exporter, options);
+    exporter->add_option("from", options.Export.From, "path in the volume, / for all")->required();
+    exporter->add_option("to", options.Export.To, "directory of this machine")->required();
+    app.require_subcommand(0, 1);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        const int code = app.exit(error);
+        return code == 0 ? ExitSuccess : ExitUsage;
+    }
+    if (*shell) return RunShell(options);
+    if (*exporter) return RunExport(options);
+    return RunDemo();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return Main(argc, argv);
+    } catch (const Usage& error) {
+        fmt::print(stderr, "gvnd: {}\n", error.what());
+        return ExitUsage;
+    } catch (const std::exception& error) {
+        fmt::print(stderr, "gvnd: {}\n", error.what());
+        return ExitFailure;
+    }
+}

@@ -1,0 +1,145 @@
+// Boot, load, mount, and the way back. A volume is mounted the way a kernel plugin mounts it: through the control device.
+#include "gvnd/session.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <utility>
+
+#include <fmt/format.h>
+
+#include <gvnd/driver.h>
+#include <hostfs/hostfs.h>
+#include <gvnd/memfs.h>
+#include <nthost/check.h>
+#include <nthost/debug.h>
+#include <nthost/host.h>
+#include <nthost/requests.h>
+
+#include "gvnd/status.h"
+
+namespace tool {
+
+namespace {
+
+constexpr char kLink[] = "\\??\\Gvnd";
+
+template <size_t N>
+UNICODE_STRING Literal(const WCHAR (&text)[N])
+{
+    return {static_cast<USHORT>((N - 1) * sizeof(WCHAR)), static_cast<USHORT>(N * sizeof(WCHAR)),
+            const_cast<WCHAR*>(text)};
+}
+
+void PrintTrace(std::string_view text) { std::fwrite(text.data(), 1, text.size(), stderr); }
+
+} // namespace
+
+Session::Session(bool trace)
+{
+    nthost::Boot();
+    running_ = true;
+    SetTrace(trace);
+    Require("load the driver", nthost::LoadDriver("gvnd", GvndDriverEntry, &driver_));
+}
+
+Session::~Session()
+{
+    try {
+        Finish();
+    } catch (const std::exception& error) {
+        fmt::print(stderr, "gvnd: {}\n", error.what());
+    }
+}
+
+void Session::SetTrace(bool on) { nthost::SetDebugSink(on ? nthost::DebugSink(PrintTrace) : nthost::DebugSink()); }
+
+uint64_t Session::Requests() const { return nthost::RequestsSent(); }
+
+void Session::FetchServices()
+{
+    UNICODE_STRING name = Literal(GVND_CONTROL_DEVICE_NAME);
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
+    IO_STATUS_BLOCK statusBlock{};
+    HANDLE handle = nullptr;
+    Require("open the control device",
+            ZwCreateFile(&handle, FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE, &attributes, &statusBlock, nullptr, 0,
+                         FILE_SHARE_READ | FILE_SHARE_WRITE, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0));
+    const NTSTATUS status =
+        ZwDeviceIoControlFile(handle, nullptr, nullptr, nullptr, &statusBlock, IOCTL_GVND_GET_SERVICE_TABLE, nullptr, 0,
+                              &services_, sizeof services_);
+    ZwClose(handle);
+    Require("fetch the service table", status);
+}
+
+void Session::MakePlugin(const VolumeChoice& choice)
+{
+    const std::string hostPrefix = "hostfs:";
+    if (choice.Plugin == "memfs") {
+        MemFsOptions options{};
+        Require("make an in-memory file system", MemFsCreate(&options, &operations_));
+        destroy_ = [](PluginOps* operations) { MemFsDestroy(operations); };
+    } else if (choice.Plugin.starts_with(hostPrefix)) {
+        const std::string root = choice.Plugin.substr(hostPrefix.size());
+        HostFsOptions options{};
+        options.Root = root.c_str();
+        options.ReadOnly = choice.ReadOnly;
+        Require(fmt::format("serve the directory '{}'", root), HostFsCreate(options, &operations_));
+        destroy_ = HostFsDestroy;
+    } else {
+        throw Usage(fmt::format("unknown plugin '{}'; there are memfs and hostfs:DIR", choice.Plugin));
+    }
+    layer_ = std::make_unique<layer::PluginLayer>(operations_);
+}
+
+void Session::DestroyPlugin()
+{
+    layer_.reset();
+    if (operations_) destroy_(operations_);
+    operations_ = nullptr;
+}
+
+void Session::Mount(const VolumeChoice& choice)
+{
+    FetchServices();
+    MakePlugin(choice);
+    UNICODE_STRING backing = Literal(L"\\Device\\Null");
+    UNICODE_STRING device = Literal(L"\\Device\\Gvnd");
+    UNICODE_STRING link = Literal(L"\\??\\Gvnd");
+    const NTSTATUS status = services_->Mount(&backing, &device, &link, nullptr, layer_->Table(), &device_);
+    if (!NT_SUCCESS(status)) DestroyPlugin();
+    Require("mount " + choice.Plugin, status);
+}
+
+void Session::Unmount()
+{
+    if (!device_) return;
+    const PDEVICE_OBJECT device = std::exchange(device_, nullptr);
+    Require("unmount", services_->UnmountRequest(device));
+    layer_->WaitUntilUnmounted();
+    DestroyPlugin();
+}
+
+std::string Session::NtPath(const std::string& path) const
+{
+    std::string result = path;
+    std::replace(result.begin(), result.end(), '/', '\\');
+    if (result.empty() || result.front() != '\\') result.insert(result.begin(), '\\');
+    return kLink + result;
+}
+
+std::vector<std::string> Session::Finish()
+{
+    if (!std::exchange(running_, false)) return {};
+    Unmount();
+    std::vector<std::string> lines;
+    nthost::LeakReport leaks;
+    if (driver_) Require("unload the driver", nthost::UnloadDriver(std::exchange(driver_, nullptr), &leaks));
+    lines = std::move(leaks.Lines);
+    SetTrace(false);
+    for (std::string& line : nthost::Shutdown().Lines) lines.push_back(std::move(line));
+    for (const nthost::Finding& finding : nthost::TakeFindings()) lines.push_back(finding.Rule + ": " + finding.Detail);
+    return lines;
+}
+
+} // namespace tool
