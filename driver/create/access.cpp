@@ -4,8 +4,7 @@
 
 #include "frame/plugincall.h"
 
-namespace
-{
+namespace {
 
 constexpr ACCESS_MASK kNeedsRead = DELETE | READ_CONTROL | WRITE_DAC | SYNCHRONIZE | FILE_READ_ATTRIBUTES |
                                    FILE_WRITE_EA | FILE_READ_EA | FILE_READ_DATA;
@@ -35,8 +34,7 @@ NTSTATUS GvAccessCheck(IrpContext* context, PCUNICODE_STRING path, ACCESS_MASK d
 {
     if (!context->Vcb->PluginOps->AccessCheck) return STATUS_SUCCESS;
     constexpr ULONG kConstant = 2;
-    const NTSTATUS status =
-        GV_CALL_PLUGIN(context, nullptr, AccessCheck, path, kConstant, MaskFor(desired), &token);
+    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, AccessCheck, path, kConstant, MaskFor(desired), &token);
     if (!NT_SUCCESS(status)) GV_TRACE(GvTraceNotable, "AccessCheck(): 0x%x\n", status);
     return status;
 }

@@ -1,5 +1,5 @@
-// IRP_MJ_CREATE: screens the request, pins and locks the volume, turns the name into paths, finds or builds the chain of control
-// blocks, and hands the request to one finisher.
+// IRP_MJ_CREATE: screens the request, pins and locks the volume, turns the name into paths, finds or builds the chain
+// of control blocks, and hands the request to one finisher.
 
 #include "create/create.h"
 
@@ -10,12 +10,10 @@
 #include "objects/ccb.h"
 #include "volume/volume.h"
 
-namespace
-{
+namespace {
 
 // Keeps an unmount from finishing while the create runs, and lets a waiting one go on afterwards.
-class MountedPin
-{
+class MountedPin {
 public:
     explicit MountedPin(PDEVICE_OBJECT device) : device_(device), held_(GvPinVcbIfMounted(device)) {}
     MountedPin(const MountedPin&) = delete;
@@ -84,8 +82,7 @@ bool GvIsVolumeOpen(PFILE_OBJECT fileObject)
 }
 
 // A live path is joined without a plugin call and without a look at its parents; any other is walked.
-[[nodiscard]] NTSTATUS FindOrWalk(IrpContext* context, PFILE_OBJECT fileObject, ResolvedPaths* paths,
-                                  WalkResult* found)
+[[nodiscard]] NTSTATUS FindOrWalk(IrpContext* context, PFILE_OBJECT fileObject, ResolvedPaths* paths, WalkResult* found)
 {
     found->Object = GvFcbGetExistingFcb(context->Vcb->FcbTables, paths->FullPath.Get());
     if (found->Object) return STATUS_SUCCESS;
@@ -110,8 +107,8 @@ bool GvIsVolumeOpen(PFILE_OBJECT fileObject)
     }
     if (status == STATUS_REPARSE) return GvRefuseUnservedOpen(GvUnservedOpen::ReparsePoint);
     if (object.Get() ? parent.Get() != nullptr : parent.Get() == nullptr) {
-        GV_TRACE_AS("GvDoCreate", GvTraceError, "ERR got both or neither FCB: 0x%x, parent-FCB: 0x%x\n",
-                    object.Get(), parent.Get());
+        GV_TRACE_AS("GvDoCreate", GvTraceError, "ERR got both or neither FCB: 0x%x, parent-FCB: 0x%x\n", object.Get(),
+                    parent.Get());
         return STATUS_UNSUCCESSFUL;
     }
     return Finish(context, parameters, paths, found, information);

@@ -1,13 +1,12 @@
-// The open path: what one create asks for, the paths it works with, and the routines that end it. Everything here runs under
-// Vcb.Resource, held exclusively by GvDoCreate, at PASSIVE_LEVEL on the caller's thread.
+// The open path: what one create asks for, the paths it works with, and the routines that end it. Everything here runs
+// under Vcb.Resource, held exclusively by GvDoCreate, at PASSIVE_LEVEL on the caller's thread.
 #pragma once
 
 #include "objects/fcb.h"
 #include "objects/util.h"
 
 // What the request asks for; constant once read.
-struct CreateParameters
-{
+struct CreateParameters {
     PFILE_OBJECT FileObject;
     ULONG CreateOptions;  // low 24 bits of the options
     ULONG Disposition;    // FILE_OPEN, ...
@@ -24,8 +23,7 @@ struct CreateParameters
 };
 
 // Full paths from the volume root, trailing backslashes stripped.
-struct ResolvedPaths
-{
+struct ResolvedPaths {
     GvString CasePreservedPath; // as the caller spelled it: what a new object is created under
     GvString FullPath;          // the plugin's normalised form: key of the name tree
     GvString WalkedPath;        // grows during the walk; begins as the related object's name
@@ -41,23 +39,24 @@ struct ResolvedPaths
 [[nodiscard]] NTSTATUS GvPnGetNormalizedPathFromPlugin(IrpContext* context, PCUNICODE_STRING path,
                                                        PUNICODE_STRING* normalized);
 
-// How a walk ended when it did not fail: at the object, or at its parent because the last component could not be opened.
-struct WalkResult
-{
+// How a walk ended when it did not fail: at the object, or at its parent because the last component could not be
+// opened.
+struct WalkResult {
     Fcb* Object;           // referenced, or null
     Fcb* Parent;           // referenced, or null
     NTSTATUS LookupStatus; // why there is only a parent
 };
 
-// STATUS_REPARSE when a reparse point stood in the way; WalkedPath then ends in it and RemainingPath holds what follows.
+// STATUS_REPARSE when a reparse point stood in the way; WalkedPath then ends in it and RemainingPath holds what
+// follows.
 [[nodiscard]] NTSTATUS GvFullyOpenPath(IrpContext* context, PFILE_OBJECT fileObject, ResolvedPaths* paths,
                                        WalkResult* result);
 // The record is one block for the caller to free.
 [[nodiscard]] NTSTATUS GvPerformLookupOnPlugin(IrpContext* context, PCUNICODE_STRING path,
                                                GvBlock<PluginFileInfo>* info, PluginAccessMask* maxAccess);
 // A file for GvFile, else a directory.
-[[nodiscard]] NTSTATUS GvOpenFromPlugin(IrpContext* context, ULONG type, PCUNICODE_STRING path,
-                                        PluginAccessMask access, PluginFd* fd);
+[[nodiscard]] NTSTATUS GvOpenFromPlugin(IrpContext* context, ULONG type, PCUNICODE_STRING path, PluginAccessMask access,
+                                        PluginFd* fd);
 
 // STATUS_ACCESS_DENIED if the mask does not cover the access. Execute is tested on files only.
 [[nodiscard]] NTSTATUS GvCheckDesiredAccessWithFcbMaxAccess(ULONG type, ACCESS_MASK desired, PluginAccessMask mask);
@@ -68,21 +67,13 @@ struct WalkResult
 [[nodiscard]] NTSTATUS GvInitFileObj(PFILE_OBJECT fileObject, Fcb* fcb, bool deleteOnClose);
 
 // The finishers. Each yields the value for IoStatus.Information; the caller keeps its references.
-[[nodiscard]] NTSTATUS GvPerformVolumeOpen(IrpContext* context, const CreateParameters& parameters,
-                                           ULONG* information);
+[[nodiscard]] NTSTATUS GvPerformVolumeOpen(IrpContext* context, const CreateParameters& parameters, ULONG* information);
 [[nodiscard]] NTSTATUS GvInitExistingFcb(IrpContext* context, const CreateParameters& parameters,
                                          const ResolvedPaths& paths, Fcb* fcb, ULONG* information);
 [[nodiscard]] NTSTATUS GvCreateNewFileOrDir(IrpContext* context, const CreateParameters& parameters,
                                             const ResolvedPaths& paths, Fcb* parent, NTSTATUS lookupStatus,
                                             ULONG* information);
 
-enum class GvUnservedOpen
-{
-    NewObject,
-    Overwrite,
-    TargetDirectory,
-    ReparsePoint,
-    DeleteOnClose
-};
+enum class GvUnservedOpen { NewObject, Overwrite, TargetDirectory, ReparsePoint, DeleteOnClose };
 // The opens that cannot be served yet, all refused here: STATUS_NOT_IMPLEMENTED.
 [[nodiscard]] NTSTATUS GvRefuseUnservedOpen(GvUnservedOpen open);

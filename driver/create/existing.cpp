@@ -1,5 +1,5 @@
-// Joining an object that has a control block: dispositions and types, the plugin handle's upgrade, access, sharing. Runs under the
-// object's lock, taken here after Vcb.Resource. A re-open is not undone when a later step fails.
+// Joining an object that has a control block: dispositions and types, the plugin handle's upgrade, access, sharing.
+// Runs under the object's lock, taken here after Vcb.Resource. A re-open is not undone when a later step fails.
 
 #include "create/create.h"
 
@@ -7,20 +7,14 @@
 #include "frame/resource.h"
 #include "objects/coherence.h"
 
-namespace
-{
+namespace {
 
-bool IsOverwrite(ULONG disposition)
-{
-    return disposition == FILE_OVERWRITE || disposition == FILE_OVERWRITE_IF;
-}
+bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || disposition == FILE_OVERWRITE_IF; }
 
-[[nodiscard]] NTSTATUS CheckDeleteOnClose(const CreateParameters& parameters, PCUNICODE_STRING fullPath,
-                                          const Fcb* fcb)
+[[nodiscard]] NTSTATUS CheckDeleteOnClose(const CreateParameters& parameters, PCUNICODE_STRING fullPath, const Fcb* fcb)
 {
     if (!(parameters.DesiredAccess & DELETE)) {
-        GV_TRACE(GvTraceError, "delete-on-close is requested, but not delete-access: 0x%x\n",
-                 STATUS_INVALID_PARAMETER);
+        GV_TRACE(GvTraceError, "delete-on-close is requested, but not delete-access: 0x%x\n", STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
     if (GvUtlIsRootPath(fullPath)) {
@@ -149,8 +143,8 @@ bool IsOverwrite(ULONG disposition)
         IoUpdateShareAccess(fileObject, &fcb->ShareAccess);
         return STATUS_SUCCESS;
     }
-    const NTSTATUS status = IoCheckShareAccess(parameters.DesiredAccess, parameters.ShareAccess, fileObject,
-                                               &fcb->ShareAccess, TRUE);
+    const NTSTATUS status =
+        IoCheckShareAccess(parameters.DesiredAccess, parameters.ShareAccess, fileObject, &fcb->ShareAccess, TRUE);
     if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "IoCheckShareAccess(2nd): 0x%x\n", status);
     return status;
 }
@@ -167,13 +161,11 @@ NTSTATUS GvInitExistingFcb(IrpContext* context, const CreateParameters& paramete
     if (!NT_SUCCESS(status)) return status;
 
     const bool overwrite = IsOverwrite(parameters.Disposition);
-    const ACCESS_MASK effective =
-        parameters.DesiredAccess | (overwrite ? FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES : 0);
+    const ACCESS_MASK effective = parameters.DesiredAccess | (overwrite ? FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES : 0);
     status = CheckAccess(context, parameters, paths.FullPath.Get(), fcb, effective);
     if (!NT_SUCCESS(status)) return status;
     if (fcb->OpenCount != 0) {
-        status = IoCheckShareAccess(effective, parameters.ShareAccess, parameters.FileObject, &fcb->ShareAccess,
-                                    FALSE);
+        status = IoCheckShareAccess(effective, parameters.ShareAccess, parameters.FileObject, &fcb->ShareAccess, FALSE);
         if (!NT_SUCCESS(status)) {
             GV_TRACE_FAILED("IoCheckShareAccess", status);
             return status;

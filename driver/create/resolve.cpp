@@ -1,12 +1,13 @@
-// From the name in the file object to the paths of an open: the plugin's normalisation, the legal characters, the refusal of . and
-// .., the caller's spelling kept apart from the form that is matched. The related object is kept alive by its file object.
+// From the name in the file object to the paths of an open: the plugin's normalisation, the legal characters, the
+// refusal of . and
+// .., the caller's spelling kept apart from the form that is matched. The related object is kept alive by its file
+// object.
 
 #include "create/create.h"
 
 #include "frame/plugincall.h"
 
-namespace
-{
+namespace {
 
 bool HasNonAscii(PCUNICODE_STRING path)
 {
@@ -15,10 +16,7 @@ bool HasNonAscii(PCUNICODE_STRING path)
     return false;
 }
 
-bool BeginsWithBackslash(PCUNICODE_STRING path)
-{
-    return path->Length >= sizeof(WCHAR) && path->Buffer[0] == L'\\';
-}
+bool BeginsWithBackslash(PCUNICODE_STRING path) { return path->Length >= sizeof(WCHAR) && path->Buffer[0] == L'\\'; }
 
 [[nodiscard]] NTSTATUS GvEnsurePathCharsAreLegal(PCUNICODE_STRING path)
 {

@@ -4,14 +4,13 @@
 
 #include "frame/trace.h"
 
-namespace
-{
+namespace {
 
 constexpr ULONG kUnsupportedFlags = SL_OPEN_PAGING_FILE | SL_CASE_SENSITIVE;
 constexpr ULONG kUnsupportedOptions = FILE_RESERVE_OPFILTER | FILE_OPEN_BY_FILE_ID | FILE_CREATE_TREE_CONNECTION;
 constexpr ACCESS_MASK kSupportedAccess = FILE_READ_DATA | FILE_WRITE_DATA | FILE_APPEND_DATA | FILE_READ_EA |
-                                         FILE_WRITE_EA | FILE_EXECUTE | FILE_READ_ATTRIBUTES |
-                                         FILE_WRITE_ATTRIBUTES | DELETE | READ_CONTROL | WRITE_DAC | SYNCHRONIZE;
+                                         FILE_WRITE_EA | FILE_EXECUTE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES |
+                                         DELETE | READ_CONTROL | WRITE_DAC | SYNCHRONIZE;
 static_assert(kSupportedAccess == 0x1701bf);
 static_assert(kUnsupportedOptions == 0x102080);
 

@@ -1,13 +1,12 @@
-// Opens of the volume itself, served from the control block that mount made. It has no plugin handle, no name and no reference
-// count: only its open and handle counts move.
+// Opens of the volume itself, served from the control block that mount made. It has no plugin handle, no name and no
+// reference count: only its open and handle counts move.
 
 #include "create/create.h"
 
 #include "frame/resource.h"
 #include "frame/trace.h"
 
-namespace
-{
+namespace {
 
 [[nodiscard]] NTSTATUS CheckVolumeParameters(const CreateParameters& parameters)
 {
@@ -33,12 +32,11 @@ namespace
 [[nodiscard]] NTSTATUS ShareVolume(const CreateParameters& parameters, Fcb* volume)
 {
     if (volume->OpenCount == 0) {
-        IoSetShareAccess(parameters.DesiredAccess, parameters.ShareAccess, parameters.FileObject,
-                         &volume->ShareAccess);
+        IoSetShareAccess(parameters.DesiredAccess, parameters.ShareAccess, parameters.FileObject, &volume->ShareAccess);
         return STATUS_SUCCESS;
     }
-    const NTSTATUS status = IoCheckShareAccess(parameters.DesiredAccess, parameters.ShareAccess,
-                                               parameters.FileObject, &volume->ShareAccess, TRUE);
+    const NTSTATUS status = IoCheckShareAccess(parameters.DesiredAccess, parameters.ShareAccess, parameters.FileObject,
+                                               &volume->ShareAccess, TRUE);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED("IoCheckShareAccess", status);
     return status;
 }
@@ -54,14 +52,13 @@ NTSTATUS GvPerformVolumeOpen(IrpContext* context, const CreateParameters& parame
 
     status = CheckVolumeParameters(parameters);
     if (!NT_SUCCESS(status)) return status;
-    status =
-        GvCheckDesiredAccessWithFcbMaxAccess(volume->FcbType, parameters.DesiredAccess, volume->MaxAllowedAccess);
+    status = GvCheckDesiredAccessWithFcbMaxAccess(volume->FcbType, parameters.DesiredAccess, volume->MaxAllowedAccess);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED("GvCheckDesiredAccessWithFcbMaxAccess", status);
         return status;
     }
-    status = GvAccessCheck(context, &parameters.FileObject->FileName, parameters.DesiredAccess,
-                           parameters.SubjectToken);
+    status =
+        GvAccessCheck(context, &parameters.FileObject->FileName, parameters.DesiredAccess, parameters.SubjectToken);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED("GvAccessCheck", status);
         return status;

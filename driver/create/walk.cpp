@@ -1,6 +1,7 @@
-// The path walk: component by component from the root or the related directory, filling the name tree. The tree is asked first at
-// every level, so a live directory costs no plugin call. The walker holds one reference on the current object, two while it
-// steps; a walk that fails gives up its last one, and the release takes the unused chain down again.
+// The path walk: component by component from the root or the related directory, filling the name tree. The tree is
+// asked first at every level, so a live directory costs no plugin call. The walker holds one reference on the current
+// object, two while it steps; a walk that fails gives up its last one, and the release takes the unused chain down
+// again.
 
 #include "create/create.h"
 
@@ -24,8 +25,7 @@ NTSTATUS GvPerformLookupOnPlugin(IrpContext* context, PCUNICODE_STRING path, GvB
     return status;
 }
 
-NTSTATUS GvOpenFromPlugin(IrpContext* context, ULONG type, PCUNICODE_STRING path, PluginAccessMask access,
-                          PluginFd* fd)
+NTSTATUS GvOpenFromPlugin(IrpContext* context, ULONG type, PCUNICODE_STRING path, PluginAccessMask access, PluginFd* fd)
 {
     if (type == GvFile) {
         const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, Open, path, access, fd);
@@ -37,8 +37,7 @@ NTSTATUS GvOpenFromPlugin(IrpContext* context, ULONG type, PCUNICODE_STRING path
     return status;
 }
 
-namespace
-{
+namespace {
 
 // The least that the object can be opened with; writing comes by a re-open when somebody asks for it.
 PluginAccessMask FirstAccess(ULONG type, PluginAccessMask maxAccess)

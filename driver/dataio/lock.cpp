@@ -1,5 +1,5 @@
-// IRP_MJ_LOCK_CONTROL: byte-range locks live in the driver alone. The request is screened and given to the platform's lock package,
-// which completes it, then or later.
+// IRP_MJ_LOCK_CONTROL: byte-range locks live in the driver alone. The request is screened and given to the platform's
+// lock package, which completes it, then or later.
 
 #include "frame/context.h"
 #include "frame/requests.h"

@@ -1,16 +1,14 @@
-// IRP_MJ_READ: one plugin call, straight into the caller's memory, whoever asks. A paging read differs in two ways: byte-range locks
-// do not apply to it, and it does not move the file position. End of file is the plugin's decision.
+// IRP_MJ_READ: one plugin call, straight into the caller's memory, whoever asks. A paging read differs in two ways:
+// byte-range locks do not apply to it, and it does not move the file position. End of file is the plugin's decision.
 
 #include "frame/plugincall.h"
 #include "frame/requests.h"
 #include "frame/resource.h"
 #include "objects/util.h"
 
-namespace
-{
+namespace {
 
-struct ReadRequest
-{
+struct ReadRequest {
     PIRP Irp;
     PFILE_OBJECT FileObject;
     Fcb* File;
@@ -76,9 +74,7 @@ void TraceParameters(const ReadRequest& read)
         GV_TRACE_AS("GvDoRead", GvTraceError, "Read(): 0x%x\n", status);
         return status;
     }
-    if (read.IsSynchronous && !read.IsPaging) {
-        read.FileObject->CurrentByteOffset.QuadPart = read.Offset + *length;
-    }
+    if (read.IsSynchronous && !read.IsPaging) { read.FileObject->CurrentByteOffset.QuadPart = read.Offset + *length; }
     return status;
 }
 

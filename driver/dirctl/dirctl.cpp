@@ -5,8 +5,7 @@
 #include "frame/requests.h"
 #include "frame/trace.h"
 
-namespace
-{
+namespace {
 
 // No change is ever reported, so nobody is let to wait for one.
 [[nodiscard]] NTSTATUS GvDoNotifyChangeDirectory(GvOutcome* outcome)

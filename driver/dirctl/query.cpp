@@ -1,5 +1,5 @@
-// Listing a directory: one plugin call per entry, by an ordinal kept in the Ccb. Vcb.Resource is held shared, then the directory's
-// lock: exclusive when the request carries a name, the only case in which the pattern can be installed.
+// Listing a directory: one plugin call per entry, by an ordinal kept in the Ccb. Vcb.Resource is held shared, then the
+// directory's lock: exclusive when the request carries a name, the only case in which the pattern can be installed.
 
 #include "dirctl/dirctl.h"
 
@@ -8,11 +8,9 @@
 #include "frame/plugincall.h"
 #include "frame/resource.h"
 
-namespace
-{
+namespace {
 
-struct DirectoryQuery
-{
+struct DirectoryQuery {
     PIRP Irp;
     Fcb* Directory;
     ::Ccb* Ccb;
@@ -95,7 +93,8 @@ DirectoryQuery ReadQuery(PIRP irp)
     return STATUS_SUCCESS;
 }
 
-// Indexes are ordinals: a deletion below the current one would make a plain resume skip an entry, so the scan starts over.
+// Indexes are ordinals: a deletion below the current one would make a plain resume skip an entry, so the scan starts
+// over.
 void PositionScan(const DirectoryQuery& query)
 {
     Ccb* const ccb = query.Ccb;
@@ -107,7 +106,8 @@ void PositionScan(const DirectoryQuery& query)
         ccb->DirGeneration = generation;
         ccb->DirScanIndex = 0;
         reset = true;
-        GV_TRACE_AS(kName, GvTraceNotable, "entries deleted from dir, during dir-list, resetting dir-list scan-index\n");
+        GV_TRACE_AS(kName, GvTraceNotable,
+                    "entries deleted from dir, during dir-list, resetting dir-list scan-index\n");
     }
     if (query.Flags & SL_RESTART_SCAN) {
         ccb->DirScanIndex = 0;
@@ -135,19 +135,13 @@ bool GvDoesDirEntryMatchQuery(IrpContext* context, const Ccb* ccb, const PluginD
 }
 
 // The buffer of one query while it fills.
-struct Listing
-{
+struct Listing {
     UCHAR* Buffer;
     UCHAR* Previous; // last record placed, or null
     ULONG Remaining;
 };
 
-enum class Placed
-{
-    Yes,
-    NoRoom,
-    Faulted
-};
+enum class Placed { Yes, NoRoom, Faulted };
 
 Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* listing)
 {
@@ -240,8 +234,8 @@ void TraceQuery(const DirectoryQuery& query, ULONG infoClass)
 NTSTATUS GvDoQueryDirectory(IrpContext* context, ULONG* information)
 {
     const DirectoryQuery query = ReadQuery(context->Irp);
-    const auto infoClass = static_cast<ULONG>(
-        IoGetCurrentIrpStackLocation(context->Irp)->Parameters.QueryDirectory.FileInformationClass);
+    const auto infoClass =
+        static_cast<ULONG>(IoGetCurrentIrpStackLocation(context->Irp)->Parameters.QueryDirectory.FileInformationClass);
     TraceQuery(query, infoClass);
     GvHeldResource lock;
     if (const NTSTATUS status = lock.Shared(&context->Vcb->Resource); !NT_SUCCESS(status)) return status;

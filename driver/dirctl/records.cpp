@@ -2,8 +2,7 @@
 
 #include "dirctl/records.h"
 
-namespace
-{
+namespace {
 
 constexpr ULONG kSymlinkTag = 0xa000000c; // IO_REPARSE_TAG_SYMLINK
 

@@ -3,10 +3,9 @@
 
 #include "frame/nt.h"
 
-// A record class: what the buffer accounting charges for the fixed part (the public structure's size, one character of name
-// included), and where the name begins.
-struct DirectoryClass
-{
+// A record class: what the buffer accounting charges for the fixed part (the public structure's size, one character of
+// name included), and where the name begins.
+struct DirectoryClass {
     FILE_INFORMATION_CLASS Class;
     ULONG FixedSize;
     ULONG NameOffset;

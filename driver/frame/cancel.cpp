@@ -1,6 +1,7 @@
-// Cancellation. A request is in one of three places when the I/O manager cancels it: waiting on PendedList (it ends at once),
-// on ActiveList inside a worker or a plugin call (its event is signalled and it runs on), or on neither (nothing to
-// do). All of it is ordered by Vcb.QueueLock; the global cancel lock is given up first and never held together with it.
+// Cancellation. A request is in one of three places when the I/O manager cancels it: waiting on PendedList (it ends at
+// once), on ActiveList inside a worker or a plugin call (its event is signalled and it runs on), or on neither (nothing
+// to do). All of it is ordered by Vcb.QueueLock; the global cancel lock is given up first and never held together with
+// it.
 
 #include "frame/context.h"
 #include "frame/trace.h"
@@ -20,8 +21,7 @@ void GvDisarmCancelForPluginCall(Vcb* vcb, IrpContext* context, CancelRoutine ca
     if (cancelRoutine == CancelRoutine::Clear) IoSetCancelRoutine(context->Irp, nullptr);
 }
 
-namespace
-{
+namespace {
 
 IrpContext* FindByIrp(LIST_ENTRY* head, PIRP irp)
 {

@@ -1,5 +1,5 @@
-// Contexts: allocation, release, and the hand-over to the worker pool. List membership, PendedCount, IsPended and the cancel
-// routine change under Vcb.QueueLock only, so that a cancel finds the request in exactly one place.
+// Contexts: allocation, release, and the hand-over to the worker pool. List membership, PendedCount, IsPended and the
+// cancel routine change under Vcb.QueueLock only, so that a cancel finds the request in exactly one place.
 
 #include "frame/context.h"
 
@@ -63,8 +63,7 @@ NTSTATUS GvFreeIrpContext(IrpContext* context)
     return STATUS_SUCCESS;
 }
 
-namespace
-{
+namespace {
 
 // The part of pending that a cancel must see as one step. *queued tells a context that stood on a list already.
 [[nodiscard]] NTSTATUS Enqueue(Vcb* vcb, IrpContext* context, bool* queued)

@@ -1,5 +1,5 @@
-// The life of a request's context: made by the dispatch skeleton, perhaps handed to the worker pool, always cancellable where
-// the volume's lists know it, freed exactly once.
+// The life of a request's context: made by the dispatch skeleton, perhaps handed to the worker pool, always cancellable
+// where the volume's lists know it, freed exactly once.
 #pragma once
 
 #include "frame/records.h"
@@ -12,8 +12,8 @@ NTSTATUS GvFreeIrpContext(IrpContext* context);
 // STATUS_INVALID_PARAMETER unless the file object was opened on this device.
 [[nodiscard]] NTSTATUS GvUtlCheckFileObject(PDEVICE_OBJECT device, PFILE_OBJECT fileObject);
 
-// Hands the request to the volume's workers: STATUS_PENDING, and from then on neither context nor request may be touched.
-// On failure both are still the caller's.
+// Hands the request to the volume's workers: STATUS_PENDING, and from then on neither context nor request may be
+// touched. On failure both are still the caller's.
 [[nodiscard]] NTSTATUS GvPendIrpContext(IrpContext* context);
 
 // Locks the caller's buffer while its address still means something; a worker runs in another process.
@@ -21,8 +21,7 @@ NTSTATUS GvFreeIrpContext(IrpContext* context);
 [[nodiscard]] NTSTATUS GvLockUserBufferIrpContext(IrpContext* context, bool* locked);
 void GvUnlockUserBufferIrpContext(IrpContext* context);
 
-enum class CancelRoutine : bool
-{
+enum class CancelRoutine : bool {
     Clear,
     Keep // the request belongs to the lock package by now, cancel routine included
 };
@@ -35,8 +34,8 @@ VOID NTAPI GvIoCancelRoutine(PDEVICE_OBJECT device, PIRP irp);
 // Linear in the length of the list. The list's lock is held.
 bool GvUtlIsEntryOnList(const LIST_ENTRY* head, const LIST_ENTRY* entry);
 
-// Keep the volume from going away. Only the first refuses: no new open may start on a volume that is leaving, while a close
-// must always finish. Each unpin is followed by the unmount check.
+// Keep the volume from going away. Only the first refuses: no new open may start on a volume that is leaving, while a
+// close must always finish. Each unpin is followed by the unmount check.
 [[nodiscard]] bool GvPinVcbIfMounted(PDEVICE_OBJECT device);
 void GvPinVcb(PDEVICE_OBJECT device);
 void GvUnpinVcb(PDEVICE_OBJECT device);

@@ -1,5 +1,5 @@
-// The dispatch skeleton. Kernel APCs stay off for as long as a resource may be held; the top-level slot is given back before
-// the request can be completed.
+// The dispatch skeleton. Kernel APCs stay off for as long as a resource may be held; the top-level slot is given back
+// before the request can be completed.
 
 #include "frame/dispatch.h"
 
@@ -23,8 +23,7 @@ NTSTATUS GvCompleteRequest(const char* function, PIRP irp, NTSTATUS status, ULON
     return status;
 }
 
-namespace
-{
+namespace {
 
 // Allocates the context and runs the inner routine, as the outermost file-system entry of this thread if it is one.
 NTSTATUS RunInner(const GvDispatchRow& row, PDEVICE_OBJECT device, PIRP irp, IrpContext** context, GvOutcome* outcome)

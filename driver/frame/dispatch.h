@@ -4,8 +4,7 @@
 #include "frame/records.h"
 
 // What an inner routine yields beside its status.
-struct GvOutcome
-{
+struct GvOutcome {
     ULONG Information;
     bool IrpTakenOver; // somebody else completes the request: the context goes, the request is not touched again
 };
@@ -15,8 +14,7 @@ using GvInnerRoutine = NTSTATUS (*)(IrpContext* context, GvOutcome* outcome);
 using GvOpeningTrace = void (*)(const char* function, PDEVICE_OBJECT device, PIRP irp);
 
 // One request kind.
-struct GvDispatchRow
-{
+struct GvDispatchRow {
     UCHAR Major;
     const char* Name;
     PDRIVER_DISPATCH Entry; // the dispatch routine of that name

@@ -11,8 +11,7 @@ PIO_REPLACE_FILE_OBJECT_NAME GvIoReplaceFileObjectName;
 PDRIVER_OBJECT GvDriverObject;
 ULONG GvVcbThreadPoolSize;
 
-namespace
-{
+namespace {
 
 FAST_IO_DISPATCH GvFastIoDispatch;
 

@@ -3,8 +3,7 @@
 
 #include "frame/nt.h"
 
-class GvOwnedHandle
-{
+class GvOwnedHandle {
 public:
     GvOwnedHandle() = default;
     GvOwnedHandle(const GvOwnedHandle&) = delete;

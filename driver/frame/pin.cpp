@@ -1,15 +1,11 @@
-// What keeps a volume from going away: pins (creates and closes in progress) and running plugin calls. The counters and the
-// mount state are tested together, so all of them change under Vcb.PinLock.
+// What keeps a volume from going away: pins (creates and closes in progress) and running plugin calls. The counters and
+// the mount state are tested together, so all of them change under Vcb.PinLock.
 
 #include "frame/context.h"
 
-namespace
-{
+namespace {
 
-volatile LONG* AsLong(ULONG* counter)
-{
-    return reinterpret_cast<volatile LONG*>(counter);
-}
+volatile LONG* AsLong(ULONG* counter) { return reinterpret_cast<volatile LONG*>(counter); }
 
 } // namespace
 

@@ -1,15 +1,16 @@
-// The protocol of a plugin call: every call of every operation goes through GV_CALL_PLUGIN. The count ties a running call to
-// the volume's life; the gate refuses an object whose handle is gone; the guard contains what the plugin raises; arming
-// makes the request cancellable while the call runs.
+// The protocol of a plugin call: every call of every operation goes through GV_CALL_PLUGIN. The count ties a running
+// call to the volume's life; the gate refuses an object whose handle is gone; the guard contains what the plugin
+// raises; arming makes the request cancellable while the call runs.
 #pragma once
 
 #include "frame/context.h"
 #include "frame/guard.h"
 #include "frame/trace.h"
 
-// STATUS_ACCESS_DENIED off a mounted volume, STATUS_INVALID_PARAMETER by the gate, STATUS_NOT_SUPPORTED for an empty slot,
-// STATUS_ACCESS_VIOLATION for an exception, else the operation's own status. The gate is the object that the call acts for, or null: for
-// operations on paths, and on a handle that no object owns yet. The caller traces a failure under the operation's name.
+// STATUS_ACCESS_DENIED off a mounted volume, STATUS_INVALID_PARAMETER by the gate, STATUS_NOT_SUPPORTED for an empty
+// slot, STATUS_ACCESS_VIOLATION for an exception, else the operation's own status. The gate is the object that the call
+// acts for, or null: for operations on paths, and on a handle that no object owns yet. The caller traces a failure
+// under the operation's name.
 template <typename Slot, typename... Arguments>
 [[nodiscard]] NTSTATUS GvCallPlugin(IrpContext* context, const Fcb* gate, Slot PluginOps::*slot, Arguments... arguments)
 {

@@ -17,15 +17,11 @@ T* GvAllocate(POOL_TYPE pool)
     return static_cast<T*>(GvAllocate(pool, sizeof(T)));
 }
 
-inline void GvFree(void* block)
-{
-    ExFreePoolWithTag(block, 0);
-}
+inline void GvFree(void* block) { ExFreePoolWithTag(block, 0); }
 
 // Owns one pool block: the driver's own, or one that a plugin handed over.
 template <typename T>
-class GvBlock
-{
+class GvBlock {
 public:
     GvBlock() = default;
     explicit GvBlock(T* block) : block_(block) {}

@@ -1,5 +1,5 @@
-// The shared records: the volume, the control block of an object, the record of an open, the request in service. Fields stand
-// under the lock that guards them.
+// The shared records: the volume, the control block of an object, the record of an open, the request in service. Fields
+// stand under the lock that guards them.
 #pragma once
 
 #include "frame/nt.h"
@@ -8,38 +8,33 @@
 struct Vcb;
 struct Fcb;
 
-enum GvMountState : ULONG
-{
+enum GvMountState : ULONG {
     GvNotMounted = 0,
     GvMounted = 1,
     GvUnmountRequested = 2, // no new opens, no plugin calls; cleanup and close go on
     GvUnmounting = 3        // terminal
 };
 
-// A counted wrapper over the platform's prefix table: full path to embedded entry, exact match. No lock of its own: changed and
-// walked under Vcb.Resource, exclusive. Non-paged.
-struct GvTree
-{
+// A counted wrapper over the platform's prefix table: full path to embedded entry, exact match. No lock of its own:
+// changed and walked under Vcb.Resource, exclusive. Non-paged.
+struct GvTree {
     volatile LONG Count; // read without the lock by the unmount test
     UNICODE_PREFIX_TABLE PrefixTable;
 };
 
 // Embedded in its owner; on at most one tree.
-struct GvTreeEntry
-{
+struct GvTreeEntry {
     UNICODE_PREFIX_TABLE_ENTRY PrefixEntry;
     PUNICODE_STRING Key; // private copy of the name; owned by the tree while the entry is on it
 };
 
-struct FcbTables
-{
+struct FcbTables {
     GvTree* NameTree;     // live objects by full path
     GvTree* DeletionTree; // objects gone from the plugin that still have file objects, by deletion key
 };
 
 // One per mounted volume: the extension of the volume's device object, from mount to unmount.
-struct Vcb
-{
+struct Vcb {
     PUNICODE_STRING SymLinkName;    // owned; deletes the link at unmount
     PFILE_OBJECT BackingFileObject; // referenced, to keep the backing object open; nothing else
     const ::PluginOps* PluginOps;   // the plugin's own; read anew at each call
@@ -70,8 +65,7 @@ struct Vcb
 
 constexpr ULONG GvMaximumPended = 10000;
 
-enum GvFileType : ULONG
-{
+enum GvFileType : ULONG {
     GvAnyType = 1, // in requests only
     GvDirectory = 2,
     GvFile = 3,
@@ -80,10 +74,9 @@ enum GvFileType : ULONG
 
 constexpr CSHORT GvFcbNodeType = 0x1337;
 
-// One per plugin object that the driver holds a reference on. Non-paged, zeroed. Header.Resource is the object's lock; taken
-// after Vcb.Resource.
-struct Fcb
-{
+// One per plugin object that the driver holds a reference on. Non-paged, zeroed. Header.Resource is the object's lock;
+// taken after Vcb.Resource.
+struct Fcb {
     FSRTL_COMMON_FCB_HEADER Header; // FileSize is the only size kept
     SECTION_OBJECT_POINTERS SectionObjectPointers;
 
@@ -105,11 +98,11 @@ struct Fcb
     PluginAccessMask MaxAllowedAccess;      // the most that the plugin allows
     PluginAccessMask PluginFdCurrentAccess; // what PluginFd was opened with
     SHARE_ACCESS ShareAccess;
-    UCHAR DeletePending;  // goes at the last cleanup; new opens fail
-    UCHAR Deleted;        // gone from the plugin
-    UCHAR PluginFdClosed; // the plugin must not see the handle again
-    UCHAR OnDeletionTree; // with Vcb.Resource too
-    ::PluginFd PluginFd;  // 0 when there is none
+    UCHAR DeletePending;         // goes at the last cleanup; new opens fail
+    UCHAR Deleted;               // gone from the plugin
+    UCHAR PluginFdClosed;        // the plugin must not see the handle again
+    UCHAR OnDeletionTree;        // with Vcb.Resource too
+    ::PluginFd PluginFd;         // 0 when there is none
     UCHAR PluginFdRefreshNeeded; // re-open at the next open
 
     FILE_LOCK FileLock;
@@ -118,8 +111,7 @@ struct Fcb
 };
 
 // One per file object: FileObject.FsContext2. Non-paged, zeroed. The scan fields belong to the directory's lock.
-struct Ccb
-{
+struct Ccb {
     volatile LONG DirScanIndex;       // next index for ReadDirEntry
     PUNICODE_STRING DirSearchPattern; // upcased; owned; null until a query brings one
     ULONG DirGeneration;              // the directory's ChildDeleteCount when the scan began
@@ -129,10 +121,9 @@ struct Ccb
     UCHAR LastWriteChanged;
 };
 
-// One per request in service. Non-paged, zeroed. Owned by the routine that allocated it until GvPendIrpContext succeeds, then by
-// the worker that takes it, or by the cancel routine while it waits.
-struct IrpContext
-{
+// One per request in service. Non-paged, zeroed. Owned by the routine that allocated it until GvPendIrpContext
+// succeeds, then by the worker that takes it, or by the cancel routine while it waits.
+struct IrpContext {
     LIST_ENTRY Link; // Vcb.PendedList or Vcb.ActiveList, under Vcb.QueueLock; idle while on neither
     PDEVICE_OBJECT DeviceObject;
     PIRP Irp;
@@ -143,15 +134,6 @@ struct IrpContext
     KEVENT PluginCallContext; // auto-reset; signalled when the request is cancelled while on ActiveList
 };
 
-inline Vcb* GvVcbOf(PDEVICE_OBJECT device)
-{
-    return static_cast<Vcb*>(device->DeviceExtension);
-}
-inline Fcb* GvFcbOf(PFILE_OBJECT fileObject)
-{
-    return static_cast<Fcb*>(fileObject->FsContext);
-}
-inline Ccb* GvCcbOf(PFILE_OBJECT fileObject)
-{
-    return static_cast<Ccb*>(fileObject->FsContext2);
-}
+inline Vcb* GvVcbOf(PDEVICE_OBJECT device) { return static_cast<Vcb*>(device->DeviceExtension); }
+inline Fcb* GvFcbOf(PFILE_OBJECT fileObject) { return static_cast<Fcb*>(fileObject->FsContext); }
+inline Ccb* GvCcbOf(PFILE_OBJECT fileObject) { return static_cast<Ccb*>(fileObject->FsContext2); }

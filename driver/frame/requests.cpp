@@ -4,8 +4,7 @@
 
 #include "frame/trace.h"
 
-namespace
-{
+namespace {
 
 void TraceCreate(const char* function, PDEVICE_OBJECT device, PIRP irp)
 {

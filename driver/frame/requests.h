@@ -1,5 +1,5 @@
-// The requests that a volume serves: one row each, with its dispatch routine and its inner routine. An inner routine works on the
-// context's request; docs/architecture.md follows some of them.
+// The requests that a volume serves: one row each, with its dispatch routine and its inner routine. An inner routine
+// works on the context's request; docs/architecture.md follows some of them.
 #pragma once
 
 #include "frame/dispatch.h"

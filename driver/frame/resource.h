@@ -3,8 +3,7 @@
 
 #include "frame/nt.h"
 
-class GvHeldResource
-{
+class GvHeldResource {
 public:
     GvHeldResource() = default;
     GvHeldResource(const GvHeldResource&) = delete;

@@ -4,15 +4,13 @@
 #include "frame/handle.h"
 #include "frame/trace.h"
 
-namespace
-{
+namespace {
 
 constexpr ULONG kDefaultPoolSize = 16;
 constexpr ULONG kMaximumPoolSize = 511;
 
 // The fixed record, which already has room for one byte of data, and a DWORD behind it.
-struct WorkersValue
-{
+struct WorkersValue {
     KEY_VALUE_PARTIAL_INFORMATION Information;
     ULONG Room;
 };

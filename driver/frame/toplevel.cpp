@@ -10,10 +10,7 @@ bool GvUtlIsTopLevelIrp(PIRP irp)
     return true;
 }
 
-void GvUtlClearTopLevelIrp()
-{
-    IoSetTopLevelIrp(nullptr);
-}
+void GvUtlClearTopLevelIrp() { IoSetTopLevelIrp(nullptr); }
 
 // For the control device and volumes alike; looks at no file control block.
 NTSTATUS NTAPI GvUnsupportedIrp([[maybe_unused]] PDEVICE_OBJECT device, PIRP irp)

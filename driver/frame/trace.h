@@ -1,12 +1,11 @@
 // The trace. A message at a level goes out when GvDebugMask has the level's bit and the IRQL is PASSIVE_LEVEL, as two
-// DbgPrint calls: a prefix with process, thread and function, then the message. Pointers and 64-bit values print through
-// %x, so the adapter narrows them to their low 32 bits; a value meant for %I64x is wrapped in GvWide.
+// DbgPrint calls: a prefix with process, thread and function, then the message. Pointers and 64-bit values print
+// through %x, so the adapter narrows them to their low 32 bits; a value meant for %I64x is wrapped in GvWide.
 #pragma once
 
 #include "frame/nt.h"
 
-enum GvTraceLevel : ULONG
-{
+enum GvTraceLevel : ULONG {
     GvTraceError = 1,       // failing callees, refused input, broken invariants
     GvTraceNotable = 2,     // expected events worth seeing in a normal log
     GvTraceFlow = 4,        // which path a request takes
@@ -16,8 +15,7 @@ enum GvTraceLevel : ULONG
 
 extern ULONG GvDebugMask;
 
-struct GvWide
-{
+struct GvWide {
     ULONGLONG Value;
 };
 
@@ -37,20 +35,17 @@ inline const char* GvTraceArgument(const char* text) { return text; }
 inline const WCHAR* GvTraceArgument(const WCHAR* text) { return text; }
 inline ULONGLONG GvTraceArgument(GvWide wide) { return wide.Value; }
 
-inline bool GvTraceWanted(ULONG level)
-{
-    return (GvDebugMask & level) != 0 && KeGetCurrentIrql() == PASSIVE_LEVEL;
-}
+inline bool GvTraceWanted(ULONG level) { return (GvDebugMask & level) != 0 && KeGetCurrentIrql() == PASSIVE_LEVEL; }
 
 void GvTracePrefix(const char* function);
 
 // For code that speaks in another function's name, such as the shared dispatch skeleton.
-#define GV_TRACE_AS(function, level, ...)                                    \
-    do {                                                                     \
-        if (GvTraceWanted(level)) {                                          \
-            GvTracePrefix(function);                                         \
-            GvTraceMessage(__VA_ARGS__);                                     \
-        }                                                                    \
+#define GV_TRACE_AS(function, level, ...) \
+    do {                                  \
+        if (GvTraceWanted(level)) {       \
+            GvTracePrefix(function);      \
+            GvTraceMessage(__VA_ARGS__);  \
+        }                                 \
     } while (0)
 
 #define GV_TRACE(level, ...) GV_TRACE_AS(__func__, level, __VA_ARGS__)

@@ -1,16 +1,14 @@
-// Locking the caller's buffer for a request that leaves its thread. On success the MDL stays with the request, and the I/O
-// manager releases it at completion.
+// Locking the caller's buffer for a request that leaves its thread. On success the MDL stays with the request, and the
+// I/O manager releases it at completion.
 
 #include "frame/context.h"
 
 #include "frame/guard.h"
 #include "frame/trace.h"
 
-namespace
-{
+namespace {
 
-enum class BufferUse
-{
+enum class BufferUse {
     None,
     Filled, // by the driver
     Read    // by the driver
@@ -30,10 +28,7 @@ BufferUse BufferUseOf(const IO_STACK_LOCATION* stack)
 }
 
 // Every request kind with a buffer to lock has its length as the first parameter.
-ULONG LengthOf(const IO_STACK_LOCATION* stack)
-{
-    return stack->Parameters.Read.Length;
-}
+ULONG LengthOf(const IO_STACK_LOCATION* stack) { return stack->Parameters.Read.Length; }
 static_assert(offsetof(IO_STACK_LOCATION, Parameters.Read.Length) ==
               offsetof(IO_STACK_LOCATION, Parameters.QueryDirectory.Length));
 static_assert(offsetof(IO_STACK_LOCATION, Parameters.Read.Length) ==

@@ -3,12 +3,8 @@
 
 #include "frame/records.h"
 
-enum class MmFlush : bool
-{
-    No,
-    Yes
-};
+enum class MmFlush : bool { No, Yes };
 
-// Flushes, if asked, and purges the file's mapped pages: the whole file for a null offset and length 0. Failures are traced
-// only; a caller that needs to know looks at what it cares about.
+// Flushes, if asked, and purges the file's mapped pages: the whole file for a null offset and length 0. Failures are
+// traced only; a caller that needs to know looks at what it cares about.
 void GvUtlFlushAndPurgeMm(Fcb* fcb, PLARGE_INTEGER offset, ULONG length, MmFlush flush);

@@ -46,8 +46,7 @@ NTSTATUS GvFcbShutdown(FcbTables* tables)
     return STATUS_SUCCESS;
 }
 
-namespace
-{
+namespace {
 
 [[nodiscard]] NTSTATUS InitResources(Fcb* fcb)
 {
@@ -122,10 +121,7 @@ NTSTATUS GvFcbAllocAndInitVolumeFcb(PluginAccessMask access, Fcb** fcb)
     return status;
 }
 
-NTSTATUS GvFcbFreeVolumeFcb(Fcb* fcb)
-{
-    return GvFcbFreeFcb(fcb);
-}
+NTSTATUS GvFcbFreeVolumeFcb(Fcb* fcb) { return GvFcbFreeFcb(fcb); }
 
 NTSTATUS GvFcbCreateNewFcb(FcbTables* tables, PCUNICODE_STRING path, const GvFcbInitialState& state, Fcb** result)
 {
@@ -213,12 +209,6 @@ ULONG GvFcbGetFcbCount(const FcbTables* tables)
     return GvTreeGetEntryCount(tables->NameTree) + GvTreeGetEntryCount(tables->DeletionTree);
 }
 
-void GvFcbGetFileSize(const Fcb* fcb, LONGLONG* size)
-{
-    *size = fcb->Header.FileSize.QuadPart;
-}
+void GvFcbGetFileSize(const Fcb* fcb, LONGLONG* size) { *size = fcb->Header.FileSize.QuadPart; }
 
-void GvFcbSetFileSize(Fcb* fcb, const LONGLONG* size)
-{
-    fcb->Header.FileSize.QuadPart = *size;
-}
+void GvFcbSetFileSize(Fcb* fcb, const LONGLONG* size) { fcb->Header.FileSize.QuadPart = *size; }

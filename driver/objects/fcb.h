@@ -1,5 +1,5 @@
-// Control blocks: their life, their references, the pair of trees. Trees change under Vcb.Resource, held exclusively; the counts
-// are atomic, since a close that is not top-level gives its reference back with no lock.
+// Control blocks: their life, their references, the pair of trees. Trees change under Vcb.Resource, held exclusively;
+// the counts are atomic, since a close that is not top-level gives its reference back with no lock.
 #pragma once
 
 #include "frame/records.h"
@@ -9,8 +9,7 @@
 [[nodiscard]] NTSTATUS GvFcbShutdown(FcbTables* tables);
 
 // What a control block is made from.
-struct GvFcbInitialState
-{
+struct GvFcbInitialState {
     ULONG Type; // GvFileType
     PluginAccessMask MaxAllowedAccess;
     PluginAccessMask PluginFdCurrentAccess;
@@ -28,15 +27,15 @@ NTSTATUS GvFcbFreeVolumeFcb(Fcb* fcb);
 // One reference for the caller, or null.
 [[nodiscard]] Fcb* GvFcbGetExistingFcb(FcbTables* tables, PCUNICODE_STRING path);
 
-// The one way to give back a reference. The last one on a live object closes its plugin handle, and then those of idle ancestors,
-// leaf first; the last one on a deleted object takes it off the deletion tree.
+// The one way to give back a reference. The last one on a live object closes its plugin handle, and then those of idle
+// ancestors, leaf first; the last one on a deleted object takes it off the deletion tree.
 NTSTATUS GvFcbReleaseFcb(IrpContext* context, Fcb* fcb);
 NTSTATUS GvFcbDerefFcbAndParentChain(IrpContext* context, Fcb* fcb);
 
 // A copy for the caller to free. STATUS_INVALID_PARAMETER for a deleted object, which has no name.
 [[nodiscard]] NTSTATUS GvFcbGetName(FcbTables* tables, Fcb* fcb, PUNICODE_STRING* name);
-// Moves a deleted object to the deletion tree and gives back its count on the parent. After a failure behind the removal the
-// object is on no tree; its last release says so and leaves the record.
+// Moves a deleted object to the deletion tree and gives back its count on the parent. After a failure behind the
+// removal the object is on no tree; its last release says so and leaves the record.
 NTSTATUS GvFcbMarkFcbAsDeleted(IrpContext* context, Fcb* fcb);
 // Re-enters the object under its new path, below target's object if a target is given.
 [[nodiscard]] NTSTATUS GvFcbMoveFcbForRename(IrpContext* context, Fcb* fcb, PFILE_OBJECT target,
@@ -51,14 +50,10 @@ ULONG GvFcbGetFcbCount(const FcbTables* tables);
 void GvFcbGetFileSize(const Fcb* fcb, LONGLONG* size);
 void GvFcbSetFileSize(Fcb* fcb, const LONGLONG* size);
 
-inline void GvFcbAddReference(Fcb* fcb)
-{
-    InterlockedIncrement(&fcb->RefCount);
-}
+inline void GvFcbAddReference(Fcb* fcb) { InterlockedIncrement(&fcb->RefCount); }
 
 // Owns one reference until the end of the scope. Vcb.Resource is held exclusively there.
-class GvFcbReference
-{
+class GvFcbReference {
 public:
     explicit GvFcbReference(IrpContext* context, Fcb* fcb = nullptr) : context_(context), fcb_(fcb) {}
     GvFcbReference(const GvFcbReference&) = delete;

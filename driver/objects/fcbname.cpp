@@ -1,5 +1,5 @@
-// The names of control blocks: reading one, moving one, and the deletion key, which is the full path with the block's address
-// behind it, so that any number of deleted objects of one name can wait for their last close.
+// The names of control blocks: reading one, moving one, and the deletion key, which is the full path with the block's
+// address behind it, so that any number of deleted objects of one name can wait for their last close.
 
 #include "objects/fcb.h"
 
@@ -16,8 +16,7 @@ NTSTATUS GvFcbGetName(FcbTables* tables, Fcb* fcb, PUNICODE_STRING* name)
     return GvTreeGetEntryKey(tables->NameTree, &fcb->TreeEntry, name);
 }
 
-namespace
-{
+namespace {
 
 constexpr ULONG kHexTextBytes = 64;
 

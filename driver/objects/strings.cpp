@@ -38,13 +38,9 @@ bool GvUtlEndsInBackslash(PCUNICODE_STRING path)
     return path->Length >= sizeof(WCHAR) && path->Buffer[path->Length / sizeof(WCHAR) - 1] == L'\\';
 }
 
-bool GvUtlIsRootPath(PCUNICODE_STRING path)
-{
-    return path->Length == sizeof(WCHAR) && path->Buffer[0] == L'\\';
-}
+bool GvUtlIsRootPath(PCUNICODE_STRING path) { return path->Length == sizeof(WCHAR) && path->Buffer[0] == L'\\'; }
 
-namespace
-{
+namespace {
 
 ULONG LengthOf(const WCHAR* text)
 {

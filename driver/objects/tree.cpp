@@ -1,5 +1,5 @@
-// The name trees over the platform's Unicode prefix table, which finds the longest prefix by whole components. A parent is no
-// answer to a question about its child, so a lookup compares lengths.
+// The name trees over the platform's Unicode prefix table, which finds the longest prefix by whole components. A parent
+// is no answer to a question about its child, so a lookup compares lengths.
 
 #include "objects/tree.h"
 
@@ -57,8 +57,7 @@ NTSTATUS GvTreeRemoveEntryByVal(GvTree* tree, GvTreeEntry* entry)
     return STATUS_SUCCESS;
 }
 
-namespace
-{
+namespace {
 
 GvTreeEntry* GvTreeGetEntryInternal(GvTree* tree, PCUNICODE_STRING name)
 {

@@ -18,10 +18,6 @@ NTSTATUS GvTreeRemoveEntryByVal(GvTree* tree, GvTreeEntry* entry);
 [[nodiscard]] NTSTATUS GvTreeGetEntryKey(GvTree* tree, GvTreeEntry* entry, PUNICODE_STRING* name);
 ULONG GvTreeGetEntryCount(const GvTree* tree);
 
-enum class GvWalk : bool
-{
-    Continue,
-    Restart
-};
+enum class GvWalk : bool { Continue, Restart };
 // Every entry once, in the platform's order; null at the end. Not to be interleaved with changes.
 GvTreeEntry* GvTreeGetNextEntry(GvTree* tree, GvWalk walk);

@@ -36,8 +36,7 @@ NTSTATUS GvUtlOpenFileWithNoAccess(PUNICODE_STRING path, HANDLE* handle)
     OBJECT_ATTRIBUTES attributes;
     InitializeObjectAttributes(&attributes, path, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
     IO_STATUS_BLOCK statusBlock = {};
-    const NTSTATUS status =
-        ZwCreateFile(handle, 0, &attributes, &statusBlock, nullptr, 0, 0, FILE_OPEN, 0, nullptr, 0);
+    const NTSTATUS status = ZwCreateFile(handle, 0, &attributes, &statusBlock, nullptr, 0, 0, FILE_OPEN, 0, nullptr, 0);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED("ZwCreateFile", status);
     return status;
 }
@@ -55,8 +54,7 @@ void* GvUtlMapBufferForIo(PIRP irp)
     return address;
 }
 
-namespace
-{
+namespace {
 
 bool IsDotName(const PluginDirEntry* entry)
 {

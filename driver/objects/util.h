@@ -19,8 +19,7 @@ bool GvUtlEndsInBackslash(PCUNICODE_STRING path);
 // The path is exactly one backslash.
 bool GvUtlIsRootPath(PCUNICODE_STRING path);
 
-enum class GvAllocateResource : bool
-{
+enum class GvAllocateResource : bool {
     No, // *resource points to one in place
     Yes
 };
@@ -30,12 +29,12 @@ NTSTATUS GvUtlDeleteResource(PERESOURCE resource, GvAllocateResource allocated);
 // A kernel handle, the caller's to close.
 [[nodiscard]] NTSTATUS GvUtlOpenFileWithNoAccess(PUNICODE_STRING path, HANDLE* handle);
 
-// The address at which this code can touch the request's data; null if there is none or it cannot be mapped. Without an MDL it
-// is the caller's own address, unprobed.
+// The address at which this code can touch the request's data; null if there is none or it cannot be mapped. Without an
+// MDL it is the caller's own address, unprobed.
 [[nodiscard]] void* GvUtlMapBufferForIo(PIRP irp);
 
-// STATUS_SUCCESS if the directory may go, STATUS_DIRECTORY_NOT_EMPTY, STATUS_UNSUCCESSFUL while a child control block lives, or
-// the plugin's failure. The directory's lock is held.
+// STATUS_SUCCESS if the directory may go, STATUS_DIRECTORY_NOT_EMPTY, STATUS_UNSUCCESSFUL while a child control block
+// lives, or the plugin's failure. The directory's lock is held.
 [[nodiscard]] NTSTATUS GvUtlIsPluginDirEmpty(IrpContext* context, Fcb* fcb);
 
 // The single place where a change could be reported. Reports nothing.

@@ -1,13 +1,12 @@
-// IRP_MJ_CLEANUP: the last handle to a file object is gone. What belongs to the handle ends here; the file object itself lives on
-// until its close, since the memory manager can keep it referenced. The plugin hears nothing.
+// IRP_MJ_CLEANUP: the last handle to a file object is gone. What belongs to the handle ends here; the file object
+// itself lives on until its close, since the memory manager can keep it referenced. The plugin hears nothing.
 
 #include "frame/requests.h"
 #include "frame/resource.h"
 #include "frame/trace.h"
 #include "objects/util.h"
 
-namespace
-{
+namespace {
 
 // Filter 0 means that there is nothing to report.
 ULONG ChangesOf(const Ccb* ccb)
@@ -35,9 +34,7 @@ NTSTATUS GvDoCleanup(IrpContext* context, GvOutcome*)
     if (const NTSTATUS status = lock.Exclusive(fcb->Header.Resource); !NT_SUCCESS(status)) return status;
 
     FsRtlFastUnlockAll(&fcb->FileLock, fileObject, IoGetRequestorProcess(context->Irp), nullptr);
-    if (const ULONG changes = ChangesOf(ccb)) {
-        GvUtlReportChange(context->Vcb, fcb, changes, FILE_ACTION_MODIFIED);
-    }
+    if (const ULONG changes = ChangesOf(ccb)) { GvUtlReportChange(context->Vcb, fcb, changes, FILE_ACTION_MODIFIED); }
     InterlockedDecrement(&fcb->HandleCount);
     IoRemoveShareAccess(fileObject, &fcb->ShareAccess);
     if (!CcUninitializeCacheMap(fileObject, nullptr, nullptr)) {

@@ -1,5 +1,6 @@
-// IRP_MJ_CLOSE: the end of a file object. It may come at any time and in any context, so it can pend, and it can go without the
-// volume lock when it is nested in other work: then the holder further up has one more reference, and this one is not the last.
+// IRP_MJ_CLOSE: the end of a file object. It may come at any time and in any context, so it can pend, and it can go
+// without the volume lock when it is nested in other work: then the holder further up has one more reference, and this
+// one is not the last.
 
 #include "frame/context.h"
 #include "frame/requests.h"
@@ -9,12 +10,10 @@
 #include "objects/fcb.h"
 #include "volume/volume.h"
 
-namespace
-{
+namespace {
 
 // Whatever the mount state: a close must finish, and the last one is what lets a requested unmount go on.
-class ClosePin
-{
+class ClosePin {
 public:
     explicit ClosePin(PDEVICE_OBJECT device) : device_(device)
     {

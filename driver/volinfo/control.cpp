@@ -1,5 +1,5 @@
-// Requests with almost nothing to do: file-system control, device control, shutdown. None has a context, goes to a worker or calls
-// the plugin; on the control device they mean what that device gives them.
+// Requests with almost nothing to do: file-system control, device control, shutdown. None has a context, goes to a
+// worker or calls the plugin; on the control device they mean what that device gives them.
 
 #include "frame/context.h"
 #include "frame/dispatch.h"
@@ -12,8 +12,7 @@
 #endif
 static_assert(FSCTL_IS_VOLUME_MOUNTED == 0x90028);
 
-namespace
-{
+namespace {
 
 // A look at one word: whoever asks can be overtaken by an unmount request anyway.
 bool IsMounted(const Vcb* vcb) GV_NO_ANALYSIS

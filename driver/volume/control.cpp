@@ -8,8 +8,7 @@
 
 PDEVICE_OBJECT GvCtrlDevice;
 
-namespace
-{
+namespace {
 
 [[nodiscard]] NTSTATUS GvCtrlIrpDeviceControl(PIRP irp, ULONG* information)
 {
@@ -45,9 +44,7 @@ namespace
     case IRP_MJ_CLOSE:
     case IRP_MJ_CLEANUP: return STATUS_SUCCESS;
     case IRP_MJ_DEVICE_CONTROL: return GvCtrlIrpDeviceControl(irp, information);
-    default:
-        GV_TRACE(GvTraceError, "bad major-function: 0x%x\n", stack->MajorFunction);
-        return STATUS_NOT_SUPPORTED;
+    default: GV_TRACE(GvTraceError, "bad major-function: 0x%x\n", stack->MajorFunction); return STATUS_NOT_SUPPORTED;
     }
 }
 

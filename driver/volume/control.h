@@ -10,12 +10,11 @@ extern PDEVICE_OBJECT GvCtrlDevice;
 // Constant; fetched by plugins with IOCTL_GVND_GET_SERVICE_TABLE.
 extern const GvServices GvServiceTable;
 
-// The first step of every dispatch routine but GvUnsupportedIrp. *handled says that the request was for the control device
-// and is complete, with the status returned.
+// The first step of every dispatch routine but GvUnsupportedIrp. *handled says that the request was for the control
+// device and is complete, with the status returned.
 NTSTATUS GvCtrlHandleIrp(PDEVICE_OBJECT device, PIRP irp, bool* handled);
 
-struct GvDeviceParameters
-{
+struct GvDeviceParameters {
     PDRIVER_OBJECT Driver;
     UNICODE_STRING DeviceName;
     UNICODE_STRING LinkName;

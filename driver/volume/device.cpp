@@ -30,7 +30,4 @@ NTSTATUS GvUtlCreateDevAndSymLink(const GvDeviceParameters& parameters, PDEVICE_
     return STATUS_SUCCESS;
 }
 
-void GvUtlClearDevInitializing(PDEVICE_OBJECT device)
-{
-    device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
-}
+void GvUtlClearDevInitializing(PDEVICE_OBJECT device) { device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING); }

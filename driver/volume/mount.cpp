@@ -1,5 +1,5 @@
-// Mount. Runs alone for its volume: no request can reach the device before DO_DEVICE_INITIALIZING is cleared, and by then the
-// plugin knows that the volume is mounted and the workers run.
+// Mount. Runs alone for its volume: no request can reach the device before DO_DEVICE_INITIALIZING is cleared, and by
+// then the plugin knows that the volume is mounted and the workers run.
 
 #include "frame/driver.h"
 #include "frame/guard.h"
@@ -13,16 +13,14 @@
 
 const GvServices GvServiceTable = {nullptr, GvMount, GvUnmountRequest};
 
-namespace
-{
+namespace {
 
 constexpr PluginAccessMask kVolumeAccess =
     GVND_ACCESS_READ | GVND_ACCESS_WRITE | GVND_ACCESS_WRITE_ATTRIBUTES; // nobody executes a volume
 
-// A mount in progress: what stands so far, and its undoing. Once the device exists everything stands in the Vcb, which is its
-// extension.
-class MountAttempt
-{
+// A mount in progress: what stands so far, and its undoing. Once the device exists everything stands in the Vcb, which
+// is its extension.
+class MountAttempt {
 public:
     explicit MountAttempt(PDEVICE_OBJECT* device) : device_(device) {}
     MountAttempt(const MountAttempt&) = delete;
@@ -131,8 +129,7 @@ NTSTATUS MountAttempt::InitState(const PluginOps* operations) GV_NO_ANALYSIS
 
 NTSTATUS MountAttempt::StartWorkers()
 {
-    const NTSTATUS status =
-        FspStartWorkerThreads(vcb_, &vcb_->StopEvent, GvVcbThreadPoolSize, &vcb_->WorkerThreads);
+    const NTSTATUS status = FspStartWorkerThreads(vcb_, &vcb_->StopEvent, GvVcbThreadPoolSize, &vcb_->WorkerThreads);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS("GvMount", GvTraceError, "FspStartWorkerThread(): 0x%x\n", status);
         return status;

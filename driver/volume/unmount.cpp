@@ -1,5 +1,5 @@
-// Unmount. The test of the drain rules moves the state from 2 to 3 under PinLock, so that one caller alone can win and the
-// teardown is queued once; the teardown runs on a system thread, since the winner may hold anything.
+// Unmount. The test of the drain rules moves the state from 2 to 3 under PinLock, so that one caller alone can win and
+// the teardown is queued once; the teardown runs on a system thread, since the winner may hold anything.
 
 #include "volume/volume.h"
 
@@ -9,8 +9,7 @@
 #include "objects/util.h"
 #include "volume/workers.h"
 
-namespace
-{
+namespace {
 
 void ForgetBackingObjectAndPlugin(Vcb* vcb)
 {

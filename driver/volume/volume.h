@@ -1,5 +1,6 @@
-// The life of a volume: mount, the drain rules, unmount. A volume exists because a plugin asked for it; an unmount is never
-// forced: the request only shuts the door, and the volume goes when the last open file and the last running call are gone.
+// The life of a volume: mount, the drain rules, unmount. A volume exists because a plugin asked for it; an unmount is
+// never forced: the request only shuts the door, and the volume goes when the last open file and the last running call
+// are gone.
 #pragma once
 
 #include "frame/records.h"

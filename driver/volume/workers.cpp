@@ -1,6 +1,6 @@
-// Workers: one permit of WorkSemaphore for each context put on PendedList. A context is always on one of the volume's two lists
-// from its queuing until the worker lets it go, so that a cancel finds it. A worker holds no lock between requests and enters no
-// critical region: it is a system thread.
+// Workers: one permit of WorkSemaphore for each context put on PendedList. A context is always on one of the volume's
+// two lists from its queuing until the worker lets it go, so that a cancel finds it. A worker holds no lock between
+// requests and enters no critical region: it is a system thread.
 
 #include "volume/workers.h"
 
@@ -11,8 +11,7 @@
 #include "frame/requests.h"
 #include "frame/trace.h"
 
-namespace
-{
+namespace {
 
 IrpContext* GvMovePendedIrpContextToWorkQueue(Vcb* vcb)
 {

@@ -1,5 +1,5 @@
-// The worker pool of a volume: a fixed number of system threads, made at mount, stopped at unmount. A pended request runs its
-// inner routine again there, from the top.
+// The worker pool of a volume: a fixed number of system threads, made at mount, stopped at unmount. A pended request
+// runs its inner routine again there, from the top.
 #pragma once
 
 #include "frame/records.h"

@@ -7,4 +7,5 @@
 #ifdef __cplusplus
 extern "C"
 #endif
-    NTSTATUS NTAPI GvndDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
+    NTSTATUS NTAPI
+    GvndDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);

@@ -1,11 +1,12 @@
-// The boundary between gvnd and a storage plugin: the table of operations that a plugin hands to the driver, the records
-// that cross, and the services that the driver gives back. C and C++, in a kernel driver and in a Linux process alike.
-// docs/plugin-guide.md says what each operation may do; the comments here say what passes.
+// The boundary between gvnd and a storage plugin: the table of operations that a plugin hands to the driver, the
+// records that cross, and the services that the driver gives back. C and C++, in a kernel driver and in a Linux process
+// alike. docs/plugin-guide.md says what each operation may do; the comments here say what passes.
 //
-// Memory. Strings and buffers that the driver passes in belong to the driver and are valid during the call only. What an
-// operation hands back by pointer (a record, a names block, a value, a string) is one block of pool memory that the driver
-// frees with ExFreePoolWithTag(block, 0); a string is one block with the UNICODE_STRING in front and its text in it. The
-// driver sets every out pointer to null before the call and frees what it finds there afterwards, also after a failure.
+// Memory. Strings and buffers that the driver passes in belong to the driver and are valid during the call only. What
+// an operation hands back by pointer (a record, a names block, a value, a string) is one block of pool memory that the
+// driver frees with ExFreePoolWithTag(block, 0); a string is one block with the UNICODE_STRING in front and its text in
+// it. The driver sets every out pointer to null before the call and frees what it finds there afterwards, also after a
+// failure.
 //
 // Paths begin with a backslash at the volume root, which is a single backslash. Text is 16-bit, not NUL-terminated.
 //
@@ -14,14 +15,13 @@
 #pragma once
 
 #ifdef __cplusplus
-extern "C"
-{
+extern "C" {
 #endif
 
 #include <ntifs.h>
 
 #define GVND_CONTROL_DEVICE_NAME L"\\Device\\GvndCtrlDev"
-#define GVND_CONTROL_LINK_NAME L"\\??\\GvndCtrlDev_SymLink"
+#define GVND_CONTROL_LINK_NAME   L"\\??\\GvndCtrlDev_SymLink"
 
 // Kernel-mode callers only. Output: the address of the GvServices table, one 8-byte pointer.
 #define IOCTL_GVND_GET_SERVICE_TABLE 0x14d514u
@@ -33,18 +33,17 @@ typedef ULONGLONG PluginFd;
 
 // Bits of a PluginAccessMask.
 typedef ULONG PluginAccessMask;
-#define GVND_ACCESS_READ 0x1u             // DELETE, READ_CONTROL, WRITE_DAC, SYNCHRONIZE, read of data, attributes, EAs; EA write
-#define GVND_ACCESS_WRITE 0x2u            // FILE_WRITE_DATA, FILE_APPEND_DATA
+#define GVND_ACCESS_READ             0x1u // DELETE, READ_CONTROL, WRITE_DAC, SYNCHRONIZE, read of data, attributes, EAs; EA write
+#define GVND_ACCESS_WRITE            0x2u // FILE_WRITE_DATA, FILE_APPEND_DATA
 #define GVND_ACCESS_WRITE_ATTRIBUTES 0x4u // FILE_WRITE_ATTRIBUTES
-#define GVND_ACCESS_EXECUTE 0x8u          // FILE_EXECUTE; files only
-#define GVND_ACCESS_ALL 0xfu
+#define GVND_ACCESS_EXECUTE          0x8u // FILE_EXECUTE; files only
+#define GVND_ACCESS_ALL              0xfu
 
 // The attributes that pass between driver and plugin: read-only, hidden, system, directory, archive, reparse point.
 #define GVND_ATTRIBUTE_MASK 0x437u
 
 // From Lookup and GetInfo. Times are NT times (100 ns since 1601), sizes are bytes.
-typedef struct PluginFileInfo
-{
+typedef struct PluginFileInfo {
     LONGLONG CreationTime;
     LONGLONG LastAccessTime;
     LONGLONG LastWriteTime;
@@ -57,8 +56,7 @@ typedef struct PluginFileInfo
 } PluginFileInfo;
 
 // From ReadDirEntry.
-typedef struct PluginDirEntry
-{
+typedef struct PluginDirEntry {
     ULONGLONG Reserved; // not read
     LONGLONG CreationTime;
     LONGLONG LastAccessTime;
@@ -72,8 +70,7 @@ typedef struct PluginDirEntry
 } PluginDirEntry;
 
 // From GetVolInfo.
-typedef struct PluginVolInfo
-{
+typedef struct PluginVolInfo {
     LONGLONG VolumeCreationTime;
     ULONG VolumeSerialNumber;
     ULONG Reserved; // not read
@@ -85,8 +82,8 @@ typedef struct PluginVolInfo
     WCHAR VolumeLabel[1];
 } PluginVolInfo;
 
-// First arguments of every operation but the two notifications. cancel is an auto-reset event: it is set when the request
-// that the call serves is cancelled. Whether a call ends early is the plugin's choice.
+// First arguments of every operation but the two notifications. cancel is an auto-reset event: it is set when the
+// request that the call serves is cancelled. Whether a call ends early is the plugin's choice.
 #define GVND_CALL void *context, PKEVENT cancel
 
 typedef void(NTAPI* PluginNotifyFn)(void* context);
@@ -128,8 +125,7 @@ typedef NTSTATUS(NTAPI* PluginReadLinkFn)(GVND_CALL, PCUNICODE_STRING path, PUNI
 
 // The plugin's table. The driver reads it in place, each slot anew at each call, from the mount until OnUnmounted has
 // returned. A null slot fails the operation with STATUS_NOT_SUPPORTED; where that is tolerated the line says so.
-typedef struct PluginOps
-{
+typedef struct PluginOps {
     ULONG Version; // GVND_PLUGIN_VERSION
     ULONG Reserved;
     void* PluginContext; // first argument of every operation
@@ -165,17 +161,16 @@ typedef struct PluginOps
     PluginReadLinkFn ReadLink;
 } PluginOps;
 
-// Mounts a volume: PASSIVE_LEVEL; securityString may be null; *device must be null on entry. The backing path must exist:
-// the driver keeps it open, and reads nothing from it. The link name is copied; operations must stay valid until OnUnmounted
-// has returned. On failure nothing is left.
+// Mounts a volume: PASSIVE_LEVEL; securityString may be null; *device must be null on entry. The backing path must
+// exist: the driver keeps it open, and reads nothing from it. The link name is copied; operations must stay valid until
+// OnUnmounted has returned. On failure nothing is left.
 typedef NTSTATUS(NTAPI* GvMountFn)(PUNICODE_STRING backingPath, PUNICODE_STRING deviceName, PUNICODE_STRING linkName,
                                    PUNICODE_STRING securityString, const PluginOps* operations, PDEVICE_OBJECT* device);
-// Once per mount, PASSIVE_LEVEL; the device must not be used by the caller afterwards. Never waits: the volume goes when the
-// last open file and the last running call are gone.
+// Once per mount, PASSIVE_LEVEL; the device must not be used by the caller afterwards. Never waits: the volume goes
+// when the last open file and the last running call are gone.
 typedef NTSTATUS(NTAPI* GvUnmountRequestFn)(PDEVICE_OBJECT device);
 
-typedef struct GvServices
-{
+typedef struct GvServices {
     void* Reserved;
     GvMountFn Mount;
     GvUnmountRequestFn UnmountRequest;

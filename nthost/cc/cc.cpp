@@ -5,8 +5,7 @@
 
 #include "check/fatal.h"
 
-namespace
-{
+namespace {
 
 void RequireNoSection(const SECTION_OBJECT_POINTERS* pointers, const char* routine)
 {

@@ -1,5 +1,5 @@
-// The machine's own devices: \Device\Null, and \Device\Host, whose paths are files and directories of the Linux machine (they can
-// be opened to keep a reference, and nothing else). They exist from boot to shutdown.
+// The machine's own devices: \Device\Null, and \Device\Host, whose paths are files and directories of the Linux machine
+// (they can be opened to keep a reference, and nothing else). They exist from boot to shutdown.
 #include "host/builtin.h"
 
 #include <string>

@@ -25,8 +25,7 @@ constexpr ListingRecord Records[] = {
     {FileIdFullDirectoryInformation, sizeof(FILE_ID_FULL_DIR_INFORMATION), 8},
 };
 
-[[nodiscard]] NTSTATUS CheckListing(FILE_INFORMATION_CLASS infoClass, void* buffer, ULONG length,
-                                    KPROCESSOR_MODE mode)
+[[nodiscard]] NTSTATUS CheckListing(FILE_INFORMATION_CLASS infoClass, void* buffer, ULONG length, KPROCESSOR_MODE mode)
 {
     for (const ListingRecord& record : Records) {
         if (record.Class != infoClass) continue;

@@ -1,5 +1,5 @@
-// Byte-range locks: the services. The range travels in memory that belongs to the request, since a lock can wait long after its
-// caller's call has returned.
+// Byte-range locks: the services. The range travels in memory that belongs to the request, since a lock can wait long
+// after its caller's call has returned.
 #include <cstdlib>
 
 #include "io/request.h"

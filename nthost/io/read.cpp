@@ -1,5 +1,5 @@
-// Reading: the position rules, and paging reads. How the data travels is the device's choice (DO_BUFFERED_IO, DO_DIRECT_IO, or
-// the caller's own address).
+// Reading: the position rules, and paging reads. How the data travels is the device's choice (DO_BUFFERED_IO,
+// DO_DIRECT_IO, or the caller's own address).
 #include "io/finish.h"
 #include "io/request.h"
 #include "io/service.h"
@@ -30,8 +30,8 @@ struct Position {
     if (!transfer.ByteOffset) return STATUS_INVALID_PARAMETER;
     const NTSTATUS status = zw::ReadUser(transfer.ByteOffset, &position->Offset, transfer.Mode);
     if (!NT_SUCCESS(status)) return status;
-    position->Current = synchronous && position->Offset.HighPart == -1 &&
-                        position->Offset.LowPart == FILE_USE_FILE_POINTER_POSITION;
+    position->Current =
+        synchronous && position->Offset.HighPart == -1 && position->Offset.LowPart == FILE_USE_FILE_POINTER_POSITION;
     return position->Current || position->Offset.QuadPart >= 0 ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER;
 }
 
@@ -46,8 +46,7 @@ bool IsAligned(const Transfer& transfer, const Position& position, PFILE_OBJECT 
 
 [[nodiscard]] NTSTATUS AttachReadBuffer(Request& request, const Transfer& transfer)
 {
-    if (request.Device()->Flags & DO_BUFFERED_IO)
-        return request.Buffered(nullptr, 0, transfer.Buffer, transfer.Length);
+    if (request.Device()->Flags & DO_BUFFERED_IO) return request.Buffered(nullptr, 0, transfer.Buffer, transfer.Length);
     request.Neither(transfer.Buffer);
     if (request.Device()->Flags & DO_DIRECT_IO) return request.Direct(transfer.Buffer, transfer.Length, IoWriteAccess);
     return STATUS_SUCCESS;
@@ -113,8 +112,8 @@ NTSTATUS NTAPI IoPageRead(PFILE_OBJECT FileObject, PMDL MemoryDescriptorList, PL
     IrpRecord* const record = NewPagingRead(FileObject, device, MemoryDescriptorList, *StartingOffset);
     if (!record) return STATUS_INSUFFICIENT_RESOURCES;
     // The pages stay the caller's: the request gets a description of its own, so that its end frees that one.
-    PMDL const mdl = IoAllocateMdl(record->Irp.UserBuffer, MmGetMdlByteCount(MemoryDescriptorList), FALSE, FALSE,
-                                   &record->Irp);
+    PMDL const mdl =
+        IoAllocateMdl(record->Irp.UserBuffer, MmGetMdlByteCount(MemoryDescriptorList), FALSE, FALSE, &record->Irp);
     if (!mdl) {
         IoFreeIrp(&record->Irp);
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -129,6 +128,5 @@ NTSTATUS NTAPI IoPageRead(PFILE_OBJECT FileObject, PMDL MemoryDescriptorList, PL
 
 NTHOST_SERVICE_PAIR(ReadFile, nthost::io::Read,
                     (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
-                     PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset,
-                     PULONG Key),
+                     PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset, PULONG Key),
                     FileHandle, Event, ApcRoutine, ApcContext, IoStatusBlock, Buffer, Length, ByteOffset, Key)

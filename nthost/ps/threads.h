@@ -17,8 +17,8 @@ void EndProcess(PEPROCESS process);
 
 // The current Linux thread becomes this one. Takes over the caller's reference.
 void EnterThread(_ETHREAD* thread);
-// And stops being it, in two steps: what it left is checked and its requests are cancelled, which may take long; then the
-// object is signalled and the reference goes.
+// And stops being it, in two steps: what it left is checked and its requests are cancelled, which may take long; then
+// the object is signalled and the reference goes.
 void PrepareToLeave();
 void LeaveThread(NTSTATUS exitStatus);
 

@@ -30,7 +30,8 @@ std::string Describe(T** /*out*/)
     return {};
 }
 
-template <auto Slot> struct Named;
+template <auto Slot>
+struct Named;
 
 template <typename... Arguments>
 std::string DescribeAll(Arguments... arguments)
@@ -50,7 +51,8 @@ void TouchBadAddress()
     *reinterpret_cast<volatile char*>(address) = 1;
 }
 
-template <auto Slot, typename Function> struct Thunk;
+template <auto Slot, typename Function>
+struct Thunk;
 
 template <auto Slot, typename... Arguments>
 struct Thunk<Slot, NTSTATUS(NTAPI*)(void*, PKEVENT, Arguments...)> {
@@ -76,14 +78,16 @@ void Fill(PluginOps& table, const PluginOps& inner)
     if (inner.*Slot) table.*Slot = Thunk<Slot, Function>::Call;
 }
 
-#define FOR_EACH_OPERATION(X)                                                                                        \
-    X(GetNormalizedPath) X(AccessCheck) X(Lookup) X(Open) X(OpenDir) X(Create) X(CreateDir) X(Read) X(Write)         \
-    X(ReadDirEntry) X(GetInfo) X(SetFileSize) X(SetAttr) X(SetTime) X(GetVolInfo) X(SetVolLabel) X(Close) X(Rename)  \
-    X(Delete) X(FlushVol) X(FlushFile) X(ListEa) X(GetEa) X(SetEa) X(DeleteEa) X(ReadLink)
+#define FOR_EACH_OPERATION(X)                                                                                      \
+    X(GetNormalizedPath)                                                                                           \
+    X(AccessCheck) X(Lookup) X(Open) X(OpenDir) X(Create) X(CreateDir) X(Read) X(Write) X(ReadDirEntry) X(GetInfo) \
+        X(SetFileSize) X(SetAttr) X(SetTime) X(GetVolInfo) X(SetVolLabel) X(Close) X(Rename) X(Delete) X(FlushVol) \
+            X(FlushFile) X(ListEa) X(GetEa) X(SetEa) X(DeleteEa) X(ReadLink)
 
-#define NAME_OPERATION(name)                                                                                         \
-    template <> struct Named<&PluginOps::name> {                                                                     \
-        static constexpr const char* Name = #name;                                                                   \
+#define NAME_OPERATION(name)                       \
+    template <>                                    \
+    struct Named<&PluginOps::name> {               \
+        static constexpr const char* Name = #name; \
     };
 FOR_EACH_OPERATION(NAME_OPERATION)
 

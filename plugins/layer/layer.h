@@ -1,5 +1,6 @@
-// A layer in front of any plugin table, for tests, tools and plugin authors: notes each call with its argument text, and can make the n-th call of an operation fail,
-// raise, fault, return short, or stop at a gate until the test opens it. Rows of tests say operations by their slot's name.
+// A layer in front of any plugin table, for tests, tools and plugin authors: notes each call with its argument text,
+// and can make the n-th call of an operation fail, raise, fault, return short, or stop at a gate until the test opens
+// it. Rows of tests say operations by their slot's name.
 #pragma once
 
 #include <atomic>

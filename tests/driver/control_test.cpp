@@ -65,8 +65,8 @@ TEST_F(Control, RefusesInOrder)
     for (const RefusalRow& row : rows) {
         SCOPED_TRACE(row.Name);
         Trace().Clear();
-        auto opened = support::Open(
-            kControl, {.Access = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE, .Kernel = row.Kernel});
+        auto opened =
+            support::Open(kControl, {.Access = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE, .Kernel = row.Kernel});
         ASSERT_STATUS(STATUS_SUCCESS, opened.Status);
         ULONGLONG output = 0;
         IO_STATUS_BLOCK statusBlock = {};
@@ -120,8 +120,8 @@ TEST_F(Control, ServesNothingButItsTable)
     auto opened = support::Open(kControl, {.Kernel = true});
     ASSERT_STATUS(STATUS_SUCCESS, opened.Status);
     PVOID object = nullptr;
-    ASSERT_STATUS(STATUS_SUCCESS, ObReferenceObjectByHandle(opened.File.Get(), 0, *IoFileObjectType, KernelMode,
-                                                            &object, nullptr));
+    ASSERT_STATUS(STATUS_SUCCESS,
+                  ObReferenceObjectByHandle(opened.File.Get(), 0, *IoFileObjectType, KernelMode, &object, nullptr));
     const auto fileObject = static_cast<PFILE_OBJECT>(object);
     const uint64_t contexts = Trace().Count("GvAllocIrpContext");
 

@@ -1,6 +1,6 @@
-// The public x64 layout of every NT structure that the driver or a plugin reads, writes or embeds. Compiled against nthost's
-// headers and against those of the cross toolchain, so that the two builds cannot drift apart: what is proved here for one set
-// holds for the other.
+// The public x64 layout of every NT structure that the driver or a plugin reads, writes or embeds. Compiled against
+// nthost's headers and against those of the cross toolchain, so that the two builds cannot drift apart: what is proved
+// here for one set holds for the other.
 
 #include <gvnd/plugin.h>
 

@@ -79,8 +79,7 @@ std::string Join(const std::vector<std::string>& lines)
 ::testing::AssertionResult IsStatus(NTSTATUS actual, NTSTATUS expected)
 {
     if (actual == expected) return ::testing::AssertionSuccess();
-    return ::testing::AssertionFailure() << nthost::StatusName(actual) << ", expected "
-                                         << nthost::StatusName(expected);
+    return ::testing::AssertionFailure() << nthost::StatusName(actual) << ", expected " << nthost::StatusName(expected);
 }
 
 } // namespace support

@@ -1,5 +1,5 @@
-// The fixture's foundation: boots nthost, records the trace, loads the driver, and at the end asserts that nothing is left:
-// no finding, no leak, no object.
+// The fixture's foundation: boots nthost, records the trace, loads the driver, and at the end asserts that nothing is
+// left: no finding, no leak, no object.
 #pragma once
 
 #include <mutex>

@@ -117,10 +117,10 @@ void ListDirectory(const File& directory, const std::string& pattern, const std:
     std::vector<uint64_t> buffer(64 * 1024 / sizeof(uint64_t));
     for (bool first = true;; first = false) {
         IO_STATUS_BLOCK statusBlock{};
-        const NTSTATUS status = NtQueryDirectoryFile(
-            directory.Handle(), nullptr, nullptr, nullptr, &statusBlock, buffer.data(),
-            static_cast<ULONG>(buffer.size() * sizeof(uint64_t)), FileFullDirectoryInformation, FALSE,
-            first && !pattern.empty() ? expression.Get() : nullptr, first);
+        const NTSTATUS status =
+            NtQueryDirectoryFile(directory.Handle(), nullptr, nullptr, nullptr, &statusBlock, buffer.data(),
+                                 static_cast<ULONG>(buffer.size() * sizeof(uint64_t)), FileFullDirectoryInformation,
+                                 FALSE, first && !pattern.empty() ? expression.Get() : nullptr, first);
         if (status == STATUS_NO_MORE_FILES) return;
         Require("list " + directory.Path(), status);
         EachRecord(reinterpret_cast<const char*>(buffer.data()), each);

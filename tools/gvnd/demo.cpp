@@ -1,5 +1,5 @@
-// The demonstration: load, fetch the service table, mount, one file request by request with the plugin calls each caused, and a
-// real tree copied out through another plugin.
+// The demonstration: load, fetch the service table, mount, one file request by request with the plugin calls each
+// caused, and a real tree copied out through another plugin.
 #include "gvnd/demo.h"
 
 #include <cstdlib>

@@ -1,4 +1,5 @@
-// Export in two passes over the volume's tree: copy, then compare. Each pass lists and reads through the front door only.
+// Export in two passes over the volume's tree: copy, then compare. Each pass lists and reads through the front door
+// only.
 #include "gvnd/export.h"
 
 #include <chrono>
@@ -46,7 +47,8 @@ public:
         const double rate = bytes / (seconds > 0 ? seconds : 1);
         std::string rest;
         if (totalBytes > bytes && rate > 0) rest = fmt::format(", {:.0f} s left", (totalBytes - bytes) / rate);
-        fmt::print(stderr, "\r\x1b[K{} {} files, {:.1f} MB, {:.1f} MB/s{}", verb_, files, bytes / 1e6, rate / 1e6, rest);
+        fmt::print(stderr, "\r\x1b[K{} {} files, {:.1f} MB, {:.1f} MB/s{}", verb_, files, bytes / 1e6, rate / 1e6,
+                   rest);
         printed_ = true;
     }
 
@@ -63,8 +65,7 @@ public:
     using FileAction = std::function<void(const std::string& path, const fs::path& copy)>;
     TreeWalk(Session& session, ExportTotals& totals, FileAction onFile)
         : session_(session), totals_(totals), onFile_(std::move(onFile))
-    {
-    }
+    {}
 
     uint64_t Directories = 0;
     uint64_t Skipped = 0;
@@ -73,8 +74,8 @@ public:
     {
         ++Directories;
         std::vector<Entry> entries;
-        const File directory = OpenFile(session_.NtPath(path), {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
-                                                                .Options = FILE_DIRECTORY_FILE});
+        const File directory = OpenFile(session_.NtPath(path),
+                                        {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE, .Options = FILE_DIRECTORY_FILE});
         ListDirectory(directory, "", [&](const Entry& entry) { entries.push_back(entry); });
         for (const Entry& entry : entries) Visit(entry, path + "\\" + entry.Name, copy / entry.Name);
     }
@@ -210,10 +211,9 @@ void PrintTotals(const ExportTotals& totals)
     fmt::print("{} files in {} directories, {:.1f} MB; {} links left out\n", totals.Files, totals.Directories,
                totals.Bytes / 1e6, totals.Skipped);
     fmt::print("copied and read again in {:.2f} s, {:.1f} MB/s; {} requests, {} plugin calls\n", totals.Seconds,
-               2 * totals.Bytes / 1e6 / (totals.Seconds > 0 ? totals.Seconds : 1), totals.Requests,
-               totals.PluginCalls);
-    fmt::print("{}\n", totals.Problems.empty() ? "every byte agrees"
-                                               : fmt::format("{} problems", totals.Problems.size()));
+               2 * totals.Bytes / 1e6 / (totals.Seconds > 0 ? totals.Seconds : 1), totals.Requests, totals.PluginCalls);
+    fmt::print("{}\n",
+               totals.Problems.empty() ? "every byte agrees" : fmt::format("{} problems", totals.Problems.size()));
 }
 
 } // namespace tool

@@ -1,4 +1,5 @@
-// Boot, load, mount, and the way back. A volume is mounted the way a kernel plugin mounts it: through the control device.
+// Boot, load, mount, and the way back. A volume is mounted the way a kernel plugin mounts it: through the control
+// device.
 #include "gvnd/session.h"
 
 #include <algorithm>

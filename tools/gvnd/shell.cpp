@@ -160,8 +160,7 @@ void Shell::List(const Words& words)
         path = split.Directory;
         pattern = split.Last;
     }
-    const File directory =
-        OpenFile(session_.NtPath(path), {.Access = kListAccess, .Options = FILE_DIRECTORY_FILE});
+    const File directory = OpenFile(session_.NtPath(path), {.Access = kListAccess, .Options = FILE_DIRECTORY_FILE});
     size_t count = 0;
     ListDirectory(directory, pattern, [&](const Entry& entry) {
         PrintEntry(entry, longForm);

@@ -18,8 +18,8 @@ public:
 
     // Runs one line; false after `exit`. A failure is thrown.
     bool Run(const std::string& line);
-    // Lines until the end or `exit`. Interactive: prompt and history, and failures are printed and forgotten; else the first
-    // failure ends it.
+    // Lines until the end or `exit`. Interactive: prompt and history, and failures are printed and forgotten; else the
+    // first failure ends it.
     void RunInteractive();
     void RunScript(std::istream& script);
 

@@ -37,8 +37,8 @@ constexpr Advice Advices[] = {
 
 std::string Describe(const std::string& request, NTSTATUS status)
 {
-    std::string text = fmt::format("{}: {} (0x{:08x})", request, nthost::StatusName(status),
-                                   static_cast<unsigned>(status));
+    std::string text =
+        fmt::format("{}: {} (0x{:08x})", request, nthost::StatusName(status), static_cast<unsigned>(status));
     for (const Advice& advice : Advices) {
         if (advice.Status == status) return text + "\n  " + advice.Text;
     }
@@ -48,7 +48,6 @@ std::string Describe(const std::string& request, NTSTATUS status)
 } // namespace
 
 Failure::Failure(std::string request, NTSTATUS status) : std::runtime_error(Describe(request, status)), status_(status)
-{
-}
+{}
 
 } // namespace tool

@@ -1,5 +1,5 @@
-// What a file system tells the cache and memory managers about a file's section. A file whose section pointers are null has
-// neither views nor cached pages, and every request about it is trivially granted.
+// What a file system tells the cache and memory managers about a file's section. A file whose section pointers are null
+// has neither views nor cached pages, and every request about it is trivially granted.
 #pragma once
 
 #include "io.h"
@@ -8,7 +8,7 @@ NT_EXTERN_C_BEGIN
 
 typedef enum _MMFLUSH_TYPE { MmFlushForDelete, MmFlushForWrite } MMFLUSH_TYPE;
 
-typedef struct _CACHE_UNINITIALIZE_EVENT *PCACHE_UNINITIALIZE_EVENT;
+typedef struct _CACHE_UNINITIALIZE_EVENT* PCACHE_UNINITIALIZE_EVENT;
 
 // A null offset means the whole file. Outcome in IoStatus.
 NTKERNELAPI VOID NTAPI CcFlushCache(PSECTION_OBJECT_POINTERS SectionObjectPointer, PLARGE_INTEGER FileOffset,

@@ -7,8 +7,7 @@
 
 NT_EXTERN_C_BEGIN
 
-typedef enum _POOL_TYPE
-{
+typedef enum _POOL_TYPE {
     NonPagedPool = 0,
     PagedPool = 1,
     NonPagedPoolNx = 512,
@@ -18,7 +17,7 @@ typedef enum _POOL_TYPE
 // Or-ed into the pool type.
 #define POOL_QUOTA_FAIL_INSTEAD_OF_RAISE 8
 #define POOL_RAISE_IF_ALLOCATION_FAILURE 16
-#define POOL_ZERO_ALLOCATION 0x400
+#define POOL_ZERO_ALLOCATION             0x400
 
 // Null when there is no memory. Blocks are 16-byte aligned, page-aligned from a page on.
 NTKERNELAPI PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag);
@@ -28,13 +27,10 @@ NTKERNELAPI VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag);
 
 typedef ULONG_PTR ERESOURCE_THREAD, *PERESOURCE_THREAD;
 
-typedef struct _OWNER_ENTRY
-{
+typedef struct _OWNER_ENTRY {
     ERESOURCE_THREAD OwnerThread;
-    union
-    {
-        struct
-        {
+    union {
+        struct {
             ULONG IoPriorityBoosted : 1;
             ULONG OwnerReferenced : 1;
             ULONG OwnerCount : 30;
@@ -44,8 +40,7 @@ typedef struct _OWNER_ENTRY
 } OWNER_ENTRY, *POWNER_ENTRY;
 
 // Shared and exclusive, recursive. The public size is part of the contract: drivers embed it.
-typedef struct _ERESOURCE
-{
+typedef struct _ERESOURCE {
     LIST_ENTRY SystemResourcesList;
     POWNER_ENTRY OwnerTable;
     SHORT ActiveCount;
@@ -58,8 +53,7 @@ typedef struct _ERESOURCE
     ULONG NumberOfSharedWaiters;
     ULONG NumberOfExclusiveWaiters;
     PVOID Reserved2;
-    union
-    {
+    union {
         PVOID Address;
         ULONG_PTR CreatorBackTraceIndex;
     };
@@ -87,15 +81,13 @@ NTKERNELAPI ULONG NTAPI ExGetSharedWaiterCount(PERESOURCE Resource);
 
 typedef VOID(NTAPI* PWORKER_THREAD_ROUTINE)(PVOID Parameter);
 
-typedef struct _WORK_QUEUE_ITEM
-{
+typedef struct _WORK_QUEUE_ITEM {
     LIST_ENTRY List;
     PWORKER_THREAD_ROUTINE WorkerRoutine;
     PVOID Parameter;
 } WORK_QUEUE_ITEM, *PWORK_QUEUE_ITEM;
 
-typedef enum _WORK_QUEUE_TYPE
-{
+typedef enum _WORK_QUEUE_TYPE {
     CriticalWorkQueue,
     DelayedWorkQueue,
     HyperCriticalWorkQueue,

@@ -17,8 +17,7 @@
 
 NT_EXTERN_C_BEGIN
 
-typedef struct _NT_GUARD
-{
+typedef struct _NT_GUARD {
     struct _NT_GUARD* Outer;
     NTSTATUS Code;
     ULONG DriverDepth;            // the thread's depth of driver calls and mode at the guard, put back

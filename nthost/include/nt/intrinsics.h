@@ -6,14 +6,8 @@
 
 #include "base.h"
 
-FORCEINLINE LONG InterlockedIncrement(volatile LONG* target)
-{
-    return __atomic_add_fetch(target, 1, __ATOMIC_SEQ_CST);
-}
-FORCEINLINE LONG InterlockedDecrement(volatile LONG* target)
-{
-    return __atomic_sub_fetch(target, 1, __ATOMIC_SEQ_CST);
-}
+FORCEINLINE LONG InterlockedIncrement(volatile LONG* target) { return __atomic_add_fetch(target, 1, __ATOMIC_SEQ_CST); }
+FORCEINLINE LONG InterlockedDecrement(volatile LONG* target) { return __atomic_sub_fetch(target, 1, __ATOMIC_SEQ_CST); }
 FORCEINLINE LONG InterlockedExchange(volatile LONG* target, LONG value)
 {
     return __atomic_exchange_n(target, value, __ATOMIC_SEQ_CST);
@@ -58,6 +52,6 @@ FORCEINLINE PVOID InterlockedCompareExchangePointer(PVOID volatile* target, PVOI
 
 #define RtlCopyMemory(destination, source, length) memcpy((destination), (source), (length))
 #define RtlMoveMemory(destination, source, length) memmove((destination), (source), (length))
-#define RtlZeroMemory(destination, length) memset((destination), 0, (length))
-#define RtlFillMemory(destination, length, fill) memset((destination), (fill), (length))
-#define RtlEqualMemory(a, b, length) (!memcmp((a), (b), (length)))
+#define RtlZeroMemory(destination, length)         memset((destination), 0, (length))
+#define RtlFillMemory(destination, length, fill)   memset((destination), (fill), (length))
+#define RtlEqualMemory(a, b, length)               (!memcmp((a), (b), (length)))

@@ -26,14 +26,14 @@ NTKERNELAPI VOID NTAPI IoFreeIrp(PIRP Irp);
 #define IoSizeOfIrp(StackSize) ((USHORT)(sizeof(IRP) + (StackSize) * sizeof(IO_STACK_LOCATION)))
 NTKERNELAPI NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTKERNELAPI VOID FASTCALL IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost);
-#define IoCallDriver(DeviceObject, Irp) IofCallDriver((DeviceObject), (Irp))
+#define IoCallDriver(DeviceObject, Irp)       IofCallDriver((DeviceObject), (Irp))
 #define IoCompleteRequest(Irp, PriorityBoost) IofCompleteRequest((Irp), (PriorityBoost))
 
-#define IoGetCurrentIrpStackLocation(Irp) ((Irp)->Tail.Overlay.CurrentStackLocation)
-#define IoGetNextIrpStackLocation(Irp) ((Irp)->Tail.Overlay.CurrentStackLocation - 1)
+#define IoGetCurrentIrpStackLocation(Irp)  ((Irp)->Tail.Overlay.CurrentStackLocation)
+#define IoGetNextIrpStackLocation(Irp)     ((Irp)->Tail.Overlay.CurrentStackLocation - 1)
 #define IoSkipCurrentIrpStackLocation(Irp) ((Irp)->CurrentLocation++, (Irp)->Tail.Overlay.CurrentStackLocation++)
-#define IoSetNextIrpStackLocation(Irp) ((Irp)->CurrentLocation--, (Irp)->Tail.Overlay.CurrentStackLocation--)
-#define IoMarkIrpPending(Irp) (IoGetCurrentIrpStackLocation(Irp)->Control |= SL_PENDING_RETURNED)
+#define IoSetNextIrpStackLocation(Irp)     ((Irp)->CurrentLocation--, (Irp)->Tail.Overlay.CurrentStackLocation--)
+#define IoMarkIrpPending(Irp)              (IoGetCurrentIrpStackLocation(Irp)->Control |= SL_PENDING_RETURNED)
 
 FORCEINLINE VOID IoSetCompletionRoutine(PIRP Irp, PIO_COMPLETION_ROUTINE Routine, PVOID Context, BOOLEAN OnSuccess,
                                         BOOLEAN OnError, BOOLEAN OnCancel)
@@ -51,14 +51,14 @@ NTKERNELAPI BOOLEAN NTAPI IoIsOperationSynchronous(PIRP Irp);
 NTKERNELAPI PEPROCESS NTAPI IoGetRequestorProcess(PIRP Irp);
 NTKERNELAPI VOID NTAPI IoSetTopLevelIrp(PIRP Irp);
 NTKERNELAPI PIRP NTAPI IoGetTopLevelIrp(VOID);
-#define FSRTL_FSP_TOP_LEVEL_IRP 0x01
-#define FSRTL_CACHE_TOP_LEVEL_IRP 0x02
+#define FSRTL_FSP_TOP_LEVEL_IRP       0x01
+#define FSRTL_CACHE_TOP_LEVEL_IRP     0x02
 #define FSRTL_MOD_WRITE_TOP_LEVEL_IRP 0x03
-#define FSRTL_FAST_IO_TOP_LEVEL_IRP 0x04
-#define FSRTL_MAX_TOP_LEVEL_IRP_FLAG 0xffff
+#define FSRTL_FAST_IO_TOP_LEVEL_IRP   0x04
+#define FSRTL_MAX_TOP_LEVEL_IRP_FLAG  0xffff
 
-// Fills locked pages from a file, as the memory manager does for a mapped view: a paging request, which no byte-range lock
-// stops and which moves no file position. The event is signalled and the status block filled when it ends.
+// Fills locked pages from a file, as the memory manager does for a mapped view: a paging request, which no byte-range
+// lock stops and which moves no file position. The event is signalled and the status block filled when it ends.
 NTKERNELAPI NTSTATUS NTAPI IoPageRead(PFILE_OBJECT FileObject, PMDL MemoryDescriptorList, PLARGE_INTEGER StartingOffset,
                                       PKEVENT Event, PIO_STATUS_BLOCK IoStatusBlock);
 

@@ -8,8 +8,7 @@ NT_EXTERN_C_BEGIN
 
 // Signal state and waiters of everything that can be waited for. The waiters' list and the state are changed only
 // under the dispatcher lock.
-typedef struct _DISPATCHER_HEADER
-{
+typedef struct _DISPATCHER_HEADER {
     UCHAR Type;
     UCHAR Signalling;
     UCHAR Size;
@@ -18,33 +17,22 @@ typedef struct _DISPATCHER_HEADER
     LIST_ENTRY WaitListHead;
 } DISPATCHER_HEADER;
 
-typedef struct _KEVENT
-{
+typedef struct _KEVENT {
     DISPATCHER_HEADER Header;
 } KEVENT, *PKEVENT, *PRKEVENT;
 
-typedef struct _KSEMAPHORE
-{
+typedef struct _KSEMAPHORE {
     DISPATCHER_HEADER Header;
     LONG Limit;
 } KSEMAPHORE, *PKSEMAPHORE, *PRKSEMAPHORE;
 
 typedef ULONG_PTR KSPIN_LOCK, *PKSPIN_LOCK;
 
-typedef enum _EVENT_TYPE
-{
-    NotificationEvent,
-    SynchronizationEvent
-} EVENT_TYPE;
+typedef enum _EVENT_TYPE { NotificationEvent, SynchronizationEvent } EVENT_TYPE;
 
-typedef enum _WAIT_TYPE
-{
-    WaitAll,
-    WaitAny
-} WAIT_TYPE;
+typedef enum _WAIT_TYPE { WaitAll, WaitAny } WAIT_TYPE;
 
-typedef enum _KWAIT_REASON
-{
+typedef enum _KWAIT_REASON {
     Executive,
     FreePage,
     PageIn,
@@ -56,9 +44,9 @@ typedef enum _KWAIT_REASON
 
 typedef struct _KWAIT_BLOCK KWAIT_BLOCK, *PKWAIT_BLOCK;
 
-#define THREAD_WAIT_OBJECTS 3
+#define THREAD_WAIT_OBJECTS  3
 #define MAXIMUM_WAIT_OBJECTS 64
-#define IO_NO_INCREMENT 0
+#define IO_NO_INCREMENT      0
 
 NTKERNELAPI KIRQL NTAPI KeGetCurrentIrql(VOID);
 NTKERNELAPI VOID NTAPI KeLowerIrql(KIRQL NewIrql);

@@ -3,15 +3,9 @@
 
 #include "base.h"
 
-FORCEINLINE void InitializeListHead(PLIST_ENTRY head)
-{
-    head->Flink = head->Blink = head;
-}
+FORCEINLINE void InitializeListHead(PLIST_ENTRY head) { head->Flink = head->Blink = head; }
 
-FORCEINLINE BOOLEAN IsListEmpty(const LIST_ENTRY* head)
-{
-    return (BOOLEAN)(head->Flink == head);
-}
+FORCEINLINE BOOLEAN IsListEmpty(const LIST_ENTRY* head) { return (BOOLEAN)(head->Flink == head); }
 
 // TRUE if the list is empty afterwards. The entry's own links are left as they were.
 FORCEINLINE BOOLEAN RemoveEntryList(PLIST_ENTRY entry)

@@ -6,9 +6,9 @@
 
 NT_EXTERN_C_BEGIN
 
-#define PAGE_SIZE 0x1000u
-#define PAGE_SHIFT 12
-#define PAGE_ALIGN(Va) ((PVOID)((ULONG_PTR)(Va) & ~(ULONG_PTR)(PAGE_SIZE - 1)))
+#define PAGE_SIZE       0x1000u
+#define PAGE_SHIFT      12
+#define PAGE_ALIGN(Va)  ((PVOID)((ULONG_PTR)(Va) & ~(ULONG_PTR)(PAGE_SIZE - 1)))
 #define BYTE_OFFSET(Va) ((ULONG)((ULONG_PTR)(Va) & (PAGE_SIZE - 1)))
 #define ADDRESS_AND_SIZE_TO_SPAN_PAGES(Va, Size) \
     ((ULONG)(((ULONG_PTR)BYTE_OFFSET(Va) + (SIZE_T)(Size) + (PAGE_SIZE - 1)) >> PAGE_SHIFT))
@@ -17,16 +17,15 @@ NT_EXTERN_C_BEGIN
 // reach up to there.
 #define MM_USER_PROBE_ADDRESS 0x7ffffffff000ull
 
-#define MDL_MAPPED_TO_SYSTEM_VA 0x0001
-#define MDL_PAGES_LOCKED 0x0002
+#define MDL_MAPPED_TO_SYSTEM_VA     0x0001
+#define MDL_PAGES_LOCKED            0x0002
 #define MDL_SOURCE_IS_NONPAGED_POOL 0x0004
-#define MDL_ALLOCATED_FIXED_SIZE 0x0008
-#define MDL_PARTIAL 0x0010
-#define MDL_IO_PAGE_READ 0x0040
-#define MDL_WRITE_OPERATION 0x0080
+#define MDL_ALLOCATED_FIXED_SIZE    0x0008
+#define MDL_PARTIAL                 0x0010
+#define MDL_IO_PAGE_READ            0x0040
+#define MDL_WRITE_OPERATION         0x0080
 
-typedef struct _MDL
-{
+typedef struct _MDL {
     struct _MDL* Next;
     CSHORT Size;
     CSHORT MdlFlags;
@@ -38,29 +37,14 @@ typedef struct _MDL
 } MDL, *PMDL;
 
 #define MmGetMdlVirtualAddress(Mdl) ((PVOID)((PUCHAR)(Mdl)->StartVa + (Mdl)->ByteOffset))
-#define MmGetMdlByteCount(Mdl) ((Mdl)->ByteCount)
-#define MmGetMdlByteOffset(Mdl) ((Mdl)->ByteOffset)
+#define MmGetMdlByteCount(Mdl)      ((Mdl)->ByteCount)
+#define MmGetMdlByteOffset(Mdl)     ((Mdl)->ByteOffset)
 
-typedef enum _LOCK_OPERATION
-{
-    IoReadAccess,
-    IoWriteAccess,
-    IoModifyAccess
-} LOCK_OPERATION;
+typedef enum _LOCK_OPERATION { IoReadAccess, IoWriteAccess, IoModifyAccess } LOCK_OPERATION;
 
-typedef enum _MEMORY_CACHING_TYPE
-{
-    MmNonCached = 0,
-    MmCached = 1,
-    MmWriteCombined = 2
-} MEMORY_CACHING_TYPE;
+typedef enum _MEMORY_CACHING_TYPE { MmNonCached = 0, MmCached = 1, MmWriteCombined = 2 } MEMORY_CACHING_TYPE;
 
-typedef enum _MM_PAGE_PRIORITY
-{
-    LowPagePriority,
-    NormalPagePriority = 16,
-    HighPagePriority = 32
-} MM_PAGE_PRIORITY;
+typedef enum _MM_PAGE_PRIORITY { LowPagePriority, NormalPagePriority = 16, HighPagePriority = 32 } MM_PAGE_PRIORITY;
 
 // Raise STATUS_ACCESS_VIOLATION or STATUS_DATATYPE_MISALIGNMENT. Length 0 checks nothing. ProbeForRead looks at the
 // range only; ProbeForWrite touches each page.

@@ -6,8 +6,7 @@
 
 NT_EXTERN_C_BEGIN
 
-typedef struct _OBJECT_HANDLE_INFORMATION
-{
+typedef struct _OBJECT_HANDLE_INFORMATION {
     ULONG HandleAttributes;
     ACCESS_MASK GrantedAccess;
 } OBJECT_HANDLE_INFORMATION, *POBJECT_HANDLE_INFORMATION;
@@ -29,7 +28,7 @@ NTKERNELAPI NTSTATUS NTAPI ObReferenceObjectByPointer(PVOID Object, ACCESS_MASK 
                                                       KPROCESSOR_MODE AccessMode);
 NTKERNELAPI LONG_PTR FASTCALL ObfReferenceObject(PVOID Object);
 NTKERNELAPI LONG_PTR FASTCALL ObfDereferenceObject(PVOID Object);
-#define ObReferenceObject(Object) ObfReferenceObject(Object)
+#define ObReferenceObject(Object)   ObfReferenceObject(Object)
 #define ObDereferenceObject(Object) ObfDereferenceObject(Object)
 
 NTKERNELAPI NTSTATUS NTAPI ObOpenObjectByPointer(PVOID Object, ULONG HandleAttributes, PACCESS_STATE PassedAccessState,

@@ -8,8 +8,8 @@ NT_EXTERN_C_BEGIN
 
 typedef VOID(NTAPI* PKSTART_ROUTINE)(PVOID StartContext);
 
-// A null process handle means the system process. The thread runs StartRoutine at PASSIVE_LEVEL and ends when it returns
-// or calls PsTerminateSystemThread. The handle is the caller's to close.
+// A null process handle means the system process. The thread runs StartRoutine at PASSIVE_LEVEL and ends when it
+// returns or calls PsTerminateSystemThread. The handle is the caller's to close.
 NTKERNELAPI NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG DesiredAccess,
                                                 POBJECT_ATTRIBUTES ObjectAttributes, HANDLE ProcessHandle,
                                                 PCLIENT_ID ClientId, PKSTART_ROUTINE StartRoutine, PVOID StartContext);

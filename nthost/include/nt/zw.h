@@ -9,27 +9,25 @@
 NT_EXTERN_C_BEGIN
 
 #define KEY_QUERY_VALUE 0x0001u
-#define KEY_READ 0x20019u
-#define KEY_WRITE 0x20006u
-#define KEY_ALL_ACCESS 0xf003fu
+#define KEY_READ        0x20019u
+#define KEY_WRITE       0x20006u
+#define KEY_ALL_ACCESS  0xf003fu
 
-#define REG_NONE 0
-#define REG_SZ 1
+#define REG_NONE      0
+#define REG_SZ        1
 #define REG_EXPAND_SZ 2
-#define REG_BINARY 3
-#define REG_DWORD 4
-#define REG_MULTI_SZ 7
-#define REG_QWORD 11
+#define REG_BINARY    3
+#define REG_DWORD     4
+#define REG_MULTI_SZ  7
+#define REG_QWORD     11
 
-typedef enum _KEY_VALUE_INFORMATION_CLASS
-{
+typedef enum _KEY_VALUE_INFORMATION_CLASS {
     KeyValueBasicInformation,
     KeyValueFullInformation,
     KeyValuePartialInformation
 } KEY_VALUE_INFORMATION_CLASS;
 
-typedef struct _KEY_VALUE_BASIC_INFORMATION
-{
+typedef struct _KEY_VALUE_BASIC_INFORMATION {
     ULONG TitleIndex;
     ULONG Type;
     ULONG NameLength;
@@ -37,8 +35,7 @@ typedef struct _KEY_VALUE_BASIC_INFORMATION
 } KEY_VALUE_BASIC_INFORMATION, *PKEY_VALUE_BASIC_INFORMATION;
 
 // The data stands at DataOffset, behind the name.
-typedef struct _KEY_VALUE_FULL_INFORMATION
-{
+typedef struct _KEY_VALUE_FULL_INFORMATION {
     ULONG TitleIndex;
     ULONG Type;
     ULONG DataOffset;
@@ -47,40 +44,39 @@ typedef struct _KEY_VALUE_FULL_INFORMATION
     WCHAR Name[1];
 } KEY_VALUE_FULL_INFORMATION, *PKEY_VALUE_FULL_INFORMATION;
 
-typedef struct _KEY_VALUE_PARTIAL_INFORMATION
-{
+typedef struct _KEY_VALUE_PARTIAL_INFORMATION {
     ULONG TitleIndex;
     ULONG Type;
     ULONG DataLength;
     UCHAR Data[1];
 } KEY_VALUE_PARTIAL_INFORMATION, *PKEY_VALUE_PARTIAL_INFORMATION;
 
-#define EVENT_QUERY_STATE 0x0001u
+#define EVENT_QUERY_STATE  0x0001u
 #define EVENT_MODIFY_STATE 0x0002u
-#define EVENT_ALL_ACCESS (STANDARD_RIGHTS_REQUIRED | SYNCHRONIZE | 0x3u)
+#define EVENT_ALL_ACCESS   (STANDARD_RIGHTS_REQUIRED | SYNCHRONIZE | 0x3u)
 
 #define PROCESS_DUP_HANDLE 0x0040u
 
 #define NtCurrentProcess() ((HANDLE)(LONG_PTR)-1)
-#define NtCurrentThread() ((HANDLE)(LONG_PTR)-2)
+#define NtCurrentThread()  ((HANDLE)(LONG_PTR)-2)
 
-#define NT_SERVICE(name, parameters)                       \
-    NTSYSAPI NTSTATUS NTAPI Nt##name parameters;           \
+#define NT_SERVICE(name, parameters)             \
+    NTSYSAPI NTSTATUS NTAPI Nt##name parameters; \
     NTSYSAPI NTSTATUS NTAPI Zw##name parameters
 
-NT_SERVICE(CreateFile, (PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
-                        PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER AllocationSize, ULONG FileAttributes,
-                        ULONG ShareAccess, ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer,
-                        ULONG EaLength));
+NT_SERVICE(CreateFile,
+           (PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
+            PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER AllocationSize, ULONG FileAttributes, ULONG ShareAccess,
+            ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer, ULONG EaLength));
 NT_SERVICE(Close, (HANDLE Handle));
 NT_SERVICE(DeviceIoControlFile, (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                                  PIO_STATUS_BLOCK IoStatusBlock, ULONG IoControlCode, PVOID InputBuffer,
                                  ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength));
 // ByteOffset: on a file object for synchronous I/O null, or -2 (FILE_USE_FILE_POINTER_POSITION), means its current
 // position; else an offset that is not negative must be given (STATUS_INVALID_PARAMETER).
-NT_SERVICE(ReadFile, (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
-                      PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset,
-                      PULONG Key));
+NT_SERVICE(ReadFile,
+           (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+            PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset, PULONG Key));
 #define FILE_USE_FILE_POINTER_POSITION 0xfffffffe
 // STATUS_INVALID_INFO_CLASS for a class without records, STATUS_INFO_LENGTH_MISMATCH for a buffer without room for the
 // fixed part of one.
@@ -88,9 +84,9 @@ NT_SERVICE(QueryDirectoryFile, (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE
                                 PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation, ULONG Length,
                                 FILE_INFORMATION_CLASS FileInformationClass, BOOLEAN ReturnSingleEntry,
                                 PUNICODE_STRING FileName, BOOLEAN RestartScan));
-NT_SERVICE(NotifyChangeDirectoryFile, (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
-                                       PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
-                                       ULONG CompletionFilter, BOOLEAN WatchTree));
+NT_SERVICE(NotifyChangeDirectoryFile,
+           (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+            PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, ULONG CompletionFilter, BOOLEAN WatchTree));
 // The handle needs FILE_READ_DATA or FILE_WRITE_DATA.
 NT_SERVICE(LockFile, (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                       PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER ByteOffset, PLARGE_INTEGER Length, ULONG Key,
@@ -107,17 +103,17 @@ NT_SERVICE(CreateEvent, (PHANDLE EventHandle, ACCESS_MASK DesiredAccess, POBJECT
 NT_SERVICE(SetEvent, (HANDLE EventHandle, PLONG PreviousState));
 NT_SERVICE(ResetEvent, (HANDLE EventHandle, PLONG PreviousState));
 NT_SERVICE(WaitForSingleObject, (HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout));
-NT_SERVICE(WaitForMultipleObjects, (ULONG Count, HANDLE Handles[], WAIT_TYPE WaitType, BOOLEAN Alertable,
-                                    PLARGE_INTEGER Timeout));
+NT_SERVICE(WaitForMultipleObjects,
+           (ULONG Count, HANDLE Handles[], WAIT_TYPE WaitType, BOOLEAN Alertable, PLARGE_INTEGER Timeout));
 NT_SERVICE(DuplicateObject, (HANDLE SourceProcessHandle, HANDLE SourceHandle, HANDLE TargetProcessHandle,
                              PHANDLE TargetHandle, ACCESS_MASK DesiredAccess, ULONG HandleAttributes, ULONG Options));
 #define DUPLICATE_CLOSE_SOURCE 0x1u
-#define DUPLICATE_SAME_ACCESS 0x2u
+#define DUPLICATE_SAME_ACCESS  0x2u
 NT_SERVICE(OpenKey, (PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes));
 // STATUS_BUFFER_TOO_SMALL when the fixed part does not fit, STATUS_BUFFER_OVERFLOW when the data does not;
 // ResultLength is the length that would.
-NT_SERVICE(QueryValueKey, (HANDLE KeyHandle, PUNICODE_STRING ValueName,
-                           KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass, PVOID KeyValueInformation,
-                           ULONG Length, PULONG ResultLength));
+NT_SERVICE(QueryValueKey,
+           (HANDLE KeyHandle, PUNICODE_STRING ValueName, KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass,
+            PVOID KeyValueInformation, ULONG Length, PULONG ResultLength));
 
 NT_EXTERN_C_END

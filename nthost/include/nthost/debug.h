@@ -8,8 +8,7 @@
 
 #include <ntifs.h>
 
-namespace nthost
-{
+namespace nthost {
 
 using DebugSink = std::function<void(std::string_view text)>;
 // Replaces the sink; an empty one stops the output. Waits for calls in progress.

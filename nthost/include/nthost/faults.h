@@ -1,24 +1,22 @@
-// Deterministic failures: a test makes the n-th pool allocation, or the n-th call of a named kernel routine, fail, and a
-// sweep runs one scenario for n = 1, 2, 3 ... until a run injects nothing. Armed by one test thread at a time; the
+// Deterministic failures: a test makes the n-th pool allocation, or the n-th call of a named kernel routine, fail, and
+// a sweep runs one scenario for n = 1, 2, 3 ... until a run injects nothing. Armed by one test thread at a time; the
 // counted calls may come from any thread.
 #pragma once
 
 #include <functional>
 #include <string>
 
-namespace nthost
-{
+namespace nthost {
 
 // Call sites that can be made to fail consult this by their routine's name ("ExAllocatePoolWithTag", "IoAllocateMdl",
 // "PsCreateSystemThread", "ExInitializeResourceLite", "IoAllocateWorkItem", "ZwCreateFile", ...). One relaxed load when
 // nothing is armed.
 bool FaultInjected(const char* routine);
 
-class FaultPlan
-{
+class FaultPlan {
 public:
-    // Fails the n-th call (from 1) of the routine, once; with repeat also all later ones. By default only calls made while
-    // driver code is running on the thread count, so that the host's own work is never hit.
+    // Fails the n-th call (from 1) of the routine, once; with repeat also all later ones. By default only calls made
+    // while driver code is running on the thread count, so that the host's own work is never hit.
     FaultPlan(std::string routine, unsigned n, bool repeat = false);
     ~FaultPlan();
     FaultPlan(const FaultPlan&) = delete;

@@ -7,11 +7,9 @@
 
 #include <ntifs.h>
 
-namespace nthost
-{
+namespace nthost {
 
-struct BootOptions
-{
+struct BootOptions {
     unsigned SystemWorkers = 2; // threads that run work items
 };
 
@@ -19,8 +17,7 @@ struct BootOptions
 void Boot(const BootOptions& options = {});
 
 // What was still there when it should not have been: one line each, with the stack that made it where known.
-struct LeakReport
-{
+struct LeakReport {
     std::vector<std::string> Lines;
     bool Clean() const { return Lines.empty(); }
 };
@@ -30,9 +27,9 @@ struct LeakReport
 LeakReport Shutdown();
 
 // A driver is a DriverEntry linked into this process. The service key is
-// \Registry\Machine\System\CurrentControlSet\Services\<name> (it is made if it does not exist); the driver object \Driver\<name>. The calling thread enters
-// DriverEntry in kernel mode, in the system process. A failed entry leaves no driver object; what the driver then still
-// owns is reported as a finding "driver-leak".
+// \Registry\Machine\System\CurrentControlSet\Services\<name> (it is made if it does not exist); the driver object
+// \Driver\<name>. The calling thread enters DriverEntry in kernel mode, in the system process. A failed entry leaves no
+// driver object; what the driver then still owns is reported as a finding "driver-leak".
 [[nodiscard]] NTSTATUS LoadDriver(const std::string& name, PDRIVER_INITIALIZE entry, PDRIVER_OBJECT* driver);
 
 // Calls DriverUnload once no file object stands on its devices (else STATUS_DEVICE_NOT_READY; a driver without

@@ -8,13 +8,11 @@
 
 #include <ntifs.h>
 
-namespace nthost
-{
+namespace nthost {
 
 // Owns one reference on a process object with a token of its own and an empty handle table. Closing the last handle is
 // the process's business: ~Process closes all handles that are still open, as process exit does.
-class Process
-{
+class Process {
 public:
     explicit Process(std::string name, const char* userSid = nullptr);
     ~Process();
@@ -30,8 +28,7 @@ private:
 PEPROCESS HostProcess();
 
 // Attaches the current Linux thread for its lifetime. previousMode is what Nt services take as their caller's mode.
-class ThreadAttachment
-{
+class ThreadAttachment {
 public:
     explicit ThreadAttachment(PEPROCESS process, KPROCESSOR_MODE previousMode = UserMode);
     ~ThreadAttachment();
@@ -43,8 +40,7 @@ public:
 std::thread StartThread(PEPROCESS process, std::function<void()> body, KPROCESSOR_MODE previousMode = UserMode);
 
 // The current thread acts for another process while this lives (its handles, its mode).
-class ActAs
-{
+class ActAs {
 public:
     explicit ActAs(PEPROCESS process, KPROCESSOR_MODE previousMode = UserMode);
     ~ActAs();
