@@ -112,7 +112,13 @@ bool AwaitDeletedDevices(PDRIVER_OBJECT driver)
         for (PDEVICE_OBJECT device : devices) ObDereferenceObject(device);
         return none && body->LiveDevices.load() == static_cast<LONG>(devices.size());
     };
-    return body->DeviceEnded.Await(onlyUndeleted, ke::MonotonicNow() + Patience);
+    return body->Ended.Await(onlyUndeleted, ke::MonotonicNow() + Patience);
+}
+
+bool AwaitQueuedWork(PDRIVER_OBJECT driver)
+{
+    io::DriverBody* const body = io::BodyOf(driver);
+    return body->Ended.Await([body] { return body->QueuedWork.load() == 0; }, ke::MonotonicNow() + Patience);
 }
 
 std::vector<std::string> CollectLeftovers(const Departure& departure)

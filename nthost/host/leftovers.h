@@ -21,6 +21,8 @@ struct LoadedDriver {
 std::vector<std::string> LinksTo(PDRIVER_OBJECT driver);
 // Waits for the devices that the driver deleted; false if one is still referenced after five seconds.
 bool AwaitDeletedDevices(PDRIVER_OBJECT driver);
+// Until no work item of the driver is queued or running; false when that takes too long.
+bool AwaitQueuedWork(PDRIVER_OBJECT driver);
 
 struct Departure {
     const LoadedDriver& Driver;

@@ -170,7 +170,7 @@ NTSTATUS UnloadDriver(PDRIVER_OBJECT driver, LeakReport* leaks)
     leaks->Lines.clear();
     if (!driver->DriverUnload) return STATUS_INVALID_DEVICE_REQUEST;
     io::AwaitDroppedFiles();
-    if (HasOpenFiles(driver)) return STATUS_DEVICE_NOT_READY;
+    if (!host::AwaitQueuedWork(driver) || HasOpenFiles(driver)) return STATUS_DEVICE_NOT_READY;
 
     const ActAs system(PsInitialSystemProcess, KernelMode);
     bool isLast;

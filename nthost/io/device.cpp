@@ -48,7 +48,7 @@ void EndDeletion(PDEVICE_OBJECT device)
     ObReferenceObject(driver);
     UnlinkFromDriver(device);
     ObDereferenceObject(device);
-    driver->DeviceEnded.Raise();
+    driver->Ended.Raise();
     ObDereferenceObject(driver);
 }
 
@@ -74,7 +74,7 @@ void DeleteDevice(void* body)
     DriverBody* const driver = BodyOf(device->DriverObject);
     delete StateOf(device);
     driver->LiveDevices.fetch_sub(1);
-    driver->DeviceEnded.Raise();
+    driver->Ended.Raise();
     ObDereferenceObject(driver);
 }
 

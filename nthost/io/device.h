@@ -28,7 +28,8 @@ struct DriverBody {
     std::u16string* ServiceName;   // owned
     std::atomic<LONG> LiveDevices; // device objects whose memory is still there
     std::atomic<LONG> WorkItems;   // allocated on its devices
-    EndSignal DeviceEnded;
+    std::atomic<LONG> QueuedWork;  // work items queued or running
+    EndSignal Ended;               // a device or a work item has
 };
 
 inline DriverBody* BodyOf(PDRIVER_OBJECT driver) { return reinterpret_cast<DriverBody*>(driver); }

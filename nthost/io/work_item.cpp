@@ -23,6 +23,9 @@ static VOID NTAPI RunWorkItem(PVOID parameter)
     const _IO_WORKITEM item = *static_cast<PIO_WORKITEM>(parameter);
     CallDriver(MustRestore::Everything, "work item", item.Routine, item.Device, item.Context);
     ObDereferenceObject(item.Device);
+    item.Driver->QueuedWork.fetch_sub(1);
+    item.Driver->Ended.Raise();
+    ObDereferenceObject(&item.Driver->Driver);
 }
 
 PIO_WORKITEM NTAPI IoAllocateWorkItem(PDEVICE_OBJECT DeviceObject)
@@ -45,7 +48,10 @@ VOID NTAPI IoFreeWorkItem(PIO_WORKITEM IoWorkItem)
 VOID NTAPI IoQueueWorkItem(PIO_WORKITEM IoWorkItem, PIO_WORKITEM_ROUTINE WorkerRoutine, WORK_QUEUE_TYPE QueueType,
                            PVOID Context)
 {
+    // A driver is not unloaded while its work is queued: the device keeps the item's target, the driver its code.
     ObReferenceObject(IoWorkItem->Device);
+    ObReferenceObject(&IoWorkItem->Driver->Driver);
+    IoWorkItem->Driver->QueuedWork.fetch_add(1);
     IoWorkItem->Routine = WorkerRoutine;
     IoWorkItem->Context = Context;
     ExInitializeWorkItem(&IoWorkItem->Item, RunWorkItem, IoWorkItem);

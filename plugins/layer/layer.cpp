@@ -37,7 +37,7 @@ template <typename... Arguments>
 std::string DescribeAll(Arguments... arguments)
 {
     std::string all;
-    auto add = [&all](const std::string& one) {
+    [[maybe_unused]] auto add = [&all](const std::string& one) {
         if (!one.empty()) all += (all.empty() ? "" : " ") + one;
     };
     (add(Describe(arguments)), ...);

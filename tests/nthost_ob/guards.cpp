@@ -20,9 +20,12 @@ namespace {
 
 using GuardTest = ObTest;
 
+volatile bool g_raise = true; // no compiler is to conclude that the recursion cannot end
+
 [[gnu::noinline]] int RaiseFromDepth(int depth, NTSTATUS status)
 {
-    if (depth == 0) ExRaiseStatus(status);
+    if (depth == 0 && g_raise) ExRaiseStatus(status);
+    if (depth == 0) return 0;
     return RaiseFromDepth(depth - 1, status) + 1; // no tail call
 }
 
