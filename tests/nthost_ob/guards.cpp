@@ -29,7 +29,7 @@ volatile bool g_raise = true; // no compiler is to conclude that the recursion c
     return RaiseFromDepth(depth - 1, status) + 1; // no tail call
 }
 
-char* volatile g_address;
+thread_local char* volatile g_address;
 
 #define NO_UB_CHECK __attribute__((noinline, no_sanitize("undefined"))) // which would stop a null pointer earlier
 
