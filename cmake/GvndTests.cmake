@@ -95,6 +95,12 @@ if(GVND_BUILD_BENCH AND GVND_BENCH_SOURCES AND TARGET gvnd_driver)
     endif()
 endif()
 
+# The tool, by its command line.
+if(TARGET gvnd)
+    add_test(NAME tool.CommandLine COMMAND ${PROJECT_SOURCE_DIR}/tests/tool/run.sh $<TARGET_FILE:gvnd> ${PROJECT_SOURCE_DIR})
+    set_tests_properties(tool.CommandLine PROPERTIES TIMEOUT 300)
+endif()
+
 # The installed package, used by a stranger. One build kind is enough to prove it, and a sanitized one would need the
 # stranger to be sanitized too.
 if(TARGET gvnd_driver AND NOT GVND_SANITIZE AND NOT GVND_CHECKS AND EXISTS ${PROJECT_SOURCE_DIR}/tests/outsider/main.cpp)

@@ -1,0 +1,82 @@
+// A mounted volume with a small tree on it, for tests of opening, reading and listing: memfs behind the recording layer,
+// filled through its table before the mount. Each test's end asserts that the volume unmounts and leaves nothing.
+#pragma once
+
+#include <memory>
+
+#include <gvnd/memfs.h>
+#include <layer/layer.h>
+
+#include "frame/records.h"
+#include "support/client.h"
+#include "support/host.h"
+
+namespace opening {
+
+using support::Handle;
+using support::OpenRequest;
+using support::OpenResult;
+using support::Text;
+
+using Lines = std::vector<std::string>;
+
+constexpr ULONG kSynchronous = FILE_SYNCHRONOUS_IO_NONALERT;
+constexpr ULONG kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+// \file (10 bytes "0123456789"), \readonly, \dir\file, \dir\sub\deep, \empty, \link -> \file
+class VolumeTest : public support::HostFixture {
+protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Content. Also while mounted: a change behind the driver's back.
+    void MakeDir(const std::string& path);
+    void MakeFile(const std::string& path, const std::string& content = {});
+    void SetAttributes(const std::string& path, ULONG attributes);
+    void MakeLink(const std::string& path, const std::string& target);
+
+    void Mount();
+    // The door shuts; returns once the volume is gone.
+    void Unmount();
+
+    OpenResult Open(const std::string& path, const OpenRequest& request = {});
+    // Must succeed.
+    Handle OpenOrFail(const std::string& path, const OpenRequest& request = {});
+
+    layer::PluginLayer& Plugin() { return *layer_; }
+    // What the plugin heard since the last call of this, handles left out: "Lookup \\a", "Open \\a 9", "Close".
+    Lines TakeCalls();
+
+    PDEVICE_OBJECT Device() const { return device_; }
+    Vcb* Volume() const;
+    // The live control block of a path, or null; no reference.
+    Fcb* Find(const std::string& path) const;
+    // Control blocks on both trees: 0 when nothing is open and nothing stayed behind.
+    ULONG FcbCount() const;
+
+private:
+    PluginFd MadeBy(PluginCreateFn PluginOps::*slot, const std::string& path);
+    PluginFd OpenedBy(PluginOpenFn PluginOps::*slot, const std::string& path, PluginAccessMask access);
+    void CloseFd(PluginFd fd);
+
+    PluginOps* memfs_ = nullptr;
+    std::unique_ptr<layer::PluginLayer> layer_;
+    PDEVICE_OBJECT device_ = nullptr;
+    KEVENT cancel_{};
+};
+
+// The file object behind a handle, referenced while this lives.
+class FileReference {
+public:
+    explicit FileReference(HANDLE handle);
+    FileReference(const FileReference&) = delete;
+    FileReference& operator=(const FileReference&) = delete;
+    ~FileReference();
+    PFILE_OBJECT Get() const { return file_; }
+    PFILE_OBJECT operator->() const { return file_; }
+
+private:
+    PFILE_OBJECT file_ = nullptr;
+};
+
+} // namespace opening

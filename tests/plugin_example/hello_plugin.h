@@ -1,0 +1,7 @@
+// The smallest useful plugin: a read-only volume whose root holds one file, hello.txt. A driver of its own, which
+// mounts at \??\Hello when it is loaded and unmounts when it is unloaded. docs/plugin-guide.md walks through it.
+#pragma once
+
+#include <gvnd/plugin.h>
+
+extern "C" NTSTATUS NTAPI HelloDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
