@@ -3,6 +3,7 @@
 #include "open_volume.h"
 
 #include <nthost/debug.h>
+#include <nthost/registry.h>
 
 #include "objects/fcb.h"
 #include "objects/tree.h"
@@ -30,6 +31,9 @@ void VolumeTest::SetUp()
     MakeFile("\\dir\\sub\\deep", "deep");
     MakeDir("\\empty");
     MakeLink("\\link", "\\file");
+    if (workers_) {
+        ASSERT_STATUS(STATUS_SUCCESS, nthost::SetRegistryDword(support::kServiceKey, "NumVcbWorkers", workers_));
+    }
     LoadGvndOrFail();
     Mount();
 }
@@ -37,9 +41,16 @@ void VolumeTest::SetUp()
 void VolumeTest::TearDown()
 {
     if (device_) Unmount();
+    DestroyContent();
+    UnloadGvnd();
     layer_.reset();
-    if (memfs_) MemFsDestroy(memfs_);
     HostFixture::TearDown();
+}
+
+// Before the driver goes, whose unload reports every resource that is left.
+void VolumeTest::DestroyContent()
+{
+    if (memfs_) MemFsDestroy(std::exchange(memfs_, nullptr));
 }
 
 void VolumeTest::Mount()
@@ -53,9 +64,12 @@ void VolumeTest::Unmount()
 {
     EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(std::exchange(device_, nullptr)));
     layer_->WaitUntilUnmounted();
+    DestroyContent();
     // The rest of the teardown follows OnUnmounted on a system worker, which the driver's unload waits for.
     UnloadGvnd();
 }
+
+void VolumeTest::ForgetDevice() { device_ = nullptr; }
 
 PluginFd VolumeTest::MadeBy(PluginCreateFn PluginOps::*slot, const std::string& path)
 {
@@ -82,8 +96,7 @@ void VolumeTest::MakeFile(const std::string& path, const std::string& content)
 {
     const PluginFd fd = MadeBy(&PluginOps::Create, path);
     auto length = static_cast<ULONG>(content.size());
-    EXPECT_STATUS(STATUS_SUCCESS,
-                  memfs_->Write(memfs_->PluginContext, &cancel_, fd, 0, &length, content.data()));
+    EXPECT_STATUS(STATUS_SUCCESS, memfs_->Write(memfs_->PluginContext, &cancel_, fd, 0, &length, content.data()));
     CloseFd(fd);
 }
 
@@ -99,8 +112,8 @@ void VolumeTest::MakeLink(const std::string& path, const std::string& target)
     const PluginFd fd = MadeBy(&PluginOps::Create, path);
     Text text(target);
     const PUNICODE_STRING string = text.Get();
-    EXPECT_STATUS(STATUS_SUCCESS, memfs_->SetEa(memfs_->PluginContext, &cancel_, fd, MEMFS_LINK_EA_NAME,
-                                                string->Buffer, string->Length));
+    EXPECT_STATUS(STATUS_SUCCESS, memfs_->SetEa(memfs_->PluginContext, &cancel_, fd, MEMFS_LINK_EA_NAME, string->Buffer,
+                                                string->Length));
     CloseFd(fd);
 }
 

@@ -1,5 +1,6 @@
-// A mounted volume with a small tree on it, for tests of opening, reading and listing: memfs behind the recording layer,
-// filled through its table before the mount. Each test's end asserts that the volume unmounts and leaves nothing.
+// A mounted volume with a small tree on it, for tests of opening, reading and listing: memfs behind the recording
+// layer, filled through its table before the mount. Each test's end asserts that the volume unmounts and leaves
+// nothing.
 #pragma once
 
 #include <memory>
@@ -35,9 +36,13 @@ protected:
     void SetAttributes(const std::string& path, ULONG attributes);
     void MakeLink(const std::string& path, const std::string& target);
 
+    // Before SetUp: the size of the volume's worker pool; 0 leaves the default.
+    void SetWorkers(ULONG count) { workers_ = count; }
     void Mount();
     // The door shuts; returns once the volume is gone.
     void Unmount();
+    // The test has asked for the unmount itself.
+    void ForgetDevice();
 
     OpenResult Open(const std::string& path, const OpenRequest& request = {});
     // Must succeed.
@@ -55,6 +60,7 @@ protected:
     ULONG FcbCount() const;
 
 private:
+    void DestroyContent();
     PluginFd MadeBy(PluginCreateFn PluginOps::*slot, const std::string& path);
     PluginFd OpenedBy(PluginOpenFn PluginOps::*slot, const std::string& path, PluginAccessMask access);
     void CloseFd(PluginFd fd);
@@ -63,6 +69,7 @@ private:
     std::unique_ptr<layer::PluginLayer> layer_;
     PDEVICE_OBJECT device_ = nullptr;
     KEVENT cancel_{};
+    ULONG workers_ = 0;
 };
 
 // The file object behind a handle, referenced while this lives.

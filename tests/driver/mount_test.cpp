@@ -1,0 +1,127 @@
+// Mounting when something fails at each step, and unmounting while others open and close.
+
+#include "open_volume.h"
+
+#include <atomic>
+
+#include <nthost/faults.h>
+#include <nthost/process.h>
+#include <nthost/registry.h>
+
+#include "volume/volume.h"
+
+namespace opening {
+namespace {
+
+// A kernel plugin in miniature: its entry mounts, so that faults are injected into the driver's own calls.
+struct Mounter {
+    static inline PluginOps* Table;
+    static inline PDEVICE_OBJECT Device;
+
+    static NTSTATUS NTAPI Entry(PDRIVER_OBJECT driver, PUNICODE_STRING)
+    {
+        driver->DriverUnload = [](PDRIVER_OBJECT) {};
+        return GvMount(Text("\\Device\\Null"), Text("\\Device\\Swept"), Text("\\??\\Swept"), nullptr, Table, &Device);
+    }
+};
+
+class MountFaults : public support::HostFixture {
+protected:
+    void SetUp() override
+    {
+        HostFixture::SetUp();
+        ASSERT_STATUS(STATUS_SUCCESS, MemFsCreate(nullptr, &memfs_));
+        Mounter::Device = nullptr;
+    }
+    void TearDown() override
+    {
+        MemFsDestroy(memfs_);
+        HostFixture::TearDown();
+    }
+
+    // True if the mount succeeded; it is unmounted again.
+    bool MountOnce()
+    {
+        layer::PluginLayer layer(memfs_);
+        Mounter::Table = layer.Table();
+        PDRIVER_OBJECT driver = nullptr;
+        const NTSTATUS status = nthost::LoadDriver("mounter", Mounter::Entry, &driver);
+        if (!NT_SUCCESS(status)) {
+            EXPECT_EQ(Mounter::Device, nullptr);
+            EXPECT_EQ(layer.Mounted(), 0u);
+            EXPECT_STATUS(STATUS_OBJECT_NAME_NOT_FOUND, support::Open("\\??\\Swept").Status);
+            return false;
+        }
+        EXPECT_EQ(layer.Mounted(), 1u);
+        EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(std::exchange(Mounter::Device, nullptr)));
+        layer.WaitUntilUnmounted();
+        nthost::LeakReport leaks;
+        EXPECT_STATUS(STATUS_SUCCESS, nthost::UnloadDriver(driver, &leaks));
+        EXPECT_TRUE(leaks.Clean()) << support::Join(leaks.Lines);
+        return true;
+    }
+
+private:
+    PluginOps* memfs_ = nullptr;
+};
+
+TEST_F(MountFaults, UnwindsFromEachStep)
+{
+    ASSERT_STATUS(STATUS_SUCCESS, nthost::SetRegistryDword(support::kServiceKey, "NumVcbWorkers", 3));
+    LoadGvndOrFail();
+    for (const char* routine : {"ExAllocatePoolWithTag", "ExInitializeResourceLite", "PsCreateSystemThread",
+                                "IoCreateDevice", "IoCreateSymbolicLink", "ZwCreateFile"}) {
+        SCOPED_TRACE(routine);
+        unsigned failures = 0;
+        const unsigned sites = nthost::SweepFaults(routine, [&](unsigned) { failures += !MountOnce(); });
+        EXPECT_GT(sites, 0u);
+        EXPECT_EQ(failures, sites); // there is no failure that a mount gets over
+    }
+}
+
+TEST_F(MountFaults, StopsTheThreadsThatHadStarted)
+{
+    ASSERT_STATUS(STATUS_SUCCESS, nthost::SetRegistryDword(support::kServiceKey, "NumVcbWorkers", 511));
+    LoadGvndOrFail();
+    const nthost::FaultPlan fault("PsCreateSystemThread", 300);
+    EXPECT_FALSE(MountOnce());
+    EXPECT_TRUE(Trace().Contains("PsCreateSystemThread(): 0xc000009a\n"));
+    EXPECT_EQ(Trace().Count("worker thread stopping gracefully\n"), 299u);
+}
+
+class UnmountRace : public VolumeTest {};
+
+// An open that races with the request gets its pin first, and then runs to its end, or is refused; the last close ends
+// the volume.
+TEST_F(UnmountRace, OpensAreServedOrRefused)
+{
+    constexpr int kThreads = 3;
+    std::atomic<int> opened{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.push_back(nthost::StartThread(nthost::HostProcess(), [&] {
+            for (;;) {
+                OpenResult result = Open("\\dir\\sub\\deep");
+                if (!NT_SUCCESS(result.Status)) {
+                    const bool refused = result.Status == STATUS_ACCESS_DENIED ||
+                                         result.Status == STATUS_OBJECT_NAME_NOT_FOUND ||
+                                         result.Status == STATUS_NO_SUCH_DEVICE;
+                    EXPECT_TRUE(refused) << std::hex << result.Status;
+                    return;
+                }
+                ++opened;
+                EXPECT_STATUS(STATUS_SUCCESS, result.File.Close());
+            }
+        }));
+    }
+    while (opened < 50) std::this_thread::yield();
+    const PDEVICE_OBJECT device = Device();
+    ForgetDevice();
+    EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(device));
+    for (std::thread& thread : threads) thread.join();
+    Plugin().WaitUntilUnmounted();
+    EXPECT_EQ(Plugin().Unmounted(), 1u);
+}
+
+} // namespace
+} // namespace opening

@@ -1,0 +1,176 @@
+// The plugin call protocol as a request meets it: exceptions, empty slots, the gate, a volume that is on its way out;
+// and that each of them leaves the volume's counts and lists as they were.
+
+#include "open_volume.h"
+
+#include "frame/context.h"
+#include "frame/driver.h"
+#include "volume/volume.h"
+
+namespace opening {
+namespace {
+
+class Protocol : public VolumeTest {
+protected:
+    NTSTATUS ReadOne(HANDLE file)
+    {
+        char byte = 0;
+        LARGE_INTEGER offset = {};
+        IO_STATUS_BLOCK statusBlock = {};
+        return NtReadFile(file, nullptr, nullptr, nullptr, &statusBlock, &byte, 1, &offset, nullptr);
+    }
+
+    void ExpectQuiet() GV_NO_ANALYSIS
+    {
+        Vcb* const vcb = Volume();
+        EXPECT_EQ(vcb->PluginCallCount, 0u);
+        EXPECT_EQ(vcb->PinCount, 0u);
+        EXPECT_EQ(vcb->PendedCount, 0u);
+        EXPECT_TRUE(IsListEmpty(&vcb->PendedList));
+        EXPECT_TRUE(IsListEmpty(&vcb->ActiveList));
+    }
+};
+
+TEST_F(Protocol, ContainsWhatAPluginRaises)
+{
+    Handle file = OpenOrFail("\\file");
+    Plugin().Raise("Read", STATUS_DISK_CORRUPT_ERROR);
+    Plugin().Fault("Read", 2);
+    for (int round = 0; round < 2; ++round) {
+        Trace().Clear();
+        // The exception's own code is not passed on.
+        EXPECT_STATUS(STATUS_ACCESS_VIOLATION, ReadOne(file.Get()));
+        EXPECT_TRUE(Trace().Contains("EXCEPTION!!! in plugin call\n"));
+        EXPECT_TRUE(Trace().Contains("Read(): 0xc0000005\n"));
+        ExpectQuiet();
+    }
+    EXPECT_STATUS(STATUS_SUCCESS, ReadOne(file.Get()));
+}
+
+TEST_F(Protocol, ReadsEachSlotAnewAndRefusesAnEmptyOne)
+{
+    Handle file = OpenOrFail("\\file");
+    const PluginReadFn read = std::exchange(Plugin().Table()->Read, nullptr);
+    EXPECT_STATUS(STATUS_NOT_SUPPORTED, ReadOne(file.Get()));
+    ExpectQuiet();
+    Plugin().Table()->Read = read;
+    EXPECT_STATUS(STATUS_SUCCESS, ReadOne(file.Get()));
+}
+
+TEST_F(Protocol, AllowsEverythingWithoutAnAccessCheck)
+{
+    Plugin().Table()->AccessCheck = nullptr;
+    OpenOrFail("\\file", {.Access = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE});
+    EXPECT_EQ(Plugin().Count("AccessCheck"), 0u);
+}
+
+// A handle that the plugin has been told to close must never be seen by it again.
+TEST_F(Protocol, GateKeepsAClosedHandleFromThePlugin)
+{
+    Handle file = OpenOrFail("\\file");
+    Fcb* const fcb = Find("\\file");
+    ASSERT_NE(fcb, nullptr);
+    Plugin().Clear();
+    fcb->PluginFdClosed = 1;
+    EXPECT_STATUS(STATUS_INVALID_PARAMETER, ReadOne(file.Get()));
+    fcb->PluginFdClosed = 0;
+    EXPECT_TRUE(Plugin().Calls().empty());
+    ExpectQuiet();
+}
+
+TEST_F(Protocol, RefusesCallsOnceAnUnmountIsRequested)
+{
+    Handle file = OpenOrFail("\\dir\\sub\\deep");
+    Plugin().Clear();
+    EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(Device()));
+    EXPECT_EQ(Plugin().Unmounted(), 0u); // somebody has a file open
+    EXPECT_STATUS(STATUS_ACCESS_DENIED, ReadOne(file.Get()));
+    EXPECT_TRUE(Trace().Contains("GvAddrefThreadForPluginCall(): 0xc0000022\n"));
+    EXPECT_STATUS(STATUS_ACCESS_DENIED, Open("\\file").Status);
+    EXPECT_TRUE(Trace().Contains("GvPinVcbIfMounted(): failed: 0xc0000022\n"));
+
+    // The close finishes, the plugin hears nothing of the handles, and the volume goes.
+    EXPECT_STATUS(STATUS_SUCCESS, file.Close());
+    Plugin().WaitUntilUnmounted();
+    EXPECT_TRUE(Plugin().Calls().empty());
+    ForgetDevice();
+}
+
+TEST_F(Protocol, UnmountBetweenTwoCallsOfOneCreateFailsTheSecond)
+{
+    Plugin().Before(
+        "Lookup", [this](PKEVENT) { EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(Device())); }, 2);
+    EXPECT_STATUS(STATUS_ACCESS_DENIED, Open("\\dir\\file").Status);
+    Plugin().WaitUntilUnmounted(); // the create's own unpin ended the volume
+    ForgetDevice();
+}
+
+TEST_F(Protocol, MountWantsTheRightTable)
+{
+    for (const ULONG version : {7u, 9u}) {
+        PluginOps table = *Plugin().Table();
+        table.Version = version;
+        PDEVICE_OBJECT device = nullptr;
+        EXPECT_STATUS(STATUS_INVALID_PARAMETER, GvMount(Text("\\Device\\Null"), Text("\\Device\\Second"),
+                                                        Text("\\??\\Second"), nullptr, &table, &device));
+        EXPECT_EQ(device, nullptr);
+        EXPECT_STATUS(STATUS_OBJECT_NAME_NOT_FOUND, support::Open("\\??\\Second").Status);
+    }
+    EXPECT_TRUE(Trace().Contains("ERR: unsupported plugin-op version: 9, needed: 8\n"));
+
+    PDEVICE_OBJECT device = nullptr;
+    EXPECT_STATUS(STATUS_INVALID_PARAMETER,
+                  GvMount(nullptr, Text("\\Device\\Second"), Text("\\??\\Second"), nullptr, Plugin().Table(), &device));
+    EXPECT_TRUE(Trace().Contains("bad params\n"));
+    // The status of the open comes back, and neither device nor link stays.
+    EXPECT_STATUS(STATUS_OBJECT_NAME_NOT_FOUND, GvMount(Text("\\Device\\Nothing"), Text("\\Device\\Second"),
+                                                        Text("\\??\\Second"), nullptr, Plugin().Table(), &device));
+    EXPECT_EQ(device, nullptr);
+    EXPECT_STATUS(STATUS_OBJECT_NAME_NOT_FOUND, support::Open("\\Device\\Second").Status);
+    // Neither may a taken name cost the volume that has it.
+    EXPECT_STATUS(STATUS_OBJECT_NAME_COLLISION, GvMount(Text("\\Device\\Null"), Text("\\Device\\Second"),
+                                                        Text("\\??\\Opening"), nullptr, Plugin().Table(), &device));
+    EXPECT_EQ(device, nullptr);
+    OpenOrFail("\\file");
+}
+
+// A request whose file object was opened elsewhere never reaches an inner routine.
+TEST_F(Protocol, RefusesAForeignFileObject)
+{
+    Handle file = OpenOrFail("\\file");
+    FileReference reference(file.Get());
+    DEVICE_OBJECT foreign = {};
+    reference->DeviceObject = &foreign;
+    IrpContext* context = nullptr;
+    const PIRP irp = IoAllocateIrp(1, FALSE);
+    IoSetNextIrpStackLocation(irp);
+    IoGetCurrentIrpStackLocation(irp)->FileObject = reference.Get();
+    EXPECT_STATUS(STATUS_INVALID_PARAMETER, GvAllocIrpContext(Device(), irp, true, &context));
+    EXPECT_EQ(context, nullptr);
+    reference->DeviceObject = Device();
+    IoFreeIrp(irp);
+}
+
+// A context that still has a live link is not freed under the list.
+TEST_F(Protocol, KeepsAContextThatIsStillQueued)
+{
+    Handle file = OpenOrFail("\\file");
+    FileReference reference(file.Get());
+    const PIRP irp = IoAllocateIrp(1, FALSE);
+    IoSetNextIrpStackLocation(irp);
+    IoGetCurrentIrpStackLocation(irp)->FileObject = reference.Get();
+    IrpContext* context = nullptr;
+    ASSERT_STATUS(STATUS_SUCCESS, GvAllocIrpContext(Device(), irp, true, &context));
+    GvArmCancelForPluginCall(Volume(), context);
+    EXPECT_EQ(irp->CancelRoutine, GvIoCancelRoutine);
+    EXPECT_STATUS(STATUS_UNSUCCESSFUL, GvFreeIrpContext(context));
+    EXPECT_STATUS(STATUS_UNSUCCESSFUL, GvPendIrpContext(context));
+    GvDisarmCancelForPluginCall(Volume(), context, CancelRoutine::Clear);
+    EXPECT_EQ(irp->CancelRoutine, nullptr);
+    EXPECT_STATUS(STATUS_SUCCESS, GvFreeIrpContext(context));
+    IoFreeIrp(irp);
+    ExpectQuiet();
+}
+
+} // namespace
+} // namespace opening
