@@ -87,7 +87,7 @@ gvnd_sources(GVND_BENCH_SOURCES bench)
 if(GVND_BUILD_BENCH AND GVND_BENCH_SOURCES AND TARGET gvnd_driver)
     find_package(benchmark REQUIRED)
     gvnd_executable(gvnd_bench ${GVND_BENCH_SOURCES})
-    target_include_directories(gvnd_bench PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+    target_include_directories(gvnd_bench PRIVATE ${PROJECT_SOURCE_DIR}/driver)
     target_link_libraries(gvnd_bench PRIVATE $<TARGET_NAME_IF_EXISTS:gvnd_testsupport> ${GVND_LINK_ALL} gvnd_plugin
         benchmark::benchmark)
     if(NOT ${PROJECT_SOURCE_DIR}/bench/main.cpp IN_LIST GVND_BENCH_SOURCES)

@@ -10,7 +10,7 @@ void GvArmCancelForPluginCall(Vcb* vcb, IrpContext* context)
 {
     GvHeldSpinLock lock(vcb->QueueLock);
     if (!GvUtlIsEntryOnList(&vcb->ActiveList, &context->Link)) InsertTailList(&vcb->ActiveList, &context->Link);
-    context->Irp->Tail.Overlay.DriverContext[0] = vcb;
+    GvSetIrpVcb(context->Irp, vcb);
     IoSetCancelRoutine(context->Irp, GvIoCancelRoutine);
 }
 
@@ -53,7 +53,7 @@ VOID NTAPI GvIoCancelRoutine(PDEVICE_OBJECT, PIRP irp)
 {
     IoReleaseCancelSpinLock(irp->CancelIrql);
 
-    auto* const vcb = static_cast<Vcb*>(irp->Tail.Overlay.DriverContext[0]);
+    auto* const vcb = GvIrpVcb(irp);
     IrpContext* const context = TakePendedOrSignalActive(vcb, irp);
     if (!context) return;
 

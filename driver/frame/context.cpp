@@ -75,7 +75,7 @@ namespace {
         return STATUS_UNSUCCESSFUL;
     }
     const PIRP irp = context->Irp;
-    irp->Tail.Overlay.DriverContext[0] = vcb;
+    GvSetIrpVcb(irp, vcb);
     IoMarkIrpPending(irp);
     context->IsPended = 1;
     InsertTailList(&vcb->PendedList, &context->Link);

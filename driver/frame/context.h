@@ -31,6 +31,16 @@ void GvArmCancelForPluginCall(Vcb* vcb, IrpContext* context);
 void GvDisarmCancelForPluginCall(Vcb* vcb, IrpContext* context, CancelRoutine cancelRoutine);
 VOID NTAPI GvIoCancelRoutine(PDEVICE_OBJECT device, PIRP irp);
 
+// The way from a request to its volume for the cancel routine, which can run while the next plugin call arms.
+inline void GvSetIrpVcb(PIRP irp, Vcb* vcb)
+{
+    __atomic_store_n(&irp->Tail.Overlay.DriverContext[0], static_cast<void*>(vcb), __ATOMIC_RELAXED);
+}
+inline Vcb* GvIrpVcb(PIRP irp)
+{
+    return static_cast<Vcb*>(__atomic_load_n(&irp->Tail.Overlay.DriverContext[0], __ATOMIC_RELAXED));
+}
+
 // Linear in the length of the list. The list's lock is held.
 bool GvUtlIsEntryOnList(const LIST_ENTRY* head, const LIST_ENTRY* entry);
 

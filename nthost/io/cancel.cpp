@@ -81,7 +81,8 @@ BOOLEAN NTAPI IoCancelIrp(PIRP Irp)
         return FALSE;
     }
     Irp->CancelIrql = irql;
-    PDEVICE_OBJECT const device = IoGetCurrentIrpStackLocation(Irp)->DeviceObject;
+    // The driver may be completing the request meanwhile, so its locations are not looked at.
+    PDEVICE_OBJECT const device = RecordOf(Irp)->Device.load(std::memory_order_relaxed);
     // The routine gives up the lock that was taken here, so the state to compare with is the one before.
     CallDriver(MustRestore::Nothing, "cancel routine", routine, device, Irp);
     if constexpr (NTHOST_CHECKS) CompareThreadState(before, "cancel routine");

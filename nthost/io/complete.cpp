@@ -132,6 +132,7 @@ NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp)
     IoSetNextIrpStackLocation(Irp);
     PIO_STACK_LOCATION const location = IoGetCurrentIrpStackLocation(Irp);
     location->DeviceObject = DeviceObject;
+    RecordOf(Irp)->Device.store(DeviceObject, std::memory_order_relaxed);
     const UCHAR major = location->MajorFunction;
     if (major > IRP_MJ_MAXIMUM_FUNCTION) Fatal("major function 0x%x in irp %p", major, static_cast<void*>(Irp));
     if (!NTHOST_CHECKS) return CallDispatch(DeviceObject, Irp, major);
@@ -153,6 +154,8 @@ VOID FASTCALL IofCompleteRequest(PIRP Irp, CCHAR)
         Irp->PendingReturned = (below->Control & SL_PENDING_RETURNED) != 0;
         if (NTHOST_CHECKS) TraceEnd(Irp);
         IoSkipCurrentIrpStackLocation(Irp);
+        if (Irp->CurrentLocation <= Irp->StackCount)
+            RecordOf(Irp)->Device.store(IoGetCurrentIrpStackLocation(Irp)->DeviceObject, std::memory_order_relaxed);
         if (WantsToKnow(Irp, below)) {
             if (CallCompletionRoutine(Irp, below) == STATUS_MORE_PROCESSING_REQUIRED) return;
         } else if (Irp->PendingReturned && Irp->CurrentLocation <= Irp->StackCount) {

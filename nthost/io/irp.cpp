@@ -144,6 +144,8 @@ void PrepareRecord(IrpRecord* record)
     record->File = nullptr;
     record->FileEntry = {};
     record->OnThreadList = false;
+    record->OnFileList = false;
+    record->Device.store(nullptr, std::memory_order_relaxed);
     record->OutputLength = 0;
     record->Holds.store(1, std::memory_order_relaxed);
     if (NTHOST_CHECKS) {

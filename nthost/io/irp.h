@@ -47,13 +47,15 @@ struct IrpRecord {
     CapturedStack AllocatedAt;   // with checks on
 
     Issue How;
-    std::atomic<uint32_t> Met; // Meeting
-    KEVENT Done;               // Waited: initialised before the issuer says that it left
-    PEPROCESS Requestor;       // process the request was made for
-    PFILE_OBJECT File;         // of a service's request; an asynchronous one has a reference of its own
-    LIST_ENTRY FileEntry;      // in the file object's list, under its lock
-    bool OnThreadList;         // written under the file object's lock once the request is on its list
-    ULONG OutputLength;        // room in UserBuffer for a buffered request's output
+    std::atomic<PDEVICE_OBJECT> Device; // whose location is current; for a cancel that meets completion
+    std::atomic<uint32_t> Met;          // Meeting
+    KEVENT Done;                        // Waited: initialised before the issuer says that it left
+    PEPROCESS Requestor;                // process the request was made for
+    PFILE_OBJECT File;                  // of a service's request; an asynchronous one has a reference of its own
+    LIST_ENTRY FileEntry;               // in the file object's list, under its lock
+    bool OnThreadList;                  // written under the file object's lock once the request is on its list
+    bool OnFileList;                    // the owner's alone
+    ULONG OutputLength;                 // room in UserBuffer for a buffered request's output
     WORK_QUEUE_ITEM Drop;
     LocationTrace Trace[TracedLocations];
 

@@ -106,6 +106,7 @@ void Enlist(IrpRecord* record)
     FileBody* const file = BodyOf(record->File);
     // The thread first: a request that is found through its file is complete as a record.
     if (record->How == Issue::Asynchronous) EnlistWithThread(record);
+    record->OnFileList = true;
     const std::lock_guard hold(file->RequestLock);
     InsertTailList(&file->File.IrpList, &record->FileEntry);
 }
@@ -120,7 +121,9 @@ void DetachFromThread(IrpRecord* record)
 
 void Delist(IrpRecord* record)
 {
-    if (!record->FileEntry.Flink) return;
+    // Not its links, which the requests beside it change.
+    if (!record->OnFileList) return;
+    record->OnFileList = false;
     FileBody* const file = BodyOf(record->File);
     if (record->OnThreadList) DelistFromThread(record);
     {

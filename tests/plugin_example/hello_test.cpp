@@ -70,15 +70,17 @@ TEST_F(HelloPlugin, RefusesTheRest)
     EXPECT_STATUS(STATUS_OBJECT_NAME_NOT_FOUND, Open("\\??\\Hello\\other.txt").Status);
 }
 
-// An address that cannot be written to costs the request, and nobody else.
+// An address that cannot be written to costs the request, and nobody else. A kernel caller's is not probed on the way,
+// so that the fault is the plugin's.
 TEST_F(HelloPlugin, SurvivesABadBuffer)
 {
-    const auto file = Open("\\??\\Hello\\hello.txt");
+    const auto file = Open("\\??\\Hello\\hello.txt", {.Kernel = true});
     nthost::UserMemory memory(4096);
     memory.Unmap();
     IO_STATUS_BLOCK result = {};
-    EXPECT_STATUS(STATUS_ACCESS_VIOLATION, NtReadFile(file.File.Get(), nullptr, nullptr, nullptr, &result,
+    EXPECT_STATUS(STATUS_ACCESS_VIOLATION, ZwReadFile(file.File.Get(), nullptr, nullptr, nullptr, &result,
                                                       memory.Address(), 64, nullptr, nullptr));
+    EXPECT_TRUE(Trace().Contains("EXCEPTION!!! in plugin call"));
     EXPECT_STATUS(STATUS_SUCCESS, Open("\\??\\Hello\\hello.txt").Status);
 }
 
