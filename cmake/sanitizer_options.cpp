@@ -1,12 +1,12 @@
-// Defaults of the sanitizer runtimes for every executable of a sanitized build; ASAN_OPTIONS and its like override them.
-// Linked into executables only, since a library member that nothing refers to would be left out.
+// Defaults of the sanitizer runtimes for every executable of a sanitized build; ASAN_OPTIONS and its like override
+// them. Linked into executables only, since a library member that nothing refers to would be left out.
 
 // The runtimes call these before anything is set up, so nothing here may be instrumented.
-#define SANITIZER_DEFAULTS(runtime, options)                                                                           \
-    extern "C" __attribute__((used, visibility("default"), no_sanitize("address", "thread", "undefined"))) const char* \
-    __##runtime##_default_options()                                                                                    \
-    {                                                                                                                  \
-        return options;                                                                                                \
+#define SANITIZER_DEFAULTS(runtime, options)                                                               \
+    extern "C" __attribute__((used, visibility("default"), no_sanitize("address", "thread", "undefined"))) \
+    const char* __##runtime##_default_options()                                                            \
+    {                                                                                                      \
+        return options;                                                                                    \
     }
 
 // nthost takes page faults in a SIGSEGV handler of its own, on the stack of the faulting thread. The guards jump out of

@@ -8,37 +8,22 @@
 
 #include <ntifs.h>
 
-#include "ke/boot.h"
-#include "mm/memory.h"
 #include "ob/object.h"
-#include "zw/services.h"
 #include <nthost/check.h>
+#include <nthost/host.h>
 #include <nthost/process.h>
 
 namespace nthost_ob {
 
 class ObTest : public testing::Test {
 protected:
-    void SetUp() override
-    {
-        nthost::ob::Boot();
-        nthost::mm::Boot();
-        nthost::ke::Boot(1);
-        nthost::zw::Boot();
-    }
+    void SetUp() override { nthost::Boot(); }
 
     void TearDown() override
     {
         for (const nthost::Finding& finding : nthost::TakeFindings())
             ADD_FAILURE() << finding.Rule << ": " << finding.Detail;
-        nthost::zw::Shutdown();
-        nthost::ke::StopWorkers();
-        std::vector<std::string> leaks;
-        nthost::ke::Shutdown(leaks);
-        for (const auto& object : nthost::ob::LiveObjects()) leaks.push_back(object.Type + " " + object.Name);
-        nthost::mm::Shutdown();
-        nthost::ob::Shutdown();
-        EXPECT_EQ(leaks, std::vector<std::string>());
+        EXPECT_EQ(nthost::Shutdown().Lines, std::vector<std::string>());
     }
 };
 
