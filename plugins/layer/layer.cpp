@@ -78,14 +78,12 @@ void Fill(PluginOps& table, const PluginOps& inner)
     if (inner.*Slot) table.*Slot = Thunk<Slot, Function>::Call;
 }
 
-#define FOR_EACH_OPERATION(X)                                                                                          \
-    X(GetNormalizedPath)                                                                                               \
-    X(AccessCheck)                                                                                                     \
-    X(Lookup)                                                                                                          \
-    X(Open)                                                                                                            \
-    X(OpenDir) X(Create) X(CreateDir) X(Read) X(Write) X(ReadDirEntry) X(GetInfo) X(SetFileSize) X(SetAttr) X(SetTime) \
-        X(GetVolInfo) X(SetVolLabel) X(Close) X(Rename) X(Delete) X(FlushVol) X(FlushFile) X(ListEa) X(GetEa) X(SetEa) \
-            X(DeleteEa) X(ReadLink)
+// clang-format off
+#define FOR_EACH_OPERATION(X) \
+    X(GetNormalizedPath) X(AccessCheck) X(Lookup) X(Open) X(OpenDir) X(Create) X(CreateDir) X(Read) X(Write) \
+    X(ReadDirEntry) X(GetInfo) X(SetFileSize) X(SetAttr) X(SetTime) X(GetVolInfo) X(SetVolLabel) X(Close) \
+    X(Rename) X(Delete) X(FlushVol) X(FlushFile) X(ListEa) X(GetEa) X(SetEa) X(DeleteEa) X(ReadLink)
+// clang-format on
 
 #define NAME_OPERATION(name)                       \
     template <>                                    \
