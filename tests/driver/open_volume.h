@@ -81,6 +81,8 @@ public:
     ~FileReference();
     PFILE_OBJECT Get() const { return file_; }
     PFILE_OBJECT operator->() const { return file_; }
+    // Earlier than the end of the scope.
+    void Drop() { ObDereferenceObject(std::exchange(file_, nullptr)); }
 
 private:
     PFILE_OBJECT file_ = nullptr;
