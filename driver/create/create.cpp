@@ -77,8 +77,15 @@ bool GvIsVolumeOpen(PFILE_OBJECT fileObject)
 {
     // First, so that the open of a rename's target can never create anything.
     if (parameters.OpenTargetDirectory) return GvRefuseUnservedOpen(GvUnservedOpen::TargetDirectory);
-    if (found.Object) return GvInitExistingFcb(context, parameters, paths, found.Object, information);
-    return GvCreateNewFileOrDir(context, parameters, paths, found.Parent, found.LookupStatus, information);
+    if (found.Object) {
+        const NTSTATUS status = GvInitExistingFcb(context, parameters, paths, found.Object, information);
+        if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvDoCreate", "GvInitExistingFcb", status);
+        return status;
+    }
+    const NTSTATUS status =
+        GvCreateNewFileOrDir(context, parameters, paths, found.Parent, found.LookupStatus, information);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvDoCreate", "GvCreateNewFileOrDir", status);
+    return status;
 }
 
 // A live path is joined without a plugin call and without a look at its parents; any other is walked.
@@ -93,7 +100,7 @@ bool GvIsVolumeOpen(PFILE_OBJECT fileObject)
 {
     ResolvedPaths paths = {};
     if (const NTSTATUS status = GvResolveName(context, parameters.FileObject, &paths); !NT_SUCCESS(status)) {
-        GV_TRACE_AS("GvDoCreate", GvTraceError, "GvResolveName(): 0x%x\n", status);
+        GV_TRACE_FAILED_AS("GvDoCreate", "GvResolveName", status);
         return status;
     }
     WalkResult found = {};
@@ -102,7 +109,7 @@ bool GvIsVolumeOpen(PFILE_OBJECT fileObject)
     const GvFcbReference parent(context, found.Parent);
     const GvFcbReference object(context, found.Object);
     if (!NT_SUCCESS(status)) {
-        GV_TRACE_AS("GvDoCreate", GvTraceError, "GvFullyOpenPath(): 0x%x\n", status);
+        GV_TRACE_FAILED_AS("GvDoCreate", "GvFullyOpenPath", status);
         return status;
     }
     if (status == STATUS_REPARSE) return GvRefuseUnservedOpen(GvUnservedOpen::ReparsePoint);
@@ -138,7 +145,9 @@ NTSTATUS GvDoCreate(IrpContext* context, GvOutcome* outcome)
     if (const NTSTATUS status = lock.Exclusive(&context->Vcb->Resource); !NT_SUCCESS(status)) return status;
 
     if (GvIsVolumeOpen(parameters.FileObject)) {
-        return GvPerformVolumeOpen(context, parameters, &outcome->Information);
+        const NTSTATUS status = GvPerformVolumeOpen(context, parameters, &outcome->Information);
+        if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvPerformVolumeOpen", status);
+        return status;
     }
     return OpenPath(context, parameters, &outcome->Information);
 }

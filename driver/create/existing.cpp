@@ -9,20 +9,23 @@
 
 namespace {
 
+constexpr char kName[] = "GvInitExistingFcb"; // whose steps the checks below are
+
 bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || disposition == FILE_OVERWRITE_IF; }
 
 [[nodiscard]] NTSTATUS CheckDeleteOnClose(const CreateParameters& parameters, PCUNICODE_STRING fullPath, const Fcb* fcb)
 {
     if (!(parameters.DesiredAccess & DELETE)) {
-        GV_TRACE(GvTraceError, "delete-on-close is requested, but not delete-access: 0x%x\n", STATUS_INVALID_PARAMETER);
+        GV_TRACE_AS(kName, GvTraceError, "delete-on-close is requested, but not delete-access: 0x%x\n",
+                    STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
     if (GvUtlIsRootPath(fullPath)) {
-        GV_TRACE(GvTraceError, "not allowed to delete root-dir: 0x%x\n", STATUS_CANNOT_DELETE);
+        GV_TRACE_AS(kName, GvTraceError, "not allowed to delete root-dir: 0x%x\n", STATUS_CANNOT_DELETE);
         return STATUS_CANNOT_DELETE;
     }
     if (fcb->FcbType == GvFile && !(fcb->MaxAllowedAccess & GVND_ACCESS_WRITE)) {
-        GV_TRACE(GvTraceError, "err, can't delete read-only file: 0x%x\n", STATUS_CANNOT_DELETE);
+        GV_TRACE_AS(kName, GvTraceError, "err, can't delete read-only file: 0x%x\n", STATUS_CANNOT_DELETE);
         return STATUS_CANNOT_DELETE;
     }
     return STATUS_SUCCESS;
@@ -32,11 +35,11 @@ bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || di
 {
     if (requested == GvAnyType) return STATUS_SUCCESS;
     if (requested != GvDirectory && requested != GvFile) {
-        GV_TRACE(GvTraceError, "invalid requested file-type: %d\n", requested);
+        GV_TRACE_AS(kName, GvTraceError, "invalid requested file-type: %d\n", requested);
         return STATUS_INVALID_PARAMETER;
     }
     if (requested == actual) return STATUS_SUCCESS;
-    GV_TRACE(GvTraceError, "requested file-type: %d != real file-type: %d\n", requested, actual);
+    GV_TRACE_AS(kName, GvTraceError, "requested file-type: %d != real file-type: %d\n", requested, actual);
     return actual == GvDirectory ? STATUS_FILE_IS_A_DIRECTORY : STATUS_NOT_A_DIRECTORY;
 }
 
@@ -44,7 +47,7 @@ bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || di
 [[nodiscard]] NTSTATUS CheckRules(const CreateParameters& parameters, const ResolvedPaths& paths, const Fcb* fcb)
 {
     if (parameters.Disposition == FILE_CREATE) {
-        GV_TRACE(GvTraceError, "error disposition == create : 0x%x\n", STATUS_OBJECT_NAME_COLLISION);
+        GV_TRACE_AS(kName, GvTraceError, "error disposition == create : 0x%x\n", STATUS_OBJECT_NAME_COLLISION);
         return STATUS_OBJECT_NAME_COLLISION;
     }
     if (parameters.DeleteOnClose) {
@@ -52,18 +55,18 @@ bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || di
         if (!NT_SUCCESS(status)) return status;
     }
     if (fcb->DeletePending) {
-        GV_TRACE(GvTraceError, "FCB is pending deletion: 0x%x\n", STATUS_DELETE_PENDING);
+        GV_TRACE_AS(kName, GvTraceError, "FCB is pending deletion: 0x%x\n", STATUS_DELETE_PENDING);
         return STATUS_DELETE_PENDING;
     }
     if (const NTSTATUS status = CheckType(parameters.RequestedFileType, fcb->FcbType); !NT_SUCCESS(status)) {
         return status;
     }
     if (fcb->FcbType == GvFile && paths.TrailingBackslash) {
-        GV_TRACE(GvTraceError, "ERR: FCB is file, path has trailing bkslash\n");
+        GV_TRACE_AS(kName, GvTraceError, "ERR: FCB is file, path has trailing bkslash\n");
         return STATUS_OBJECT_NAME_INVALID;
     }
     if (fcb->FcbType == GvDirectory && IsOverwrite(parameters.Disposition)) {
-        GV_TRACE(GvTraceError, "can't overwrite dir, err: 0x%x\n", STATUS_OBJECT_NAME_COLLISION);
+        GV_TRACE_AS(kName, GvTraceError, "can't overwrite dir, err: 0x%x\n", STATUS_OBJECT_NAME_COLLISION);
         return STATUS_OBJECT_NAME_COLLISION;
     }
     return STATUS_SUCCESS;
@@ -81,14 +84,20 @@ bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || di
     GvBlock<PluginFileInfo> info;
     PluginAccessMask maxAccess;
     status = GvPerformLookupOnPlugin(context, path, &info, &maxAccess);
-    if (!NT_SUCCESS(status)) return status;
+    if (!NT_SUCCESS(status)) {
+        GV_TRACE_FAILED("GvPerformLookupOnPlugin", status);
+        return status;
+    }
     PluginFd fd = 0;
     status = GvOpenFromPlugin(context, fcb->FcbType, path, maxAccess, &fd);
-    if (!NT_SUCCESS(status)) return status;
+    if (!NT_SUCCESS(status)) {
+        GV_TRACE_FAILED("GvOpenFromPlugin", status);
+        return status;
+    }
     const NTSTATUS closed = GV_CALL_PLUGIN(context, fcb, Close, fcb->PluginFd);
     if (!NT_SUCCESS(closed)) GV_TRACE_FAILED("Close", closed);
 
-    fcb->PluginFd = fd;
+    GvStore(fcb->PluginFd, fd);
     fcb->MaxAllowedAccess = maxAccess;
     fcb->PluginFdCurrentAccess = maxAccess;
     GvFcbSetFileSize(fcb, &info->EndOfFile);
@@ -101,17 +110,18 @@ bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || di
 {
     NTSTATUS status = GvReopenPluginFdIfRequired(context, path, fcb, effective);
     if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvReopenPluginFdIfRequired", status);
+        GV_TRACE_FAILED_AS(kName, "GvReopenPluginFdIfRequired", status);
         return status;
     }
     status = GvCheckDesiredAccessWithFcbMaxAccess(fcb->FcbType, effective, fcb->MaxAllowedAccess);
     if (!NT_SUCCESS(status)) {
-        GV_TRACE(GvTraceError, "GvCheckDesiredAccessWithFcbMaxAccess(), desired: 0x%x, fcb-max: 0x%x, ns: 0x%x\n",
-                 effective, fcb->MaxAllowedAccess, status);
+        GV_TRACE_AS(kName, GvTraceError,
+                    "GvCheckDesiredAccessWithFcbMaxAccess(), desired: 0x%x, fcb-max: 0x%x, ns: 0x%x\n", effective,
+                    fcb->MaxAllowedAccess, status);
         return status;
     }
     status = GvAccessCheck(context, path, effective, parameters.SubjectToken);
-    if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvAccessCheck", status);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "GvAccessCheck", status);
     return status;
 }
 
@@ -122,7 +132,7 @@ bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || di
     if (!(effective & FILE_WRITE_DATA) && !parameters.DeleteOnClose) return STATUS_SUCCESS;
     if (!MmFlushImageSection(&fcb->SectionObjectPointers, MmFlushForWrite)) {
         const NTSTATUS status = parameters.DeleteOnClose ? STATUS_CANNOT_DELETE : STATUS_SHARING_VIOLATION;
-        GV_TRACE(GvTraceError, "MmFlushImageSection(): 0x%x\n", status);
+        GV_TRACE_AS(kName, GvTraceError, "MmFlushImageSection(): 0x%x\n", status);
         return status;
     }
     if (!parameters.DeleteOnClose && fcb->SectionObjectPointers.DataSectionObject) {
@@ -135,7 +145,7 @@ bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || di
 [[nodiscard]] NTSTATUS RecordShareAccess(const CreateParameters& parameters, Fcb* fcb, ACCESS_MASK effective)
 {
     const PFILE_OBJECT fileObject = parameters.FileObject;
-    if (fcb->OpenCount == 0) {
+    if (GvLoad(fcb->OpenCount) == 0) {
         IoSetShareAccess(parameters.DesiredAccess, parameters.ShareAccess, fileObject, &fcb->ShareAccess);
         return STATUS_SUCCESS;
     }
@@ -145,7 +155,7 @@ bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || di
     }
     const NTSTATUS status =
         IoCheckShareAccess(parameters.DesiredAccess, parameters.ShareAccess, fileObject, &fcb->ShareAccess, TRUE);
-    if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "IoCheckShareAccess(2nd): 0x%x\n", status);
+    if (!NT_SUCCESS(status)) GV_TRACE_AS(kName, GvTraceError, "IoCheckShareAccess(2nd): 0x%x\n", status);
     return status;
 }
 
@@ -164,7 +174,7 @@ NTSTATUS GvInitExistingFcb(IrpContext* context, const CreateParameters& paramete
     const ACCESS_MASK effective = parameters.DesiredAccess | (overwrite ? FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES : 0);
     status = CheckAccess(context, parameters, paths.FullPath.Get(), fcb, effective);
     if (!NT_SUCCESS(status)) return status;
-    if (fcb->OpenCount != 0) {
+    if (GvLoad(fcb->OpenCount) != 0) {
         status = IoCheckShareAccess(effective, parameters.ShareAccess, parameters.FileObject, &fcb->ShareAccess, FALSE);
         if (!NT_SUCCESS(status)) {
             GV_TRACE_FAILED("IoCheckShareAccess", status);

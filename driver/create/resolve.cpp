@@ -1,13 +1,14 @@
 // From the name in the file object to the paths of an open: the plugin's normalisation, the legal characters, the
-// refusal of . and
-// .., the caller's spelling kept apart from the form that is matched. The related object is kept alive by its file
-// object.
+// refusal of dot components, the caller's spelling kept apart from the form that is matched. The related object is kept
+// alive by its file object.
 
 #include "create/create.h"
 
 #include "frame/plugincall.h"
 
 namespace {
+
+constexpr char kName[] = "GvResolveName"; // whose steps most routines below are
 
 bool HasNonAscii(PCUNICODE_STRING path)
 {
@@ -69,12 +70,12 @@ void GvStripTrailingBackslashes(PUNICODE_STRING path)
     bool found = false;
     NTSTATUS status = GvUtlDoesPathHaveComponent(path, L".", &found);
     if (!NT_SUCCESS(status) || found) {
-        GV_TRACE(GvTraceError, "ERR: path contains '.', or 0x%x\n", status);
+        GV_TRACE_AS(kName, GvTraceError, "ERR: path contains '.', or 0x%x\n", status);
         return NT_SUCCESS(status) ? STATUS_OBJECT_PATH_SYNTAX_BAD : status;
     }
     status = GvUtlDoesPathHaveComponent(path, L"..", &found);
     if (!NT_SUCCESS(status) || found) {
-        GV_TRACE(GvTraceError, "ERR: path contains '..', or 0x%x\n", status);
+        GV_TRACE_AS(kName, GvTraceError, "ERR: path contains '..', or 0x%x\n", status);
         return NT_SUCCESS(status) ? STATUS_OBJECT_PATH_SYNTAX_BAD : status;
     }
     return STATUS_SUCCESS;
@@ -84,17 +85,17 @@ void GvStripTrailingBackslashes(PUNICODE_STRING path)
 {
     paths->FullPath.Reset(GvUtlAllocUnicodeString(PagedPool, capacity));
     if (!paths->FullPath) {
-        GV_TRACE(GvTraceError, "out-of-mem 1\n");
+        GV_TRACE_AS(kName, GvTraceError, "out-of-mem 1\n");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     paths->WalkedPath.Reset(GvUtlAllocUnicodeString(PagedPool, capacity));
     if (!paths->WalkedPath) {
-        GV_TRACE(GvTraceError, "out-of-mem 2\n");
+        GV_TRACE_AS(kName, GvTraceError, "out-of-mem 2\n");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     paths->RemainingPath.Reset(GvUtlAllocUnicodeString(PagedPool, capacity));
     if (!paths->RemainingPath) {
-        GV_TRACE(GvTraceError, "out-of-mem 3\n");
+        GV_TRACE_AS(kName, GvTraceError, "out-of-mem 3\n");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     return STATUS_SUCCESS;
@@ -106,21 +107,21 @@ void GvStripTrailingBackslashes(PUNICODE_STRING path)
 {
     if (!fileObject->RelatedFileObject) {
         if (BeginsWithBackslash(name)) return STATUS_SUCCESS;
-        GV_TRACE(GvTraceError, "bad absolute-name: 0x%x\n", STATUS_OBJECT_PATH_SYNTAX_BAD);
+        GV_TRACE_AS(kName, GvTraceError, "bad absolute-name: 0x%x\n", STATUS_OBJECT_PATH_SYNTAX_BAD);
         return STATUS_OBJECT_PATH_SYNTAX_BAD;
     }
     if (BeginsWithBackslash(name)) {
-        GV_TRACE(GvTraceError, "bad relative-name: 0x%x\n", STATUS_OBJECT_PATH_SYNTAX_BAD);
+        GV_TRACE_AS(kName, GvTraceError, "bad relative-name: 0x%x\n", STATUS_OBJECT_PATH_SYNTAX_BAD);
         return STATUS_OBJECT_PATH_SYNTAX_BAD;
     }
     Fcb* const fcb = GvFcbOf(fileObject->RelatedFileObject);
     if (fcb->FcbType == GvVolume) {
         // The volume is on no tree: it has no name that anything could be relative to.
-        GV_TRACE(GvTraceError, "bad relative-name: 0x%x\n", STATUS_OBJECT_PATH_SYNTAX_BAD);
+        GV_TRACE_AS(kName, GvTraceError, "bad relative-name: 0x%x\n", STATUS_OBJECT_PATH_SYNTAX_BAD);
         return STATUS_OBJECT_PATH_SYNTAX_BAD;
     }
     const NTSTATUS status = GvFcbGetName(context->Vcb->FcbTables, fcb, related->Out());
-    if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvFcbGetName", status);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "GvFcbGetName", status);
     return status;
 }
 
@@ -148,7 +149,10 @@ void StripTrailing(ResolvedPaths* paths)
                                   ResolvedPaths* paths)
 {
     NTSTATUS status = GvEnsurePathCharsAreLegal(name);
-    if (!NT_SUCCESS(status)) return status;
+    if (!NT_SUCCESS(status)) {
+        GV_TRACE_FAILED_AS(kName, "GvEnsurePathCharsAreLegal", status);
+        return status;
+    }
     GvString related;
     status = GetRelatedName(context, fileObject, name, &related);
     if (!NT_SUCCESS(status)) return status;
@@ -160,7 +164,10 @@ void StripTrailing(ResolvedPaths* paths)
     status = RefuseDotComponents(paths->FullPath.Get());
     if (!NT_SUCCESS(status)) return status;
     status = GvGetCasePreservedFullPath(fileObject, related.Get(), &paths->CasePreservedPath);
-    if (!NT_SUCCESS(status)) return status;
+    if (!NT_SUCCESS(status)) {
+        GV_TRACE_FAILED_AS(kName, "GvGetCasePreservedFullPath", status);
+        return status;
+    }
     StripTrailing(paths);
     return STATUS_SUCCESS;
 }

@@ -8,22 +8,25 @@
 
 namespace {
 
+constexpr char kName[] = "GvPerformVolumeOpen"; // whose steps the checks below are
+
 [[nodiscard]] NTSTATUS CheckVolumeParameters(const CreateParameters& parameters)
 {
     if (parameters.RequestedFileType == GvDirectory) {
-        GV_TRACE(GvTraceError, "ERROR: volume open can't be a directory: 0x%x\n", STATUS_NOT_A_DIRECTORY);
+        GV_TRACE_AS(kName, GvTraceError, "ERROR: volume open can't be a directory: 0x%x\n", STATUS_NOT_A_DIRECTORY);
         return STATUS_NOT_A_DIRECTORY;
     }
     if (parameters.OpenTargetDirectory) {
-        GV_TRACE(GvTraceError, "ERROR: can't open the volume as a rename target 0x%x\n", STATUS_INVALID_PARAMETER);
+        GV_TRACE_AS(kName, GvTraceError, "ERROR: can't open the volume as a rename target 0x%x\n",
+                    STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
     if (parameters.Disposition != FILE_OPEN && parameters.Disposition != FILE_OPEN_IF) {
-        GV_TRACE(GvTraceError, "ERROR: volume already exists: 0x%x\n", STATUS_ACCESS_DENIED);
+        GV_TRACE_AS(kName, GvTraceError, "ERROR: volume already exists: 0x%x\n", STATUS_ACCESS_DENIED);
         return STATUS_ACCESS_DENIED;
     }
     if (parameters.DeleteOnClose || (parameters.DesiredAccess & DELETE)) {
-        GV_TRACE(GvTraceError, "ERROR: volume can't be deleted: 0x%x\n", STATUS_ACCESS_DENIED);
+        GV_TRACE_AS(kName, GvTraceError, "ERROR: volume can't be deleted: 0x%x\n", STATUS_ACCESS_DENIED);
         return STATUS_ACCESS_DENIED;
     }
     return STATUS_SUCCESS;
@@ -31,13 +34,13 @@ namespace {
 
 [[nodiscard]] NTSTATUS ShareVolume(const CreateParameters& parameters, Fcb* volume)
 {
-    if (volume->OpenCount == 0) {
+    if (GvLoad(volume->OpenCount) == 0) {
         IoSetShareAccess(parameters.DesiredAccess, parameters.ShareAccess, parameters.FileObject, &volume->ShareAccess);
         return STATUS_SUCCESS;
     }
     const NTSTATUS status = IoCheckShareAccess(parameters.DesiredAccess, parameters.ShareAccess, parameters.FileObject,
                                                &volume->ShareAccess, TRUE);
-    if (!NT_SUCCESS(status)) GV_TRACE_FAILED("IoCheckShareAccess", status);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "IoCheckShareAccess", status);
     return status;
 }
 

@@ -39,13 +39,15 @@ NTSTATUS GvOpenFromPlugin(IrpContext* context, ULONG type, PCUNICODE_STRING path
 
 namespace {
 
+constexpr char kGetOrAlloc[] = "GvGetOrAllocFcbForExistingFile";
+
 // The least that the object can be opened with; writing comes by a re-open when somebody asks for it.
 PluginAccessMask FirstAccess(ULONG type, PluginAccessMask maxAccess)
 {
     const PluginAccessMask least =
         maxAccess & (type == GvFile ? GVND_ACCESS_READ | GVND_ACCESS_EXECUTE : GVND_ACCESS_READ);
     if (least) return least;
-    GV_TRACE(GvTraceNotable, "reverting PluginFdCurrentAccess to MaxAllowedAccess: 0x%x\n", maxAccess);
+    GV_TRACE_AS(kGetOrAlloc, GvTraceNotable, "reverting PluginFdCurrentAccess to MaxAllowedAccess: 0x%x\n", maxAccess);
     return maxAccess;
 }
 
@@ -53,30 +55,33 @@ PluginAccessMask FirstAccess(ULONG type, PluginAccessMask maxAccess)
 [[nodiscard]] NTSTATUS TypeOf(const PluginFileInfo& info, ULONG requestedType, ULONG* type)
 {
     if (info.FileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) {
-        GV_TRACE(GvTraceNotable, "path is a reparse point\n");
+        GV_TRACE_AS(kGetOrAlloc, GvTraceNotable, "path is a reparse point\n");
         return STATUS_REPARSE;
     }
     *type = info.FileAttributes & FILE_ATTRIBUTE_DIRECTORY ? GvDirectory : GvFile;
     if (requestedType == GvAnyType || requestedType == *type) return STATUS_SUCCESS;
-    GV_TRACE(GvTraceError, "ERR: requested file-type %d != lookup file-type: %d\n", requestedType, *type);
+    GV_TRACE_AS(kGetOrAlloc, GvTraceError, "ERR: requested file-type %d != lookup file-type: %d\n", requestedType,
+                *type);
     return STATUS_OBJECT_PATH_SYNTAX_BAD;
 }
 
 [[nodiscard]] NTSTATUS OpenAndEnter(IrpContext* context, PCUNICODE_STRING path, GvFcbInitialState state, Fcb** fcb)
 {
     NTSTATUS status = GvOpenFromPlugin(context, state.Type, path, state.PluginFdCurrentAccess, &state.PluginFd);
-    if (NT_SUCCESS(status)) {
+    if (!NT_SUCCESS(status)) {
+        GV_TRACE_FAILED_AS(kGetOrAlloc, "GvOpenFromPlugin", status);
+    } else {
         status = GvFcbCreateNewFcb(context->Vcb->FcbTables, path, state, fcb);
-        if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvFcbCreateNewFcb", status);
+        if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kGetOrAlloc, "GvFcbCreateNewFcb", status);
     }
     if (status != STATUS_SUCCESS && state.PluginFd) {
         const NTSTATUS closed = GV_CALL_PLUGIN(context, nullptr, Close, state.PluginFd);
-        if (!NT_SUCCESS(closed)) GV_TRACE_FAILED("Close", closed);
+        if (!NT_SUCCESS(closed)) GV_TRACE_FAILED_AS(kGetOrAlloc, "Close", closed);
     }
     return status;
 }
 
-// One reference for the caller. parent is null for the root.
+// One reference for the caller. parent is null for the root. STATUS_REPARSE at a reparse point.
 [[nodiscard]] NTSTATUS GvGetOrAllocFcbForExistingFile(IrpContext* context, PCUNICODE_STRING path, ULONG requestedType,
                                                       Fcb* parent, Fcb** fcb)
 {
@@ -86,7 +91,10 @@ PluginAccessMask FirstAccess(ULONG type, PluginAccessMask maxAccess)
     GvBlock<PluginFileInfo> info;
     PluginAccessMask maxAccess;
     NTSTATUS status = GvPerformLookupOnPlugin(context, path, &info, &maxAccess);
-    if (!NT_SUCCESS(status)) return status;
+    if (!NT_SUCCESS(status)) {
+        GV_TRACE_FAILED("GvPerformLookupOnPlugin", status);
+        return status;
+    }
     ULONG type;
     status = TypeOf(*info, requestedType, &type);
     if (status != STATUS_SUCCESS) return status;
@@ -135,6 +143,7 @@ bool TakeComponent(ResolvedPaths* paths)
     Fcb* root = nullptr;
     const NTSTATUS status =
         GvGetOrAllocFcbForExistingFile(context, paths->WalkedPath.Get(), GvDirectory, nullptr, &root);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvFullyOpenPath", "GvGetOrAllocFcbForExistingFile", status);
     start->Reset(root);
     return status;
 }
@@ -148,6 +157,7 @@ bool TakeComponent(ResolvedPaths* paths)
         GV_TRACE_AS("GvFullyOpenPath", GvTraceError, "unanticipated success code: 0x%x\n", status);
         return STATUS_UNSUCCESSFUL;
     }
+    GV_TRACE_FAILED_AS("GvFullyOpenPath", "GvGetOrAllocFcbForExistingFile", status);
     if (remaining->Length != 0) {
         return status == STATUS_OBJECT_NAME_NOT_FOUND ? STATUS_OBJECT_PATH_NOT_FOUND : status;
     }

@@ -42,26 +42,21 @@ void TraceParameters(const ReadRequest& read)
                 static_cast<ULONG>(read.IsMdl), read.Irp->UserBuffer);
 }
 
-// Maps, and probes an address that a user-mode caller gave; a request that came through a worker has a system address.
 [[nodiscard]] NTSTATUS GetBuffer(PIRP irp, ULONG length, void** buffer)
 {
-    const bool contained = GvGuarded([irp, length, buffer] {
-        *buffer = GvUtlMapBufferForIo(irp);
-        if (*buffer && *buffer == irp->UserBuffer && irp->RequestorMode == UserMode) ProbeForWrite(*buffer, length, 1);
-    });
-    if (!contained) {
-        GV_TRACE_AS("GvDoRead", GvTraceError, "EXCEPTION: 0x%x, bad user-buffer\n", STATUS_ACCESS_VIOLATION);
-        return STATUS_ACCESS_VIOLATION;
+    const NTSTATUS status = GvUtlMapBufferForWriting(irp, length, buffer);
+    if (status == STATUS_ACCESS_VIOLATION) {
+        GV_TRACE_AS("GvDoRead", GvTraceError, "EXCEPTION: 0x%x, bad user-buffer\n", status);
+    } else if (!NT_SUCCESS(status)) {
+        GV_TRACE_AS("GvDoRead", GvTraceError, "GvUtlMapBufferForIo(): failed\n");
     }
-    if (*buffer) return STATUS_SUCCESS;
-    GV_TRACE_AS("GvDoRead", GvTraceError, "GvUtlMapBufferForIo(): failed\n");
-    return STATUS_UNSUCCESSFUL;
+    return status;
 }
 
 // The object's lock is held, unless the request is nested in work that may hold it.
 [[nodiscard]] NTSTATUS ReadLocked(IrpContext* context, const ReadRequest& read, ULONG* length)
 {
-    if (read.File->Deleted) return STATUS_END_OF_FILE;
+    if (GvLoad(read.File->Deleted)) return STATUS_END_OF_FILE;
     if (!read.IsPaging && !FsRtlCheckLockForReadAccess(&read.File->FileLock, read.Irp)) {
         GV_TRACE_AS("GvDoRead", GvTraceError, "FsRtlCheckLockForReadAccess(): failed\n");
         return STATUS_FILE_LOCK_CONFLICT;
@@ -69,12 +64,16 @@ void TraceParameters(const ReadRequest& read)
     void* buffer = nullptr;
     NTSTATUS status = GetBuffer(read.Irp, *length, &buffer);
     if (!NT_SUCCESS(status)) return status;
-    status = GV_CALL_PLUGIN(context, read.File, Read, read.File->PluginFd, read.Offset, length, buffer);
+    status = GV_CALL_PLUGIN(context, read.File, Read, GvLoad(read.File->PluginFd), read.Offset, length, buffer);
     if (!NT_SUCCESS(status)) {
-        GV_TRACE_AS("GvDoRead", GvTraceError, "Read(): 0x%x\n", status);
+        GV_TRACE_FAILED_AS("GvDoRead", "Read", status);
         return status;
     }
-    if (read.IsSynchronous && !read.IsPaging) { read.FileObject->CurrentByteOffset.QuadPart = read.Offset + *length; }
+    if (read.IsSynchronous && !read.IsPaging) {
+        // Unsigned: the offset is the caller's, and the sum may leave the signed range.
+        read.FileObject->CurrentByteOffset.QuadPart =
+            static_cast<LONGLONG>(static_cast<ULONGLONG>(read.Offset) + *length);
+    }
     return status;
 }
 

@@ -39,21 +39,15 @@ DirectoryQuery ReadQuery(PIRP irp)
     };
 }
 
-[[nodiscard]] NTSTATUS MapBuffer(const DirectoryQuery& query, UCHAR** buffer)
+[[nodiscard]] NTSTATUS MapBuffer(const DirectoryQuery& query, void** buffer)
 {
-    const bool contained = GvGuarded([&query, buffer] {
-        *buffer = static_cast<UCHAR*>(GvUtlMapBufferForIo(query.Irp));
-        if (*buffer && *buffer == query.Irp->UserBuffer && query.Irp->RequestorMode == UserMode) {
-            ProbeForWrite(*buffer, query.Length, 1);
-        }
-    });
-    if (!contained) {
-        GV_TRACE_AS(kName, GvTraceError, "EXCEPTION: 0x%x, (1) bad user-buffer\n", STATUS_ACCESS_VIOLATION);
-        return STATUS_ACCESS_VIOLATION;
+    const NTSTATUS status = GvUtlMapBufferForWriting(query.Irp, query.Length, buffer);
+    if (status == STATUS_ACCESS_VIOLATION) {
+        GV_TRACE_AS(kName, GvTraceError, "EXCEPTION: 0x%x, (1) bad user-buffer\n", status);
+    } else if (!NT_SUCCESS(status)) {
+        GV_TRACE_AS(kName, GvTraceError, "GvUtlMapBufferForIo(): failed: 0x%x\n", status);
     }
-    if (*buffer) return STATUS_SUCCESS;
-    GV_TRACE_AS(kName, GvTraceError, "GvUtlMapBufferForIo(): failed: 0x%x\n", STATUS_UNSUCCESSFUL);
-    return STATUS_UNSUCCESSFUL;
+    return status;
 }
 
 // The name in the form that is matched: the plugin's, or as it stands. holder owns what the plugin gave.
@@ -77,7 +71,7 @@ DirectoryQuery ReadQuery(PIRP irp)
         GV_TRACE_AS(kName, GvTraceError, "GvPnGetNormalizedPathFromPlugin(): failed: 0x%x\n", status);
         return status;
     }
-    query.Ccb->DirScanIndex = 0;
+    GvStore(query.Ccb->DirScanIndex, 0);
     GvString pattern(GvUtlAllocUnicodeString(PagedPool, name->Length));
     if (!pattern) {
         GV_TRACE_AS(kName, GvTraceError, "out-of-mem\n");
@@ -85,7 +79,7 @@ DirectoryQuery ReadQuery(PIRP irp)
     }
     status = RtlUpcaseUnicodeString(pattern.Get(), name, FALSE);
     if (!NT_SUCCESS(status)) {
-        GV_TRACE_AS(kName, GvTraceError, "RtlUpcaseUnicodeString(): 0x%x\n", status);
+        GV_TRACE_FAILED_AS(kName, "RtlUpcaseUnicodeString", status);
         return status;
     }
     query.Ccb->DirSearchPattern = pattern.Release();
@@ -98,21 +92,21 @@ DirectoryQuery ReadQuery(PIRP irp)
 void PositionScan(const DirectoryQuery& query)
 {
     Ccb* const ccb = query.Ccb;
-    const ULONG generation = static_cast<ULONG>(query.Directory->ChildDeleteCount);
+    const LONG generation = GvLoad(query.Directory->ChildDeleteCount);
     bool reset = false;
-    if (ccb->DirScanIndex == 0) {
-        ccb->DirGeneration = generation;
-    } else if (ccb->DirGeneration != generation) {
-        ccb->DirGeneration = generation;
-        ccb->DirScanIndex = 0;
+    if (GvLoad(ccb->DirScanIndex) == 0) {
+        GvStore(ccb->DirGeneration, generation);
+    } else if (GvLoad(ccb->DirGeneration) != generation) {
+        GvStore(ccb->DirGeneration, generation);
+        GvStore(ccb->DirScanIndex, 0);
         reset = true;
         GV_TRACE_AS(kName, GvTraceNotable,
                     "entries deleted from dir, during dir-list, resetting dir-list scan-index\n");
     }
     if (query.Flags & SL_RESTART_SCAN) {
-        ccb->DirScanIndex = 0;
+        GvStore(ccb->DirScanIndex, 0);
     } else if ((query.Flags & SL_INDEX_SPECIFIED) && !reset) {
-        ccb->DirScanIndex = static_cast<LONG>(query.FileIndex + 1);
+        GvStore(ccb->DirScanIndex, query.FileIndex + 1);
     }
 }
 
@@ -130,7 +124,7 @@ bool GvDoesDirEntryMatchQuery(IrpContext* context, const Ccb* ccb, const PluginD
     }
     const bool matches = RtlCompareUnicodeString(pattern, name, TRUE) == 0 ||
                          FsRtlIsNameInExpression(pattern, const_cast<PUNICODE_STRING>(name), TRUE, nullptr);
-    GV_TRACE(GvTraceFlow, "%wZ %S %wZ\n", pattern, matches ? L"==" : L"!=", name);
+    GV_TRACE(GvTraceFlow, "%wZ %S %wZ\n", pattern, matches ? L"==" : L"!=", &plain);
     return matches;
 }
 
@@ -145,16 +139,16 @@ enum class Placed { Yes, NoRoom, Faulted };
 
 Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* listing)
 {
-    const ULONG size = GvDirEntrySize(query.Class, entry);
+    const ULONGLONG size = GvDirEntrySize(query.Class, entry);
     if (listing->Remaining < size) return Placed::NoRoom;
     UCHAR* const destination = listing->Buffer + (query.Length - listing->Remaining);
-    const auto index = static_cast<ULONG>(query.Ccb->DirScanIndex);
+    const auto index = static_cast<ULONG>(GvLoad(query.Ccb->DirScanIndex));
     if (!GvGuarded([&] { GvFillDirEntryInfo(query.Class, entry, index, listing->Previous, destination); })) {
         GV_TRACE_AS(kName, GvTraceError, "EXCEPTION: 0x%x, (2) bad user-buffer\n", STATUS_ACCESS_VIOLATION);
         return Placed::Faulted;
     }
     InterlockedIncrement(&query.Ccb->DirScanIndex);
-    listing->Remaining -= size;
+    listing->Remaining -= static_cast<ULONG>(size);
     listing->Previous = destination;
     return Placed::Yes;
 }
@@ -174,7 +168,7 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
     GvBlock<PluginDirEntry> entry;
     while (listing->Remaining != 0) {
         status = GV_CALL_PLUGIN(context, query.Directory, ReadDirEntry, query.Directory->PluginFd,
-                                static_cast<ULONG>(query.Ccb->DirScanIndex), entry.Out());
+                                static_cast<ULONG>(GvLoad(query.Ccb->DirScanIndex)), entry.Out());
         if (status == STATUS_NO_MORE_FILES) return EndOfListing(*listing, patternInstalled);
         if (NT_SUCCESS(status) && !entry) status = STATUS_UNSUCCESSFUL;
         if (!NT_SUCCESS(status)) {
@@ -199,8 +193,10 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
 {
     *information = 0;
     Listing listing = {.Buffer = nullptr, .Previous = nullptr, .Remaining = query.Length};
-    NTSTATUS status = MapBuffer(query, &listing.Buffer);
+    void* buffer = nullptr;
+    NTSTATUS status = MapBuffer(query, &buffer);
     if (!NT_SUCCESS(status)) return status;
+    listing.Buffer = static_cast<UCHAR*>(buffer);
 
     GvHeldResource lock;
     status = query.FileName ? lock.Exclusive(query.Directory->Header.Resource)

@@ -95,9 +95,9 @@ const DirectoryClass* GvDirectoryClassOf(FILE_INFORMATION_CLASS infoClass)
     return nullptr;
 }
 
-ULONG GvDirEntrySize(const DirectoryClass* infoClass, const PluginDirEntry* entry)
+ULONGLONG GvDirEntrySize(const DirectoryClass* infoClass, const PluginDirEntry* entry)
 {
-    return (infoClass->FixedSize + entry->FileNameLength + 7) & ~7u;
+    return (ULONGLONG{infoClass->FixedSize} + entry->FileNameLength + 7) & ~ULONGLONG{7};
 }
 
 void GvFillDirEntryInfo(const DirectoryClass* infoClass, const PluginDirEntry* entry, ULONG index, UCHAR* previous,

@@ -15,8 +15,8 @@ struct DirectoryClass {
 // Null for a class that is not one of a directory listing.
 const DirectoryClass* GvDirectoryClassOf(FILE_INFORMATION_CLASS infoClass);
 
-// Room that a record takes: every record starts 8-byte aligned.
-ULONG GvDirEntrySize(const DirectoryClass* infoClass, const PluginDirEntry* entry);
+// Room that a record takes: every record starts 8-byte aligned. Wider than a buffer, for a length that no name has.
+ULONGLONG GvDirEntrySize(const DirectoryClass* infoClass, const PluginDirEntry* entry);
 
 // Writes one record and links the previous one of this query, if any. May fault: the buffer can be the caller's.
 void GvFillDirEntryInfo(const DirectoryClass* infoClass, const PluginDirEntry* entry, ULONG index, UCHAR* previous,

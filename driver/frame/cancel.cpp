@@ -4,7 +4,7 @@
 // it.
 
 #include "frame/context.h"
-#include "frame/trace.h"
+#include "frame/dispatch.h"
 
 void GvArmCancelForPluginCall(Vcb* vcb, IrpContext* context)
 {
@@ -57,9 +57,7 @@ VOID NTAPI GvIoCancelRoutine(PDEVICE_OBJECT, PIRP irp)
     IrpContext* const context = TakePendedOrSignalActive(vcb, irp);
     if (!context) return;
 
-    GvTraceClosing(__func__, IoGetCurrentIrpStackLocation(irp)->FileObject, STATUS_CANCELLED, 0);
-    irp->IoStatus.Status = STATUS_CANCELLED;
-    irp->IoStatus.Information = 0;
-    IofCompleteRequest(irp, IO_NO_INCREMENT);
+    // First: once the request is complete its file can close, and the volume that the context points to can go.
     GvFreeIrpContext(context);
+    GvCompleteRequest(__func__, irp, STATUS_CANCELLED, 0);
 }

@@ -89,7 +89,7 @@ namespace {
 void ReleaseWorker(Vcb* vcb)
 {
     if (!GvGuarded([vcb] { KeReleaseSemaphore(&vcb->WorkSemaphore, IO_NO_INCREMENT, 1, FALSE); })) {
-        GV_TRACE(GvTraceNotable, "io-dev-ctxt: 0x%x, work semaphore is full\n", vcb);
+        GV_TRACE_AS("GvPendIrpContext", GvTraceNotable, "io-dev-ctxt: 0x%x, work semaphore is full\n", vcb);
     }
 }
 
@@ -98,7 +98,7 @@ void ReleaseWorker(Vcb* vcb)
 NTSTATUS GvPendIrpContext(IrpContext* context)
 {
     Vcb* const vcb = context->Vcb;
-    [[maybe_unused]] const PIRP irp = context->Irp;
+    const PIRP irp = context->Irp;
     bool locked = false;
     bool queued = false;
     NTSTATUS status = GvLockUserBufferIrpContext(context, &locked);

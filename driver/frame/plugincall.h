@@ -21,7 +21,7 @@ template <typename Slot, typename... Arguments>
         return status;
     }
     const Slot operation = vcb->PluginOps->*slot; // read anew: the plugin owns its table
-    if (gate && (gate->Deleted || gate->PluginFdClosed)) {
+    if (gate && (GvLoad(gate->Deleted) || GvLoad(gate->PluginFdClosed))) {
         status = STATUS_INVALID_PARAMETER;
     } else if (!operation) {
         status = STATUS_NOT_SUPPORTED;

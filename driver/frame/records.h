@@ -2,6 +2,7 @@
 // stand under the lock that guards them.
 #pragma once
 
+#include "frame/atomic.h"
 #include "frame/nt.h"
 #include "frame/spinlock.h"
 
@@ -44,7 +45,7 @@ struct Vcb {
     GvSpinLock PinLock;
     ULONG PinCount GV_GUARDED_BY(PinLock);        // threads pinned on the volume
     ULONG PluginCallCount GV_GUARDED_BY(PinLock); // threads inside a plugin call
-    ULONG MountState GV_GUARDED_BY(PinLock);      // GvMountState
+    ULONG MountState GV_GUARDED_BY(PinLock);      // GvMountState; looked at without the lock, so set with GvStore
 
     LIST_ENTRY PendedList GV_GUARDED_BY(QueueLock); // contexts that wait for a worker
     ULONG PendedCount GV_GUARDED_BY(QueueLock);
@@ -99,10 +100,10 @@ struct Fcb {
     PluginAccessMask PluginFdCurrentAccess; // what PluginFd was opened with
     SHARE_ACCESS ShareAccess;
     UCHAR DeletePending;         // goes at the last cleanup; new opens fail
-    UCHAR Deleted;               // gone from the plugin
-    UCHAR PluginFdClosed;        // the plugin must not see the handle again
+    UCHAR Deleted;               // gone from the plugin; GvLoad, GvStore
+    UCHAR PluginFdClosed;        // the plugin must not see the handle again; GvLoad, GvStore
     UCHAR OnDeletionTree;        // with Vcb.Resource too
-    ::PluginFd PluginFd;         // 0 when there is none
+    ::PluginFd PluginFd;         // 0 when there is none; GvLoad, GvStore
     UCHAR PluginFdRefreshNeeded; // re-open at the next open
 
     FILE_LOCK FileLock;
@@ -110,11 +111,12 @@ struct Fcb {
     volatile LONG ChildDeleteCount; // atomic; directory scans compare it
 };
 
-// One per file object: FileObject.FsContext2. Non-paged, zeroed. The scan fields belong to the directory's lock.
+// One per file object: FileObject.FsContext2. Non-paged, zeroed. The scan fields belong to the directory's lock; held
+// shared, it lets several queries of one handle move the position at once.
 struct Ccb {
-    volatile LONG DirScanIndex;       // next index for ReadDirEntry
+    volatile LONG DirScanIndex;       // next index for ReadDirEntry; atomic
     PUNICODE_STRING DirSearchPattern; // upcased; owned; null until a query brings one
-    ULONG DirGeneration;              // the directory's ChildDeleteCount when the scan began
+    volatile LONG DirGeneration;      // the directory's ChildDeleteCount when the scan began; atomic
     ULONG EaScanIndex;                // next EA by position, from 1
     UCHAR DeleteOnClose;
     UCHAR SizeChanged;

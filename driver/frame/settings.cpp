@@ -6,6 +6,7 @@
 
 namespace {
 
+constexpr char kName[] = "GvGetVcbThreadPoolSize";
 constexpr ULONG kDefaultPoolSize = 16;
 constexpr ULONG kMaximumPoolSize = 511;
 
@@ -21,7 +22,7 @@ static_assert(sizeof(WorkersValue) == 20);
     OBJECT_ATTRIBUTES attributes;
     InitializeObjectAttributes(&attributes, path, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
     const NTSTATUS status = ZwOpenKey(key->Out(), KEY_READ, &attributes);
-    if (!NT_SUCCESS(status)) GV_TRACE_FAILED("ZwOpenKey", status);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "ZwOpenKey", status);
     return status;
 }
 
@@ -37,17 +38,18 @@ bool ReadPoolSize(PUNICODE_STRING registryPath, ULONG* size)
     const NTSTATUS status =
         ZwQueryValueKey(key.Get(), &name, KeyValuePartialInformation, &value, sizeof(value), &length);
     if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("ZwQueryValueKey", status);
+        GV_TRACE_FAILED_AS(kName, "ZwQueryValueKey", status);
         return false;
     }
     if (value.Information.Type != REG_DWORD) {
-        GV_TRACE(GvTraceError, "ERR: value type: 0x%x\n", value.Information.Type);
+        GV_TRACE_AS(kName, GvTraceError, "ERR: value type: 0x%x\n", value.Information.Type);
         return false;
     }
     ULONG found;
     RtlCopyMemory(&found, value.Information.Data, sizeof(found));
     if (found < 1 || found > kMaximumPoolSize) {
-        GV_TRACE(GvTraceError, "bad user-specified pool size: %d, using default: %d\n", found, kDefaultPoolSize);
+        GV_TRACE_AS(kName, GvTraceError, "bad user-specified pool size: %d, using default: %d\n", found,
+                    kDefaultPoolSize);
         return false;
     }
     *size = found;

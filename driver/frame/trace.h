@@ -51,7 +51,8 @@ void GvTracePrefix(const char* function);
 #define GV_TRACE(level, ...) GV_TRACE_AS(__func__, level, __VA_ARGS__)
 
 // A callee that failed: its name and its status.
-#define GV_TRACE_FAILED(callee, status) GV_TRACE(GvTraceError, callee "(): 0x%x\n", status)
+#define GV_TRACE_FAILED_AS(function, callee, status) GV_TRACE_AS(function, GvTraceError, callee "(): 0x%x\n", status)
+#define GV_TRACE_FAILED(callee, status)              GV_TRACE_FAILED_AS(__func__, callee, status)
 
 template <typename... Arguments>
 void GvTraceMessage(const char* format, Arguments... arguments)

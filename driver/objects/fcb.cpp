@@ -55,7 +55,7 @@ namespace {
         status = GvUtlAllocAndInitResource(&fcb->Header.PagingIoResource, GvAllocateResource::Yes);
         if (!NT_SUCCESS(status)) GvUtlDeleteResource(fcb->Header.Resource, GvAllocateResource::Yes);
     }
-    if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvUtlAllocAndInitResource", status);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvFcbAllocAndInitFcb", "GvUtlAllocAndInitResource", status);
     return status;
 }
 
@@ -99,9 +99,9 @@ void ClosePluginFd(IrpContext* context, Fcb* fcb)
 {
     if (fcb->PluginFdClosed) return;
     const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, Close, fcb->PluginFd);
-    if (!NT_SUCCESS(status)) GV_TRACE_FAILED("Close", status);
-    fcb->PluginFdClosed = 1;
-    fcb->PluginFd = 0;
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvFcbDerefFcbAndParentChain", "Close", status);
+    GvStore(fcb->PluginFdClosed, 1);
+    GvStore(fcb->PluginFd, 0);
 }
 
 } // namespace
@@ -159,7 +159,7 @@ NTSTATUS GvFcbDerefFcbAndParentChain(IrpContext* context, Fcb* fcb)
 {
     InterlockedDecrement(&fcb->RefCount);
     NTSTATUS status = STATUS_SUCCESS;
-    while (fcb && fcb->RefCount == 0) {
+    while (fcb && GvLoad(fcb->RefCount) == 0) {
         Fcb* const parent = fcb->ParentFcb;
         GvTreeRemoveEntryByVal(context->Vcb->FcbTables->NameTree, &fcb->TreeEntry);
         ClosePluginFd(context, fcb);
@@ -172,7 +172,7 @@ NTSTATUS GvFcbDerefFcbAndParentChain(IrpContext* context, Fcb* fcb)
 
 NTSTATUS GvFcbReleaseFcb(IrpContext* context, Fcb* fcb)
 {
-    if (!fcb->Deleted) return GvFcbDerefFcbAndParentChain(context, fcb);
+    if (!GvLoad(fcb->Deleted)) return GvFcbDerefFcbAndParentChain(context, fcb);
     // A deleted object has no parent, and its handle was closed before the delete: no chain and no call follow.
     if (InterlockedDecrement(&fcb->RefCount) != 0) return STATUS_SUCCESS;
     if (!fcb->OnDeletionTree) {

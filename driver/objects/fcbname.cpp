@@ -9,7 +9,7 @@
 
 NTSTATUS GvFcbGetName(FcbTables* tables, Fcb* fcb, PUNICODE_STRING* name)
 {
-    if (fcb->Deleted) {
+    if (GvLoad(fcb->Deleted)) {
         GV_TRACE(GvTraceError, "ERROR: fcb: 0x%x already 'deleted'\n", fcb);
         return STATUS_INVALID_PARAMETER;
     }
@@ -103,7 +103,7 @@ NTSTATUS GvFcbMoveFcbForRename(IrpContext* context, Fcb* fcb, PFILE_OBJECT targe
     GvTree* const tree = context->Vcb->FcbTables->NameTree;
     GvTreeRemoveEntryByVal(tree, &fcb->TreeEntry);
     if (target) {
-        NTSTATUS status = GvFcbDerefFcbAndParentChain(context, fcb->ParentFcb);
+        const NTSTATUS status = GvFcbDerefFcbAndParentChain(context, fcb->ParentFcb);
         if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvFcbDerefFcbAndParentChain", status);
         fcb->ParentFcb = GvFcbOf(target);
         GvFcbAddReference(fcb->ParentFcb);

@@ -95,10 +95,7 @@ NTSTATUS GvTreeGetEntryKey(GvTree*, GvTreeEntry* entry, PUNICODE_STRING* name)
     return STATUS_SUCCESS;
 }
 
-ULONG GvTreeGetEntryCount(const GvTree* tree)
-{
-    return static_cast<ULONG>(__atomic_load_n(&tree->Count, __ATOMIC_ACQUIRE));
-}
+ULONG GvTreeGetEntryCount(const GvTree* tree) { return static_cast<ULONG>(GvLoad(tree->Count)); }
 
 GvTreeEntry* GvTreeGetNextEntry(GvTree* tree, GvWalk walk)
 {

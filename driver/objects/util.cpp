@@ -54,6 +54,17 @@ void* GvUtlMapBufferForIo(PIRP irp)
     return address;
 }
 
+NTSTATUS GvUtlMapBufferForWriting(PIRP irp, ULONG length, void** buffer)
+{
+    *buffer = nullptr;
+    const bool contained = GvGuarded([irp, length, buffer] {
+        *buffer = GvUtlMapBufferForIo(irp);
+        if (*buffer && *buffer == irp->UserBuffer && irp->RequestorMode == UserMode) ProbeForWrite(*buffer, length, 1);
+    });
+    if (!contained) return STATUS_ACCESS_VIOLATION;
+    return *buffer ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;
+}
+
 namespace {
 
 bool IsDotName(const PluginDirEntry* entry)
@@ -69,7 +80,7 @@ bool IsDotName(const PluginDirEntry* entry)
 
 NTSTATUS GvUtlIsPluginDirEmpty(IrpContext* context, Fcb* fcb)
 {
-    if (fcb->OpenCount < fcb->RefCount) {
+    if (GvLoad(fcb->OpenCount) < GvLoad(fcb->RefCount)) {
         GV_TRACE(GvTraceError, "FCB has child entries, dir is not empty\n");
         return STATUS_UNSUCCESSFUL;
     }

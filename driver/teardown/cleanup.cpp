@@ -34,7 +34,7 @@ NTSTATUS GvDoCleanup(IrpContext* context, GvOutcome*)
     if (const NTSTATUS status = lock.Exclusive(fcb->Header.Resource); !NT_SUCCESS(status)) return status;
 
     FsRtlFastUnlockAll(&fcb->FileLock, fileObject, IoGetRequestorProcess(context->Irp), nullptr);
-    if (const ULONG changes = ChangesOf(ccb)) { GvUtlReportChange(context->Vcb, fcb, changes, FILE_ACTION_MODIFIED); }
+    if (const ULONG changes = ChangesOf(ccb)) GvUtlReportChange(context->Vcb, fcb, changes, FILE_ACTION_MODIFIED);
     InterlockedDecrement(&fcb->HandleCount);
     IoRemoveShareAccess(fileObject, &fcb->ShareAccess);
     if (!CcUninitializeCacheMap(fileObject, nullptr, nullptr)) {

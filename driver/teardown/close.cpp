@@ -35,12 +35,12 @@ private:
 NTSTATUS ReleaseFileObject(IrpContext* context, Fcb* fcb, Ccb* ccb)
 {
     NTSTATUS status = GvCcbDeleteCcb(ccb);
-    if (!NT_SUCCESS(status)) GV_TRACE_AS("GvDoClose", GvTraceError, "GvCcbDeleteCcb(): 0x%x\n", status);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvDoClose", "GvCcbDeleteCcb", status);
     InterlockedDecrement(&fcb->OpenCount);
     if (fcb->FcbType == GvVolume) return status; // opens of the volume hold no reference
 
     status = GvFcbReleaseFcb(context, fcb);
-    if (!NT_SUCCESS(status)) GV_TRACE_AS("GvDoClose", GvTraceError, "GvFcbReleaseFcb(): 0x%x\n", status);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvDoClose", "GvFcbReleaseFcb", status);
     return status;
 }
 
@@ -52,7 +52,7 @@ NTSTATUS GvDoClose(IrpContext* context, GvOutcome*)
     Fcb* const fcb = GvFcbOf(fileObject);
     Ccb* const ccb = GvCcbOf(fileObject);
     if (KeGetCurrentIrql() > APC_LEVEL) return STATUS_UNSUCCESSFUL;
-    if (!context->IsTopLevel && fcb->FcbType != GvVolume && fcb->RefCount <= 1) {
+    if (!context->IsTopLevel && fcb->FcbType != GvVolume && GvLoad(fcb->RefCount) <= 1) {
         GV_TRACE(GvTraceError,
                  "ERROR: non-top-level final close on FO: 0x%x, there should be one more ref on this FCB!!\n",
                  fileObject);

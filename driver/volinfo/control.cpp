@@ -15,10 +15,7 @@ static_assert(FSCTL_IS_VOLUME_MOUNTED == 0x90028);
 namespace {
 
 // A look at one word: whoever asks can be overtaken by an unmount request anyway.
-bool IsMounted(const Vcb* vcb) GV_NO_ANALYSIS
-{
-    return __atomic_load_n(&vcb->MountState, __ATOMIC_RELAXED) == GvMounted;
-}
+bool IsMounted(const Vcb* vcb) GV_NO_ANALYSIS { return GvLoad(vcb->MountState) == GvMounted; }
 
 NTSTATUS GvDoFsControl(PDEVICE_OBJECT device, PIRP irp)
 {

@@ -36,15 +36,21 @@ namespace {
 {
     const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(irp);
     if (const NTSTATUS status = GvUtlCheckFileObject(device, stack->FileObject); !NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GV_IS_VALID_FO", status);
+        GV_TRACE_FAILED_AS("GvCtrlHandleIrp", "GV_IS_VALID_FO", status);
         return status;
     }
     switch (stack->MajorFunction) {
     case IRP_MJ_CREATE:
     case IRP_MJ_CLOSE:
     case IRP_MJ_CLEANUP: return STATUS_SUCCESS;
-    case IRP_MJ_DEVICE_CONTROL: return GvCtrlIrpDeviceControl(irp, information);
-    default: GV_TRACE(GvTraceError, "bad major-function: 0x%x\n", stack->MajorFunction); return STATUS_NOT_SUPPORTED;
+    case IRP_MJ_DEVICE_CONTROL: {
+        const NTSTATUS status = GvCtrlIrpDeviceControl(irp, information);
+        if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvCtrlHandleIrp", "GvCtrlIrpDeviceControl", status);
+        return status;
+    }
+    default:
+        GV_TRACE_AS("GvCtrlHandleIrp", GvTraceError, "bad major-function: 0x%x\n", stack->MajorFunction);
+        return STATUS_NOT_SUPPORTED;
     }
 }
 

@@ -89,13 +89,13 @@ NTSTATUS MountAttempt::HoldBackingObject(PUNICODE_STRING path)
     GvOwnedHandle handle;
     NTSTATUS status = GvUtlOpenFileWithNoAccess(path, handle.Out());
     if (!NT_SUCCESS(status)) {
-        GV_TRACE_AS("GvMount", GvTraceError, "GvUtlOpenFileWithNoAccess(): 0x%x\n", status);
+        GV_TRACE_FAILED_AS("GvMount", "GvUtlOpenFileWithNoAccess", status);
         return status;
     }
     PVOID object = nullptr;
     status = ObReferenceObjectByHandle(handle.Get(), 0, *IoFileObjectType, KernelMode, &object, nullptr);
     if (!NT_SUCCESS(status)) {
-        GV_TRACE_AS("GvMount", GvTraceError, "ObReferenceObjectByHandle(): 0x%x\n", status);
+        GV_TRACE_FAILED_AS("GvMount", "ObReferenceObjectByHandle", status);
         return status;
     }
     vcb_->BackingFileObject = static_cast<PFILE_OBJECT>(object);
@@ -109,13 +109,13 @@ NTSTATUS MountAttempt::InitState(const PluginOps* operations) GV_NO_ANALYSIS
     PERESOURCE resource = &vcb_->Resource;
     NTSTATUS status = GvUtlAllocAndInitResource(&resource, GvAllocateResource::No);
     if (!NT_SUCCESS(status)) {
-        GV_TRACE_AS("GvMount", GvTraceError, "GvUtlAllocAndInitResource(): 0x%x\n", status);
+        GV_TRACE_FAILED_AS("GvMount", "GvUtlAllocAndInitResource", status);
         return status;
     }
     resourceReady_ = true;
     status = GvFcbInit(&vcb_->FcbTables);
     if (!NT_SUCCESS(status)) {
-        GV_TRACE_AS("GvMount", GvTraceError, "GvFcbInit(): 0x%x\n", status);
+        GV_TRACE_FAILED_AS("GvMount", "GvFcbInit", status);
         return status;
     }
     KeInitializeSpinLock(&vcb_->PinLock.Lock);
@@ -131,7 +131,7 @@ NTSTATUS MountAttempt::StartWorkers()
 {
     const NTSTATUS status = FspStartWorkerThreads(vcb_, &vcb_->StopEvent, GvVcbThreadPoolSize, &vcb_->WorkerThreads);
     if (!NT_SUCCESS(status)) {
-        GV_TRACE_AS("GvMount", GvTraceError, "FspStartWorkerThread(): 0x%x\n", status);
+        GV_TRACE_FAILED_AS("GvMount", "FspStartWorkerThread", status);
         return status;
     }
     vcb_->WorkerCount = GvVcbThreadPoolSize;
@@ -141,7 +141,7 @@ NTSTATUS MountAttempt::StartWorkers()
 NTSTATUS MountAttempt::MakeVolumeFcb()
 {
     const NTSTATUS status = GvFcbAllocAndInitVolumeFcb(kVolumeAccess, &vcb_->VolumeFcb);
-    if (!NT_SUCCESS(status)) GV_TRACE_AS("GvMount", GvTraceError, "GvFcbAllocAndInitVolumeFcb(): 0x%x\n", status);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvMount", "GvFcbAllocAndInitVolumeFcb", status);
     return status;
 }
 
@@ -150,6 +150,7 @@ NTSTATUS MountAttempt::InitNotify()
 {
     InitializeListHead(&vcb_->NotifyList);
     if (GvGuarded([this] { FsRtlNotifyInitializeSync(&vcb_->NotifySync); })) return STATUS_SUCCESS;
+    GV_TRACE_FAILED_AS("GvMount", "FsRtlNotifyInitializeSync", STATUS_INSUFFICIENT_RESOURCES);
     return STATUS_INSUFFICIENT_RESOURCES;
 }
 
@@ -170,7 +171,7 @@ void MountAttempt::Undo()
     if (resourceReady_) GvUtlDeleteResource(&vcb_->Resource, GvAllocateResource::No);
     if (vcb_->FcbTables) {
         if (const NTSTATUS status = GvFcbShutdown(vcb_->FcbTables); !NT_SUCCESS(status)) {
-            GV_TRACE_AS("GvMount", GvTraceError, "GvFcbShutdown(): 0x%x\n", status);
+            GV_TRACE_FAILED_AS("GvMount", "GvFcbShutdown", status);
         }
     }
     if (vcb_->VolumeFcb) GvFcbFreeVolumeFcb(vcb_->VolumeFcb);
@@ -179,8 +180,10 @@ void MountAttempt::Undo()
 
 void MountAttempt::UndoDevice(PUNICODE_STRING linkName) GV_NO_ANALYSIS
 {
-    vcb_->MountState = GvUnmounting;
-    IoDeleteSymbolicLink(linkName);
+    GvStore(vcb_->MountState, GvUnmounting);
+    if (const NTSTATUS status = IoDeleteSymbolicLink(linkName); !NT_SUCCESS(status)) {
+        GV_TRACE_FAILED_AS("GvMount", "IoDeleteSymbolicLink", status);
+    }
     IoDeleteDevice(*device_);
     *device_ = nullptr;
 }
@@ -188,7 +191,7 @@ void MountAttempt::UndoDevice(PUNICODE_STRING linkName) GV_NO_ANALYSIS
 void SetMounted(Vcb* vcb)
 {
     GvHeldSpinLock lock(vcb->PinLock);
-    vcb->MountState = GvMounted;
+    GvStore(vcb->MountState, GvMounted);
 }
 
 [[nodiscard]] NTSTATUS PrepareVolume(MountAttempt* attempt, PUNICODE_STRING backingPath, PUNICODE_STRING deviceName,

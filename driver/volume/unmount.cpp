@@ -85,14 +85,14 @@ NTSTATUS GvQueueUnmount(PDEVICE_OBJECT device)
 bool IsDrained(const Vcb* vcb) GV_REQUIRES(vcb->PinLock)
 {
     return vcb->MountState == GvUnmountRequested && vcb->PluginCallCount == 0 && vcb->PinCount == 0 &&
-           GvFcbGetFcbCount(vcb->FcbTables) == 0 && vcb->VolumeFcb->OpenCount == 0;
+           GvFcbGetFcbCount(vcb->FcbTables) == 0 && GvLoad(vcb->VolumeFcb->OpenCount) == 0;
 }
 
 bool ClaimUnmount(Vcb* vcb)
 {
     GvHeldSpinLock lock(vcb->PinLock);
     if (!IsDrained(vcb)) return false;
-    vcb->MountState = GvUnmounting;
+    GvStore(vcb->MountState, GvUnmounting);
     return true;
 }
 
@@ -112,7 +112,7 @@ NTSTATUS NTAPI GvUnmountRequest(PDEVICE_OBJECT device)
     Vcb* const vcb = GvVcbOf(device);
     {
         GvHeldSpinLock lock(vcb->PinLock);
-        if (vcb->MountState == GvMounted) vcb->MountState = GvUnmountRequested;
+        if (vcb->MountState == GvMounted) GvStore(vcb->MountState, GvUnmountRequested);
     }
     GvUnmountIfDrained(device);
     ObDereferenceObject(device);

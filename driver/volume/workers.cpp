@@ -39,7 +39,7 @@ NTSTATUS RunInner(IrpContext* context, GvOutcome* outcome)
 
 NTSTATUS FspDispatchPendedIrp(Vcb* vcb, IrpContext* context, GvOutcome* outcome)
 {
-    [[maybe_unused]] const PIRP irp = context->Irp;
+    const PIRP irp = context->Irp;
     const bool isTopLevel = context->IsTopLevel;
     NTSTATUS status = STATUS_SUCCESS;
     if (context->Vcb != vcb) {
@@ -107,15 +107,13 @@ VOID NTAPI FspWorkerThread(PVOID startContext)
     PVOID thread;
     NTSTATUS status = ObReferenceObjectByHandle(handle, SYNCHRONIZE, *PsThreadType, KernelMode, &thread, nullptr);
     if (!NT_SUCCESS(status)) {
-        GV_TRACE_AS("FspStopWorkerThreads", GvTraceError, "ObReferenceObjectByHandle(): 0x%x\n", status);
+        GV_TRACE_FAILED_AS("FspStopWorkerThreads", "ObReferenceObjectByHandle", status);
         return status;
     }
     ZwClose(handle);
     status = KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr);
     ObDereferenceObject(thread);
-    if (status != STATUS_SUCCESS) {
-        GV_TRACE_AS("FspStopWorkerThreads", GvTraceError, "KeWaitForSingleObject(): 0x%x\n", status);
-    }
+    if (status != STATUS_SUCCESS) { GV_TRACE_FAILED_AS("FspStopWorkerThreads", "KeWaitForSingleObject", status); }
     return status;
 }
 

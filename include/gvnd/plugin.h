@@ -33,7 +33,7 @@ typedef ULONGLONG PluginFd;
 
 // Bits of a PluginAccessMask.
 typedef ULONG PluginAccessMask;
-#define GVND_ACCESS_READ             0x1u // DELETE, READ_CONTROL, WRITE_DAC, SYNCHRONIZE, read of data, attributes, EAs; EA write
+#define GVND_ACCESS_READ             0x1u // all reads, EA write, DELETE, READ_CONTROL, WRITE_DAC, SYNCHRONIZE
 #define GVND_ACCESS_WRITE            0x2u // FILE_WRITE_DATA, FILE_APPEND_DATA
 #define GVND_ACCESS_WRITE_ATTRIBUTES 0x4u // FILE_WRITE_ATTRIBUTES
 #define GVND_ACCESS_EXECUTE          0x8u // FILE_EXECUTE; files only

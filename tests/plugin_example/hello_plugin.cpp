@@ -13,7 +13,8 @@ constexpr ULONG kNameBytes = sizeof(kName) - sizeof(WCHAR);
 constexpr LONGLONG kTime = 133'000'000'000'000'000; // June 2022
 
 // A handle says which of the two objects it is; 0 would mean that there is none.
-enum : PluginFd { kRoot = 1, kFile = 2 };
+constexpr PluginFd kRoot = 1;
+constexpr PluginFd kFile = 2;
 
 struct Volume {
     KEVENT Unmounted;
@@ -52,7 +53,7 @@ NTSTATUS NTAPI Lookup(void*, PKEVENT, PCUNICODE_STRING path, PluginFileInfo** in
     made->FileAttributes = fd == kFile ? FILE_ATTRIBUTE_READONLY : FILE_ATTRIBUTE_DIRECTORY;
     made->FileId = fd;
     *info = made;
-    *maxAccess = GVND_ACCESS_READ; // an open for more fails in the driver and never comes here
+    *maxAccess = GVND_ACCESS_READ; // for more the driver asks once again, and then refuses
     return STATUS_SUCCESS;
 }
 
