@@ -12,7 +12,7 @@ constexpr char kName[] = "GvResolveName"; // whose steps most routines below are
 
 bool HasNonAscii(PCUNICODE_STRING path)
 {
-    for (USHORT i = 0; i < path->Length / sizeof(WCHAR); ++i)
+    for (ULONG i = 0; i < path->Length / sizeof(WCHAR); ++i)
         if (path->Buffer[i] >= 0x80) return true;
     return false;
 }
@@ -21,7 +21,7 @@ bool BeginsWithBackslash(PCUNICODE_STRING path) { return path->Length >= sizeof(
 
 [[nodiscard]] NTSTATUS GvEnsurePathCharsAreLegal(PCUNICODE_STRING path)
 {
-    for (USHORT i = 0; i < path->Length / sizeof(WCHAR); ++i) {
+    for (ULONG i = 0; i < path->Length / sizeof(WCHAR); ++i) {
         const WCHAR character = path->Buffer[i];
         if (character >= 0x80 || character == L'\\') continue;
         if (FsRtlLegalAnsiCharacterArray[character] & FSRTL_NTFS_LEGAL) continue;
