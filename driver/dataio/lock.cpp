@@ -22,6 +22,9 @@ NTSTATUS GvDoLockControl(IrpContext* context, GvOutcome* outcome)
 
     GvHeldResource lock;
     if (const NTSTATUS status = lock.Exclusive(fcb->Header.Resource); !NT_SUCCESS(status)) return status;
+    // The package completes the request, or lets it wait with a cancel routine of its own: the one that a pended
+    // request carries must be gone by then.
+    if (context->IsPended) GvDisarmCancelForPluginCall(context->Vcb, context, CancelRoutine::Clear);
     // Before the call: from that moment on the request is the package's.
     outcome->IrpTakenOver = true;
     const NTSTATUS status = FsRtlProcessFileLock(&fcb->FileLock, context->Irp, nullptr);
