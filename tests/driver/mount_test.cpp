@@ -17,11 +17,13 @@ namespace {
 struct Mounter {
     static inline PluginOps* Table;
     static inline PDEVICE_OBJECT Device;
+    static inline std::string Name; // another one each time: the end of the volume before may still be under way
 
     static NTSTATUS NTAPI Entry(PDRIVER_OBJECT driver, PUNICODE_STRING)
     {
         driver->DriverUnload = [](PDRIVER_OBJECT) {};
-        return GvMount(Text("\\Device\\Null"), Text("\\Device\\Swept"), Text("\\??\\Swept"), nullptr, Table, &Device);
+        return GvMount(Text("\\Device\\Null"), Text("\\Device\\" + Name), Text("\\??\\" + Name), nullptr, Table,
+                       &Device);
     }
 };
 
@@ -44,20 +46,19 @@ protected:
     {
         layer::PluginLayer layer(memfs_);
         Mounter::Table = layer.Table();
+        Mounter::Name = "Swept" + std::to_string(++rounds_);
         PDRIVER_OBJECT driver = nullptr;
         const NTSTATUS status = nthost::LoadDriver("mounter", Mounter::Entry, &driver);
         if (!NT_SUCCESS(status)) {
             EXPECT_EQ(Mounter::Device, nullptr);
             EXPECT_EQ(layer.Mounted(), 0u);
-            EXPECT_STATUS(STATUS_OBJECT_NAME_NOT_FOUND, support::Open("\\??\\Swept").Status);
+            EXPECT_STATUS(STATUS_OBJECT_NAME_NOT_FOUND, support::Open("\\??\\" + Mounter::Name).Status);
             return false;
         }
         EXPECT_EQ(layer.Mounted(), 1u);
         EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(std::exchange(Mounter::Device, nullptr)));
         layer.WaitUntilUnmounted();
         // The rest of the unmount runs on a system worker; the unload of gvnd, which waits for it, holds it to account.
-        // The next mount wants the names.
-        while (support::Open("\\Device\\Swept").Status != STATUS_OBJECT_NAME_NOT_FOUND) std::this_thread::yield();
         nthost::LeakReport ignored;
         EXPECT_STATUS(STATUS_SUCCESS, nthost::UnloadDriver(driver, &ignored));
         return true;
@@ -65,6 +66,7 @@ protected:
 
 private:
     PluginOps* memfs_ = nullptr;
+    unsigned rounds_ = 0;
 };
 
 TEST_F(MountFaults, UnwindsFromEachStep)
