@@ -23,7 +23,6 @@ struct Armed {
 
 std::mutex plansLock;
 std::vector<Armed> plans;
-std::atomic<bool> anyArmed;
 
 Armed* Find(const FaultPlan* plan)
 {
@@ -42,9 +41,10 @@ bool CountCall(Armed& armed)
 
 } // namespace
 
-bool FaultInjected(const char* routine)
+std::atomic<bool> detail::anyFaultArmed;
+
+bool detail::CountForFaults(const char* routine)
 {
-    if (!anyArmed.load(std::memory_order_relaxed)) return false;
     const _ETHREAD* const thread = ke::CurrentThreadOrNull();
     if (!thread || !thread->DriverDepth) return false;
     std::lock_guard lock(plansLock);
@@ -58,14 +58,14 @@ FaultPlan::FaultPlan(std::string routine, unsigned n, bool repeat)
 {
     std::lock_guard lock(plansLock);
     plans.push_back({this, std::move(routine), n, repeat, 0, 0});
-    anyArmed = true;
+    detail::anyFaultArmed = true;
 }
 
 FaultPlan::~FaultPlan()
 {
     std::lock_guard lock(plansLock);
     std::erase_if(plans, [this](const Armed& armed) { return armed.Plan == this; });
-    anyArmed = !plans.empty();
+    detail::anyFaultArmed = !plans.empty();
 }
 
 unsigned FaultPlan::Calls() const

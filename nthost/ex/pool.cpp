@@ -3,6 +3,7 @@
 // looked at, memory is filled on allocation and on free, and each block keeps the stack that made it.
 #include <nthost/faults.h>
 
+#include <cstddef>
 #include <cstdlib>
 #include <mutex>
 #include <unordered_set>
@@ -76,8 +77,10 @@ BlockHeader* AllocateChunk(SIZE_T size)
     const bool large = size >= PAGE_SIZE;
     const size_t front = large ? PAGE_SIZE : sizeof(BlockHeader);
     if (size > SIZE_MAX / 2) return nullptr;
-    void* chunk = nullptr;
-    if (posix_memalign(&chunk, large ? PAGE_SIZE : 16, front + size + kTailGuard) != 0) return nullptr;
+    static_assert(alignof(std::max_align_t) >= 16, "the allocator aligns small blocks well enough");
+    void* chunk = large ? nullptr : malloc(front + size + kTailGuard);
+    if (large && posix_memalign(&chunk, PAGE_SIZE, front + size + kTailGuard) != 0) return nullptr;
+    if (!chunk) return nullptr;
     BlockHeader* const header = HeaderOf(static_cast<char*>(chunk) + front);
     header->Chunk = chunk;
     return header;

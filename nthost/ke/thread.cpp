@@ -13,9 +13,9 @@
 
 namespace nthost::ke {
 
-namespace {
+constinit thread_local _ETHREAD* currentThread;
 
-thread_local _ETHREAD* current;
+namespace {
 
 constexpr int64_t kUnixEpoch = 116444736000000000; // 1970-01-01 in 100 ns since 1601
 
@@ -28,15 +28,9 @@ int64_t Nanoseconds(clockid_t clock)
 
 } // namespace
 
-_ETHREAD* CurrentThread()
-{
-    if (!current) Fatal("an NT routine was called on a thread that is not attached to a process");
-    return current;
-}
+void NotAttached() { Fatal("an NT routine was called on a thread that is not attached to a process"); }
 
-_ETHREAD* CurrentThreadOrNull() { return current; }
-
-void SetCurrentThread(_ETHREAD* thread) { current = thread; }
+void SetCurrentThread(_ETHREAD* thread) { currentThread = thread; }
 
 int64_t MonotonicNow() { return Nanoseconds(CLOCK_MONOTONIC); }
 

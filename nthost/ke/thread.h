@@ -66,8 +66,23 @@ struct _ETHREAD {
 };
 
 namespace nthost::ke {
-// The current thread's record; a thread that is not attached to a process is a fatal error of the caller.
-_ETHREAD* CurrentThread();
-// The same, or null.
-_ETHREAD* CurrentThreadOrNull();
+
+// Nearly every routine asks for it, so it is read in place; only SetCurrentThread (ke/current.h) writes it. Initialised
+// at compile time, which spares each reader the test for an initialisation on first use.
+extern constinit thread_local _ETHREAD* currentThread;
+
+[[noreturn]] void NotAttached();
+
+// The current thread's record, or null for a thread that is not attached to a process.
+inline _ETHREAD* CurrentThreadOrNull() { return currentThread; }
+
+// The same; not being attached is a fatal error of the caller.
+inline _ETHREAD* CurrentThread()
+{
+    _ETHREAD* const thread = currentThread;
+    if (!thread) [[unlikely]]
+        NotAttached();
+    return thread;
+}
+
 } // namespace nthost::ke

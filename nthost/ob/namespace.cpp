@@ -5,6 +5,7 @@
 #include <shared_mutex>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 #include "ob/header.h"
 #include "ob/object.h"
@@ -123,8 +124,9 @@ NTSTATUS Walk(Text path, std::u16string* expanded, Position* position)
         if (links == MaximumLinks) return STATUS_OBJECT_NAME_INVALID;
         const std::u16string& target = static_cast<SymbolicLink*>(position->Body)->Target;
         if (target.size() + position->Rest.size() > MaximumPath) return STATUS_NAME_TOO_LONG;
-        std::u16string next = target;
-        next += position->Rest;
+        std::u16string next;
+        next.reserve(target.size() + position->Rest.size());
+        next.append(target).append(position->Rest); // the rest may point into the text that this replaces
         *expanded = std::move(next);
         path = *expanded;
     }
@@ -266,7 +268,14 @@ NTSTATUS LookupPath(PCUNICODE_STRING path, void** body, std::u16string* remainin
     std::u16string expanded;
     Position position;
     if (const NTSTATUS status = Walk(View(path), &expanded, &position); !NT_SUCCESS(status)) return status;
-    remaining->assign(position.Rest);
+    // The rest ends where the expanded text ends, and most paths go through a link: its memory serves again.
+    const bool inExpanded = !expanded.empty();
+    if (inExpanded) {
+        expanded.erase(0, expanded.size() - position.Rest.size());
+        *remaining = std::move(expanded);
+    } else {
+        remaining->assign(position.Rest);
+    }
     ObReferenceObject(position.Body);
     *body = position.Body;
     return STATUS_SUCCESS;

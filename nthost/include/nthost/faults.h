@@ -3,15 +3,24 @@
 // counted calls may come from any thread.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <string>
 
 namespace nthost {
 
+namespace detail {
+extern std::atomic<bool> anyFaultArmed;
+bool CountForFaults(const char* routine);
+} // namespace detail
+
 // Call sites that can be made to fail consult this by their routine's name ("ExAllocatePoolWithTag", "IoAllocateMdl",
 // "PsCreateSystemThread", "ExInitializeResourceLite", "IoAllocateWorkItem", "ZwCreateFile", ...). One relaxed load when
 // nothing is armed.
-bool FaultInjected(const char* routine);
+inline bool FaultInjected(const char* routine)
+{
+    return detail::anyFaultArmed.load(std::memory_order_relaxed) && detail::CountForFaults(routine);
+}
 
 class FaultPlan {
 public:
