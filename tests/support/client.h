@@ -3,6 +3,7 @@
 
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <gvnd/plugin.h>
 
@@ -63,5 +64,51 @@ struct OpenResult {
 };
 
 OpenResult Open(const std::string& path, const OpenRequest& request = {});
+
+// An auto-reset event.
+class Event {
+public:
+    Event();
+    HANDLE Get() const { return handle_.Get(); }
+    void Wait() const;
+    // Takes the signal if it is there.
+    bool Poll() const;
+
+private:
+    Handle handle_;
+};
+
+// One request on a handle of either kind. Start gives what the service returned; Wait, once after a successful or
+// pending Start, the request's own status. The object must outlive the request.
+class Request {
+public:
+    NTSTATUS StartRead(HANDLE file, void* buffer, ULONG length, LONGLONG offset);
+    enum class Lock { Shared, Exclusive };
+    enum class IfHeld { Fail, Wait };
+    NTSTATUS StartLock(HANDLE file, LONGLONG offset, LONGLONG length, Lock lock = Lock::Exclusive,
+                       IfHeld ifHeld = IfHeld::Fail);
+    NTSTATUS Wait();
+    bool IsDone() const { return done_.Poll(); }
+    // Of this request alone; STATUS_NOT_FOUND when it is not out any more.
+    NTSTATUS Cancel(HANDLE file);
+    ULONG_PTR Information() const { return statusBlock_.Information; }
+
+private:
+    IO_STATUS_BLOCK statusBlock_ = {};
+    Event done_;
+};
+
+// Waited for, whatever the handle. The text read; the status by name in angle brackets after a failure.
+std::string ReadText(HANDLE file, ULONG length, LONGLONG offset = 0);
+NTSTATUS Unlock(HANDLE file, LONGLONG offset, LONGLONG length);
+// All requests of this process on the file.
+NTSTATUS CancelAll(HANDLE file);
+
+struct Listing {
+    NTSTATUS Status; // of the last call: STATUS_NO_MORE_FILES after a whole listing
+    std::vector<std::string> Names;
+};
+// From the start to the end, in buffers of that many bytes. The handle's first pattern stays its pattern.
+Listing List(HANDLE directory, const std::string& pattern = {}, ULONG bufferLength = 4096);
 
 } // namespace support
