@@ -1,0 +1,84 @@
+// Where the benchmarks work: a memfs volume mounted by the driver, and a directory of this machine's tmpfs with the
+// same content. Both are made once and stay for the whole run, so that rounds of different cases can take turns.
+// Failures end the program: a benchmark of something that failed says nothing.
+#pragma once
+
+#include <string>
+
+#include <gvnd/memfs.h>
+
+namespace bench {
+
+[[noreturn]] void Fail(const std::string& what, NTSTATUS status);
+[[noreturn]] void FailHost(const std::string& what); // by errno
+inline void Require(NTSTATUS status, const char* what)
+{
+    if (!NT_SUCCESS(status)) Fail(what, status);
+}
+
+// nthost with the driver loaded, from construction to the end. One at a time.
+class Host {
+public:
+    Host();
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
+    ~Host();
+
+private:
+    PDRIVER_OBJECT driver_ = nullptr;
+};
+
+// A path that can be opened on all three sides without any work left to do. Stays where it was made.
+class Path {
+public:
+    // link is "\??\Name", path "\dir\file".
+    Path(const std::string& link, const std::string& path);
+    Path(const Path&) = delete;
+    Path& operator=(const Path&) = delete;
+
+    POBJECT_ATTRIBUTES ForDriver() const { return const_cast<POBJECT_ATTRIBUTES>(&attributes_); }
+    PCUNICODE_STRING ForPlugin() const { return &onVolume_; }
+    const char* ForTmpfs() const { return relative_.c_str(); }
+
+private:
+    std::u16string text_;
+    UNICODE_STRING full_;
+    UNICODE_STRING onVolume_;
+    OBJECT_ATTRIBUTES attributes_;
+    std::string relative_;
+};
+
+// An empty volume and an empty directory, filled alike.
+class Place {
+public:
+    explicit Place(const std::string& name);
+    Place(const Place&) = delete;
+    Place& operator=(const Place&) = delete;
+    ~Place();
+
+    void MakeDirectory(const std::string& path);
+    void MakeFile(const std::string& path, size_t bytes);
+
+    std::string Link() const { return "\\??\\" + name_; }
+    const PluginOps* Plugin() const { return plugin_; }
+    void* Context() const { return plugin_->PluginContext; }
+    int Tmpfs() const { return tmpfs_; }
+
+private:
+    std::string name_;
+    PluginOps* plugin_ = nullptr;
+    PDEVICE_OBJECT device_ = nullptr;
+    std::string directory_;
+    int tmpfs_ = -1; // of directory_
+};
+
+// The cancel event that calls past the driver pass along; nobody sets it.
+PKEVENT NoCancel();
+
+// Opens for reading, sharing everything. Synchronous unless told otherwise.
+HANDLE OpenByDriver(const Path& path, ULONG options = FILE_SYNCHRONOUS_IO_NONALERT);
+// The least that a program without the driver would call: Lookup, Open.
+PluginFd OpenByPlugin(const Place& place, const Path& path);
+int OpenByTmpfs(const Place& place, const Path& path);
+
+} // namespace bench
