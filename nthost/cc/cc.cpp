@@ -42,3 +42,9 @@ BOOLEAN NTAPI MmFlushImageSection(PSECTION_OBJECT_POINTERS pointers, MMFLUSH_TYP
     RequireNoSection(pointers, "MmFlushImageSection");
     return TRUE;
 }
+
+BOOLEAN NTAPI MmCanFileBeTruncated(PSECTION_OBJECT_POINTERS pointers, PLARGE_INTEGER)
+{
+    RequireNoSection(pointers, "MmCanFileBeTruncated");
+    return TRUE;
+}

@@ -21,5 +21,7 @@ NTKERNELAPI BOOLEAN NTAPI CcUninitializeCacheMap(PFILE_OBJECT FileObject, PLARGE
                                                  PCACHE_UNINITIALIZE_EVENT UninitializeEvent);
 // TRUE if no mapped image stands in the way of the purpose.
 NTKERNELAPI BOOLEAN NTAPI MmFlushImageSection(PSECTION_OBJECT_POINTERS SectionObjectPointer, MMFLUSH_TYPE FlushType);
+// FALSE if a view that a user has mapped would be cut by that size; a null size means the whole file.
+NTKERNELAPI BOOLEAN NTAPI MmCanFileBeTruncated(PSECTION_OBJECT_POINTERS SectionObjectPointer, PLARGE_INTEGER NewFileSize);
 
 NT_EXTERN_C_END

@@ -3,6 +3,7 @@
 
 #include "base.h"
 #include "dirinfo.h"
+#include "fileinfo.h"
 
 // Access to files and directories
 #define FILE_READ_DATA        0x0001u
