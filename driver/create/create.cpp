@@ -76,7 +76,11 @@ bool GvIsVolumeOpen(PFILE_OBJECT fileObject)
                               const WalkResult& found, ULONG* information)
 {
     // First, so that the open of a rename's target can never create anything.
-    if (parameters.OpenTargetDirectory) return GvRefuseUnservedOpen(GvUnservedOpen::TargetDirectory);
+    if (parameters.OpenTargetDirectory) {
+        const NTSTATUS status = GvOpenTargetDirectory(context, parameters, paths, found, information);
+        if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvDoCreate", "GvOpenTargetDirectory", status);
+        return status;
+    }
     if (found.Object) {
         const NTSTATUS status = GvInitExistingFcb(context, parameters, paths, found.Object, information);
         if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvDoCreate", "GvInitExistingFcb", status);
@@ -112,7 +116,11 @@ bool GvIsVolumeOpen(PFILE_OBJECT fileObject)
         GV_TRACE_FAILED_AS("GvDoCreate", "GvFullyOpenPath", status);
         return status;
     }
-    if (status == STATUS_REPARSE) return GvRefuseUnservedOpen(GvUnservedOpen::ReparsePoint);
+    if (status == STATUS_REPARSE) {
+        const NTSTATUS redirected = GvHandleReparsePoint(context, parameters, paths);
+        if (!NT_SUCCESS(redirected)) GV_TRACE_FAILED_AS("GvDoCreate", "GvHandleReparsePoint", redirected);
+        return redirected;
+    }
     if (object.Get() ? parent.Get() != nullptr : parent.Get() == nullptr) {
         GV_TRACE_AS("GvDoCreate", GvTraceError, "ERR got both or neither FCB: 0x%x, parent-FCB: 0x%x\n", object.Get(),
                     parent.Get());

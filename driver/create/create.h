@@ -74,6 +74,20 @@ struct WalkResult {
                                             const ResolvedPaths& paths, Fcb* parent, NTSTATUS lookupStatus,
                                             ULONG* information);
 
-enum class GvUnservedOpen { NewObject, Overwrite, TargetDirectory, ReparsePoint, DeleteOnClose };
-// The opens that cannot be served yet, all refused here: STATUS_NOT_IMPLEMENTED.
-[[nodiscard]] NTSTATUS GvRefuseUnservedOpen(GvUnservedOpen open);
+// found is the target, or only its parent.
+[[nodiscard]] NTSTATUS GvOpenTargetDirectory(IrpContext* context, const CreateParameters& parameters,
+                                             const ResolvedPaths& paths, const WalkResult& found, ULONG* information);
+// STATUS_REPARSE, with the file object's name replaced. The walk has ended at a link.
+[[nodiscard]] NTSTATUS GvHandleReparsePoint(IrpContext* context, const CreateParameters& parameters,
+                                            const ResolvedPaths& paths);
+
+// The object's lock is held in the rest. Files only.
+[[nodiscard]] NTSTATUS GvOverwriteExistingFcb(IrpContext* context, const CreateParameters& parameters, Fcb* fcb);
+// Success if the handle in hand will do, or has been replaced by one that holds all that the plugin allows.
+[[nodiscard]] NTSTATUS GvReopenPluginFdIfRequired(IrpContext* context, PCUNICODE_STRING path, Fcb* fcb,
+                                                  ACCESS_MASK desired);
+// Checks the open against the object's share record and enters it there; the first open starts the record. function is
+// whose step it is.
+[[nodiscard]] NTSTATUS GvJoinShareAccess(const char* function, const CreateParameters& parameters, Fcb* fcb);
+// GvInitFileObj for an open that stands in the share record: a failure takes it out again.
+[[nodiscard]] NTSTATUS GvInitSharedFileObj(const char* function, PFILE_OBJECT fileObject, Fcb* fcb, bool deleteOnClose);

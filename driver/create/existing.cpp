@@ -1,10 +1,10 @@
-// Joining an object that has a control block: dispositions and types, the plugin handle's upgrade, access, sharing.
-// Runs under the object's lock, taken here after Vcb.Resource. A re-open is not undone when a later step fails.
+// Joining an object that has a control block: dispositions and types, access, sharing, overwriting. Runs under the
+// object's lock, taken here after Vcb.Resource. Neither a re-open nor an overwrite is undone when a later step fails.
 
 #include "create/create.h"
 
-#include "frame/plugincall.h"
 #include "frame/resource.h"
+#include "frame/trace.h"
 #include "objects/coherence.h"
 
 namespace {
@@ -72,39 +72,6 @@ bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || di
     return STATUS_SUCCESS;
 }
 
-// There is no graded upgrade: a re-opened handle holds all that the plugin allows.
-[[nodiscard]] NTSTATUS GvReopenPluginFdIfRequired(IrpContext* context, PCUNICODE_STRING path, Fcb* fcb,
-                                                  ACCESS_MASK desired)
-{
-    NTSTATUS status = GvCheckDesiredAccessWithFcbMaxAccess(fcb->FcbType, desired, fcb->PluginFdCurrentAccess);
-    if (NT_SUCCESS(status) && !fcb->PluginFdRefreshNeeded) return STATUS_SUCCESS;
-    GV_TRACE(GvTraceNotable, "re-opening plugin-fd, permission-check: 0x%x, refresh: %d\n", status,
-             fcb->PluginFdRefreshNeeded);
-
-    GvBlock<PluginFileInfo> info;
-    PluginAccessMask maxAccess;
-    status = GvPerformLookupOnPlugin(context, path, &info, &maxAccess);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvPerformLookupOnPlugin", status);
-        return status;
-    }
-    PluginFd fd = 0;
-    status = GvOpenFromPlugin(context, fcb->FcbType, path, maxAccess, &fd);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvOpenFromPlugin", status);
-        return status;
-    }
-    const NTSTATUS closed = GV_CALL_PLUGIN(context, fcb, Close, fcb->PluginFd);
-    if (!NT_SUCCESS(closed)) GV_TRACE_FAILED("Close", closed);
-
-    GvStore(fcb->PluginFd, fd);
-    fcb->MaxAllowedAccess = maxAccess;
-    fcb->PluginFdCurrentAccess = maxAccess;
-    GvFcbSetFileSize(fcb, &info->EndOfFile);
-    fcb->PluginFdRefreshNeeded = 0;
-    return STATUS_SUCCESS;
-}
-
 [[nodiscard]] NTSTATUS CheckAccess(IrpContext* context, const CreateParameters& parameters, PCUNICODE_STRING path,
                                    Fcb* fcb, ACCESS_MASK effective)
 {
@@ -135,10 +102,23 @@ bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || di
         GV_TRACE_AS(kName, GvTraceError, "MmFlushImageSection(): 0x%x\n", status);
         return status;
     }
-    if (!parameters.DeleteOnClose && fcb->SectionObjectPointers.DataSectionObject) {
+    if (!parameters.DeleteOnClose && GvLoad(fcb->SectionObjectPointers.DataSectionObject)) {
         GvUtlFlushAndPurgeMm(fcb, nullptr, 0, MmFlush::Yes);
     }
     return STATUS_SUCCESS;
+}
+
+[[nodiscard]] NTSTATUS Overwrite(IrpContext* context, const CreateParameters& parameters, Fcb* fcb)
+{
+    const NTSTATUS status = GvOverwriteExistingFcb(context, parameters, fcb);
+    if (!NT_SUCCESS(status)) {
+        GV_TRACE_FAILED_AS(kName, "GvOverwriteExistingFcb", status);
+        return status;
+    }
+    ULONG filter = FILE_NOTIFY_CHANGE_ATTRIBUTES | FILE_NOTIFY_CHANGE_SIZE | FILE_NOTIFY_CHANGE_LAST_WRITE;
+    if (parameters.EaLength != 0) filter |= FILE_NOTIFY_CHANGE_EA;
+    GvUtlReportChange(context->Vcb, fcb, filter, FILE_ACTION_MODIFIED);
+    return status;
 }
 
 // With the caller's own access, not the effective one: an overwrite does not make the handle a writer.
@@ -183,17 +163,14 @@ NTSTATUS GvInitExistingFcb(IrpContext* context, const CreateParameters& paramete
     }
     status = PrepareForWriting(parameters, fcb, effective);
     if (!NT_SUCCESS(status)) return status;
-    if (parameters.DeleteOnClose) return GvRefuseUnservedOpen(GvUnservedOpen::DeleteOnClose);
-    if (overwrite) return GvRefuseUnservedOpen(GvUnservedOpen::Overwrite);
+    if (overwrite) {
+        status = Overwrite(context, parameters, fcb);
+        if (!NT_SUCCESS(status)) return status;
+    }
     status = RecordShareAccess(parameters, fcb, effective);
     if (!NT_SUCCESS(status)) return status;
-    status = GvInitFileObj(parameters.FileObject, fcb, parameters.DeleteOnClose);
-    if (!NT_SUCCESS(status)) {
-        // The record must not count an open that does not exist: nothing would ever take it out.
-        IoRemoveShareAccess(parameters.FileObject, &fcb->ShareAccess);
-        GV_TRACE_FAILED("GvInitFileObj", status);
-        return status;
-    }
+    status = GvInitSharedFileObj(__func__, parameters.FileObject, fcb, parameters.DeleteOnClose);
+    if (!NT_SUCCESS(status)) return status;
     GvFcbAddReference(fcb); // the file object's
     *information = overwrite ? FILE_OVERWRITTEN : FILE_OPENED;
     return STATUS_SUCCESS;

@@ -32,18 +32,6 @@ constexpr char kName[] = "GvPerformVolumeOpen"; // whose steps the checks below 
     return STATUS_SUCCESS;
 }
 
-[[nodiscard]] NTSTATUS ShareVolume(const CreateParameters& parameters, Fcb* volume)
-{
-    if (GvLoad(volume->OpenCount) == 0) {
-        IoSetShareAccess(parameters.DesiredAccess, parameters.ShareAccess, parameters.FileObject, &volume->ShareAccess);
-        return STATUS_SUCCESS;
-    }
-    const NTSTATUS status = IoCheckShareAccess(parameters.DesiredAccess, parameters.ShareAccess, parameters.FileObject,
-                                               &volume->ShareAccess, TRUE);
-    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "IoCheckShareAccess", status);
-    return status;
-}
-
 } // namespace
 
 NTSTATUS GvPerformVolumeOpen(IrpContext* context, const CreateParameters& parameters, ULONG* information)
@@ -66,15 +54,10 @@ NTSTATUS GvPerformVolumeOpen(IrpContext* context, const CreateParameters& parame
         GV_TRACE_FAILED("GvAccessCheck", status);
         return status;
     }
-    status = ShareVolume(parameters, volume);
+    status = GvJoinShareAccess(__func__, parameters, volume);
     if (!NT_SUCCESS(status)) return status;
-    status = GvInitFileObj(parameters.FileObject, volume, false);
-    if (!NT_SUCCESS(status)) {
-        // The record must not count an open that does not exist: nothing would ever take it out.
-        IoRemoveShareAccess(parameters.FileObject, &volume->ShareAccess);
-        GV_TRACE_FAILED("GvInitFileObj", status);
-        return status;
-    }
+    status = GvInitSharedFileObj(__func__, parameters.FileObject, volume, false);
+    if (!NT_SUCCESS(status)) return status;
     *information = FILE_OPENED;
     return STATUS_SUCCESS;
 }

@@ -44,7 +44,7 @@ void TraceParameters(const ReadRequest& read)
 
 [[nodiscard]] NTSTATUS GetBuffer(PIRP irp, ULONG length, void** buffer)
 {
-    const NTSTATUS status = GvUtlMapBufferForWriting(irp, length, buffer);
+    const NTSTATUS status = GvUtlMapProbedBuffer(irp, length, IoWriteAccess, buffer);
     if (status == STATUS_ACCESS_VIOLATION) {
         GV_TRACE_AS("GvDoRead", GvTraceError, "EXCEPTION: 0x%x, bad user-buffer\n", status);
     } else if (!NT_SUCCESS(status)) {

@@ -41,7 +41,7 @@ DirectoryQuery ReadQuery(PIRP irp)
 
 [[nodiscard]] NTSTATUS MapBuffer(const DirectoryQuery& query, void** buffer)
 {
-    const NTSTATUS status = GvUtlMapBufferForWriting(query.Irp, query.Length, buffer);
+    const NTSTATUS status = GvUtlMapProbedBuffer(query.Irp, query.Length, IoWriteAccess, buffer);
     if (status == STATUS_ACCESS_VIOLATION) {
         GV_TRACE_AS(kName, GvTraceError, "EXCEPTION: 0x%x, (1) bad user-buffer\n", status);
     } else if (!NT_SUCCESS(status)) {

@@ -3,6 +3,7 @@
 
 #include "frame/driver.h"
 
+#include "dataio/callbacks.h"
 #include "frame/requests.h"
 #include "frame/trace.h"
 #include "volume/control.h"
@@ -41,11 +42,11 @@ void FillDispatchTable(PDRIVER_OBJECT driver)
     driver->MajorFunction[IRP_MJ_SHUTDOWN] = GvShutdown;
 }
 
-// No slot for reads, writes, queries or locks is ever filled: those requests always come as IRPs.
 void FillFastIoTable(PDRIVER_OBJECT driver)
 {
     RtlZeroMemory(&GvFastIoDispatch, sizeof(GvFastIoDispatch));
     GvFastIoDispatch.SizeOfFastIoDispatch = sizeof(GvFastIoDispatch);
+    GvFillFastIoCallbacks(&GvFastIoDispatch);
     driver->FastIoDispatch = &GvFastIoDispatch;
 }
 

@@ -35,7 +35,7 @@ public:
 
     T* Get() const { return block_; }
     T* operator->() const { return block_; }
-    T& operator*() const { return *block_; }
+    auto& operator*() const { return *block_; } // deduced, so that GvBlock<void> can be
     explicit operator bool() const { return block_ != nullptr; }
 
     // The address of the empty slot, for a callee that fills it.

@@ -99,7 +99,7 @@ struct Fcb {
     PluginAccessMask MaxAllowedAccess;      // the most that the plugin allows
     PluginAccessMask PluginFdCurrentAccess; // what PluginFd was opened with
     SHARE_ACCESS ShareAccess;
-    UCHAR DeletePending;         // goes at the last cleanup; new opens fail
+    UCHAR DeletePending;         // goes at the last cleanup; new opens fail; GvLoad, GvStore
     UCHAR Deleted;               // gone from the plugin; GvLoad, GvStore
     UCHAR PluginFdClosed;        // the plugin must not see the handle again; GvLoad, GvStore
     UCHAR OnDeletionTree;        // with Vcb.Resource too
@@ -117,7 +117,7 @@ struct Ccb {
     volatile LONG DirScanIndex;       // next index for ReadDirEntry; atomic
     PUNICODE_STRING DirSearchPattern; // upcased; owned; null until a query brings one
     volatile LONG DirGeneration;      // the directory's ChildDeleteCount when the scan began; atomic
-    ULONG EaScanIndex;                // next EA by position, from 1
+    volatile ULONG EaScanIndex;       // next EA by position, from 1; GvLoad, GvStore
     UCHAR DeleteOnClose;
     UCHAR SizeChanged;
     UCHAR LastWriteChanged;

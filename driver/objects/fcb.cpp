@@ -161,7 +161,8 @@ NTSTATUS GvFcbDerefFcbAndParentChain(IrpContext* context, Fcb* fcb)
     NTSTATUS status = STATUS_SUCCESS;
     while (fcb && GvLoad(fcb->RefCount) == 0) {
         Fcb* const parent = fcb->ParentFcb;
-        GvTreeRemoveEntryByVal(context->Vcb->FcbTables->NameTree, &fcb->TreeEntry);
+        // A rename that could not enter the new name leaves an object that is on no tree.
+        if (GvTreeHasEntry(&fcb->TreeEntry)) GvTreeRemoveEntryByVal(context->Vcb->FcbTables->NameTree, &fcb->TreeEntry);
         ClosePluginFd(context, fcb);
         status = GvFcbFreeFcb(fcb);
         if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvFcbFreeFcb", status);

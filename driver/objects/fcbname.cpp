@@ -13,6 +13,10 @@ NTSTATUS GvFcbGetName(FcbTables* tables, Fcb* fcb, PUNICODE_STRING* name)
         GV_TRACE(GvTraceError, "ERROR: fcb: 0x%x already 'deleted'\n", fcb);
         return STATUS_INVALID_PARAMETER;
     }
+    if (!GvTreeHasEntry(&fcb->TreeEntry)) {
+        GV_TRACE(GvTraceError, "ERROR: fcb: 0x%x is on no tree\n", fcb);
+        return STATUS_INVALID_PARAMETER;
+    }
     return GvTreeGetEntryKey(tables->NameTree, &fcb->TreeEntry, name);
 }
 

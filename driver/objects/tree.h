@@ -12,6 +12,9 @@
 // The entry must be on this tree. Always succeeds.
 NTSTATUS GvTreeRemoveEntryByVal(GvTree* tree, GvTreeEntry* entry);
 
+// The entry is on a tree.
+inline bool GvTreeHasEntry(const GvTreeEntry* entry) { return entry->Key != nullptr; }
+
 // Exact match, without regard to case. STATUS_NOT_FOUND.
 [[nodiscard]] NTSTATUS GvTreeGetEntry(GvTree* tree, PCUNICODE_STRING name, GvTreeEntry** entry);
 // A copy of the entry's name for the caller to free, in paged pool.

@@ -54,12 +54,17 @@ void* GvUtlMapBufferForIo(PIRP irp)
     return address;
 }
 
-NTSTATUS GvUtlMapBufferForWriting(PIRP irp, ULONG length, void** buffer)
+NTSTATUS GvUtlMapProbedBuffer(PIRP irp, ULONG length, LOCK_OPERATION access, void** buffer)
 {
     *buffer = nullptr;
-    const bool contained = GvGuarded([irp, length, buffer] {
+    const bool contained = GvGuarded([irp, length, access, buffer] {
         *buffer = GvUtlMapBufferForIo(irp);
-        if (*buffer && *buffer == irp->UserBuffer && irp->RequestorMode == UserMode) ProbeForWrite(*buffer, length, 1);
+        if (!*buffer || *buffer != irp->UserBuffer || irp->RequestorMode != UserMode) return;
+        if (access == IoReadAccess) {
+            ProbeForRead(*buffer, length, 1);
+        } else {
+            ProbeForWrite(*buffer, length, 1);
+        }
     });
     if (!contained) return STATUS_ACCESS_VIOLATION;
     return *buffer ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL;

@@ -33,9 +33,10 @@ NTSTATUS GvUtlDeleteResource(PERESOURCE resource, GvAllocateResource allocated);
 // MDL it is the caller's own address, unprobed.
 [[nodiscard]] void* GvUtlMapBufferForIo(PIRP irp);
 
-// The same for data that goes to the caller: a user-mode caller's own address is probed; one that came through a worker
-// is a system address. STATUS_ACCESS_VIOLATION for a bad one, STATUS_UNSUCCESSFUL for none; the caller traces both.
-[[nodiscard]] NTSTATUS GvUtlMapBufferForWriting(PIRP irp, ULONG length, void** buffer);
+// The same, probed for the access (IoReadAccess or IoWriteAccess) when it is a user-mode caller's own address; one that
+// came through a worker is a system address. STATUS_ACCESS_VIOLATION for a bad one, STATUS_UNSUCCESSFUL for none; the
+// caller traces both.
+[[nodiscard]] NTSTATUS GvUtlMapProbedBuffer(PIRP irp, ULONG length, LOCK_OPERATION access, void** buffer);
 
 // STATUS_SUCCESS if the directory may go, STATUS_DIRECTORY_NOT_EMPTY, STATUS_UNSUCCESSFUL while a child control block
 // lives, or the plugin's failure. The directory's lock is held.

@@ -18,4 +18,5 @@
 #include "nt/fsrtl_file.h"
 #include "nt/fsrtl.h"
 #include "nt/cc.h"
+#include "nt/se.h"
 #include "nt/zw.h"

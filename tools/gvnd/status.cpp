@@ -29,7 +29,6 @@ constexpr Advice Advices[] = {
     {STATUS_NOT_A_DIRECTORY, "this is not a directory; use `cat`"},
     {STATUS_OBJECT_TYPE_MISMATCH, "only files can be read"},
     {STATUS_NO_SUCH_FILE, "nothing matches the pattern"},
-    {STATUS_NOT_IMPLEMENTED, "the driver does not serve this yet"},
     {STATUS_INSUFFICIENT_RESOURCES, "out of memory, or too many requests wait; try again"},
     {STATUS_VOLUME_DISMOUNTED, "the volume has been unmounted; mount it again"},
     {STATUS_NO_SUCH_DEVICE, "the volume is not mounted"},

@@ -103,4 +103,10 @@ NTKERNELAPI NTSTATUS NTAPI IoReplaceFileObjectName(PFILE_OBJECT FileObject, PWST
 typedef NTSTATUS(NTAPI* PIO_REPLACE_FILE_OBJECT_NAME)(PFILE_OBJECT FileObject, PWSTR NewFileName,
                                                       USHORT FileNameLength);
 
+// STATUS_EA_LIST_INCONSISTENT, with the offset of the first bad record in *ErrorOffset, unless the buffer is exactly a
+// chain of whole records: each begins on a 4-byte boundary, has a NUL behind its name, and its successor follows at
+// once.
+NTKERNELAPI NTSTATUS NTAPI IoCheckEaBufferValidity(PFILE_FULL_EA_INFORMATION EaBuffer, ULONG EaLength,
+                                                   PULONG ErrorOffset);
+
 NT_EXTERN_C_END

@@ -1,0 +1,72 @@
+// The four ways to the plugin's extended attributes, and the size of all of an object's attributes.
+
+#include "ea/ea.h"
+
+#include "ea/record.h"
+#include "frame/plugincall.h"
+
+NTSTATUS GvListEaFromPlugin(IrpContext* context, const Fcb* fcb, PluginFd fd, GvEaNames* names)
+{
+    NTSTATUS status = GV_CALL_PLUGIN(context, fcb, ListEa, fd, names->Names.Out(), &names->Count);
+    if (NT_SUCCESS(status) && names->Count != 0 && !names->Names) status = STATUS_UNSUCCESSFUL;
+    if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "GV_CALL_PLUGIN() ListEa() err: 0x%x\n", status);
+    return status;
+}
+
+NTSTATUS GvGetEaFromPlugin(IrpContext* context, const Fcb* fcb, PluginFd fd, const char* name, GvEaValue* value)
+{
+    NTSTATUS status = GV_CALL_PLUGIN(context, fcb, GetEa, fd, name, value->Value.Out(), &value->Length);
+    if (NT_SUCCESS(status) && value->Length != 0 && !value->Value) status = STATUS_UNSUCCESSFUL;
+    if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "GV_CALL_PLUGIN() GetEa() err: 0x%x\n", status);
+    return status;
+}
+
+NTSTATUS GvSetEaOnPlugin(IrpContext* context, const Fcb* fcb, PluginFd fd, const char* name, const void* value,
+                         ULONG length)
+{
+    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, SetEa, fd, name, value, length);
+    if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "GV_CALL_PLUGIN() SetEa() err: 0x%x\n", status);
+    return status;
+}
+
+NTSTATUS GvDeleteEaOnPlugin(IrpContext* context, const Fcb* fcb, PluginFd fd, const char* name)
+{
+    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, DeleteEa, fd, name);
+    if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "GV_CALL_PLUGIN() DeleteEa() err: 0x%x\n", status);
+    return status;
+}
+
+ULONG GvEaNameLength(const char* name)
+{
+    ULONG length = 0;
+    while (name[length]) ++length;
+    return length;
+}
+
+NTSTATUS GvGetFullEaInfoTotalLen(IrpContext* context, const Fcb* fcb, ULONG* length)
+{
+    GvEaNames names;
+    const PluginFd fd = GvLoad(fcb->PluginFd);
+    NTSTATUS status = GvListEaFromPlugin(context, fcb, fd, &names);
+    if (!NT_SUCCESS(status)) {
+        GV_TRACE_FAILED("GvListEaFromPlugin", status);
+        return status;
+    }
+    ULONG total = 0;
+    const char* name = names.Names.Get();
+    for (ULONG i = 0; i < names.Count; ++i) {
+        // Only for its length: the plugin has no cheaper way to tell it.
+        GvEaValue value;
+        status = GvGetEaFromPlugin(context, fcb, fd, name, &value);
+        if (!NT_SUCCESS(status)) {
+            GV_TRACE(GvTraceError, "GvGetEaFromPlugin(%d): 0x%x\n", i, status);
+            return status;
+        }
+        const ULONG nameLength = GvEaNameLength(name);
+        const ULONG size = GvEaRecordSize(nameLength, value.Length);
+        total += size + GvEaPadding(size);
+        name += nameLength + 1;
+    }
+    *length = total;
+    return STATUS_SUCCESS;
+}
