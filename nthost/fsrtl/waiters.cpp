@@ -80,8 +80,9 @@ NTSTATUS Enqueue(LockState& state, const FILE_LOCK_INFO& wanted, PIRP irp, PVOID
         state.Waiters.erase(place);
         return STATUS_CANCELLED;
     }
-    // Safe after arming: whoever completes the request needs the state's lock first, and it is held here.
-    IoMarkIrpPending(irp);
+    // Safe after arming: whoever completes the request needs the state's lock first, and it is held here. A request
+    // that a worker brings was marked when it was handed over, and its issuer may be looking at the mark right now.
+    if (!(IoGetCurrentIrpStackLocation(irp)->Control & SL_PENDING_RETURNED)) IoMarkIrpPending(irp);
     return STATUS_PENDING;
 }
 

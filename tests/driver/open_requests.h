@@ -1,38 +1,41 @@
-// Requests of these tests: an NT program's reads, listings and locks in one line each, whatever kind of handle, and
-// requests made by hand for what no service of the front door sends.
+// Requests of these tests: an NT program's reads, listings and locks in one line each, whatever kind of handle; and a
+// context for driver routines that want to be called from inside a request.
 #pragma once
 
+#include "frame/records.h"
 #include "open_volume.h"
+#include "support/handmade.h"
 
 namespace opening {
+
+using support::HandMade;
+using support::InsideOtherWork;
+using support::ReadText;
+using support::Request;
 
 struct Outcome {
     NTSTATUS Status;
     ULONG_PTR Information;
 };
 
-// An event handle, and the wait for a request that went pending on it.
-class Event {
-public:
-    Event();
-    HANDLE Get() const { return handle_.Get(); }
-    void Wait() const;
-    bool IsSet() const;
-
-private:
-    Handle handle_;
+// The two kinds of handle that most rules must hold for.
+struct HandleKind {
+    const char* Name;
+    OpenRequest Request;
+};
+inline const HandleKind kHandleKinds[] = {
+    {"synchronous", {.Access = FILE_READ_DATA | SYNCHRONIZE}},
+    {"asynchronous", {.Access = FILE_READ_DATA, .Options = 0}},
 };
 
-// offset below 0: the handle's own position.
 Outcome Read(HANDLE file, void* buffer, ULONG length, LONGLONG offset);
-// What a read of that length gives; the status in angle brackets after a failure.
-std::string ReadText(HANDLE file, ULONG length, LONGLONG offset);
 
 struct Range {
     LONGLONG Offset;
     LONGLONG Length;
 };
-NTSTATUS Lock(HANDLE file, Range range, bool exclusive = true);
+// Fails at once when the range is held.
+NTSTATUS Lock(HANDLE file, Range range, Request::Lock kind = Request::Lock::Exclusive);
 NTSTATUS Unlock(HANDLE file, Range range);
 
 struct Query {
@@ -40,7 +43,7 @@ struct Query {
     ULONG Length = 4096;
     bool Single = false;
     bool Restart = false;
-    std::string Pattern; // empty: none is sent
+    std::string Pattern = {}; // empty: none is sent
 };
 
 struct Listed {
@@ -56,32 +59,18 @@ void Decode(const UCHAR* buffer, ULONG_PTR information, FILE_INFORMATION_CLASS i
 // Every name of the directory from here on, call by call, until the listing says that it has ended.
 Lines ListAll(HANDLE directory, const Query& query = {});
 
-// One request made by hand, sent once and waited for.
-class HandMade {
+// A request that a worker serves, without a packet: the context that routines of the driver expect, under the volume's
+// lock, held exclusively while this lives.
+class ServedRequest {
 public:
-    HandMade(PDEVICE_OBJECT device, PFILE_OBJECT file, UCHAR major, UCHAR minor = 0);
-    HandMade(const HandMade&) = delete;
-    HandMade& operator=(const HandMade&) = delete;
-    ~HandMade();
-    PIRP Irp() { return irp_; }
-    PIO_STACK_LOCATION Stack() { return IoGetNextIrpStackLocation(irp_); }
-    Outcome Send();
+    explicit ServedRequest(PDEVICE_OBJECT device);
+    ServedRequest(const ServedRequest&) = delete;
+    ServedRequest& operator=(const ServedRequest&) = delete;
+    ~ServedRequest();
+    IrpContext* Context() { return &context_; }
 
 private:
-    static NTSTATUS NTAPI Completed(PDEVICE_OBJECT, PIRP, PVOID context);
-
-    PDEVICE_OBJECT device_;
-    PIRP irp_;
-    KEVENT done_;
-};
-
-// The thread is inside other file-system work while this lives.
-class InsideOtherWork {
-public:
-    InsideOtherWork() { IoSetTopLevelIrp(reinterpret_cast<PIRP>(FSRTL_FSP_TOP_LEVEL_IRP)); }
-    InsideOtherWork(const InsideOtherWork&) = delete;
-    InsideOtherWork& operator=(const InsideOtherWork&) = delete;
-    ~InsideOtherWork() { IoSetTopLevelIrp(nullptr); }
+    IrpContext context_ = {};
 };
 
 } // namespace opening
