@@ -1,0 +1,173 @@
+// Control blocks: references along the chain, the deletion tree, moves between directories, the directory-empty test.
+
+#include "objects/fcb.h"
+
+#include <nthost/debug.h>
+
+#include "objects/tree.h"
+#include "objects/util.h"
+#include "open_requests.h"
+
+namespace opening {
+namespace {
+
+class Fcbs : public VolumeTest {
+protected:
+    template <typename Body>
+    void AsARequest(Body body)
+    {
+        ServedRequest request(Device());
+        body(request.Context());
+    }
+
+    // What a deletion at cleanup does to the record.
+    void MarkDeleted(Fcb* fcb)
+    {
+        AsARequest([&](IrpContext* context) {
+            (void)Plugin().Table()->Close(Plugin().Table()->PluginContext, &context->PluginCallContext, fcb->PluginFd);
+            fcb->PluginFd = 0;
+            fcb->PluginFdClosed = 1;
+            fcb->Deleted = 1;
+            EXPECT_STATUS(STATUS_SUCCESS, GvFcbMarkFcbAsDeleted(context, fcb));
+        });
+    }
+
+    NTSTATUS IsEmpty(const char* path)
+    {
+        NTSTATUS status = STATUS_PENDING;
+        AsARequest([&](IrpContext* context) { status = GvUtlIsPluginDirEmpty(context, Find(path)); });
+        return status;
+    }
+};
+
+TEST_F(Fcbs, AnOpenFileKeepsItsChain)
+{
+    Handle file = OpenOrFail("\\dir\\sub\\deep");
+    EXPECT_EQ(FcbCount(), 4u);
+    for (const char* path : {"\\", "\\dir", "\\dir\\sub"}) {
+        EXPECT_EQ(Find(path)->RefCount, 1) << path;
+        EXPECT_EQ(Find(path)->OpenCount, 0) << path;
+    }
+    Handle directory = OpenOrFail("\\dir");
+    EXPECT_EQ(Find("\\dir")->RefCount, 2);
+    EXPECT_EQ(Find("\\")->IsRootDir, 1);
+    file.Close();
+    EXPECT_EQ(FcbCount(), 2u); // what the directory's handle needs
+}
+
+TEST_F(Fcbs, DeletedObjectsOfOneNameStandSideBySide)
+{
+    Handle first = OpenOrFail("\\dir\\file"), second, third;
+    Fcb* const firstFcb = Find("\\dir\\file");
+    MarkDeleted(firstFcb);
+    EXPECT_EQ(FcbCount(), 1u); // its directories had no other user
+    EXPECT_EQ(Find("\\dir\\file"), nullptr);
+    EXPECT_EQ(firstFcb->ParentFcb, nullptr);
+
+    second = OpenOrFail("\\dir\\file"); // the name is free for another one
+    MarkDeleted(Find("\\dir\\file"));
+    third = OpenOrFail("\\dir\\file");
+    EXPECT_EQ(FcbCount(), 5u);
+    EXPECT_NE(Find("\\dir\\file"), firstFcb);
+
+    PUNICODE_STRING name = nullptr;
+    EXPECT_STATUS(STATUS_INVALID_PARAMETER, GvFcbGetName(Volume()->FcbTables, firstFcb, &name));
+    EXPECT_STATUS(STATUS_INVALID_PARAMETER, Open("below", {.Root = first.Get()}).Status);
+    // The key is the path with the address behind it.
+    char hex[16];
+    std::snprintf(hex, sizeof hex, "%x", static_cast<unsigned>(reinterpret_cast<uintptr_t>(firstFcb)));
+    EXPECT_EQ(nthost::ToUtf8(firstFcb->TreeEntry.Key), std::string("\\dir\\file") + hex);
+    // A deleted file has no data, whatever its handle asks for, and the plugin hears nothing.
+    Plugin().Clear();
+    EXPECT_EQ(ReadText(first.Get(), 4, 0), "<STATUS_END_OF_FILE>");
+    first.Close();
+    second.Close();
+    EXPECT_TRUE(Plugin().Calls().empty());
+    EXPECT_EQ(FcbCount(), 3u);
+}
+
+TEST_F(Fcbs, TheLastReferenceOnADeletedObjectWithoutATreeLeavesIt)
+{
+    Handle file = OpenOrFail("\\file");
+    Fcb* const fcb = Find("\\file");
+    MarkDeleted(fcb);
+    AsARequest([&](IrpContext* context) {
+        fcb->OnDeletionTree = 0;
+        fcb->RefCount = 1;
+        EXPECT_STATUS(STATUS_UNSUCCESSFUL, GvFcbReleaseFcb(context, fcb));
+        EXPECT_TRUE(Trace().Contains("bad FCB.. not on deletion tree: 0x"));
+        fcb->OnDeletionTree = 1;
+        fcb->RefCount = 1; // the file object's
+    });
+}
+
+TEST_F(Fcbs, TheRootCannotBeMarkedDeleted)
+{
+    Handle root = OpenOrFail("\\");
+    AsARequest([&](IrpContext* context) {
+        EXPECT_STATUS(STATUS_INVALID_PARAMETER, GvFcbMarkFcbAsDeleted(context, Find("\\")));
+    });
+    EXPECT_NE(Find("\\"), nullptr);
+}
+
+// To another directory: the old one, if idle, is taken down at once; the new one is held.
+TEST_F(Fcbs, AMoveTakesTheNewParentAndDropsTheOld)
+{
+    Handle file = OpenOrFail("\\dir\\sub\\deep");
+    Handle target = OpenOrFail("\\empty");
+    FileReference targetObject(target.Get());
+    Fcb* const fcb = Find("\\dir\\sub\\deep");
+    AsARequest([&](IrpContext* context) {
+        EXPECT_STATUS(STATUS_SUCCESS, GvFcbMoveFcbForRename(context, fcb, targetObject.Get(), Text("\\empty\\moved")));
+    });
+    EXPECT_EQ(Find("\\EMPTY\\Moved"), fcb);
+    EXPECT_EQ(fcb->ParentFcb, Find("\\empty"));
+    EXPECT_EQ(Find("\\empty")->RefCount, 2);
+    EXPECT_EQ(Find("\\dir"), nullptr);
+    AsARequest([&](IrpContext* context) {
+        EXPECT_STATUS(STATUS_SUCCESS, GvFcbMoveFcbForRename(context, fcb, nullptr, Text("\\empty\\again")));
+    });
+    EXPECT_EQ(Find("\\empty\\again"), fcb);
+    EXPECT_EQ(Find("\\empty")->RefCount, 2);
+}
+
+TEST_F(Fcbs, AReferencedListHoldsWhatItNames)
+{
+    Handle one = OpenOrFail("\\dir\\file"), other = OpenOrFail("\\file");
+    AsARequest([&](IrpContext* context) {
+        Fcb* head = nullptr;
+        GvFcbGetReferencedFcbList(Volume()->FcbTables, GvFile, &head);
+        unsigned found = 0;
+        while (Fcb* const fcb = GvFcbPopReferencedFcb(&head)) {
+            EXPECT_EQ(fcb->FcbType, ULONG(GvFile));
+            EXPECT_EQ(fcb->RefCount, 2);
+            GvFcbReleaseFcb(context, fcb);
+            ++found;
+        }
+        EXPECT_EQ(found, 2u);
+    });
+    EXPECT_EQ(Find("\\file")->RefCount, 1);
+}
+
+TEST_F(Fcbs, TellsAnEmptyDirectory)
+{
+    for (int i = 0; i < 20; ++i) MakeFile("\\dir\\sub\\n" + std::to_string(i));
+    Handle empty = OpenOrFail("\\empty"), sub = OpenOrFail("\\dir\\sub");
+    EXPECT_STATUS(STATUS_SUCCESS, IsEmpty("\\empty"));
+    Plugin().Clear();
+    EXPECT_STATUS(STATUS_DIRECTORY_NOT_EMPTY, IsEmpty("\\dir\\sub"));
+    EXPECT_EQ(Plugin().Count("ReadDirEntry"), 24u); // 21 files, two names of dots, the end
+    Plugin().Fail("ReadDirEntry", STATUS_IO_DEVICE_ERROR, 3);
+    EXPECT_STATUS(STATUS_IO_DEVICE_ERROR, IsEmpty("\\dir\\sub"));
+    // With a live child there is nothing to ask.
+    Handle child = OpenOrFail("\\dir\\sub\\deep");
+    Plugin().Clear();
+    EXPECT_STATUS(STATUS_UNSUCCESSFUL, IsEmpty("\\dir\\sub"));
+    EXPECT_TRUE(Plugin().Calls().empty());
+    // A deleted child no longer counts.
+    MarkDeleted(Find("\\dir\\sub\\deep"));
+    EXPECT_STATUS(STATUS_DIRECTORY_NOT_EMPTY, IsEmpty("\\dir\\sub"));
+}
+
+} // namespace
+} // namespace opening
