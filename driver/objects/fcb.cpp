@@ -184,6 +184,16 @@ NTSTATUS GvFcbReleaseFcb(IrpContext* context, Fcb* fcb)
     return GvFcbFreeFcb(fcb);
 }
 
+bool GvFcbReleaseUnlessLast(Fcb* fcb)
+{
+    for (LONG count = GvLoad(fcb->RefCount); count > 1;) {
+        const LONG found = InterlockedCompareExchange(&fcb->RefCount, count - 1, count);
+        if (found == count) return true;
+        count = found;
+    }
+    return false;
+}
+
 void GvFcbGetReferencedFcbList(FcbTables* tables, ULONG type, Fcb** head)
 {
     for (GvTreeEntry* entry = GvTreeGetNextEntry(tables->NameTree, GvWalk::Restart); entry;

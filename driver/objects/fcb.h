@@ -27,9 +27,11 @@ NTSTATUS GvFcbFreeVolumeFcb(Fcb* fcb);
 // One reference for the caller, or null.
 [[nodiscard]] Fcb* GvFcbGetExistingFcb(FcbTables* tables, PCUNICODE_STRING path);
 
-// The one way to give back a reference. The last one on a live object closes its plugin handle, and then those of idle
-// ancestors, leaf first; the last one on a deleted object takes it off the deletion tree.
+// Gives back a reference, under Vcb.Resource, exclusive. The last one on a live object closes its plugin handle, and
+// then those of idle ancestors, leaf first; the last one on a deleted object takes it off the deletion tree.
 NTSTATUS GvFcbReleaseFcb(IrpContext* context, Fcb* fcb);
+// Gives back a reference without any lock; false, and nothing has changed, for the last one.
+[[nodiscard]] bool GvFcbReleaseUnlessLast(Fcb* fcb);
 NTSTATUS GvFcbDerefFcbAndParentChain(IrpContext* context, Fcb* fcb);
 
 // A copy for the caller to free. STATUS_INVALID_PARAMETER for a deleted object, which has no name.

@@ -15,15 +15,11 @@ namespace {
 // Whatever the mount state: a close must finish, and the last one is what lets a requested unmount go on.
 class ClosePin {
 public:
-    explicit ClosePin(PDEVICE_OBJECT device) : device_(device)
-    {
-        if (device_) GvPinVcb(device_);
-    }
+    explicit ClosePin(PDEVICE_OBJECT device) : device_(device) { GvPinVcb(device_); }
     ClosePin(const ClosePin&) = delete;
     ClosePin& operator=(const ClosePin&) = delete;
     ~ClosePin()
     {
-        if (!device_) return;
         GvUnpinVcb(device_);
         GvUnmountIfDrained(device_);
     }
@@ -32,10 +28,40 @@ private:
     PDEVICE_OBJECT device_;
 };
 
+NTSTATUS DeleteCcb(Ccb* ccb)
+{
+    const NTSTATUS status = GvCcbDeleteCcb(ccb);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvDoClose", "GvCcbDeleteCcb", status);
+    return status;
+}
+
+NTSTATUS RefuseFinalClose(PFILE_OBJECT fileObject)
+{
+    GV_TRACE_AS("GvDoClose", GvTraceError,
+                "ERROR: non-top-level final close on FO: 0x%x, there should be one more ref on this FCB!!\n",
+                fileObject);
+    return STATUS_UNSUCCESSFUL;
+}
+
+// Under no lock. Two nested closes can both have found a reference to spare, so each takes its own in one step with
+// the test.
+NTSTATUS ReleaseNested(PFILE_OBJECT fileObject, Fcb* fcb)
+{
+    Ccb* const ccb = GvCcbOf(fileObject);
+    InterlockedDecrement(&fcb->OpenCount); // while the reference still keeps the record
+    if (fcb->FcbType == GvVolume) return DeleteCcb(ccb);
+    if (!GvFcbReleaseUnlessLast(fcb)) {
+        InterlockedIncrement(&fcb->OpenCount);
+        return RefuseFinalClose(fileObject);
+    }
+    [[maybe_unused]] const NTSTATUS traced = DeleteCcb(ccb);
+    return STATUS_SUCCESS;
+}
+
+// Under the volume's lock.
 NTSTATUS ReleaseFileObject(IrpContext* context, Fcb* fcb, Ccb* ccb)
 {
-    NTSTATUS status = GvCcbDeleteCcb(ccb);
-    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvDoClose", "GvCcbDeleteCcb", status);
+    NTSTATUS status = DeleteCcb(ccb);
     InterlockedDecrement(&fcb->OpenCount);
     if (fcb->FcbType == GvVolume) return status; // opens of the volume hold no reference
 
@@ -50,20 +76,15 @@ NTSTATUS GvDoClose(IrpContext* context, GvOutcome*)
 {
     const PFILE_OBJECT fileObject = IoGetCurrentIrpStackLocation(context->Irp)->FileObject;
     Fcb* const fcb = GvFcbOf(fileObject);
-    Ccb* const ccb = GvCcbOf(fileObject);
     if (KeGetCurrentIrql() > APC_LEVEL) return STATUS_UNSUCCESSFUL;
     if (!context->IsTopLevel && fcb->FcbType != GvVolume && GvLoad(fcb->RefCount) <= 1) {
-        GV_TRACE(GvTraceError,
-                 "ERROR: non-top-level final close on FO: 0x%x, there should be one more ref on this FCB!!\n",
-                 fileObject);
-        return STATUS_UNSUCCESSFUL;
+        return RefuseFinalClose(fileObject);
     }
     if (context->IsAsync || KeGetCurrentIrql() != PASSIVE_LEVEL) return GvPendIrpContext(context);
+    if (!context->IsTopLevel) return ReleaseNested(fileObject, fcb);
 
-    const ClosePin pin(context->IsTopLevel ? context->DeviceObject : nullptr);
+    const ClosePin pin(context->DeviceObject);
     GvHeldResource lock;
-    if (context->IsTopLevel) {
-        if (const NTSTATUS status = lock.Exclusive(&context->Vcb->Resource); !NT_SUCCESS(status)) return status;
-    }
-    return ReleaseFileObject(context, fcb, ccb);
+    if (const NTSTATUS status = lock.Exclusive(&context->Vcb->Resource); !NT_SUCCESS(status)) return status;
+    return ReleaseFileObject(context, fcb, GvCcbOf(fileObject));
 }

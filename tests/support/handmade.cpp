@@ -31,7 +31,8 @@ HandMade::~HandMade()
 NTSTATUS HandMade::Send()
 {
     const NTSTATUS status = IofCallDriver(device_, irp_);
-    KeWaitForSingleObject(&done_, Executive, KernelMode, FALSE, nullptr);
+    // Anything else has been completed before it came back, and may have been sent where a wait is not allowed.
+    if (status == STATUS_PENDING) KeWaitForSingleObject(&done_, Executive, KernelMode, FALSE, nullptr);
     return status;
 }
 
