@@ -69,12 +69,14 @@ PluginAccessMask FirstAccess(ULONG type, PluginAccessMask maxAccess)
 {
     NTSTATUS status = GvOpenFromPlugin(context, state.Type, path, state.PluginFdCurrentAccess, &state.PluginFd);
     if (!NT_SUCCESS(status)) {
+        // Whatever a failed open has written is no handle.
         GV_TRACE_FAILED_AS(kGetOrAlloc, "GvOpenFromPlugin", status);
-    } else {
-        status = GvFcbCreateNewFcb(context->Vcb->FcbTables, path, state, fcb);
-        if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kGetOrAlloc, "GvFcbCreateNewFcb", status);
+        return status;
     }
-    if (status != STATUS_SUCCESS && state.PluginFd) {
+    status = GvFcbCreateNewFcb(context->Vcb->FcbTables, path, state, fcb);
+    if (NT_SUCCESS(status)) return status;
+    GV_TRACE_FAILED_AS(kGetOrAlloc, "GvFcbCreateNewFcb", status);
+    if (state.PluginFd) {
         const NTSTATUS closed = GV_CALL_PLUGIN(context, nullptr, Close, state.PluginFd);
         if (!NT_SUCCESS(closed)) GV_TRACE_FAILED_AS(kGetOrAlloc, "Close", closed);
     }

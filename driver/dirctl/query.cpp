@@ -110,22 +110,39 @@ void PositionScan(const DirectoryQuery& query)
     }
 }
 
-bool GvDoesDirEntryMatchQuery(IrpContext* context, const Ccb* ccb, const PluginDirEntry* entry)
+// Ignoring case, the match may need memory for the name in upper case, and raises when there is none.
+[[nodiscard]] NTSTATUS Matches(PUNICODE_STRING pattern, PCUNICODE_STRING name, bool* matches)
+{
+    *matches = RtlCompareUnicodeString(pattern, name, TRUE) == 0;
+    if (*matches) return STATUS_SUCCESS;
+    if (GvGuarded([&] {
+            *matches = FsRtlIsNameInExpression(pattern, const_cast<PUNICODE_STRING>(name), TRUE, nullptr) != FALSE;
+        })) {
+        return STATUS_SUCCESS;
+    }
+    GV_TRACE_FAILED_AS("GvDoesDirEntryMatchQuery", "FsRtlIsNameInExpression", STATUS_INSUFFICIENT_RESOURCES);
+    return STATUS_INSUFFICIENT_RESOURCES;
+}
+
+// An entry whose name cannot be normalised does not match. A failure leaves open whether it does: passing it over would
+// make an entry vanish from the listing.
+[[nodiscard]] NTSTATUS GvDoesDirEntryMatchQuery(IrpContext* context, const Ccb* ccb, const PluginDirEntry* entry,
+                                                bool* matches)
 {
     const PUNICODE_STRING pattern = ccb->DirSearchPattern;
-    if (!pattern) return true;
+    *matches = !pattern;
+    if (!pattern) return STATUS_SUCCESS;
     const auto length = static_cast<USHORT>(entry->FileNameLength);
     const UNICODE_STRING plain = {length, length, const_cast<PWCH>(entry->FileName)};
     GvString normalized;
     PCUNICODE_STRING name = nullptr;
     if (const NTSTATUS status = NormalizedName(context, &plain, &normalized, &name); !NT_SUCCESS(status)) {
         GV_TRACE(GvTraceError, "GvPnGetNormalizedPathFromPlugin(): failed: 0x%x\n", status);
-        return false;
+        return STATUS_SUCCESS;
     }
-    const bool matches = RtlCompareUnicodeString(pattern, name, TRUE) == 0 ||
-                         FsRtlIsNameInExpression(pattern, const_cast<PUNICODE_STRING>(name), TRUE, nullptr);
-    GV_TRACE(GvTraceFlow, "%wZ %S %wZ\n", pattern, matches ? L"==" : L"!=", &plain);
-    return matches;
+    const NTSTATUS status = Matches(pattern, name, matches);
+    if (NT_SUCCESS(status)) GV_TRACE(GvTraceFlow, "%wZ %S %wZ\n", pattern, *matches ? L"==" : L"!=", &plain);
+    return status;
 }
 
 // The buffer of one query while it fills.
@@ -175,7 +192,10 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
             GV_TRACE_AS(kName, GvTraceFlow, "ReadDirEntry(): 0x%x\n", status);
             return status;
         }
-        if (!GvDoesDirEntryMatchQuery(context, query.Ccb, entry.Get())) {
+        bool matches;
+        status = GvDoesDirEntryMatchQuery(context, query.Ccb, entry.Get(), &matches);
+        if (!NT_SUCCESS(status)) return status;
+        if (!matches) {
             InterlockedIncrement(&query.Ccb->DirScanIndex);
             continue;
         }

@@ -1,10 +1,13 @@
 // Matching of names against expressions with wildcards. The expression is a chain of states, one before each of its
 // characters and one at the end; the set of states the name can be in is carried along the name, so the cost is at most
-// the product of the lengths. The sets stand on the stack: nothing is allocated.
+// the product of the lengths. The sets stand on the stack: nothing is allocated, and
+// the routine raises only when a test makes it.
 
 #include <algorithm>
 #include <bit>
 #include <cstdint>
+
+#include <nthost/faults.h>
 
 #include "rtl/casing.h"
 
@@ -123,6 +126,9 @@ WCHAR Fold(WCHAR c, BOOLEAN ignoreCase, PCWCH table)
 BOOLEAN NTAPI FsRtlIsNameInExpression(PUNICODE_STRING Expression, PUNICODE_STRING Name, BOOLEAN IgnoreCase,
                                       PWCHAR UpcaseTable)
 {
+    // NT works on a copy in upper case when it ignores case by its own table, and raises when there is no memory for
+    // it.
+    if (IgnoreCase && !UpcaseTable && nthost::FaultInjected("FsRtlIsNameInExpression")) ExRaiseStatus(STATUS_NO_MEMORY);
     if (!Expression->Length || !Name->Length) return Expression->Length == Name->Length;
     if (Expression->Length == sizeof(WCHAR) && Expression->Buffer[0] == L'*') return TRUE;
 

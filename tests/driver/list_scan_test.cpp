@@ -1,5 +1,6 @@
 // The course of a scan: where a query begins, what moves it, what a failure leaves, who may ask.
 
+#include <nthost/faults.h>
 #include <nthost/user_memory.h>
 
 #include "open_requests.h"
@@ -148,6 +149,16 @@ TEST_F(Scan, StandsOnTheEntryThatFailed)
         EXPECT_EQ(broken.Information, 24u + 32u); // dir, empty
         EXPECT_EQ(List(directory.Get(), kOne).Names, (Lines{"file"}));
     }
+}
+
+// Whether the entry matches is not known then, so it is not passed over.
+TEST_F(Scan, AMatchWithoutMemoryLosesNoEntry)
+{
+    {
+        const nthost::FaultPlan fault("FsRtlIsNameInExpression", 3);
+        EXPECT_STATUS(STATUS_INSUFFICIENT_RESOURCES, List(directory.Get(), {.Pattern = "*e*"}).Status);
+    }
+    EXPECT_EQ(List(directory.Get()).Names, (Lines{"file", "readonly"})); // empty was in the buffer
 }
 
 // The buffer ends inside the third record's page: two records stand before the fault.
