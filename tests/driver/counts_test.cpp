@@ -1,16 +1,23 @@
 // What each request costs, exactly: plugin calls, pool allocations, copies. A change here is a change of the driver's
 // price.
 
-#include "open_volume.h"
-
 #include <nthost/pool.h>
 
-#include "frame/records.h"
+#include "open_requests.h"
 
 namespace opening {
 namespace {
 
 class Counts : public VolumeTest {};
+
+class OneWorker : public VolumeTest {
+protected:
+    void SetUp() override
+    {
+        SetWorkers(1);
+        VolumeTest::SetUp();
+    }
+};
 
 TEST_F(Counts, OpenOfAColdPathIsALookupAndAnOpenPerComponent)
 {
@@ -67,6 +74,35 @@ TEST_F(Counts, ReadIsOneCallOneAllocationAndNoCopy)
     EXPECT_EQ(SeenRead::Buffer, buffer);
     EXPECT_EQ(Plugin().Calls().size(), 1u);
     EXPECT_EQ(statusBlock.Information, 10u);
+}
+
+// While the only worker stands in the plugin, each request that waits has left its permit on the semaphore: as many as
+// requests, and none of them for nothing.
+TEST_F(OneWorker, PendedRequestIsOneWakeUp)
+{
+    constexpr int kWaiting = 20;
+    const auto permits = [this] {
+        return __atomic_load_n(&Volume()->WorkSemaphore.Header.SignalState, __ATOMIC_ACQUIRE);
+    };
+    Handle file = OpenOrFail("\\file", {.Access = FILE_READ_DATA, .Options = 0});
+    auto gate = Plugin().CloseGate("Read");
+    std::vector<Request> reads(kWaiting + 1);
+    char bytes[kWaiting + 1];
+    ASSERT_STATUS(STATUS_PENDING, reads[0].StartRead(file.Get(), &bytes[0], 1, 0));
+    gate->WaitForArrivals(1);
+    EXPECT_EQ(permits(), 0);
+    for (int i = 1; i <= kWaiting; ++i) {
+        ASSERT_STATUS(STATUS_PENDING, reads[i].StartRead(file.Get(), &bytes[i], 1, 0));
+        EXPECT_EQ(permits(), i);
+    }
+    gate->Open();
+    for (Request& read : reads) EXPECT_STATUS(STATUS_SUCCESS, read.Wait());
+    EXPECT_EQ(permits(), 0);
+    EXPECT_FALSE(Trace().Contains("GvMovePendedIrpContextToWorkQueue(): 0x"));
+    // A caller that waits costs no wake-up at all.
+    Handle synchronous = OpenOrFail("\\file");
+    EXPECT_EQ(ReadText(synchronous.Get(), 3), "012");
+    EXPECT_EQ(permits(), 0);
 }
 
 // One call per entry and one that finds the end; a buffer that fills costs one entry read again.

@@ -127,5 +127,27 @@ TEST_F(UnmountRace, OpensAreServedOrRefused)
     EXPECT_EQ(Plugin().Unmounted(), 1u);
 }
 
+// A call that runs, in a worker, ends as if nothing had been asked; the next one is refused.
+TEST_F(UnmountRace, WaitsForTheCallsThatRun)
+{
+    Handle file = OpenOrFail("\\file", {.Access = FILE_READ_DATA, .Options = 0});
+    const auto gate = Plugin().CloseGate("Read");
+    support::Request read, late;
+    char bytes[2];
+    ASSERT_STATUS(STATUS_PENDING, read.StartRead(file.Get(), &bytes[0], 1, 7));
+    gate->WaitForArrivals(1);
+    const PDEVICE_OBJECT device = Device();
+    ForgetDevice();
+    EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(device));
+    ASSERT_STATUS(STATUS_PENDING, late.StartRead(file.Get(), &bytes[1], 1, 7));
+    EXPECT_STATUS(STATUS_ACCESS_DENIED, late.Wait());
+    EXPECT_EQ(Plugin().Unmounted(), 0u);
+    gate->Open();
+    EXPECT_STATUS(STATUS_SUCCESS, read.Wait());
+    EXPECT_EQ(bytes[0], '7');
+    file.Close();
+    Plugin().WaitUntilUnmounted();
+}
+
 } // namespace
 } // namespace opening

@@ -175,6 +175,8 @@ TEST_F(Paths, ALiveFileInTheMiddleLeavesTheAnswerToThePlugin)
     EXPECT_EQ(TakeCalls(), (Lines{"Lookup \\file\\below"}));
     EXPECT_FALSE(NT_SUCCESS(below));
     EXPECT_NE(below, STATUS_OBJECT_PATH_SYNTAX_BAD);
+    EXPECT_STATUS(below, Open("below", {.Root = file.Get()}).Status); // as from a handle to the file
+    EXPECT_EQ(TakeCalls(), (Lines{"Lookup \\file\\below"}));
     EXPECT_EQ(Find("\\file")->RefCount, 1);
 }
 
