@@ -63,6 +63,7 @@ Host::~Host()
     Require(nthost::UnloadDriver(driver_, &leaks), "unload the driver");
     for (std::string& line : nthost::Shutdown().Lines) leaks.Lines.push_back(std::move(line));
     for (const std::string& line : leaks.Lines) std::fprintf(stderr, "left behind: %s\n", line.c_str());
+    if (!leaks.Clean()) std::_Exit(1);
 }
 
 Path::Path(const std::string& link, const std::string& path)

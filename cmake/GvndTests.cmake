@@ -93,6 +93,10 @@ if(GVND_BUILD_BENCH AND GVND_BENCH_SOURCES AND TARGET gvnd_driver)
     if(NOT ${PROJECT_SOURCE_DIR}/bench/main.cpp IN_LIST GVND_BENCH_SOURCES)
         target_link_libraries(gvnd_bench PRIVATE benchmark::benchmark_main)
     endif()
+    # That each case runs and leaves nothing behind; how long it takes is nobody's business here.
+    add_test(NAME bench.EachCaseRuns COMMAND gvnd_bench --benchmark_repetitions=1 --benchmark_min_time=0.0001
+        "--benchmark_filter=-among 100000")
+    set_tests_properties(bench.EachCaseRuns PROPERTIES TIMEOUT 120)
 endif()
 
 # The tool, by its command line.
