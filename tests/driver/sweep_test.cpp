@@ -117,10 +117,10 @@ protected:
         raises ? Plugin().Raise(operation, STATUS_DISK_CORRUPT_ERROR, n)
                : Plugin().Fail(operation, STATUS_DISK_CORRUPT_ERROR, n);
         const Failures failures = WorkAndClose();
-        const bool reached = Plugin().Count(operation) >= n;
         for (const NTSTATUS status : failures)
             EXPECT_STATUS(raises ? STATUS_ACCESS_VIOLATION : STATUS_DISK_CORRUPT_ERROR, status);
         WaitUntilIdle();
+        const bool reached = Plugin().Count(operation) >= n;
         if (!reached) (void)WorkAndClose(); // uses up what no call has
         ExpectNothingLeft();
         return reached;
