@@ -15,36 +15,11 @@
 namespace opening {
 namespace {
 
-class Event {
-public:
-    Event() { NtCreateEvent(&handle_, EVENT_ALL_ACCESS, nullptr, SynchronizationEvent, FALSE); }
-    ~Event() { NtClose(handle_); }
-    Event(const Event&) = delete;
-    Event& operator=(const Event&) = delete;
-    HANDLE Get() const { return handle_; }
-    void Wait() const { EXPECT_STATUS(STATUS_SUCCESS, NtWaitForSingleObject(handle_, FALSE, nullptr)); }
-
-private:
-    HANDLE handle_ = nullptr;
-};
-
-// One asynchronous read of one byte, with a status block and an event of its own.
-struct AsyncRead {
-    IO_STATUS_BLOCK StatusBlock = {};
-    Event Done;
+// One asynchronous read of one byte.
+struct AsyncRead : support::Request {
     char Byte = 0;
 
-    NTSTATUS Start(HANDLE file, LONGLONG offset)
-    {
-        LARGE_INTEGER position;
-        position.QuadPart = offset;
-        return NtReadFile(file, Done.Get(), nullptr, nullptr, &StatusBlock, &Byte, 1, &position, nullptr);
-    }
-    NTSTATUS Wait()
-    {
-        Done.Wait();
-        return StatusBlock.Status;
-    }
+    NTSTATUS Start(HANDLE file, LONGLONG offset) { return StartRead(file, &Byte, 1, offset); }
 };
 
 constexpr OpenRequest kAsync = {.Access = FILE_READ_DATA, .Options = 0};
@@ -76,10 +51,9 @@ TEST_F(Cancel, EndsAWaitingRequestAtOnce)
     ASSERT_STATUS(STATUS_PENDING, waiting.Start(file.Get(), 2));
     EXPECT_EQ(Pended(), 1u);
 
-    IO_STATUS_BLOCK ignored = {};
-    EXPECT_STATUS(STATUS_SUCCESS, NtCancelIoFileEx(file.Get(), &waiting.StatusBlock, &ignored));
+    EXPECT_STATUS(STATUS_SUCCESS, waiting.Cancel(file.Get()));
     EXPECT_STATUS(STATUS_CANCELLED, waiting.Wait());
-    EXPECT_EQ(waiting.StatusBlock.Information, 0u);
+    EXPECT_EQ(waiting.Information(), 0u);
     EXPECT_EQ(Pended(), 0u);
 
     gate->Open();
@@ -113,13 +87,11 @@ TEST_F(Cancel, SignalsARequestInAPluginCall)
         else
             start();
         gate->WaitForArrivals(1);
-        IO_STATUS_BLOCK ignored = {};
-        EXPECT_STATUS(STATUS_SUCCESS, NtCancelIoFileEx(file.Get(), nullptr, &ignored));
+        EXPECT_STATUS(STATUS_SUCCESS, support::CancelAll(file.Get()));
         gate->Open();
-        read.Done.Wait();
+        EXPECT_STATUS(STATUS_SUCCESS, read.Wait());
         if (caller.joinable()) caller.join();
         EXPECT_STATUS(synchronous ? STATUS_SUCCESS : STATUS_PENDING, status);
-        EXPECT_STATUS(STATUS_SUCCESS, read.StatusBlock.Status);
         EXPECT_EQ(read.Byte, '4');
         EXPECT_EQ(signalled, 1);
         Plugin().RemoveGate("Read");
@@ -198,16 +170,12 @@ TEST_F(Cancel, ReadsIntoPagesWhoseAddressIsGone)
     Handle file = OpenOrFail("\\file", kAsync);
     nthost::UserMemory memory(PAGE_SIZE);
     auto gate = Plugin().CloseGate("Read");
-    IO_STATUS_BLOCK statusBlock = {};
-    Event done;
-    LARGE_INTEGER offset = {};
-    ASSERT_STATUS(STATUS_PENDING, NtReadFile(file.Get(), done.Get(), nullptr, nullptr, &statusBlock, memory.Address(),
-                                             10, &offset, nullptr));
+    support::Request read;
+    ASSERT_STATUS(STATUS_PENDING, read.StartRead(file.Get(), memory.Address(), 10, 0));
     gate->WaitForArrivals(1);
     memory.Unmap();
     gate->Open();
-    done.Wait();
-    EXPECT_STATUS(STATUS_SUCCESS, statusBlock.Status);
+    EXPECT_STATUS(STATUS_SUCCESS, read.Wait());
     memory.Map();
     EXPECT_EQ(std::string(memory.Address(), 10), "0123456789");
 }
@@ -220,10 +188,7 @@ TEST_F(Cancel, RacesWithQueueingServiceAndCompletion)
     Plugin().CountOnly(true);
     std::atomic<bool> stop{false};
     std::thread canceller = nthost::StartThread(nthost::HostProcess(), [&] {
-        while (!stop) {
-            IO_STATUS_BLOCK ignored = {};
-            (void)NtCancelIoFileEx(file.Get(), nullptr, &ignored);
-        }
+        while (!stop) (void)support::CancelAll(file.Get());
     });
     for (int round = 0; round < kRounds; ++round) {
         AsyncRead reads[3];
@@ -231,7 +196,7 @@ TEST_F(Cancel, RacesWithQueueingServiceAndCompletion)
         for (AsyncRead& read : reads) {
             const NTSTATUS status = read.Wait();
             EXPECT_TRUE(status == STATUS_SUCCESS || status == STATUS_CANCELLED) << std::hex << status;
-            EXPECT_EQ(read.StatusBlock.Information, status == STATUS_SUCCESS ? 1u : 0u);
+            EXPECT_EQ(read.Information(), status == STATUS_SUCCESS ? 1u : 0u);
         }
     }
     stop = true;

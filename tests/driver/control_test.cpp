@@ -4,12 +4,14 @@
 
 #include "frame/driver.h"
 #include "support/client.h"
+#include "support/handmade.h"
 #include "support/host.h"
 #include "volume/control.h"
 
 namespace {
 
 using support::Handle;
+using support::HandMade;
 using support::HostFixture;
 
 constexpr char kControl[] = "\\Device\\GvndCtrlDev";
@@ -78,42 +80,6 @@ TEST_F(Control, RefusesInOrder)
         EXPECT_TRUE(Trace().Contains("GvCtrlHandleIrp() done, FO: 0x"));
     }
 }
-
-// Requests that no service of the front door sends here, made by hand.
-class HandMade {
-public:
-    HandMade(PDEVICE_OBJECT device, PFILE_OBJECT fileObject, UCHAR major)
-        : device_(device), irp_(IoAllocateIrp(device->StackSize, FALSE))
-    {
-        KeInitializeEvent(&done_, NotificationEvent, FALSE);
-        IoSetCompletionRoutine(irp_, Completed, this, TRUE, TRUE, TRUE);
-        const PIO_STACK_LOCATION stack = IoGetNextIrpStackLocation(irp_);
-        stack->MajorFunction = major;
-        stack->FileObject = fileObject;
-        irp_->Flags = IRP_SYNCHRONOUS_API;
-    }
-    ~HandMade() { IoFreeIrp(irp_); }
-
-    NTSTATUS Send()
-    {
-        const NTSTATUS status = IofCallDriver(device_, irp_);
-        KeWaitForSingleObject(&done_, Executive, KernelMode, FALSE, nullptr);
-        EXPECT_EQ(irp_->IoStatus.Status, status);
-        EXPECT_EQ(irp_->IoStatus.Information, 0u);
-        return status;
-    }
-
-private:
-    static NTSTATUS NTAPI Completed(PDEVICE_OBJECT, PIRP, PVOID context)
-    {
-        KeSetEvent(&static_cast<HandMade*>(context)->done_, IO_NO_INCREMENT, FALSE);
-        return STATUS_MORE_PROCESSING_REQUIRED;
-    }
-
-    PDEVICE_OBJECT device_;
-    PIRP irp_;
-    KEVENT done_;
-};
 
 TEST_F(Control, ServesNothingButItsTable)
 {

@@ -94,6 +94,27 @@ TEST_F(Scan, StartsOverAfterADeletion)
     EXPECT_FALSE(Trace().Contains("resetting dir-list scan-index\n"));
 }
 
+// The ordinals behind the deleted entry have moved down by one.
+TEST_F(Scan, MissesNothingWhenAnEntryGoes)
+{
+    for (int i = 0; i < 9; ++i) MakeFile("\\empty\\" + std::to_string(i));
+    for (const HandleKind& kind : kHandleKinds) {
+        SCOPED_TRACE(kind.Name);
+        MakeFile("\\empty\\1a");
+        OpenRequest list = kind.Request;
+        list.Access |= FILE_LIST_DIRECTORY;
+        Handle scan = OpenOrFail("\\empty", list);
+        Lines seen;
+        for (int i = 0; i < 6; ++i) {
+            const Lines one = List(scan.Get(), kOne).Names;
+            seen.insert(seen.end(), one.begin(), one.end());
+        }
+        EXPECT_EQ(seen, (Lines{".", "..", "0", "1", "1a", "2"}));
+        OpenOrFail("\\empty\\1a", {.Access = DELETE | SYNCHRONIZE, .Options = kSynchronous | FILE_DELETE_ON_CLOSE});
+        EXPECT_EQ(ListAll(scan.Get()), (Lines{".", "..", "0", "1", "2", "3", "4", "5", "6", "7", "8"}));
+    }
+}
+
 TEST_F(Scan, IsEachHandlesOwn)
 {
     Handle other = OpenOrFail("\\", kDirectory);

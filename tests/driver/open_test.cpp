@@ -3,6 +3,7 @@
 #include "open_volume.h"
 
 #include "frame/records.h"
+#include "support/handmade.h"
 
 namespace opening {
 namespace {
@@ -61,7 +62,7 @@ TEST_F(OpenRules, JudgesNames)
         {"\\nothing", STATUS_OBJECT_NAME_NOT_FOUND},
         {"\\nothing\\below", STATUS_OBJECT_PATH_NOT_FOUND},
         {"\\file\\below", STATUS_OBJECT_PATH_SYNTAX_BAD}, // a file in the middle
-        {"\\link", STATUS_SUCCESS}, // followed
+        {"\\link", STATUS_SUCCESS},                       // followed
     };
     for (const PathRow& row : rows) {
         SCOPED_TRACE(row.Path);
@@ -70,12 +71,15 @@ TEST_F(OpenRules, JudgesNames)
     }
 }
 
-TEST_F(OpenRules, CarriesTheLongestName)
+// Where it comes from is judged before what it asks.
+TEST_F(OpenRules, WantsTheCallersOwnThread)
 {
-    // 65,534 bytes with the link's name taken off: the copies of a path end there.
-    const std::string longest(32000, 'x');
-    EXPECT_STATUS(STATUS_OBJECT_NAME_INVALID, Open("\\" + longest).Status); // memfs: a component of 255 at most
-    EXPECT_EQ(FcbCount(), 0u);
+    {
+        const support::InsideOtherWork inside;
+        EXPECT_STATUS(STATUS_INVALID_PARAMETER, Open("\\file", {.Disposition = FILE_SUPERSEDE}).Status);
+    }
+    const support::AtIrql irql(APC_LEVEL);
+    EXPECT_STATUS(STATUS_UNSUCCESSFUL, Open("\\file", {.Disposition = FILE_SUPERSEDE}).Status);
 }
 
 TEST_F(OpenRules, AppliesDispositionsAndTypes)

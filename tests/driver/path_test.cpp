@@ -182,13 +182,18 @@ TEST_F(Paths, ALiveFileInTheMiddleLeavesTheAnswerToThePlugin)
 
 TEST_F(Paths, AReparsePointGetsNoControlBlock)
 {
-    for (const char* path : {"\\link", "\\link\\below", "\\link\\"}) {
+    for (const char* path : {"\\link", "\\link\\"}) { // what stood behind the link's name goes with it
         SCOPED_TRACE(path);
         TakeCalls();
-        EXPECT_STATUS(STATUS_NOT_IMPLEMENTED, Open(path).Status);
-        EXPECT_EQ(TakeCalls(), (Lines{"Lookup \\", "OpenDir \\ 1", "Lookup \\link", "Close"}));
-        EXPECT_EQ(FcbCount(), 0u);
+        Handle file = OpenOrFail(path);
+        EXPECT_EQ(TakeCalls(),
+                  (Lines{"Lookup \\", "OpenDir \\ 1", "Lookup \\link", "Close", "ReadLink \\link", "Lookup \\",
+                         "OpenDir \\ 1", "Lookup \\file", "Open \\file 9", "AccessCheck \\file 2 1"}));
+        EXPECT_EQ(FcbCount(), 2u);
+        EXPECT_NE(Find("\\file"), nullptr);
     }
+    EXPECT_STATUS(STATUS_OBJECT_PATH_SYNTAX_BAD, Open("\\link\\below").Status);
+    EXPECT_EQ(FcbCount(), 0u);
 }
 
 } // namespace

@@ -3,8 +3,11 @@
 
 #include "open_volume.h"
 
+#include <optional>
+
 #include "frame/context.h"
 #include "frame/driver.h"
+#include "support/handmade.h"
 #include "volume/volume.h"
 
 namespace opening {
@@ -86,6 +89,7 @@ TEST_F(Protocol, RefusesCallsOnceAnUnmountIsRequested)
     EXPECT_EQ(Plugin().Unmounted(), 0u); // somebody has a file open
     EXPECT_STATUS(STATUS_ACCESS_DENIED, ReadOne(file.Get()));
     EXPECT_TRUE(Trace().Contains("GvAddrefThreadForPluginCall(): 0xc0000022\n"));
+    EXPECT_STATUS(STATUS_NOT_SUPPORTED, Open("\\file", {.Disposition = FILE_SUPERSEDE}).Status); // comes first
     EXPECT_STATUS(STATUS_ACCESS_DENIED, Open("\\file").Status);
     EXPECT_TRUE(Trace().Contains("GvPinVcbIfMounted(): failed: 0xc0000022\n"));
 
@@ -132,6 +136,49 @@ TEST_F(Protocol, MountWantsTheRightTable)
                                                         Text("\\??\\Opening"), nullptr, Plugin().Table(), &device));
     EXPECT_EQ(device, nullptr);
     OpenOrFail("\\file");
+}
+
+struct PlaceRow {
+    const char* What;
+    UCHAR Major;
+    UCHAR Minor;
+    bool Nested;
+    KIRQL Irql;
+    NTSTATUS Expected;
+};
+
+// Only a read may come from APC_LEVEL, where it goes to a worker. Closes have a file of their own.
+TEST_F(Protocol, JudgesWhereARequestComesFrom)
+{
+    const PlaceRow rows[] = {
+        {"read at APC_LEVEL", IRP_MJ_READ, 0, false, APC_LEVEL, STATUS_SUCCESS},
+        {"read above", IRP_MJ_READ, 0, false, DISPATCH_LEVEL, STATUS_UNSUCCESSFUL},
+        {"lock", IRP_MJ_LOCK_CONTROL, IRP_MN_LOCK, false, APC_LEVEL, STATUS_UNSUCCESSFUL},
+        {"listing", IRP_MJ_DIRECTORY_CONTROL, IRP_MN_QUERY_DIRECTORY, false, APC_LEVEL, STATUS_INVALID_PARAMETER},
+        {"listing above", IRP_MJ_DIRECTORY_CONTROL, IRP_MN_QUERY_DIRECTORY, false, DISPATCH_LEVEL, STATUS_UNSUCCESSFUL},
+        {"cleanup", IRP_MJ_CLEANUP, 0, false, APC_LEVEL, STATUS_UNSUCCESSFUL},
+        {"nested cleanup", IRP_MJ_CLEANUP, 0, true, PASSIVE_LEVEL, STATUS_INVALID_PARAMETER},
+    };
+    Handle file = OpenOrFail("\\file");
+    FileReference object(file.Get());
+    for (const PlaceRow& row : rows) {
+        SCOPED_TRACE(row.What);
+        char byte = 0;
+        support::HandMade request(Device(), object.Get(), row.Major, row.Minor);
+        request.Irp()->UserBuffer = &byte;
+        if (row.Major == IRP_MJ_READ) request.Stack()->Parameters.Read.Length = 1;
+        {
+            std::optional<support::InsideOtherWork> inside;
+            if (row.Nested) inside.emplace();
+            const support::AtIrql irql(row.Irql);
+            const NTSTATUS returned = request.Send();
+            EXPECT_STATUS(NT_SUCCESS(row.Expected) ? STATUS_PENDING : row.Expected, returned);
+        }
+        EXPECT_STATUS(row.Expected, request.Status());
+        EXPECT_EQ(byte, NT_SUCCESS(row.Expected) ? '0' : 0);
+    }
+    EXPECT_EQ(Find("\\file")->HandleCount, 1);
+    ExpectQuiet();
 }
 
 // A request whose file object was opened elsewhere never reaches an inner routine.
