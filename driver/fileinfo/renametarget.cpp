@@ -133,6 +133,18 @@ private:
     SECURITY_SUBJECT_CONTEXT subject_;
 };
 
+// A plugin without a decision of its own allows it.
+[[nodiscard]] NTSTATUS CheckMayDelete(IrpContext* context, PCUNICODE_STRING path, void* token)
+{
+    if (!context->Vcb->PluginOps->AccessCheck) return STATUS_SUCCESS;
+    constexpr ULONG kConstant = 2;
+    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, AccessCheck, path, kConstant, GVND_ACCESS_WRITE, &token);
+    if (!NT_SUCCESS(status)) {
+        GV_TRACE_AS("GvDeleteRenameTarget", GvTraceError, "plugin AccessCheck('delete'): 0x%x\n", status);
+    }
+    return status;
+}
+
 } // namespace
 
 NTSTATUS GvCheckRenameDestination(IrpContext* context, bool replaceIfExists, GvRenameDestination* destination)
@@ -147,13 +159,8 @@ NTSTATUS GvDeleteRenameTarget(IrpContext* context, PCUNICODE_STRING destination)
 {
     GV_TRACE(GvTraceFlow, "attempting to delete file for rename: %wZ\n", destination);
     const LockedSubject subject;
-    void* token = subject.Token();
-    constexpr ULONG kConstant = 2;
-    NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, AccessCheck, destination, kConstant, GVND_ACCESS_WRITE, &token);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE(GvTraceError, "plugin AccessCheck('delete'): 0x%x\n", status);
-        return status;
-    }
+    NTSTATUS status = CheckMayDelete(context, destination, subject.Token());
+    if (!NT_SUCCESS(status)) return status;
     status = GV_CALL_PLUGIN(context, nullptr, Delete, destination);
     if (!NT_SUCCESS(status)) {
         GV_TRACE(GvTraceError, "plugin Delete(): 0x%x\n", status);
