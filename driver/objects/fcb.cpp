@@ -171,13 +171,28 @@ NTSTATUS GvFcbDerefFcbAndParentChain(IrpContext* context, Fcb* fcb)
     return status;
 }
 
+namespace {
+
+void LeaveNameTree(IrpContext* context, Fcb* fcb)
+{
+    if (!GvTreeHasEntry(&fcb->TreeEntry)) return;
+    GvTreeRemoveEntryByVal(context->Vcb->FcbTables->NameTree, &fcb->TreeEntry);
+    Fcb* const parent = fcb->ParentFcb;
+    fcb->ParentFcb = nullptr;
+    if (parent) GvFcbDerefFcbAndParentChain(context, parent);
+}
+
+} // namespace
+
 NTSTATUS GvFcbReleaseFcb(IrpContext* context, Fcb* fcb)
 {
     if (!GvLoad(fcb->Deleted)) return GvFcbDerefFcbAndParentChain(context, fcb);
     // A deleted object has no parent, and its handle was closed before the delete: no chain and no call follow.
     if (InterlockedDecrement(&fcb->RefCount) != 0) return STATUS_SUCCESS;
     if (!fcb->OnDeletionTree) {
+        // A deletion that failed half way: the record stays, but neither its name nor its directory must.
         GV_TRACE(GvTraceError, "bad FCB.. not on deletion tree: 0x%x\n", fcb);
+        LeaveNameTree(context, fcb);
         return STATUS_UNSUCCESSFUL;
     }
     GvTreeRemoveEntryByVal(context->Vcb->FcbTables->DeletionTree, &fcb->TreeEntry);

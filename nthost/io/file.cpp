@@ -11,6 +11,7 @@
 #include "io/device.h"
 #include "io/finish.h"
 #include "io/request.h"
+#include "ke/thread.h"
 
 namespace nthost::io {
 
@@ -21,7 +22,10 @@ void SendClosing(PFILE_OBJECT file, UCHAR major)
 {
     PDEVICE_OBJECT const device = IoGetRelatedDeviceObject(file);
     IrpRecord* const record = NewFileIrp(file, device, major, IRP_CLOSE_OPERATION | IRP_SYNCHRONOUS_API);
-    if (record) (void)SendRequest(device, record);
+    if (!record) return;
+    ++ke::CurrentThread()->Closing;
+    (void)SendRequest(device, record);
+    --ke::CurrentThread()->Closing;
 }
 
 void SendCleanup(PFILE_OBJECT file)

@@ -50,6 +50,7 @@ struct _ETHREAD {
     NTSTATUS ExitStatus;
     std::vector<nthost::HeldLock> Held; // locks held now, in order of acquisition
     uint32_t DriverDepth;               // calls into driver code that are under way on this thread
+    uint32_t Closing;                   // cleanups and closes among them; no fault is injected there
     const char* DriverCall;             // the innermost of them, for reports
     PIRP CurrentIrp;                    // innermost request whose dispatch routine runs here
     std::atomic<uint32_t> WakeWord;     // the wait core parks on it; changed by wakers

@@ -24,8 +24,9 @@ inline bool FaultInjected(const char* routine)
 
 class FaultPlan {
 public:
-    // Fails the n-th call (from 1) of the routine, once; with repeat also all later ones. By default only calls made
-    // while driver code is running on the thread count, so that the host's own work is never hit.
+    // Fails the n-th call (from 1) of the routine, once; with repeat also all later ones. Only calls made while driver
+    // code is running on the thread count, so that the host's own work is never hit; and none in a cleanup or a close:
+    // a driver that could not do those would keep the file for good, with nobody to tell.
     FaultPlan(std::string routine, unsigned n, bool repeat = false);
     ~FaultPlan();
     FaultPlan(const FaultPlan&) = delete;
