@@ -49,16 +49,6 @@ struct CreateArguments {
     return status;
 }
 
-[[nodiscard]] NTSTATUS ReferenceRoot(HANDLE root, KPROCESSOR_MODE mode, PFILE_OBJECT* related)
-{
-    *related = nullptr;
-    if (!root) return STATUS_SUCCESS;
-    void* object;
-    const NTSTATUS status = ObReferenceObjectByHandle(root, 0, *IoFileObjectType, mode, &object, nullptr);
-    if (NT_SUCCESS(status)) *related = static_cast<PFILE_OBJECT>(object);
-    return status;
-}
-
 NTSTATUS ReturnFile(const CreateArguments& arguments, ULONG attributes, const OpenedFile& opened)
 {
     PFILE_OBJECT const file = opened.File;
@@ -85,6 +75,18 @@ NTSTATUS OpenAndReturn(const CreateArguments& arguments, const OpenParameters& o
     return NT_SUCCESS(returned) ? status : returned;
 }
 
+NTSTATUS Open(const CreateArguments& arguments, OpenParameters& open)
+{
+    zw::CapturedAttributes captured;
+    NTSTATUS status = ReadArguments(arguments, &open, &captured);
+    if (!NT_SUCCESS(status)) return status;
+    status = ReferenceRelated(captured.RootDirectory, arguments.Mode, &open.Related);
+    if (!NT_SUCCESS(status)) return status;
+    status = OpenAndReturn(arguments, open);
+    if (open.Related) ObDereferenceObject(open.Related);
+    return status;
+}
+
 NTSTATUS CreateFile(KPROCESSOR_MODE mode, PHANDLE handle, ACCESS_MASK desiredAccess, POBJECT_ATTRIBUTES attributes,
                     PIO_STATUS_BLOCK statusBlock, PLARGE_INTEGER allocationSize, ULONG fileAttributes,
                     ULONG shareAccess, ULONG disposition, ULONG options, PVOID eaBuffer, ULONG eaLength)
@@ -98,15 +100,21 @@ NTSTATUS CreateFile(KPROCESSOR_MODE mode, PHANDLE handle, ACCESS_MASK desiredAcc
     open.ShareAccess = shareAccess;
     open.Disposition = disposition;
     open.Options = options;
-    zw::CapturedAttributes captured;
-    NTSTATUS status = ReadArguments(arguments, &open, &captured);
-    if (!NT_SUCCESS(status)) return status;
-    status = ReferenceRoot(captured.RootDirectory, mode, &open.Related);
-    if (!NT_SUCCESS(status)) return status;
+    return Open(arguments, open);
+}
 
-    status = OpenAndReturn(arguments, open);
-    if (open.Related) ObDereferenceObject(open.Related);
-    return status;
+// A create that only opens.
+NTSTATUS OpenExisting(KPROCESSOR_MODE mode, PHANDLE handle, ACCESS_MASK desiredAccess, POBJECT_ATTRIBUTES attributes,
+                      PIO_STATUS_BLOCK statusBlock, ULONG shareAccess, ULONG options)
+{
+    const CreateArguments arguments{mode, handle, attributes, statusBlock, nullptr, nullptr, 0};
+    OpenParameters open{};
+    open.Mode = mode;
+    open.DesiredAccess = desiredAccess;
+    open.ShareAccess = shareAccess;
+    open.Disposition = FILE_OPEN;
+    open.Options = options;
+    return Open(arguments, open);
 }
 
 } // namespace
@@ -119,3 +127,7 @@ NTHOST_SERVICE_PAIR(CreateFile, nthost::io::CreateFile,
                      ULONG ShareAccess, ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer, ULONG EaLength),
                     FileHandle, DesiredAccess, ObjectAttributes, IoStatusBlock, AllocationSize, FileAttributes,
                     ShareAccess, CreateDisposition, CreateOptions, EaBuffer, EaLength)
+NTHOST_SERVICE_PAIR(OpenFile, nthost::io::OpenExisting,
+                    (PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
+                     PIO_STATUS_BLOCK IoStatusBlock, ULONG ShareAccess, ULONG OpenOptions),
+                    FileHandle, DesiredAccess, ObjectAttributes, IoStatusBlock, ShareAccess, OpenOptions)

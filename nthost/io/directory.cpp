@@ -1,5 +1,4 @@
 // Directory listings and change notification. A search name is captured with the request and lives as long as it does.
-#include <cstdlib>
 #include <cstring>
 
 #include "io/request.h"
@@ -40,7 +39,7 @@ constexpr ListingRecord Records[] = {
 {
     if (name.Empty()) return STATUS_SUCCESS;
     const USHORT length = name.Get()->Length;
-    auto* const copy = static_cast<UNICODE_STRING*>(malloc(sizeof(UNICODE_STRING) + length));
+    auto* const copy = static_cast<UNICODE_STRING*>(NewSystemBuffer(sizeof(UNICODE_STRING) + length));
     if (!copy) return STATUS_INSUFFICIENT_RESOURCES;
     copy->Length = copy->MaximumLength = length;
     copy->Buffer = reinterpret_cast<PWCH>(copy + 1);
@@ -48,13 +47,6 @@ constexpr ListingRecord Records[] = {
     request.Irp()->Tail.Overlay.AuxiliaryBuffer = reinterpret_cast<PCHAR>(copy);
     request.Location()->Parameters.QueryDirectory.FileName = copy;
     return STATUS_SUCCESS;
-}
-
-[[nodiscard]] NTSTATUS AttachListingBuffer(Request& request, void* buffer, ULONG length)
-{
-    if (request.Device()->Flags & DO_BUFFERED_IO) return request.Buffered(nullptr, 0, buffer, length);
-    request.Neither(buffer);
-    return request.Device()->Flags & DO_DIRECT_IO ? request.Direct(buffer, length, IoWriteAccess) : STATUS_SUCCESS;
 }
 
 NTSTATUS QueryDirectory(KPROCESSOR_MODE mode, HANDLE file, HANDLE event, PIO_APC_ROUTINE apcRoutine, PVOID apcContext,
@@ -80,7 +72,7 @@ NTSTATUS QueryDirectory(KPROCESSOR_MODE mode, HANDLE file, HANDLE event, PIO_APC
         static_cast<UCHAR>((restart ? SL_RESTART_SCAN : 0) | (single ? SL_RETURN_SINGLE_ENTRY : 0));
     status = AttachName(request, name);
     if (!NT_SUCCESS(status)) return status;
-    status = AttachListingBuffer(request, buffer, length);
+    status = request.Output(buffer, length);
     return NT_SUCCESS(status) ? request.Issue() : status;
 }
 
@@ -100,7 +92,7 @@ NTSTATUS NotifyChange(KPROCESSOR_MODE mode, HANDLE file, HANDLE event, PIO_APC_R
     notify.Length = length;
     notify.CompletionFilter = filter;
     request.Location()->Flags = watchTree ? SL_WATCH_TREE : 0;
-    status = AttachListingBuffer(request, buffer, length);
+    status = request.Output(buffer, length);
     return NT_SUCCESS(status) ? request.Issue() : status;
 }
 

@@ -162,6 +162,16 @@ NTSTATUS OpenOnce(const OpenParameters& open, OpenedFile* opened)
 
 } // namespace
 
+NTSTATUS ReferenceRelated(HANDLE root, KPROCESSOR_MODE mode, PFILE_OBJECT* related)
+{
+    *related = nullptr;
+    if (!root) return STATUS_SUCCESS;
+    void* object;
+    const NTSTATUS status = ObReferenceObjectByHandle(root, 0, *IoFileObjectType, mode, &object, nullptr);
+    if (NT_SUCCESS(status)) *related = static_cast<PFILE_OBJECT>(object);
+    return status;
+}
+
 NTSTATUS OpenFile(const OpenParameters& open, OpenedFile* opened)
 {
     NTSTATUS status = OpenOnce(open, opened);

@@ -25,6 +25,9 @@ struct OpenedFile {
     IO_STATUS_BLOCK Result;
 };
 
+// The file object that a name is to be relative to, referenced; null for no handle.
+[[nodiscard]] NTSTATUS ReferenceRelated(HANDLE root, KPROCESSOR_MODE mode, PFILE_OBJECT* related);
+
 // STATUS_INVALID_PARAMETER for combinations that no file system gets to see.
 [[nodiscard]] NTSTATUS CheckOpenParameters(const OpenParameters& open);
 

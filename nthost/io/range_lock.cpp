@@ -1,7 +1,5 @@
 // Byte-range locks: the services. The range travels in memory that belongs to the request, since a lock can wait long
 // after its caller's call has returned.
-#include <cstdlib>
-
 #include "io/request.h"
 #include "io/service.h"
 #include "zw/capture.h"
@@ -29,7 +27,7 @@ struct Range {
     if (!(request.Granted() & (FILE_READ_DATA | FILE_WRITE_DATA))) return STATUS_ACCESS_DENIED;
     NTSTATUS status = request.Build(IRP_MJ_LOCK_CONTROL, minor);
     if (!NT_SUCCESS(status)) return status;
-    auto* const length = static_cast<LARGE_INTEGER*>(malloc(sizeof(LARGE_INTEGER)));
+    auto* const length = static_cast<LARGE_INTEGER*>(NewSystemBuffer(sizeof(LARGE_INTEGER)));
     if (!length) return STATUS_INSUFFICIENT_RESOURCES;
     *length = range.Length;
     request.Irp()->Tail.Overlay.AuxiliaryBuffer = reinterpret_cast<PCHAR>(length);

@@ -6,6 +6,8 @@
 #include <cstdlib>
 #include <utility>
 
+#include <nthost/faults.h>
+
 #include "io/file.h"
 #include "io/finish.h"
 #include "io/outstanding.h"
@@ -14,6 +16,8 @@
 #include "zw/capture.h"
 
 namespace nthost::io {
+
+void* NewSystemBuffer(size_t size) { return FaultInjected("ExAllocatePoolWithQuotaTag") ? nullptr : malloc(size); }
 
 IrpRecord* NewFileIrp(PFILE_OBJECT file, PDEVICE_OBJECT device, UCHAR major, ULONG flags)
 {
@@ -74,6 +78,11 @@ NTSTATUS Request::Open(const ServiceCaller& caller, HANDLE file, ACCESS_MASK acc
     return ReferenceEvent(caller.Event);
 }
 
+NTSTATUS Request::RequireAny(ACCESS_MASK access) const
+{
+    return mode_ == KernelMode || (granted_ & access) ? STATUS_SUCCESS : STATUS_ACCESS_DENIED;
+}
+
 NTSTATUS Request::Build(UCHAR major, UCHAR minor)
 {
     const bool synchronousFile = file_->Flags & FO_SYNCHRONOUS_IO;
@@ -105,7 +114,7 @@ NTSTATUS Request::Buffered(const void* input, ULONG inputLength, void* output, U
     record_->OutputLength = outputLength;
     const ULONG size = std::max(inputLength, outputLength);
     if (size == 0) return STATUS_SUCCESS;
-    void* const buffer = malloc(size);
+    void* const buffer = NewSystemBuffer(size);
     if (!buffer) return STATUS_INSUFFICIENT_RESOURCES;
     irp->AssociatedIrp.SystemBuffer = buffer;
     irp->Flags |= IRP_BUFFERED_IO | IRP_DEALLOCATE_BUFFER | (outputLength ? IRP_INPUT_OPERATION : 0);
@@ -120,13 +129,27 @@ NTSTATUS Request::Direct(void* buffer, ULONG length, LOCK_OPERATION operation)
     return mm::Guarded([&] { MmProbeAndLockPages(mdl, mode_, operation); });
 }
 
+NTSTATUS Request::Output(void* buffer, ULONG length)
+{
+    if (device_->Flags & DO_BUFFERED_IO) return Buffered(nullptr, 0, buffer, length);
+    Neither(buffer);
+    return device_->Flags & DO_DIRECT_IO ? Direct(buffer, length, IoWriteAccess) : STATUS_SUCCESS;
+}
+
+NTSTATUS Request::Input(void* buffer, ULONG length)
+{
+    if (device_->Flags & DO_BUFFERED_IO) return Buffered(buffer, length, nullptr, 0);
+    Neither(buffer);
+    return device_->Flags & DO_DIRECT_IO ? Direct(buffer, length, IoReadAccess) : STATUS_SUCCESS;
+}
+
 NTSTATUS Request::Issue()
 {
     IrpRecord* const record = std::exchange(record_, nullptr);
     event_ = nullptr; // the record's now
     if (record->How == Issue::Asynchronous) file_ = nullptr;
     Enlist(record);
-    return SendRequest(device_, record);
+    return SendRequest(device_, record, &result_);
 }
 
 } // namespace nthost::io

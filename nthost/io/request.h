@@ -34,6 +34,8 @@ public:
     PFILE_OBJECT File() const { return file_; }
     PDEVICE_OBJECT Device() const { return device_; }
     ACCESS_MASK Granted() const { return granted_; }
+    // For rights of which one is enough; kernel-mode callers need none.
+    [[nodiscard]] NTSTATUS RequireAny(ACCESS_MASK access) const;
 
     // Takes the file object's lock if it is for synchronous I/O, clears the events, makes the packet.
     [[nodiscard]] NTSTATUS Build(UCHAR major, UCHAR minor = 0);
@@ -47,9 +49,14 @@ public:
     [[nodiscard]] NTSTATUS Direct(void* buffer, ULONG length, LOCK_OPERATION operation);
     // The caller's address as it is.
     void Neither(void* buffer) { Irp()->UserBuffer = buffer; }
+    // What the driver fills, or reads, by the way that its device asks for.
+    [[nodiscard]] NTSTATUS Output(void* buffer, ULONG length);
+    [[nodiscard]] NTSTATUS Input(void* buffer, ULONG length);
 
     // The service's status: the request's own, or STATUS_PENDING if it is asynchronous and still out.
     NTSTATUS Issue();
+    // Of an issued request that was waited for.
+    const IO_STATUS_BLOCK& Result() const { return result_; }
 
 private:
     [[nodiscard]] NTSTATUS ReferenceEvent(HANDLE event);
@@ -64,8 +71,13 @@ private:
     ACCESS_MASK granted_ = 0;
     PKEVENT event_ = nullptr;
     IrpRecord* record_ = nullptr;
+    IO_STATUS_BLOCK result_{};
     bool fileLocked_ = false;
 };
+
+// Memory that goes with a request: a system buffer, or what a service captured for the request's whole life. Given back
+// by free, and so by the request's end. Null without memory.
+void* NewSystemBuffer(size_t size);
 
 // A packet for the device with its first location filled in, waited for by its issuer and made in kernel mode for the
 // current thread: the base of every request on a file object. Null without memory.

@@ -23,6 +23,8 @@ NTSTATUS CopyFromUser(void* to, const void* from, size_t length, ULONG alignment
         memcpy(to, from, length);
         return STATUS_SUCCESS;
     }
+    // Nothing is ever mapped there, and memcpy takes a null as a promise.
+    if (!from) return length ? STATUS_ACCESS_VIOLATION : STATUS_SUCCESS;
     return Guarded([&] {
         ProbeForRead(from, length, alignment);
         memcpy(to, from, length);
@@ -35,6 +37,7 @@ NTSTATUS CopyToUser(void* to, const void* from, size_t length, ULONG alignment, 
         memcpy(to, from, length);
         return STATUS_SUCCESS;
     }
+    if (!to) return length ? STATUS_ACCESS_VIOLATION : STATUS_SUCCESS;
     return Guarded([&] {
         // The range only: the copy itself finds out whether the pages can be written.
         ProbeForRead(to, length, alignment);

@@ -68,6 +68,8 @@ NT_SERVICE(CreateFile,
            (PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
             PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER AllocationSize, ULONG FileAttributes, ULONG ShareAccess,
             ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer, ULONG EaLength));
+NT_SERVICE(OpenFile, (PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
+                      PIO_STATUS_BLOCK IoStatusBlock, ULONG ShareAccess, ULONG OpenOptions));
 NT_SERVICE(Close, (HANDLE Handle));
 NT_SERVICE(DeviceIoControlFile, (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                                  PIO_STATUS_BLOCK IoStatusBlock, ULONG IoControlCode, PVOID InputBuffer,
@@ -78,6 +80,19 @@ NT_SERVICE(ReadFile,
            (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
             PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset, PULONG Key));
 #define FILE_USE_FILE_POINTER_POSITION 0xfffffffe
+// As ReadFile; an offset of -1 (FILE_WRITE_TO_END_OF_FILE) appends, and a handle without FILE_WRITE_DATA always does.
+NT_SERVICE(WriteFile,
+           (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+            PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset, PULONG Key));
+#define FILE_WRITE_TO_END_OF_FILE 0xffffffff
+// STATUS_INVALID_INFO_CLASS, STATUS_INFO_LENGTH_MISMATCH below the class's fixed size. FilePositionInformation of a
+// file object for synchronous I/O, and FileModeInformation, do not reach the driver.
+NT_SERVICE(QueryInformationFile, (HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
+                                  ULONG Length, FILE_INFORMATION_CLASS FileInformationClass));
+// A rename or link to a path (a leading backslash, or a RootDirectory) opens the target's directory first:
+// STATUS_NOT_SAME_DEVICE, STATUS_OBJECT_NAME_COLLISION without ReplaceIfExists, or what that open gave.
+NT_SERVICE(SetInformationFile, (HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation, ULONG Length,
+                                FILE_INFORMATION_CLASS FileInformationClass));
 // STATUS_INVALID_INFO_CLASS for a class without records, STATUS_INFO_LENGTH_MISMATCH for a buffer without room for the
 // fixed part of one.
 NT_SERVICE(QueryDirectoryFile, (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
