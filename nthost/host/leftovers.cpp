@@ -86,7 +86,8 @@ void CollectPool(const Departure& departure, Lines* lines)
 void CollectRequests(const Departure& departure, Lines* lines)
 {
     const auto& devices = departure.Devices;
-    for (const io::OutstandingIrp& irp : io::OutstandingIrps()) {
+    // Other drivers may be at work on requests of theirs.
+    for (const io::OutstandingIrp& irp : io::OutstandingIrps(departure.IsLast ? nullptr : &devices)) {
         const bool isOwn = std::find(devices.begin(), devices.end(), irp.Device) != devices.end();
         if (!departure.IsLast && !isOwn) continue;
         lines->push_back("request still out: " + irp.Text + "\n" + irp.Stack);

@@ -3,6 +3,7 @@
 // records is under its own lock; records are made rarely and never given back.
 #include "io/irp.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -188,12 +189,17 @@ std::string DescribeIrp(PIRP irp)
                   static_cast<void*>(location->FileObject));
 }
 
-std::vector<OutstandingIrp> OutstandingIrps()
+std::vector<OutstandingIrp> OutstandingIrps(const std::vector<PDEVICE_OBJECT>* sentTo)
 {
+    const auto isMeant = [sentTo](const IrpRecord& record) {
+        if (record.State.load(std::memory_order_acquire) == IrpState::Free) return false;
+        PDEVICE_OBJECT const device = record.Device.load(std::memory_order_relaxed);
+        return !sentTo || std::find(sentTo->begin(), sentTo->end(), device) != sentTo->end();
+    };
     std::vector<OutstandingIrp> found;
     const std::lock_guard hold(g_lock);
     for (IrpRecord* record : Registry())
-        if (record->State.load(std::memory_order_acquire) != IrpState::Free)
+        if (isMeant(*record))
             found.push_back({DeviceOf(&record->Irp), DescribeIrp(&record->Irp),
                              NTHOST_CHECKS ? StackText(record->AllocatedAt) : ""});
     return found;

@@ -79,8 +79,9 @@ struct OutstandingIrp {
     std::string Text;
     std::string Stack;
 };
-// Requests that are allocated now. Their descriptions are read without a lock: call when nothing runs.
-std::vector<OutstandingIrp> OutstandingIrps();
+// Requests that are allocated now; with sentTo, those whose last device is one of these. They are described without a
+// lock, so nothing may run that moves them; other devices' requests are not looked into.
+std::vector<OutstandingIrp> OutstandingIrps(const std::vector<PDEVICE_OBJECT>* sentTo = nullptr);
 // Takes what is outstanding out of later reports.
 void AbandonOutstandingIrps();
 
