@@ -13,6 +13,7 @@
 namespace {
 
 constexpr char kName[] = "GvDoQueryEa";
+constexpr char kByIndex[] = "GvQueryEaByIndex";
 constexpr ULONG kFirstIndex = 1;
 
 struct EaQuery {
@@ -29,10 +30,10 @@ GvEaList StartOf(const EaQuery& query)
     return {.Cursor = query.Buffer, .Previous = nullptr, .Remaining = query.Length};
 }
 
-ULONG Placed(const EaQuery& query, const GvEaList& list)
+ULONG Placed(const char* function, const EaQuery& query, const GvEaList& list)
 {
     const ULONG bytes = query.Length - list.Remaining;
-    GV_TRACE_AS(kName, GvTraceFlow, "returning %d bytes of data\n", bytes);
+    GV_TRACE_AS(function, GvTraceFlow, "returning %d bytes of data\n", bytes);
     return bytes;
 }
 
@@ -51,15 +52,15 @@ ULONG Placed(const EaQuery& query, const GvEaList& list)
 [[nodiscard]] NTSTATUS CheckIndex(const Fcb* fcb, ULONG index, ULONG count)
 {
     if (count == 0) {
-        GV_TRACE_AS("GvQueryEaByIndex", GvTraceError, "no ea's on file: 0x%x\n", fcb);
+        GV_TRACE_AS(kByIndex, GvTraceError, "no ea's on file: 0x%x\n", fcb);
         return STATUS_NO_EAS_ON_FILE;
     }
     if (index <= count) return STATUS_SUCCESS;
     if (index == count + 1) {
-        GV_TRACE_AS("GvQueryEaByIndex", GvTraceNotable, "done traversing ea's, index: %d\n", index);
+        GV_TRACE_AS(kByIndex, GvTraceNotable, "done traversing ea's, index: %d\n", index);
         return STATUS_NO_MORE_EAS;
     }
-    GV_TRACE_AS("GvQueryEaByIndex", GvTraceError, "bad ea-index %d specified\n", index);
+    GV_TRACE_AS(kByIndex, GvTraceError, "bad ea-index %d specified\n", index);
     return STATUS_NONEXISTENT_EA_ENTRY;
 }
 
@@ -72,7 +73,7 @@ ULONG Placed(const EaQuery& query, const GvEaList& list)
         GvEaValue value;
         NTSTATUS status = GvGetEaFromPlugin(context, query.Object, GvLoad(query.Object->PluginFd), name, &value);
         if (!NT_SUCCESS(status)) {
-            GV_TRACE_AS("GvQueryEaByIndex", GvTraceError, "unable to query ea: %s, err: 0x%x\n", name, status);
+            GV_TRACE_AS(kByIndex, GvTraceError, "unable to query ea: %s, err: 0x%x\n", name, status);
             return status;
         }
         const ULONG nameLength = GvEaNameLength(name);
@@ -80,7 +81,7 @@ ULONG Placed(const EaQuery& query, const GvEaList& list)
         if (*query.Faulted) return status;
         if (!NT_SUCCESS(status)) {
             if (status == STATUS_BUFFER_OVERFLOW) *information = query.Length - list.Remaining;
-            GV_TRACE_AS("GvQueryEaByIndex", GvTraceError, "GvAppendEaNameValToFullEaInfo(): 0x%x, len: %d\n", status,
+            GV_TRACE_AS(kByIndex, GvTraceError, "GvAppendEaNameValToFullEaInfo(): 0x%x, len: %d\n", status,
                         value.Length);
             return status;
         }
@@ -88,7 +89,7 @@ ULONG Placed(const EaQuery& query, const GvEaList& list)
         if (query.ReturnSingleEntry) break;
         name += nameLength + 1;
     }
-    *information = Placed(query, list);
+    *information = Placed(kByIndex, query, list);
     return STATUS_SUCCESS;
 }
 
@@ -202,7 +203,7 @@ constexpr char kByList[] = "GvQueryEaByUserEaList";
         status = AppendEntry(context, query, list, &output);
         if (!NT_SUCCESS(status)) break;
         if (query.ReturnSingleEntry || list.NextEntryOffset() == 0) {
-            *information = Placed(query, output);
+            *information = Placed(__func__, query, output);
             return status;
         }
         status = MoveToNext(&list);
