@@ -76,6 +76,7 @@ LONGLONG EndOf(const WriteRequest& write)
 struct Chunk {
     UCHAR* Buffer;
     ULONG Size;
+    bool* Faulted; // the caller's memory raised: said once, as what it is
 };
 
 // Ends early when the plugin takes less than it is offered. The caller's memory is touched outside of any plugin call.
@@ -88,7 +89,8 @@ struct Chunk {
         const ULONG left = write->Length - written;
         const ULONG size = left < chunk.Size ? left : chunk.Size;
         const UCHAR* const source = buffer + written;
-        if (!GvGuarded([&chunk, source, size] { RtlCopyMemory(chunk.Buffer, source, size); })) return BadUserBuffer();
+        *chunk.Faulted = !GvGuarded([&chunk, source, size] { RtlCopyMemory(chunk.Buffer, source, size); });
+        if (*chunk.Faulted) return BadUserBuffer();
         const auto offset = static_cast<LONGLONG>(static_cast<ULONGLONG>(write->Offset) + written);
         ULONG taken = size;
         const void* const data = chunk.Buffer;
@@ -115,9 +117,11 @@ struct Chunk {
         GV_TRACE_AS(kName, GvTraceError, "ERR allocating chunk buf: out-of-mem\n");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    status = GvPerformChunkedTopLevelWrite(context, write, buffer, {.Buffer = chunk.Get(), .Size = size});
+    bool faulted = false;
+    status = GvPerformChunkedTopLevelWrite(context, write, buffer,
+                                           {.Buffer = chunk.Get(), .Size = size, .Faulted = &faulted});
     if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS(kName, "GvPerformChunkedTopLevelWrite", status);
+        if (!faulted) GV_TRACE_FAILED_AS(kName, "GvPerformChunkedTopLevelWrite", status);
         return status;
     }
     Ccb* const ccb = GvCcbOf(write->FileObject);
