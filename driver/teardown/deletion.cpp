@@ -47,8 +47,8 @@ constexpr char kName[] = "GvPerformDeletion";
 [[nodiscard]] NTSTATUS ClosePluginFd(IrpContext* context, Fcb* fcb)
 {
     const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, Close, fcb->PluginFd);
+    GvStore(fcb->PluginFdClosed, 1); // first: a nested read that finds no handle must find the gate shut
     GvStore(fcb->PluginFd, 0);
-    GvStore(fcb->PluginFdClosed, 1);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "Close", status);
     return status;
 }
