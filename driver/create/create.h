@@ -54,9 +54,13 @@ struct WalkResult {
 // The record is one block for the caller to free.
 [[nodiscard]] NTSTATUS GvPerformLookupOnPlugin(IrpContext* context, PCUNICODE_STRING path,
                                                GvBlock<PluginFileInfo>* info, PluginAccessMask* maxAccess);
-// A file for GvFile, else a directory.
-[[nodiscard]] NTSTATUS GvOpenFromPlugin(IrpContext* context, ULONG type, PCUNICODE_STRING path, PluginAccessMask access,
-                                        PluginFd* fd);
+[[nodiscard]] NTSTATUS GvOpenFileFromPlugin(IrpContext* context, PCUNICODE_STRING path, PluginAccessMask access,
+                                            PluginFd* fd);
+[[nodiscard]] NTSTATUS GvOpenDirFromPlugin(IrpContext* context, PCUNICODE_STRING path, PluginAccessMask access,
+                                           PluginFd* fd);
+// The first for GvFile, else the second; a failure is traced as function's step.
+[[nodiscard]] NTSTATUS GvOpenFromPlugin(const char* function, IrpContext* context, ULONG type, PCUNICODE_STRING path,
+                                        PluginAccessMask access, PluginFd* fd);
 
 // STATUS_ACCESS_DENIED if the mask does not cover the access. Execute is tested on files only.
 [[nodiscard]] NTSTATUS GvCheckDesiredAccessWithFcbMaxAccess(ULONG type, ACCESS_MASK desired, PluginAccessMask mask);

@@ -20,11 +20,8 @@ NTSTATUS GvReopenPluginFdIfRequired(IrpContext* context, PCUNICODE_STRING path, 
         return status;
     }
     PluginFd fd = 0;
-    status = GvOpenFromPlugin(context, fcb->FcbType, path, maxAccess, &fd);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvOpenFromPlugin", status);
-        return status;
-    }
+    status = GvOpenFromPlugin(__func__, context, fcb->FcbType, path, maxAccess, &fd);
+    if (!NT_SUCCESS(status)) return status;
     const NTSTATUS closed = GV_CALL_PLUGIN(context, fcb, Close, fcb->PluginFd);
     if (!NT_SUCCESS(closed)) GV_TRACE_FAILED("Close", closed);
 

@@ -25,15 +25,30 @@ NTSTATUS GvPerformLookupOnPlugin(IrpContext* context, PCUNICODE_STRING path, GvB
     return status;
 }
 
-NTSTATUS GvOpenFromPlugin(IrpContext* context, ULONG type, PCUNICODE_STRING path, PluginAccessMask access, PluginFd* fd)
+NTSTATUS GvOpenFileFromPlugin(IrpContext* context, PCUNICODE_STRING path, PluginAccessMask access, PluginFd* fd)
 {
-    if (type == GvFile) {
-        const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, Open, path, access, fd);
-        if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "plugin->Open() failed: 0x%x\n", status);
-        return status;
-    }
+    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, Open, path, access, fd);
+    if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "plugin->Open() failed: 0x%x\n", status);
+    return status;
+}
+
+NTSTATUS GvOpenDirFromPlugin(IrpContext* context, PCUNICODE_STRING path, PluginAccessMask access, PluginFd* fd)
+{
     const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, OpenDir, path, access, fd);
     if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "plugin->OpenDir() failed: 0x%x\n", status);
+    return status;
+}
+
+NTSTATUS GvOpenFromPlugin(const char* function, IrpContext* context, ULONG type, PCUNICODE_STRING path,
+                          PluginAccessMask access, PluginFd* fd)
+{
+    if (type == GvFile) {
+        const NTSTATUS status = GvOpenFileFromPlugin(context, path, access, fd);
+        if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(function, "GvOpenFileFromPlugin", status);
+        return status;
+    }
+    const NTSTATUS status = GvOpenDirFromPlugin(context, path, access, fd);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(function, "GvOpenDirFromPlugin", status);
     return status;
 }
 
@@ -67,12 +82,9 @@ PluginAccessMask FirstAccess(ULONG type, PluginAccessMask maxAccess)
 
 [[nodiscard]] NTSTATUS OpenAndEnter(IrpContext* context, PCUNICODE_STRING path, GvFcbInitialState state, Fcb** fcb)
 {
-    NTSTATUS status = GvOpenFromPlugin(context, state.Type, path, state.PluginFdCurrentAccess, &state.PluginFd);
-    if (!NT_SUCCESS(status)) {
-        // Whatever a failed open has written is no handle.
-        GV_TRACE_FAILED_AS(kGetOrAlloc, "GvOpenFromPlugin", status);
-        return status;
-    }
+    NTSTATUS status =
+        GvOpenFromPlugin(kGetOrAlloc, context, state.Type, path, state.PluginFdCurrentAccess, &state.PluginFd);
+    if (!NT_SUCCESS(status)) return status; // whatever a failed open has written is no handle
     status = GvFcbCreateNewFcb(context->Vcb->FcbTables, path, state, fcb);
     if (NT_SUCCESS(status)) return status;
     GV_TRACE_FAILED_AS(kGetOrAlloc, "GvFcbCreateNewFcb", status);

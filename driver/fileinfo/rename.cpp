@@ -192,7 +192,9 @@ constexpr char kNotify[] = "GvNotifyPluginForRename";
         return STATUS_INVALID_PARAMETER;
     }
     PluginFd fd = 0;
-    const NTSTATUS status = GvOpenFromPlugin(context, fcb->FcbType, path, fcb->MaxAllowedAccess, &fd);
+    const PluginAccessMask access = fcb->MaxAllowedAccess;
+    const NTSTATUS status = fcb->FcbType == GvDirectory ? GV_CALL_PLUGIN(context, nullptr, OpenDir, path, access, &fd)
+                                                        : GV_CALL_PLUGIN(context, nullptr, Open, path, access, &fd);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kNotify, GvTraceError, "cumulative OpenDir/Open(type: %d): perm: 0x%x, 0x%x\n", fcb->FcbType,
                     fcb->MaxAllowedAccess, status);
