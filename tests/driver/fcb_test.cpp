@@ -92,10 +92,15 @@ TEST_F(Fcbs, TheLastReferenceOnADeletedObjectWithoutATreeLeavesIt)
     Fcb* const fcb = Find("\\file");
     MarkDeleted(fcb);
     AsARequest([&](IrpContext* context) {
+        // What a deletion leaves that could not enter the deletion tree.
+        GvTree* const tree = context->Vcb->FcbTables->DeletionTree;
+        GvTreeRemoveEntryByVal(tree, &fcb->TreeEntry);
         fcb->OnDeletionTree = 0;
         fcb->RefCount = 1;
         EXPECT_STATUS(STATUS_UNSUCCESSFUL, GvFcbReleaseFcb(context, fcb));
         EXPECT_TRUE(Trace().Contains("bad FCB.. not on deletion tree: 0x"));
+        const UNICODE_STRING key = GvLiteral(L"\\any");
+        EXPECT_STATUS(STATUS_SUCCESS, GvTreeAddEntry(tree, &key, &fcb->TreeEntry));
         fcb->OnDeletionTree = 1;
         fcb->RefCount = 1; // the file object's
     });
