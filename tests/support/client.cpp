@@ -2,6 +2,8 @@
 
 #include "support/client.h"
 
+#include <cstring>
+
 #include <gtest/gtest.h>
 #include <nthost/debug.h>
 
@@ -29,16 +31,21 @@ OpenResult Open(const std::string& path, const OpenRequest& request)
     InitializeObjectAttributes(&attributes, name, flags, request.Root, nullptr);
     IO_STATUS_BLOCK statusBlock = {};
     HANDLE handle = nullptr;
+    LARGE_INTEGER allocation;
+    allocation.QuadPart = request.AllocationSize;
+    const std::string list = request.Eas ? *request.Eas : std::string();
+    std::vector<uint64_t> eas(list.size() / sizeof(uint64_t) + 1); // aligned
+    std::memcpy(eas.data(), list.data(), list.size());
     const auto create = request.Kernel ? ZwCreateFile : NtCreateFile;
-    const NTSTATUS status = create(&handle, request.Access, &attributes, &statusBlock, nullptr, request.Attributes,
-                                   request.Share, request.Disposition, request.Options, nullptr, 0);
+    const NTSTATUS status = create(&handle, request.Access, &attributes, &statusBlock, &allocation, request.Attributes,
+                                   request.Share, request.Disposition, request.Options,
+                                   list.empty() ? nullptr : eas.data(), static_cast<ULONG>(list.size()));
     return {status, statusBlock.Information, Handle(NT_SUCCESS(status) ? handle : nullptr)};
 }
 
 Event::Event()
 {
-    const NTSTATUS status =
-        NtCreateEvent(handle_.Out(), EVENT_ALL_ACCESS, nullptr, SynchronizationEvent, FALSE);
+    const NTSTATUS status = NtCreateEvent(handle_.Out(), EVENT_ALL_ACCESS, nullptr, SynchronizationEvent, FALSE);
     EXPECT_EQ(status, STATUS_SUCCESS);
 }
 
@@ -133,9 +140,9 @@ Listing List(HANDLE directory, const std::string& pattern, ULONG bufferLength)
     Listing listing = {};
     for (BOOLEAN restart = TRUE;; restart = FALSE) {
         IO_STATUS_BLOCK statusBlock = {};
-        listing.Status = NtQueryDirectoryFile(directory, nullptr, nullptr, nullptr, &statusBlock, buffer.data(),
-                                              bufferLength, FileNamesInformation, FALSE,
-                                              pattern.empty() ? nullptr : expression.Get(), restart);
+        listing.Status =
+            NtQueryDirectoryFile(directory, nullptr, nullptr, nullptr, &statusBlock, buffer.data(), bufferLength,
+                                 FileNamesInformation, FALSE, pattern.empty() ? nullptr : expression.Get(), restart);
         if (listing.Status != STATUS_SUCCESS) return listing;
         AddNames(reinterpret_cast<const char*>(buffer.data()), &listing.Names);
     }

@@ -55,6 +55,8 @@ struct OpenRequest {
     ULONG Attributes = 0;
     HANDLE Root = nullptr;
     bool Kernel = false; // Zw, with a kernel handle
+    LONGLONG AllocationSize = 0;
+    const std::string* Eas = nullptr; // a list, see EaList in support/file.h
 };
 
 struct OpenResult {

@@ -1,0 +1,178 @@
+// Deletion at the last handle: who asks, who takes it back, what refuses, and what is left when the plugin fails.
+
+#include "open_volume.h"
+
+#include "support/file.h"
+
+namespace opening {
+namespace {
+
+using support::SetDelete;
+
+constexpr OpenRequest kDelete = {.Access = FILE_GENERIC_READ | DELETE};
+constexpr OpenRequest kDeleteOnClose = {.Access = FILE_GENERIC_READ | DELETE,
+                                        .Options = kSynchronous | FILE_DELETE_ON_CLOSE};
+
+class Deletion : public VolumeTest {
+protected:
+    bool Exists(const std::string& path) { return Open(path).Status == STATUS_SUCCESS; }
+};
+
+TEST_F(Deletion, WaitsForTheLastHandle)
+{
+    Handle first = OpenOrFail("\\file", kDelete);
+    Handle second = OpenOrFail("\\file");
+    EXPECT_STATUS(STATUS_SUCCESS, SetDelete(first.Get(), true));
+    EXPECT_STATUS(STATUS_DELETE_PENDING, Open("\\file").Status);
+    TakeCalls();
+    first.Close();
+    EXPECT_TRUE(TakeCalls().empty());
+    EXPECT_EQ(support::ReadText(second.Get(), 10), "0123456789");
+    TakeCalls();
+    second.Close();
+    EXPECT_EQ(TakeCalls(), (Lines{"Close", "Delete \\file", "Close"})); // the file's handle, then the root's
+    EXPECT_STATUS(STATUS_OBJECT_NAME_NOT_FOUND, Open("\\file").Status);
+    EXPECT_EQ(FcbCount(), 0u);
+}
+
+TEST_F(Deletion, CanBeTakenBackByAnybody)
+{
+    Handle first = OpenOrFail("\\file", kDelete);
+    Handle second = OpenOrFail("\\file", kDelete);
+    EXPECT_STATUS(STATUS_SUCCESS, SetDelete(first.Get(), true));
+    EXPECT_STATUS(STATUS_SUCCESS, SetDelete(second.Get(), false));
+    EXPECT_STATUS(STATUS_SUCCESS, SetDelete(second.Get(), false)); // nothing to take back: no matter
+    first.Close();
+    second.Close();
+    EXPECT_TRUE(Exists("\\file"));
+}
+
+TEST_F(Deletion, OnCloseActsAtThatHandlesCleanup)
+{
+    for (const bool deleterFirst : {true, false}) {
+        SCOPED_TRACE(deleterFirst);
+        MakeFile("\\victim", "v");
+        Handle deleter = OpenOrFail("\\victim", kDeleteOnClose);
+        Handle other = OpenOrFail("\\victim", kDelete);
+        EXPECT_STATUS(STATUS_SUCCESS, SetDelete(other.Get(), false)); // does not reach the other handle's wish
+        (deleterFirst ? deleter : other).Close();
+        EXPECT_STATUS(deleterFirst ? STATUS_DELETE_PENDING : STATUS_SUCCESS, Open("\\victim").Status);
+        (deleterFirst ? other : deleter).Close();
+        EXPECT_FALSE(Exists("\\victim"));
+    }
+}
+
+TEST_F(Deletion, IsRefused)
+{
+    struct Row {
+        const char* Path;
+        ULONG Options;
+        NTSTATUS OnOpen;
+        NTSTATUS OnSet;
+    };
+    const Row rows[] = {
+        {"\\readonly", 0, STATUS_CANNOT_DELETE, STATUS_CANNOT_DELETE},
+        {"\\dir\\sub", FILE_DIRECTORY_FILE, STATUS_SUCCESS, STATUS_DIRECTORY_NOT_EMPTY},
+        {"\\", FILE_DIRECTORY_FILE, STATUS_CANNOT_DELETE, STATUS_DIRECTORY_NOT_EMPTY},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.Path);
+        OpenRequest request = kDelete;
+        request.Options |= row.Options;
+        Handle file = OpenOrFail(row.Path, request);
+        EXPECT_STATUS(row.OnSet, SetDelete(file.Get(), true));
+        EXPECT_STATUS(STATUS_SUCCESS, Open(row.Path).Status); // not pending
+        OpenRequest onClose = kDeleteOnClose;
+        onClose.Options |= row.Options;
+        EXPECT_STATUS(row.OnOpen, Open(row.Path, onClose).Status);
+    }
+    // A directory that is not empty stays at its last cleanup, and nobody is told.
+    EXPECT_TRUE(Exists("\\dir\\sub\\deep"));
+    OpenRequest noDelete = kDeleteOnClose;
+    noDelete.Access = FILE_GENERIC_READ;
+    EXPECT_FALSE(NT_SUCCESS(Open("\\file", noDelete).Status));
+
+    Handle directory = OpenOrFail("\\empty", kDelete);
+    Handle child = OpenOrFail("\\empty\\child", {.Access = FILE_GENERIC_WRITE, .Disposition = FILE_CREATE});
+    TakeCalls();
+    EXPECT_STATUS(STATUS_UNSUCCESSFUL, SetDelete(directory.Get(), true)); // the child lives: the plugin is not asked
+    EXPECT_EQ(TakeCalls(), Lines{"GetInfo"});
+}
+
+TEST_F(Deletion, OfADirectoryShutsItToNewObjects)
+{
+    Handle directory = OpenOrFail("\\empty", kDelete);
+    TakeCalls();
+    EXPECT_STATUS(STATUS_SUCCESS, SetDelete(directory.Get(), true));
+    const OpenRequest create = {.Access = FILE_GENERIC_WRITE, .Disposition = FILE_CREATE};
+    EXPECT_STATUS(STATUS_DELETE_PENDING, Open("\\empty\\new", create).Status);
+    directory.Close();
+    EXPECT_FALSE(Exists("\\empty"));
+    EXPECT_STATUS(STATUS_OBJECT_PATH_NOT_FOUND, Open("\\empty\\new", create).Status);
+}
+
+TEST_F(Deletion, TakesAReadOnlyAttributeOff)
+{
+    Handle file = OpenOrFail("\\file", {.Access = FILE_GENERIC_READ | FILE_WRITE_ATTRIBUTES | DELETE});
+    EXPECT_STATUS(STATUS_SUCCESS, SetDelete(file.Get(), true));
+    EXPECT_STATUS(STATUS_SUCCESS, support::SetBasic(file.Get(), FILE_ATTRIBUTE_READONLY)); // after the wish
+    TakeCalls();
+    file.Close();
+    EXPECT_EQ(TakeCalls(), (Lines{"GetInfo", "SetAttr 0", "Close", "Delete \\file", "Close"}));
+    EXPECT_FALSE(Exists("\\file"));
+}
+
+TEST_F(Deletion, LeavesTheNameFreeWhileOldObjectsLive)
+{
+    // Three of one name, each deleted while its file object lives.
+    std::vector<std::unique_ptr<FileReference>> old;
+    for (int i = 0; i < 3; ++i) {
+        Handle file = OpenOrFail(
+            "\\twin", {.Access = FILE_GENERIC_READ | FILE_GENERIC_WRITE | DELETE, .Disposition = FILE_CREATE});
+        old.push_back(std::make_unique<FileReference>(file.Get()));
+        EXPECT_STATUS(STATUS_SUCCESS, SetDelete(file.Get(), true));
+        file.Close();
+        EXPECT_EQ(FcbCount(), i + 1u); // the root goes each time: the deleted hold no parent
+    }
+    Handle live = OpenOrFail("\\twin", {.Access = FILE_GENERIC_WRITE, .Disposition = FILE_CREATE});
+    EXPECT_EQ(FcbCount(), 5u);
+    for (const auto& file : old) EXPECT_TRUE(GvFcbOf(file->Get())->OnDeletionTree);
+    old.clear();
+    EXPECT_EQ(FcbCount(), 2u);
+}
+
+TEST_F(Deletion, RestartsAListingOnlyWhenThePluginHasDeleted)
+{
+    for (const bool fails : {false, true}) {
+        SCOPED_TRACE(fails);
+        Handle directory = OpenOrFail("\\dir");
+        MakeFile("\\dir\\victim");
+        const LONG before = Find("\\dir")->ChildDeleteCount;
+        if (fails) Plugin().Fail("Delete", STATUS_DISK_CORRUPT_ERROR);
+        OpenOrFail("\\dir\\victim", kDeleteOnClose).Close();
+        EXPECT_EQ(Find("\\dir")->ChildDeleteCount, before + !fails);
+        EXPECT_EQ(Find("\\dir\\victim"), nullptr); // gone for NT either way
+        EXPECT_EQ(Exists("\\dir\\victim"), fails);
+        EXPECT_EQ(FcbCount(), 2u);
+    }
+}
+
+TEST_F(Deletion, StopsAtAFailedClose)
+{
+    Handle file = OpenOrFail("\\file", kDelete);
+    FileReference object(file.Get());
+    EXPECT_STATUS(STATUS_SUCCESS, SetDelete(file.Get(), true));
+    Plugin().Fail("Close", STATUS_DISK_CORRUPT_ERROR);
+    file.Close();
+    EXPECT_EQ(Plugin().Count("Delete"), 0u);
+    const Fcb* const fcb = Find("\\file");
+    ASSERT_NE(fcb, nullptr);
+    EXPECT_TRUE(fcb->PluginFdClosed);
+    EXPECT_FALSE(fcb->Deleted);
+    EXPECT_STATUS(STATUS_DELETE_PENDING, Open("\\file").Status);
+    object.Drop();
+    EXPECT_TRUE(Exists("\\file")); // with the last file object the wish goes too
+}
+
+} // namespace
+} // namespace opening
