@@ -125,6 +125,19 @@ void Place::MakeFile(const std::string& path, size_t bytes)
     close(file);
 }
 
+void Place::MakeLink(const std::string& path, const std::string& target)
+{
+    const Path names(Link(), path);
+    const Path to(Link(), target);
+    PluginFd fd = 0;
+    Require(plugin_->Create(Context(), NoCancel(), names.ForPlugin(), &fd), "make a link");
+    Require(
+        plugin_->SetEa(Context(), NoCancel(), fd, MEMFS_LINK_EA_NAME, to.ForPlugin()->Buffer, to.ForPlugin()->Length),
+        "point a link");
+    Require(plugin_->Close(Context(), NoCancel(), fd), "close a link");
+    if (symlinkat(to.ForTmpfs(), tmpfs_, names.ForTmpfs()) != 0) FailHost(path);
+}
+
 PKEVENT NoCancel()
 {
     static KEVENT event = [] {
@@ -135,17 +148,17 @@ PKEVENT NoCancel()
     return &event;
 }
 
-HANDLE OpenByDriver(const Path& path, ULONG options)
+HANDLE OpenByDriver(const Path& path, ULONG options, ACCESS_MASK access, ULONG disposition)
 {
     HANDLE handle = nullptr;
     IO_STATUS_BLOCK statusBlock;
-    Require(NtCreateFile(&handle, FILE_GENERIC_READ, path.ForDriver(), &statusBlock, nullptr, 0,
-                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN, options, nullptr, 0),
+    Require(NtCreateFile(&handle, access, path.ForDriver(), &statusBlock, nullptr, 0,
+                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, disposition, options, nullptr, 0),
             "open");
     return handle;
 }
 
-PluginFd OpenByPlugin(const Place& place, const Path& path)
+PluginFd OpenByPlugin(const Place& place, const Path& path, PluginAccessMask wanted)
 {
     const PluginOps* const plugin = place.Plugin();
     PluginFileInfo* info = nullptr;
@@ -154,15 +167,14 @@ PluginFd OpenByPlugin(const Place& place, const Path& path)
     const bool isDirectory = info->FileAttributes & FILE_ATTRIBUTE_DIRECTORY;
     ExFreePoolWithTag(info, 0);
     PluginFd fd = 0;
-    Require((isDirectory ? plugin->OpenDir : plugin->Open)(place.Context(), NoCancel(), path.ForPlugin(),
-                                                           GVND_ACCESS_READ, &fd),
+    Require((isDirectory ? plugin->OpenDir : plugin->Open)(place.Context(), NoCancel(), path.ForPlugin(), wanted, &fd),
             "Open");
     return fd;
 }
 
-int OpenByTmpfs(const Place& place, const Path& path)
+int OpenByTmpfs(const Place& place, const Path& path, int flags)
 {
-    const int file = openat(place.Tmpfs(), path.ForTmpfs(), O_RDONLY | O_CLOEXEC);
+    const int file = openat(place.Tmpfs(), path.ForTmpfs(), flags | O_CLOEXEC, 0600);
     if (file < 0) FailHost(path.ForTmpfs());
     return file;
 }

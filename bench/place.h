@@ -3,6 +3,7 @@
 // Failures end the program: a benchmark of something that failed says nothing.
 #pragma once
 
+#include <fcntl.h>
 #include <string>
 
 #include <gvnd/memfs.h>
@@ -58,6 +59,7 @@ public:
 
     void MakeDirectory(const std::string& path);
     void MakeFile(const std::string& path, size_t bytes);
+    void MakeLink(const std::string& path, const std::string& target);
 
     std::string Link() const { return "\\??\\" + name_; }
     const PluginOps* Plugin() const { return plugin_; }
@@ -75,10 +77,11 @@ private:
 // The cancel event that calls past the driver pass along; nobody sets it.
 PKEVENT NoCancel();
 
-// Opens for reading, sharing everything. Synchronous unless told otherwise.
-HANDLE OpenByDriver(const Path& path, ULONG options = FILE_SYNCHRONOUS_IO_NONALERT);
+// Sharing everything. For reading, a file that is there, and synchronous, unless told otherwise.
+HANDLE OpenByDriver(const Path& path, ULONG options = FILE_SYNCHRONOUS_IO_NONALERT,
+                    ACCESS_MASK access = FILE_GENERIC_READ, ULONG disposition = FILE_OPEN);
 // The least that a program without the driver would call: Lookup, Open.
-PluginFd OpenByPlugin(const Place& place, const Path& path);
-int OpenByTmpfs(const Place& place, const Path& path);
+PluginFd OpenByPlugin(const Place& place, const Path& path, PluginAccessMask access = GVND_ACCESS_READ);
+int OpenByTmpfs(const Place& place, const Path& path, int flags = O_RDONLY);
 
 } // namespace bench
