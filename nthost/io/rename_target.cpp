@@ -58,10 +58,13 @@ namespace {
     return status;
 }
 
+// A rename may change nothing but the case of the source's own name, so whether a name that is taken stands in the way
+// is for the file system to say. A link never has that excuse.
 [[nodiscard]] NTSTATUS CheckTarget(const Request& request, const FILE_RENAME_INFORMATION& info,
-                                   const OpenedFile& opened)
+                                   FILE_INFORMATION_CLASS infoClass, const OpenedFile& opened)
 {
-    if (!info.ReplaceIfExists && opened.Result.Information == FILE_EXISTS) return STATUS_OBJECT_NAME_COLLISION;
+    const bool exists = opened.Result.Information == FILE_EXISTS;
+    if (infoClass == FileLinkInformation && exists && !info.ReplaceIfExists) return STATUS_OBJECT_NAME_COLLISION;
     return IoGetRelatedDeviceObject(opened.File) == request.Device() ? STATUS_SUCCESS : STATUS_NOT_SAME_DEVICE;
 }
 
@@ -81,7 +84,7 @@ NTSTATUS OpenRenameTarget(const Request& request, const FILE_RENAME_INFORMATION&
     OpenedFile opened{};
     status = OpenTarget(request, info, access, &opened);
     if (!NT_SUCCESS(status)) return status;
-    status = CheckTarget(request, info, opened);
+    status = CheckTarget(request, info, infoClass, opened);
     if (NT_SUCCESS(status))
         *target = opened.File;
     else

@@ -143,8 +143,12 @@ TEST_F(Rename, IsRefusedBeforeTheDriverHearsOfIt)
         ULONG_PTR Information;
         NTSTATUS Status;
         unsigned TargetsClosed;
+        FILE_INFORMATION_CLASS Class = FileRenameInformation;
     } rows[] = {
-        {u"\\??\\Probe\\d\\new", FALSE, STATUS_SUCCESS, FILE_EXISTS, STATUS_OBJECT_NAME_COLLISION, 1},
+        {u"\\??\\Probe\\d\\new", FALSE, STATUS_SUCCESS, FILE_EXISTS, STATUS_OBJECT_NAME_COLLISION, 1,
+         FileLinkInformation},
+        // What exists may be the source itself, in another case.
+        {u"\\??\\Probe\\d\\new", FALSE, STATUS_SUCCESS, FILE_EXISTS, STATUS_SUCCESS, 1},
         {u"\\??\\Probe\\d\\new", TRUE, STATUS_SUCCESS, FILE_EXISTS, STATUS_SUCCESS, 1},
         {u"\\??\\Probe\\d\\new", TRUE, STATUS_OBJECT_PATH_NOT_FOUND, 0, STATUS_OBJECT_PATH_NOT_FOUND, 0},
         {u"\\??\\Nobody\\d\\new", TRUE, STATUS_SUCCESS, 0, STATUS_OBJECT_PATH_NOT_FOUND, 0},
@@ -155,7 +159,7 @@ TEST_F(Rename, IsRefusedBeforeTheDriverHearsOfIt)
         SCOPED_TRACE(&row - rows);
         plan.Status = row.Open;
         plan.Information = row.Information;
-        EXPECT_EQ(Change(row.Name, row.Replace), row.Status);
+        EXPECT_EQ(Change(row.Name, row.Replace, nullptr, row.Class), row.Status);
         EXPECT_EQ(seen.Set, row.Status == STATUS_SUCCESS);
         EXPECT_EQ(targetsClosed, row.TargetsClosed);
     }

@@ -90,7 +90,7 @@ NT_SERVICE(WriteFile,
 NT_SERVICE(QueryInformationFile, (HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
                                   ULONG Length, FILE_INFORMATION_CLASS FileInformationClass));
 // A rename or link to a path (a leading backslash, or a RootDirectory) opens the target's directory first:
-// STATUS_NOT_SAME_DEVICE, STATUS_OBJECT_NAME_COLLISION without ReplaceIfExists, or what that open gave.
+// STATUS_NOT_SAME_DEVICE, for a link STATUS_OBJECT_NAME_COLLISION without ReplaceIfExists, or what that open gave.
 NT_SERVICE(SetInformationFile, (HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation, ULONG Length,
                                 FILE_INFORMATION_CLASS FileInformationClass));
 // STATUS_INVALID_INFO_CLASS for a class without records, STATUS_INFO_LENGTH_MISMATCH for a buffer without room for the
