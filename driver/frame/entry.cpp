@@ -7,6 +7,7 @@
 #include "frame/requests.h"
 #include "frame/trace.h"
 #include "volume/control.h"
+#include "volume/secure.h"
 
 PIO_REPLACE_FILE_OBJECT_NAME GvIoReplaceFileObjectName;
 PDRIVER_OBJECT GvDriverObject;
@@ -59,6 +60,7 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING reg
     GvDriverObject = nullptr;
     GvCtrlDevice = nullptr;
     GvVcbThreadPoolSize = 0;
+    SecRoutinesResolved = 0;
 
     // Found by name, so that the image still links on a kernel without it and can say so.
     UNICODE_STRING name = GvLiteral(L"IoReplaceFileObjectName");

@@ -1,14 +1,14 @@
-// Pool memory: zeroed, tagged gvnd. Non-paged for what is touched under spin locks and for control blocks, paged for
-// temporary strings.
+// Pool memory: zeroed, tagged gvnd unless a caller has a tag of its own. Non-paged for what is touched under spin locks
+// and for control blocks, paged for temporary strings.
 #pragma once
 
 #include "frame/nt.h"
 
 constexpr ULONG GvPoolTag = 0x646e7667; // "gvnd" in memory order
 
-inline void* GvAllocate(POOL_TYPE pool, SIZE_T size)
+inline void* GvAllocate(POOL_TYPE pool, SIZE_T size, ULONG tag = GvPoolTag)
 {
-    return ExAllocatePoolWithTag(static_cast<POOL_TYPE>(pool | POOL_ZERO_ALLOCATION), size, GvPoolTag);
+    return ExAllocatePoolWithTag(static_cast<POOL_TYPE>(pool | POOL_ZERO_ALLOCATION), size, tag);
 }
 
 template <typename T>

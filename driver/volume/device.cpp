@@ -3,23 +3,41 @@
 #include "volume/control.h"
 
 #include "frame/trace.h"
+#include "volume/secure.h"
+
+namespace {
+
+constexpr char kName[] = "GvUtlCreateDevAndSymLink";
+
+[[nodiscard]] NTSTATUS CreateOpenDevice(const GvDeviceParameters& parameters, PUNICODE_STRING name,
+                                        PDEVICE_OBJECT* device)
+{
+    const NTSTATUS status = IoCreateDevice(parameters.Driver, parameters.ExtensionSize, name, parameters.Type,
+                                           parameters.Characteristics, FALSE, device);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "IoCreateDevice", status);
+    return status;
+}
+
+[[nodiscard]] NTSTATUS CreateSecureDevice(const GvDeviceParameters& parameters, PUNICODE_STRING name,
+                                          PDEVICE_OBJECT* device)
+{
+    const NTSTATUS status =
+        SecCreateDeviceSecure(parameters.Driver, parameters.ExtensionSize, name, parameters.Type,
+                              parameters.Characteristics, FALSE, parameters.SecurityString, nullptr, device);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "IoCreateDeviceSecure", status);
+    return status;
+}
+
+} // namespace
 
 NTSTATUS GvUtlCreateDevAndSymLink(const GvDeviceParameters& parameters, PDEVICE_OBJECT* result)
 {
-    if (parameters.SecurityString) {
-        // A device that its plugin wants protected must not be made open to all.
-        GV_TRACE(GvTraceUnsupported, "security string not supported: %wZ\n", parameters.SecurityString);
-        return STATUS_NOT_IMPLEMENTED;
-    }
     UNICODE_STRING deviceName = parameters.DeviceName;
     UNICODE_STRING linkName = parameters.LinkName;
     PDEVICE_OBJECT device = nullptr;
-    NTSTATUS status = IoCreateDevice(parameters.Driver, parameters.ExtensionSize, &deviceName, parameters.Type,
-                                     parameters.Characteristics, FALSE, &device);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("IoCreateDevice", status);
-        return status;
-    }
+    NTSTATUS status = parameters.SecurityString ? CreateSecureDevice(parameters, &deviceName, &device)
+                                                : CreateOpenDevice(parameters, &deviceName, &device);
+    if (!NT_SUCCESS(status)) return status;
     status = IoCreateSymbolicLink(&linkName, &deviceName);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED("IoCreateSymbolicLink", status);

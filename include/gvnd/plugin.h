@@ -161,9 +161,10 @@ typedef struct PluginOps {
     PluginReadLinkFn ReadLink;
 } PluginOps;
 
-// Mounts a volume: PASSIVE_LEVEL; securityString may be null; *device must be null on entry. The backing path must
-// exist: the driver keeps it open, and reads nothing from it. The link name is copied; operations must stay valid until
-// OnUnmounted has returned. On failure nothing is left.
+// Mounts a volume: PASSIVE_LEVEL; *device must be null on entry. securityString is SDDL that says who may open the
+// device and what is on it, "D:P(A;;GA;;;SY)(A;;GA;;;BA)" for one, or null. The backing path must exist: the driver
+// keeps it open, and reads nothing from it. The link name is copied; operations must stay valid until OnUnmounted has
+// returned. On failure nothing is left.
 typedef NTSTATUS(NTAPI* GvMountFn)(PUNICODE_STRING backingPath, PUNICODE_STRING deviceName, PUNICODE_STRING linkName,
                                    PUNICODE_STRING securityString, const PluginOps* operations, PDEVICE_OBJECT* device);
 // Once per mount, PASSIVE_LEVEL; the device must not be used by the caller afterwards. Never waits: the volume goes

@@ -8,15 +8,18 @@
 
 #include <ntifs.h>
 
+#include "io/device_security.h"
 #include "io/file.h"
 #include "ke/word_lock.h"
 #include "ob/object.h"
 
 namespace nthost::io {
 
-// Behind DEVICE_OBJECT.DeviceObjectExtension. Lock guards DeletePending, Unlinked and the device's ReferenceCount.
+// Behind DEVICE_OBJECT.DeviceObjectExtension. Lock guards DeletePending, Unlinked, Security with the device's pointer
+// to it, and the device's ReferenceCount.
 struct DeviceState {
     ke::WordLock Lock;
+    DescriptorBlock Security; // never null
     bool DeletePending;
     bool Unlinked; // deletion has gone through: off its driver's list, the creation reference given back
 };

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "io/device.h"
+#include "io/device_security.h"
 #include "io/file.h"
 #include "io/finish.h"
 #include "io/request.h"
@@ -19,30 +20,12 @@ namespace {
 constexpr unsigned MaximumReparses = 32;
 constexpr ULONG HasTraversePrivilege = 1; // in ACCESS_STATE.Flags: directories on the way are not checked
 
-ACCESS_MASK MapGeneric(ACCESS_MASK access)
-{
-    const ACCESS_MASK generic = access & (GENERIC_READ | GENERIC_WRITE | GENERIC_EXECUTE | GENERIC_ALL);
-    ACCESS_MASK mapped = access & ~generic;
-    if (generic & GENERIC_READ) mapped |= FileMapping.GenericRead;
-    if (generic & GENERIC_WRITE) mapped |= FileMapping.GenericWrite;
-    if (generic & GENERIC_EXECUTE) mapped |= FileMapping.GenericExecute;
-    if (generic & GENERIC_ALL) mapped |= FileMapping.GenericAll;
-    return mapped;
-}
-
-// A device is open to everyone. Its own rights are granted here; those of a file on it are the file system's to grant.
-void GrantDevice(ACCESS_STATE* state)
-{
-    const ACCESS_MASK wanted = state->RemainingDesiredAccess;
-    state->PreviouslyGrantedAccess |= wanted & MAXIMUM_ALLOWED ? FileMapping.GenericAll : wanted;
-    state->RemainingDesiredAccess = 0;
-}
-
 ACCESS_STATE NewAccessState(ACCESS_MASK desired)
 {
     ACCESS_STATE state{};
     state.Flags = HasTraversePrivilege;
-    state.OriginalDesiredAccess = state.RemainingDesiredAccess = MapGeneric(desired);
+    RtlMapGenericMask(&desired, &FileMapping);
+    state.OriginalDesiredAccess = state.RemainingDesiredAccess = desired;
     state.SubjectSecurityContext.PrimaryToken = ke::CurrentThread()->ActsFor->Token;
     return state;
 }
@@ -134,12 +117,24 @@ NTSTATUS SendCreate(const OpenParameters& open, PFILE_OBJECT file, ACCESS_STATE*
     return status;
 }
 
+// What the device's descriptor says. The rights on a file are the file system's to grant, those on the device are
+// granted here.
+NTSTATUS CheckTarget(const OpenParameters& open, const Target& target, ACCESS_STATE* access)
+{
+    const bool isOfDevice = target.Length == 0 && !open.Related;
+    const bool isChecked = open.Mode != KernelMode || (open.Attributes & OBJ_FORCE_ACCESS_CHECK);
+    return CheckDeviceOpen(target.Device, {isOfDevice, isChecked, access});
+}
+
 NTSTATUS Create(const OpenParameters& open, const Target& target, OpenedFile* opened)
 {
+    ACCESS_STATE access = NewAccessState(open.DesiredAccess);
+    if (const NTSTATUS checked = CheckTarget(open, target, &access); !NT_SUCCESS(checked)) {
+        UncountOpen(target.Device);
+        return checked;
+    }
     PFILE_OBJECT const file = NewFileFor(open, target);
     if (!file) return STATUS_INSUFFICIENT_RESOURCES;
-    ACCESS_STATE access = NewAccessState(open.DesiredAccess);
-    if (target.Length == 0 && !open.Related) GrantDevice(&access);
     const NTSTATUS status = SendCreate(open, file, &access, &opened->Result);
     if (!NT_SUCCESS(status)) {
         ObDereferenceObject(file);

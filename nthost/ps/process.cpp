@@ -3,13 +3,13 @@
 #include <nthost/process.h>
 
 #include <new>
+#include <utility>
 
 #include "check/fatal.h"
 #include "ke/wait.h"
 #include "ob/object.h"
 #include "ps/ids.h"
 #include "ps/threads.h"
-#include "se/token.h"
 
 namespace {
 
@@ -47,7 +47,7 @@ namespace nthost::ps {
 
 HANDLE NextId() { return reinterpret_cast<HANDLE>(nextId.fetch_add(4)); }
 
-PEPROCESS NewProcess(const std::string& name, const char* userSid)
+PEPROCESS NewProcess(const std::string& name, se::Token token)
 {
     void* const body = ob::CreateObject(&processType, sizeof(_EPROCESS));
     if (!body) Fatal("no memory for process %s", name.c_str());
@@ -56,7 +56,7 @@ PEPROCESS NewProcess(const std::string& name, const char* userSid)
     process->Id = NextId();
     process->Name = name;
     process->Handles = ob::NewHandleTable();
-    process->Token = new se::Token{userSid ? userSid : se::kDefaultUserSid};
+    process->Token = new se::Token(std::move(token));
     return process;
 }
 
@@ -73,8 +73,8 @@ void EndProcess(PEPROCESS process)
 void BootProcesses()
 {
     nextId = 4; // the system process is number 4
-    PsInitialSystemProcess = NewProcess("System", se::kSystemSid);
-    hostProcess = NewProcess("host", nullptr);
+    PsInitialSystemProcess = NewProcess("System", se::SystemToken());
+    hostProcess = NewProcess("host", se::TokenFor({}));
     EnterThread(NewThread(hostProcess, UserMode));
     for (void* const object : {static_cast<void*>(PsInitialSystemProcess), static_cast<void*>(hostProcess),
                                static_cast<void*>(ke::CurrentThread())})
@@ -98,7 +98,7 @@ namespace nthost {
 
 PEPROCESS HostProcess() { return hostProcess; }
 
-Process::Process(std::string name, const char* userSid) : object_(ps::NewProcess(name, userSid)) {}
+Process::Process(std::string name, const User& user) : object_(ps::NewProcess(name, se::TokenFor(user))) {}
 
 Process::~Process() { ps::EndProcess(object_); }
 

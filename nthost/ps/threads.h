@@ -6,12 +6,13 @@
 
 #include "ke/thread.h"
 #include "ke/word_lock.h"
+#include "se/token.h"
 
 namespace nthost::ps {
 
 // One reference for the caller; null without memory. Runs nowhere yet.
 _ETHREAD* NewThread(PEPROCESS process, KPROCESSOR_MODE mode);
-PEPROCESS NewProcess(const std::string& name, const char* userSid);
+PEPROCESS NewProcess(const std::string& name, se::Token token);
 // The process is over: closes its handles, signals it, and gives the caller's reference back.
 void EndProcess(PEPROCESS process);
 

@@ -4,6 +4,7 @@
 
 #include "base.h"
 #include "io.h"
+#include "se.h"
 #include "status.h"
 
 NT_EXTERN_C_BEGIN
@@ -124,6 +125,10 @@ NT_SERVICE(DuplicateObject, (HANDLE SourceProcessHandle, HANDLE SourceHandle, HA
                              PHANDLE TargetHandle, ACCESS_MASK DesiredAccess, ULONG HandleAttributes, ULONG Options));
 #define DUPLICATE_CLOSE_SOURCE 0x1u
 #define DUPLICATE_SAME_ACCESS  0x2u
+// The parts that SecurityInformation names. Devices only: any other object gives STATUS_NOT_SUPPORTED. Generic rights
+// in the lists become the device's specific ones. STATUS_INVALID_SECURITY_DESCR for an owner or group that is not there.
+NT_SERVICE(SetSecurityObject,
+           (HANDLE Handle, SECURITY_INFORMATION SecurityInformation, PSECURITY_DESCRIPTOR SecurityDescriptor));
 NT_SERVICE(OpenKey, (PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes));
 // STATUS_BUFFER_TOO_SMALL when the fixed part does not fit, STATUS_BUFFER_OVERFLOW when the data does not;
 // ResultLength is the length that would.

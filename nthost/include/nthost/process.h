@@ -5,16 +5,26 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <ntifs.h>
 
 namespace nthost {
 
+// Whom a process acts for. SIDs in text form, "S-1-..."; one that is malformed ends the program. Everybody is in
+// Everyone (S-1-1-0) too.
+struct User {
+    std::string Sid = "S-1-5-21-1-2-3-1001";
+    std::vector<std::string> Groups = {"S-1-5-11", "S-1-5-4", "S-1-5-32-545"}; // authenticated, interactive, Users
+    std::vector<std::string> DenyOnlyGroups;                                   // can take rights, not give them
+    std::vector<ULONG> Privileges = {SE_CHANGE_NOTIFY_PRIVILEGE};
+};
+
 // Owns one reference on a process object with a token of its own and an empty handle table. Closing the last handle is
 // the process's business: ~Process closes all handles that are still open, as process exit does.
 class Process {
 public:
-    explicit Process(std::string name, const char* userSid = nullptr);
+    explicit Process(std::string name, const User& user = {});
     ~Process();
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
