@@ -1,50 +1,57 @@
-// The cache and memory managers' answers about a file's section. No service of this kernel makes a section yet, so a
-// file system must leave the pointers null; one that does not would get wrong answers here, and is stopped.
-
+// What a file system asks about, and does to, the mapped pages of a file. There are no cache maps: a data section is
+// all that is kept of a file. Relies on sectionLock for the looks; flush and purge take it themselves.
 #include <ntifs.h>
 
-#include "check/fatal.h"
+#include "mm/control_area.h"
+
+using namespace nthost::mm;
 
 namespace {
 
-void RequireNoSection(const SECTION_OBJECT_POINTERS* pointers, const char* routine)
+bool IsInUse(PSECTION_OBJECT_POINTERS pointers, AreaKind kind)
 {
-    if (pointers && (pointers->DataSectionObject || pointers->SharedCacheMap || pointers->ImageSectionObject)) {
-        nthost::Fatal("%s: section pointers at %p name a section, and none was ever made", routine,
-                      static_cast<const void*>(pointers));
-    }
+    const AreaHold area(HoldArea(pointers, kind));
+    if (!area) return false;
+    const SectionGuard hold(sectionLock);
+    return HasUsers(area.Get());
+}
+
+// The last page of a file may be cut within: its tail still belongs to the view.
+bool CutsUsers(const ControlArea* area, const LARGE_INTEGER* newSize)
+{
+    const SectionGuard hold(sectionLock);
+    if (!HasUsers(area)) return false;
+    return !newSize || PagesFor(newSize->QuadPart) < PagesFor(area->Size);
 }
 
 } // namespace
 
-VOID NTAPI CcFlushCache(PSECTION_OBJECT_POINTERS pointers, PLARGE_INTEGER, ULONG, PIO_STATUS_BLOCK status)
+VOID NTAPI CcFlushCache(PSECTION_OBJECT_POINTERS pointers, PLARGE_INTEGER offset, ULONG length, PIO_STATUS_BLOCK status)
 {
-    RequireNoSection(pointers, "CcFlushCache");
-    if (!status) return;
-    status->Status = STATUS_SUCCESS;
-    status->Information = 0;
+    IO_STATUS_BLOCK result = {{STATUS_SUCCESS}, 0};
+    if (const AreaHold area(HoldArea(pointers, AreaKind::Data)); area)
+        FlushRange(area.Get(), RangeOf(area.Get(), offset, length), &result);
+    if (status) *status = result;
 }
 
-BOOLEAN NTAPI CcPurgeCacheSection(PSECTION_OBJECT_POINTERS pointers, PLARGE_INTEGER, ULONG, ULONG)
+BOOLEAN NTAPI CcPurgeCacheSection(PSECTION_OBJECT_POINTERS pointers, PLARGE_INTEGER offset, ULONG length, ULONG)
 {
-    RequireNoSection(pointers, "CcPurgeCacheSection");
-    return TRUE;
+    const AreaHold area(HoldArea(pointers, AreaKind::Data));
+    return !area || PurgeRange(area.Get(), RangeOf(area.Get(), offset, length));
 }
 
-BOOLEAN NTAPI CcUninitializeCacheMap(PFILE_OBJECT fileObject, PLARGE_INTEGER, PCACHE_UNINITIALIZE_EVENT)
+BOOLEAN NTAPI CcUninitializeCacheMap(PFILE_OBJECT, PLARGE_INTEGER, PCACHE_UNINITIALIZE_EVENT) { return TRUE; }
+
+BOOLEAN NTAPI MmFlushImageSection(PSECTION_OBJECT_POINTERS pointers, MMFLUSH_TYPE type)
 {
-    RequireNoSection(fileObject->SectionObjectPointer, "CcUninitializeCacheMap");
-    return TRUE;
+    if (type == MmFlushForDelete && IsInUse(pointers, AreaKind::Data)) return FALSE;
+    const AreaHold image(HoldArea(pointers, AreaKind::Image));
+    return !image || DropUnused(image.Get(), false);
 }
 
-BOOLEAN NTAPI MmFlushImageSection(PSECTION_OBJECT_POINTERS pointers, MMFLUSH_TYPE)
+BOOLEAN NTAPI MmCanFileBeTruncated(PSECTION_OBJECT_POINTERS pointers, PLARGE_INTEGER newSize)
 {
-    RequireNoSection(pointers, "MmFlushImageSection");
-    return TRUE;
-}
-
-BOOLEAN NTAPI MmCanFileBeTruncated(PSECTION_OBJECT_POINTERS pointers, PLARGE_INTEGER)
-{
-    RequireNoSection(pointers, "MmCanFileBeTruncated");
-    return TRUE;
+    if (!MmFlushImageSection(pointers, MmFlushForWrite)) return FALSE;
+    const AreaHold area(HoldArea(pointers, AreaKind::Data));
+    return !area || !CutsUsers(area.Get(), newSize);
 }

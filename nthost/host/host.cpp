@@ -59,6 +59,7 @@ LeakReport Shutdown()
     // Closed while there are still workers to take what a close leaves to them.
     ob::CloseAllHandles(HostProcess());
     ob::CloseAllHandles(PsInitialSystemProcess);
+    mm::EndSections(&report.Lines);
     io::AwaitDroppedFiles();
     host::RemoveBuiltinDevices();
     ke::StopWorkers();

@@ -9,6 +9,7 @@
 #include <nthost/pool.h>
 #include <nthost/process.h>
 #include <nthost/registry.h>
+#include <nthost/sections.h>
 
 #include "check/callout.h"
 #include "host/leftovers.h"
@@ -169,6 +170,7 @@ NTSTATUS UnloadDriver(PDRIVER_OBJECT driver, LeakReport* leaks)
 {
     leaks->Lines.clear();
     if (!driver->DriverUnload) return STATUS_INVALID_DEVICE_REQUEST;
+    TrimSections(); // which keep file objects of closed files
     io::AwaitDroppedFiles();
     if (!host::AwaitQueuedWork(driver) || HasOpenFiles(driver)) return STATUS_DEVICE_NOT_READY;
 

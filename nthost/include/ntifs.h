@@ -20,3 +20,4 @@
 #include "nt/cc.h"
 #include "nt/se.h"
 #include "nt/zw.h"
+#include "nt/section.h"

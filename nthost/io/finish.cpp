@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include <nthost/check.h>
+#include <nthost/process.h>
 
 #include "check/text.h"
 #include "io/file.h"
@@ -126,7 +127,11 @@ void FinishOnCompleter(IrpRecord* record)
 {
     HoldRecord(record);
     g_filesToDrop.fetch_add(1);
-    EndRequest(record, Pended::Yes, nullptr);
+    {
+        // The caller's buffers are addresses of its process.
+        const ActAs requestor(record->Requestor, record->Irp.RequestorMode);
+        EndRequest(record, Pended::Yes, nullptr);
+    }
     if (record->File && !ob::DereferenceUnlessLast(record->File)) {
         ExInitializeWorkItem(&record->Drop, DropFile, record);
         ExQueueWorkItem(&record->Drop, DelayedWorkQueue);

@@ -98,7 +98,7 @@ std::vector<IrpRecord*> HoldThreadRequests(_ETHREAD* thread)
 void EndSignal::Raise()
 {
     changes_.fetch_add(1);
-    if (waiters_.load()) ke::UnparkAddress(&changes_, ~0u);
+    if (waiters_.load()) ke::UnparkAddress(&changes_, UINT32_MAX >> 1); // a negative count would wake one
 }
 
 void Enlist(IrpRecord* record)

@@ -9,6 +9,7 @@
 #include "check/fatal.h"
 #include "ke/thread.h"
 #include "mm/memory.h"
+#include "mm/page_fault.h"
 #include <nthost/debug.h>
 
 namespace nthost::mm {
@@ -86,13 +87,16 @@ void OnFault(int signal, siginfo_t* info, void* frame)
     // A hook may take long and fault itself, and a jump to a guard never comes back: whatever mask the handler was
     // entered with (sanitizers block everything) ends here.
     pthread_sigmask(SIG_SETMASK, &context->uc_sigmask, nullptr);
-    if (ResolvedByHook(info->si_addr, write)) {
+    const NTSTATUS fault = ResolvePageFault(info->si_addr, write);
+    if (NT_SUCCESS(fault) || ResolvedByHook(info->si_addr, write)) {
         errno = error;
         return;
     }
-    if (thread->Guard) JumpToGuard(thread, signal == SIGBUS ? STATUS_IN_PAGE_ERROR : STATUS_ACCESS_VIOLATION);
-    Fatal("fault outside of any guard: %s of address %p at %p", write ? "write" : "read", info->si_addr,
-          ProgramCounter(context));
+    const NTSTATUS code =
+        fault == STATUS_IN_PAGE_ERROR || signal == SIGBUS ? STATUS_IN_PAGE_ERROR : STATUS_ACCESS_VIOLATION;
+    if (thread->Guard) JumpToGuard(thread, code);
+    Fatal("fault outside of any guard: %s of address %p at %p, %s", write ? "write" : "read", info->si_addr,
+          ProgramCounter(context), StatusName(code).c_str());
 }
 
 void Install(int signal, struct sigaction* previous)

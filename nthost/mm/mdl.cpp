@@ -1,13 +1,14 @@
 // Memory descriptor lists: allocation, locking, system addresses. An MDL belongs to whoever drives its request, so
-// nothing here locks. Pages of a UserMemory arena are pinned and get a second address; all other memory of this Linux
-// process (stacks, heap, pool) cannot go away under a request and keeps the address it has. The record is followed by
-// one word of nthost's own, not by page numbers.
+// nothing here locks. Pages of a UserMemory arena or of a section are pinned and get a second address; all other memory
+// of this Linux process (stacks, heap, pool) cannot go away under a request and keeps the address it has. The record is
+// followed by what nthost has pinned, not by page numbers.
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 
 #include "check/fatal.h"
 #include "mm/arena.h"
+#include "mm/control_area.h"
 #include "mm/guarded.h"
 #include "mm/touch.h"
 #include <nthost/check.h>
@@ -21,7 +22,8 @@ namespace {
 
 struct HostMdl {
     MDL Public;
-    Arena* Pinned; // while locked, if the pages are an arena's
+    Arena* Pinned;       // while locked, if the pages are an arena's
+    PinnedRange Section; // or a section's
 };
 
 HostMdl* HostOf(PMDL mdl) { return reinterpret_cast<HostMdl*>(mdl); }
@@ -52,15 +54,47 @@ NTSTATUS TouchRange(char* start, size_t length, KPROCESSOR_MODE mode, LOCK_OPERA
     });
 }
 
+// Touches the range and pins it if it is a view's. A page that a purge takes in between is touched again.
+NTSTATUS TouchAndPin(PMDL mdl, KPROCESSOR_MODE mode, LOCK_OPERATION operation)
+{
+    char* const start = static_cast<char*>(MmGetMdlVirtualAddress(mdl));
+    for (;;) {
+        const NTSTATUS status = TouchRange(start, mdl->ByteCount, mode, operation);
+        if (!NT_SUCCESS(status)) return status;
+        if (PinView(start, mdl->ByteCount, operation != IoReadAccess, &HostOf(mdl)->Section)) return status;
+    }
+}
+
 // Null if there is no room.
 PVOID MapPages(PMDL mdl)
 {
+    const HostMdl* const host = HostOf(mdl);
+    if (host->Section.Area) {
+        void* const pages = MapPinned(host->Section);
+        return pages ? static_cast<char*>(pages) + mdl->ByteOffset : nullptr;
+    }
     void* const user = MmGetMdlVirtualAddress(mdl);
-    const Arena* const arena = HostOf(mdl)->Pinned;
-    return arena ? MapSystemAddress(arena, user, mdl->ByteCount) : user;
+    return host->Pinned ? MapSystemAddress(host->Pinned, user, mdl->ByteCount) : user;
 }
 
+bool HasSystemAddress(PMDL mdl) { return HostOf(mdl)->Pinned || HostOf(mdl)->Section.Area; }
+
 } // namespace
+
+// The pages are nobody's address, so there is none to give: a driver that wants one maps them.
+PMDL nthost::mm::NewPagingMdl(ControlArea* area, size_t firstPage, ULONG length, bool forRead)
+{
+    auto* const host = static_cast<HostMdl*>(calloc(1, sizeof(HostMdl)));
+    if (!host) return nullptr;
+    host->Public.Size = sizeof(HostMdl);
+    host->Public.ByteCount = length;
+    host->Public.MdlFlags = MDL_PAGES_LOCKED | (forRead ? MDL_IO_PAGE_READ : 0);
+    host->Section = {area, firstPage, PagesFor(length)};
+    const SectionGuard hold(sectionLock);
+    ++area->Holds;
+    for (size_t index = firstPage; index < firstPage + host->Section.Count; ++index) ++area->Pages[index].Pins;
+    return &host->Public;
+}
 
 PMDL NTAPI IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN, PIRP Irp)
 {
@@ -94,7 +128,7 @@ VOID NTAPI MmProbeAndLockPages(PMDL MemoryDescriptorList, KPROCESSOR_MODE Access
     // Pinned before it is touched: what was seen to be there is then what gets locked.
     char* const start = static_cast<char*>(MmGetMdlVirtualAddress(mdl));
     Arena* const pinned = PinArenaOf(start, mdl->ByteCount);
-    const NTSTATUS status = TouchRange(start, mdl->ByteCount, AccessMode, Operation);
+    const NTSTATUS status = TouchAndPin(mdl, AccessMode, Operation);
     if (!NT_SUCCESS(status)) {
         if (pinned) Unpin(pinned);
         ExRaiseStatus(status);
@@ -110,9 +144,12 @@ VOID NTAPI MmUnlockPages(PMDL MemoryDescriptorList)
     if (!(mdl->MdlFlags & MDL_PAGES_LOCKED))
         return ReportMdl("mdl-not-locked", mdl, "an MDL was unlocked that is not locked");
     if (mdl->MdlFlags & MDL_MAPPED_TO_SYSTEM_VA) MmUnmapLockedPages(mdl->MappedSystemVa, mdl);
-    if (Arena* const pinned = HostOf(mdl)->Pinned) Unpin(pinned);
-    HostOf(mdl)->Pinned = nullptr;
-    mdl->MdlFlags &= ~(MDL_PAGES_LOCKED | MDL_WRITE_OPERATION);
+    HostMdl* const host = HostOf(mdl);
+    if (host->Pinned) Unpin(host->Pinned);
+    if (host->Section.Area) UnpinRange(host->Section, mdl->MdlFlags & MDL_WRITE_OPERATION);
+    host->Pinned = nullptr;
+    host->Section = {};
+    mdl->MdlFlags &= ~(MDL_PAGES_LOCKED | MDL_WRITE_OPERATION | MDL_IO_PAGE_READ);
     mdl->Process = nullptr;
 }
 
@@ -148,7 +185,7 @@ VOID NTAPI MmUnmapLockedPages(PVOID BaseAddress, PMDL MemoryDescriptorList)
     PMDL const mdl = MemoryDescriptorList;
     if (!(mdl->MdlFlags & MDL_MAPPED_TO_SYSTEM_VA) || BaseAddress != mdl->MappedSystemVa)
         return ReportMdl("mdl-not-mapped", mdl, "an address was unmapped that is not the MDL's system address");
-    if (HostOf(mdl)->Pinned) UnmapSystemAddress(BaseAddress, mdl->ByteCount);
+    if (HasSystemAddress(mdl)) UnmapSystemAddress(BaseAddress, mdl->ByteCount);
     mdl->MdlFlags &= ~MDL_MAPPED_TO_SYSTEM_VA;
     mdl->MappedSystemVa = nullptr;
 }

@@ -1,6 +1,11 @@
-// The memory manager towards the rest of nthost: start and stop of the fault handling, and the hook by which section
-// views get their pages.
+// The memory manager towards the rest of nthost: start and stop of the fault handling, hooks that are asked before a
+// fault becomes an exception, and what the end of processes, drivers and the host does to sections.
 #pragma once
+
+#include <string>
+#include <vector>
+
+#include <ntifs.h>
 
 namespace nthost::mm {
 
@@ -16,5 +21,11 @@ void AddFaultHook(FaultHook hook);
 // Takes SIGSEGV and SIGBUS; gives them back.
 void Boot();
 void Shutdown();
+
+// A process is over: its views go, and sections that nobody uses any more with them.
+void EndViews(PEPROCESS process);
+// At shutdown, while requests still work: what is mapped is reported and unmapped, and every file object that an unused
+// section refers to is let go, even if its changes cannot be written.
+void EndSections(std::vector<std::string>* leaks);
 
 } // namespace nthost::mm

@@ -7,6 +7,7 @@
 
 #include "check/fatal.h"
 #include "ke/wait.h"
+#include "mm/memory.h"
 #include "ob/object.h"
 #include "ps/ids.h"
 #include "ps/threads.h"
@@ -65,6 +66,7 @@ void EndProcess(PEPROCESS process)
     {
         const ActAs as(process, KernelMode);
         ob::CloseAllHandles(process);
+        mm::EndViews(process);
     }
     ke::SignalHeader(&process->Header);
     ObDereferenceObject(process);

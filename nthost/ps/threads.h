@@ -13,7 +13,7 @@ namespace nthost::ps {
 // One reference for the caller; null without memory. Runs nowhere yet.
 _ETHREAD* NewThread(PEPROCESS process, KPROCESSOR_MODE mode);
 PEPROCESS NewProcess(const std::string& name, se::Token token);
-// The process is over: closes its handles, signals it, and gives the caller's reference back.
+// The process is over: closes its handles, unmaps its views, signals it, and gives the caller's reference back.
 void EndProcess(PEPROCESS process);
 
 // The current Linux thread becomes this one. Takes over the caller's reference.

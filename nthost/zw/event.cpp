@@ -2,15 +2,11 @@
 // event keeps its name as long as a handle is open.
 #include "ob/handle.h"
 #include "zw/capture.h"
+#include "zw/named.h"
 
 namespace nthost::zw {
 
 namespace {
-
-void CloseEvent(PEPROCESS, void* body, ACCESS_MASK, ULONG, ULONG remaining)
-{
-    if (remaining == 0) ob::RemoveName(body);
-}
 
 OBJECT_TYPE g_eventType{.Name = "Event",
                         .Mapping = {STANDARD_RIGHTS_READ | EVENT_QUERY_STATE,
@@ -19,41 +15,10 @@ OBJECT_TYPE g_eventType{.Name = "Event",
                         .ValidAccess = EVENT_ALL_ACCESS,
                         .UsesDispatcherHeader = true,
                         .WaitOffset = 0,
-                        .Close = CloseEvent,
+                        .Close = RemoveNameWithLastHandle,
                         .Delete = nullptr,
                         .Live = {}};
 POBJECT_TYPE g_eventTypePointer = &g_eventType;
-
-// Names the event, or finds the one that has the name already: STATUS_OBJECT_NAME_EXISTS then, with *body replaced.
-NTSTATUS InsertOrFind(const CapturedAttributes& attributes, void** body)
-{
-    const NTSTATUS status = ob::InsertName(attributes.Name.Get(), *body);
-    if (status != STATUS_OBJECT_NAME_COLLISION || !(attributes.Attributes & OBJ_OPENIF)) return status;
-
-    void* existing;
-    std::u16string remaining;
-    if (const NTSTATUS found = ob::LookupPath(attributes.Name.Get(), &existing, &remaining); !NT_SUCCESS(found))
-        return found;
-    if (ob::TypeOf(existing) != &g_eventType || !remaining.empty()) {
-        ObDereferenceObject(existing);
-        return STATUS_OBJECT_TYPE_MISMATCH;
-    }
-    ObDereferenceObject(*body);
-    *body = existing;
-    return STATUS_OBJECT_NAME_EXISTS;
-}
-
-NTSTATUS NameAndReturn(void* body, const CapturedAttributes& attributes, ACCESS_MASK granted, KPROCESSOR_MODE mode,
-                       PHANDLE handle)
-{
-    const bool named = !attributes.Name.Empty();
-    const NTSTATUS naming = named ? InsertOrFind(attributes, &body) : STATUS_SUCCESS;
-    NTSTATUS status = naming;
-    if (NT_SUCCESS(naming)) status = ReturnHandle(body, granted, attributes.Attributes, mode, handle);
-    if (named && !NT_SUCCESS(status) && naming == STATUS_SUCCESS) ob::RemoveName(body);
-    ObDereferenceObject(body);
-    return NT_SUCCESS(status) ? naming : status;
-}
 
 NTSTATUS CreateEvent(KPROCESSOR_MODE mode, PHANDLE handle, ACCESS_MASK desired, POBJECT_ATTRIBUTES objectAttributes,
                      EVENT_TYPE type, BOOLEAN initialState)

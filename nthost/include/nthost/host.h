@@ -32,10 +32,10 @@ LeakReport Shutdown();
 // driver object; what the driver then still owns is reported as a finding "driver-leak".
 [[nodiscard]] NTSTATUS LoadDriver(const std::string& name, PDRIVER_INITIALIZE entry, PDRIVER_OBJECT* driver);
 
-// Calls DriverUnload once none of its work items is queued or running and no file object stands on its devices (else
-// STATUS_DEVICE_NOT_READY; a driver without DriverUnload gives STATUS_INVALID_DEVICE_REQUEST), waits for the deferred
-// end of its devices, and reports what the driver left: devices, links, pool blocks by tag, resources, threads,
-// requests.
+// Trims sections (nthost/sections.h), then calls DriverUnload once none of its work items is queued or running and no
+// file object stands on its devices (else STATUS_DEVICE_NOT_READY; a driver without DriverUnload gives
+// STATUS_INVALID_DEVICE_REQUEST), waits for the deferred end of its devices, and reports what the driver left: devices,
+// links, pool blocks by tag, resources, threads, requests.
 [[nodiscard]] NTSTATUS UnloadDriver(PDRIVER_OBJECT driver, LeakReport* leaks);
 
 } // namespace nthost

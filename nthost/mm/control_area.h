@@ -1,0 +1,176 @@
+// Control areas: what the memory manager keeps per mapped file, its pages and views, and the reference that it holds on
+// a file object. One lock, sectionLock, guards all of it: areas, pages, views, and the slots of
+// SECTION_OBJECT_POINTERS. The lock is a leaf: under it no driver is called, nobody is waited for, and no view's
+// address is touched, so a page fault may take it wherever it comes from.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <ntifs.h>
+
+#include "io/file.h"
+#include "ke/word_lock.h"
+
+namespace nthost::mm {
+
+enum class PageState : uint8_t { Absent, Reading, Present };
+
+struct Page {
+    PageState State;
+    bool Dirty;      // changed since it was last written
+    bool Stale;      // while it is read: it was purged meanwhile, so what the read brings may be old
+    bool Writing;    // a paging write of it is out
+    uint32_t Pins;   // descriptions that have it locked, those of its own paging requests included
+    PETHREAD Reader; // while it is read
+};
+
+enum class AreaKind { Data, Image };
+
+struct ControlArea;
+
+// A mapped range of one process. Its pages are inaccessible until they are faulted in.
+struct View {
+    ControlArea* Area;
+    PEPROCESS Process; // not referenced: a process takes its views with it
+    uintptr_t Base;
+    size_t FirstPage; // of the area
+    size_t PageCount;
+    bool Readable;
+    bool Writable;
+};
+
+// Lives while anything counts on it or a page is present. The page contents are those of the memfd.
+struct ControlArea {
+    PFILE_OBJECT File; // referenced
+    PSECTION_OBJECT_POINTERS Pointers;
+    AreaKind Kind;
+    int Memfd;
+    io::EndSignal Changed; // a page was read or written
+
+    // Under sectionLock:
+    LONGLONG Size;           // of the file when a section was last made; paging requests do not go beyond
+    std::vector<Page> Pages; // never fewer than Size asks for
+    size_t PresentPages;
+    unsigned Sections; // section objects
+    unsigned Holds;    // of routines at work on it, and of locked descriptions
+    std::vector<View*> Views;
+};
+
+extern ke::WordLock sectionLock;
+using SectionGuard = std::lock_guard<ke::WordLock>;
+
+inline size_t PagesFor(LONGLONG bytes) { return static_cast<size_t>((bytes + PAGE_SIZE - 1) >> PAGE_SHIFT); }
+inline LONGLONG OffsetOfPage(size_t index) { return static_cast<LONGLONG>(index) << PAGE_SHIFT; }
+
+// Whoever has the file mapped or could map it without asking the file system again. Under sectionLock.
+inline bool HasUsers(const ControlArea* area) { return area->Sections != 0 || !area->Views.empty(); }
+
+// --- areas (control_area.cpp)
+
+// The area that the pointers name, held for the caller; null if there is none.
+ControlArea* HoldArea(PSECTION_OBJECT_POINTERS pointers, AreaKind kind);
+// Gives a hold back. The last use of an area without pages ends it: its file object is dereferenced here, which may
+// send a close.
+void ReleaseHold(ControlArea* area);
+
+// A hold for a scope. Not across a raise, which runs no destructors.
+class AreaHold {
+public:
+    explicit AreaHold(ControlArea* area) : area_(area) {} // takes over the caller's; may be null
+    ~AreaHold()
+    {
+        if (area_) ReleaseHold(area_);
+    }
+    AreaHold(const AreaHold&) = delete;
+    AreaHold& operator=(const AreaHold&) = delete;
+    ControlArea* Get() const { return area_; }
+    explicit operator bool() const { return area_; }
+    ControlArea* operator->() const { return area_; }
+
+private:
+    ControlArea* area_;
+};
+
+// The file's area, made if there is none, for a file of that size, with one section counted (give it back with
+// ReleaseSection). STATUS_INSUFFICIENT_RESOURCES, STATUS_SECTION_TOO_BIG.
+[[nodiscard]] NTSTATUS ReferenceArea(PFILE_OBJECT file, AreaKind kind, LONGLONG fileSize, ControlArea** area);
+void ReleaseSection(ControlArea* area);
+
+// Areas that nobody uses, held for the caller.
+std::vector<ControlArea*> HoldIdleAreas();
+// At shutdown, when only areas are left whose sections leaked.
+void ForgetAreas();
+
+// --- pages (pages.cpp)
+
+// Reads the page, which the caller has set to Reading. The status of the failure if it stays absent.
+[[nodiscard]] NTSTATUS ReadPage(ControlArea* area, size_t index);
+// Until nobody reads the page any more.
+void AwaitRead(ControlArea* area, size_t index);
+
+struct PageRange {
+    size_t First;
+    size_t End; // one past the last
+};
+// The pages of a byte range as cache routines take it: a null offset means all, a zero length everything from there on.
+PageRange RangeOf(const ControlArea* area, const LARGE_INTEGER* offset, ULONGLONG length);
+
+enum class WriteFor { Flush, ModifiedWriter };
+// Writes the run of changed pages that comes first in the range, of at most 16 pages, and moves range->First behind it.
+// False if there is none. The outcome is added to *result: its first error, and the bytes written.
+bool WriteNextRun(ControlArea* area, PageRange* range, WriteFor purpose, IO_STATUS_BLOCK* result);
+// Where WriteNextRun would end its run; zero if nothing is changed.
+LONGLONG EndOfNextRun(ControlArea* area, const PageRange& range);
+// All of the range's, with the file system's flush callbacks around. Result as CcFlushCache gives it.
+void FlushRange(ControlArea* area, PageRange range, IO_STATUS_BLOCK* result);
+// Drops the pages, changed or not; views fault on them anew. False if some are locked, which stay.
+bool PurgeRange(ControlArea* area, PageRange range);
+// Drops all pages of an area that has no users; false, with the pages left, if it has some, if a page is locked, or if
+// one is changed and those must not be lost.
+bool DropUnused(ControlArea* area, bool dirtyToo);
+
+// --- locked descriptions (pinned.cpp)
+
+// What an MDL has locked of an area; Area null for other memory.
+struct PinnedRange {
+    ControlArea* Area; // held
+    size_t First;
+    size_t Count;
+};
+// Locks the pages behind a range of one view that has just been touched. Area null if no view of the caller's process
+// has all of it. False if a page went away again meanwhile: touch once more.
+[[nodiscard]] bool PinView(const void* address, size_t length, bool write, PinnedRange* pinned);
+// `written` says that the pages may have been changed until now.
+void UnpinRange(const PinnedRange& pinned, bool written);
+// A second address of the pages, page-aligned; null if there is no room.
+void* MapPinned(const PinnedRange& pinned);
+
+// A locked, unmapped description of the pages for a paging request, which ends it; null without memory.
+PMDL NewPagingMdl(ControlArea* area, size_t firstPage, ULONG length, bool forRead);
+
+// --- views (view.cpp)
+
+// The process's view that has the address, null for none. Under sectionLock.
+View* FindView(PEPROCESS process, const void* address);
+bool AnyViews(); // without the lock
+
+struct ViewRequest {
+    ControlArea* Area;
+    PEPROCESS Process;
+    void* Base; // null: anywhere
+    LONGLONG Offset;
+    size_t Length;
+    bool Readable;
+    bool Writable;
+};
+[[nodiscard]] NTSTATUS MapView(const ViewRequest& request, void** base);
+[[nodiscard]] NTSTATUS UnmapView(PEPROCESS process, const void* address);
+// For a process that ends, or, null, for all: one text per view there was.
+std::vector<std::string> UnmapViewsOf(PEPROCESS process);
+
+// What every view of the area allows on the pages, from now on: PROT_... Under sectionLock.
+void ProtectInViews(ControlArea* area, PageRange range, int protection);
+
+} // namespace nthost::mm
