@@ -1,4 +1,4 @@
-// Device control: the code says how the buffers travel and which access the handle must have.
+// Device and file-system control: the code says how the buffers travel and which access the handle must have.
 #include <nthost/faults.h>
 
 #include "io/request.h"
@@ -51,27 +51,44 @@ struct ControlArguments {
     }
 }
 
+// The parameters of the two kinds have one layout.
+void FillControl(PIO_STACK_LOCATION location, const ControlArguments& arguments)
+{
+    auto& parameters = location->Parameters.DeviceIoControl;
+    parameters.IoControlCode = arguments.Code;
+    parameters.InputBufferLength = arguments.InputLength;
+    parameters.OutputBufferLength = arguments.OutputLength;
+}
+
+NTSTATUS Control(UCHAR major, ControlArguments arguments, const ServiceCaller& caller, HANDLE file)
+{
+    NTSTATUS status = ProbeBuffers(&arguments);
+    if (!NT_SUCCESS(status)) return status;
+    Request request;
+    status = request.Open(caller, file, arguments.Access(), Service::Asynchronous);
+    if (!NT_SUCCESS(status)) return status;
+    status = request.Build(major);
+    if (!NT_SUCCESS(status)) return status;
+    FillControl(request.Location(), arguments);
+    status = AttachBuffers(request, arguments);
+    return NT_SUCCESS(status) ? request.Issue() : status;
+}
+
 NTSTATUS DeviceControl(KPROCESSOR_MODE mode, HANDLE file, HANDLE event, PIO_APC_ROUTINE apcRoutine, PVOID apcContext,
                        PIO_STATUS_BLOCK statusBlock, ULONG code, PVOID input, ULONG inputLength, PVOID output,
                        ULONG outputLength)
 {
     if (mode == KernelMode && FaultInjected("ZwDeviceIoControlFile")) return STATUS_INSUFFICIENT_RESOURCES;
-    ControlArguments arguments{mode, code, input, inputLength, output, outputLength};
-    NTSTATUS status = ProbeBuffers(&arguments);
-    if (!NT_SUCCESS(status)) return status;
+    return Control(IRP_MJ_DEVICE_CONTROL, {mode, code, input, inputLength, output, outputLength},
+                   {mode, statusBlock, event, apcRoutine, apcContext}, file);
+}
 
-    Request request;
-    const ServiceCaller caller{mode, statusBlock, event, apcRoutine, apcContext};
-    status = request.Open(caller, file, arguments.Access(), Service::Asynchronous);
-    if (!NT_SUCCESS(status)) return status;
-    status = request.Build(IRP_MJ_DEVICE_CONTROL);
-    if (!NT_SUCCESS(status)) return status;
-    auto& parameters = request.Location()->Parameters.DeviceIoControl;
-    parameters.IoControlCode = code;
-    parameters.InputBufferLength = arguments.InputLength;
-    parameters.OutputBufferLength = arguments.OutputLength;
-    status = AttachBuffers(request, arguments);
-    return NT_SUCCESS(status) ? request.Issue() : status;
+NTSTATUS FsControl(KPROCESSOR_MODE mode, HANDLE file, HANDLE event, PIO_APC_ROUTINE apcRoutine, PVOID apcContext,
+                   PIO_STATUS_BLOCK statusBlock, ULONG code, PVOID input, ULONG inputLength, PVOID output,
+                   ULONG outputLength)
+{
+    return Control(IRP_MJ_FILE_SYSTEM_CONTROL, {mode, code, input, inputLength, output, outputLength},
+                   {mode, statusBlock, event, apcRoutine, apcContext}, file);
 }
 
 } // namespace
@@ -83,4 +100,10 @@ NTHOST_SERVICE_PAIR(DeviceIoControlFile, nthost::io::DeviceControl,
                      PIO_STATUS_BLOCK IoStatusBlock, ULONG IoControlCode, PVOID InputBuffer, ULONG InputBufferLength,
                      PVOID OutputBuffer, ULONG OutputBufferLength),
                     FileHandle, Event, ApcRoutine, ApcContext, IoStatusBlock, IoControlCode, InputBuffer,
+                    InputBufferLength, OutputBuffer, OutputBufferLength)
+NTHOST_SERVICE_PAIR(FsControlFile, nthost::io::FsControl,
+                    (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                     PIO_STATUS_BLOCK IoStatusBlock, ULONG FsControlCode, PVOID InputBuffer, ULONG InputBufferLength,
+                     PVOID OutputBuffer, ULONG OutputBufferLength),
+                    FileHandle, Event, ApcRoutine, ApcContext, IoStatusBlock, FsControlCode, InputBuffer,
                     InputBufferLength, OutputBuffer, OutputBufferLength)

@@ -3,6 +3,7 @@
 
 #include <nthost/faults.h>
 
+#include "io/ea_list.h"
 #include "io/open.h"
 #include "io/service.h"
 #include "ob/object.h"
@@ -22,10 +23,16 @@ struct CreateArguments {
     ULONG EaLength;
 };
 
-// Extended attributes at create are not served.
-[[nodiscard]] NTSTATUS CheckEas(const CreateArguments& arguments)
+[[nodiscard]] NTSTATUS CaptureEas(const CreateArguments& arguments, OpenParameters* open, CapturedList* eas)
 {
-    return arguments.EaBuffer || arguments.EaLength ? STATUS_EAS_NOT_SUPPORTED : STATUS_SUCCESS;
+    const NTSTATUS status = CaptureList(arguments.EaBuffer, arguments.EaLength, arguments.Mode, eas);
+    if (!NT_SUCCESS(status) || !*eas) return status;
+    open->EaBuffer = eas->get();
+    open->EaLength = arguments.EaLength;
+    ULONG errorOffset = 0;
+    const NTSTATUS checked =
+        IoCheckEaBufferValidity(static_cast<PFILE_FULL_EA_INFORMATION>(open->EaBuffer), open->EaLength, &errorOffset);
+    return TellInconsistent(checked, errorOffset, arguments.StatusBlock, arguments.Mode);
 }
 
 [[nodiscard]] NTSTATUS ReadAllocationSize(const CreateArguments& arguments, LARGE_INTEGER* size)
@@ -36,13 +43,13 @@ struct CreateArguments {
 
 // Everything that the caller's addresses decide, before anything is opened.
 [[nodiscard]] NTSTATUS ReadArguments(const CreateArguments& arguments, OpenParameters* open,
-                                     zw::CapturedAttributes* attributes)
+                                     zw::CapturedAttributes* attributes, CapturedList* eas)
 {
     NTSTATUS status = zw::ProbeUser(arguments.Handle, arguments.Mode);
     if (NT_SUCCESS(status)) status = zw::ProbeUser(arguments.StatusBlock, arguments.Mode);
     if (NT_SUCCESS(status)) status = ReadAllocationSize(arguments, &open->AllocationSize);
     if (NT_SUCCESS(status)) status = CheckOpenParameters(*open);
-    if (NT_SUCCESS(status)) status = CheckEas(arguments);
+    if (NT_SUCCESS(status)) status = CaptureEas(arguments, open, eas);
     if (NT_SUCCESS(status)) status = zw::CaptureObjectAttributes(arguments.Attributes, arguments.Mode, attributes);
     open->Name = attributes->Name.Get();
     open->Attributes = attributes->Attributes;
@@ -78,7 +85,8 @@ NTSTATUS OpenAndReturn(const CreateArguments& arguments, const OpenParameters& o
 NTSTATUS Open(const CreateArguments& arguments, OpenParameters& open)
 {
     zw::CapturedAttributes captured;
-    NTSTATUS status = ReadArguments(arguments, &open, &captured);
+    CapturedList eas;
+    NTSTATUS status = ReadArguments(arguments, &open, &captured, &eas);
     if (!NT_SUCCESS(status)) return status;
     status = ReferenceRelated(captured.RootDirectory, arguments.Mode, &open.Related);
     if (!NT_SUCCESS(status)) return status;

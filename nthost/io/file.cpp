@@ -21,10 +21,9 @@ namespace {
 void SendClosing(PFILE_OBJECT file, UCHAR major)
 {
     PDEVICE_OBJECT const device = IoGetRelatedDeviceObject(file);
+    ++ke::CurrentThread()->Closing; // the request itself must not be missing either
     IrpRecord* const record = NewFileIrp(file, device, major, IRP_CLOSE_OPERATION | IRP_SYNCHRONOUS_API);
-    if (!record) return;
-    ++ke::CurrentThread()->Closing;
-    (void)SendRequest(device, record);
+    if (record) (void)SendRequest(device, record);
     --ke::CurrentThread()->Closing;
 }
 

@@ -94,6 +94,7 @@ void FillCreate(PIRP irp, const OpenParameters& open, PIO_SECURITY_CONTEXT secur
 {
     irp->RequestorMode = open.Mode;
     irp->Overlay.AllocationSize = open.AllocationSize;
+    irp->AssociatedIrp.SystemBuffer = open.EaBuffer;
     PIO_STACK_LOCATION const location = IoGetNextIrpStackLocation(irp);
     location->Flags = LocationFlagsOf(open);
     auto& create = location->Parameters.Create;
@@ -101,6 +102,7 @@ void FillCreate(PIRP irp, const OpenParameters& open, PIO_SECURITY_CONTEXT secur
     create.Options = open.Disposition << 24 | open.Options;
     create.FileAttributes = static_cast<USHORT>(open.FileAttributes);
     create.ShareAccess = static_cast<USHORT>(open.ShareAccess);
+    create.EaLength = open.EaLength;
 }
 
 NTSTATUS SendCreate(const OpenParameters& open, PFILE_OBJECT file, ACCESS_STATE* access, IO_STATUS_BLOCK* result)

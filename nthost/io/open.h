@@ -16,6 +16,8 @@ struct OpenParameters {
     ULONG ShareAccess;
     ULONG Disposition;
     ULONG Options;
+    void* EaBuffer; // a checked list in memory of the system, the caller's of this; or null
+    ULONG EaLength;
     UCHAR LocationFlags; // SL_..., beyond those that follow from Attributes
 };
 

@@ -75,6 +75,9 @@ NT_SERVICE(Close, (HANDLE Handle));
 NT_SERVICE(DeviceIoControlFile, (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                                  PIO_STATUS_BLOCK IoStatusBlock, ULONG IoControlCode, PVOID InputBuffer,
                                  ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength));
+NT_SERVICE(FsControlFile, (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                           PIO_STATUS_BLOCK IoStatusBlock, ULONG FsControlCode, PVOID InputBuffer,
+                           ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength));
 // ByteOffset: on a file object for synchronous I/O null, or -2 (FILE_USE_FILE_POINTER_POSITION), means its current
 // position; else an offset that is not negative must be given (STATUS_INVALID_PARAMETER).
 NT_SERVICE(ReadFile,
@@ -109,6 +112,19 @@ NT_SERVICE(LockFile, (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutin
                       BOOLEAN FailImmediately, BOOLEAN ExclusiveLock));
 NT_SERVICE(UnlockFile, (HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER ByteOffset,
                         PLARGE_INTEGER Length, ULONG Key));
+// A list that is not well-formed gives STATUS_EA_LIST_INCONSISTENT with the offset of its first bad record in the
+// status block. The EaList of a query has FILE_GET_EA_INFORMATION records; EaIndex counts from 1.
+NT_SERVICE(QueryEaFile,
+           (HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, BOOLEAN ReturnSingleEntry,
+            PVOID EaList, ULONG EaListLength, PULONG EaIndex, BOOLEAN RestartScan));
+NT_SERVICE(SetEaFile, (HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length));
+// Classes and lengths as with file information; all classes are the driver's to answer.
+NT_SERVICE(QueryVolumeInformationFile, (HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FsInformation,
+                                        ULONG Length, FS_INFORMATION_CLASS FsInformationClass));
+NT_SERVICE(SetVolumeInformationFile, (HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PVOID FsInformation,
+                                      ULONG Length, FS_INFORMATION_CLASS FsInformationClass));
+// The handle needs FILE_WRITE_DATA or FILE_APPEND_DATA.
+NT_SERVICE(FlushBuffersFile, (HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock));
 // Cancels the current thread's requests on the file and waits for them to end.
 NT_SERVICE(CancelIoFile, (HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock));
 // Cancels any thread's requests of this process on the file, or only the one with the given status block.
