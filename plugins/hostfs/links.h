@@ -1,5 +1,5 @@
-// Where a symbolic link leads, as a path from the volume root, and what a link holds that leads there. Worked out by the text alone: "." and ".." are resolved
-// without looking whether what they follow is a link. Pure functions.
+// Where a symbolic link leads, as a path from the volume root, and what a link holds that leads there. Worked out by
+// the text alone: "." and ".." are resolved without looking whether what they follow is a link. Pure functions.
 #pragma once
 
 #include <string>

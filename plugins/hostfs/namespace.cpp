@@ -1,5 +1,6 @@
-// Rename, Delete, ReadLink, and making a link. Relies on no lock: each change is one atomic call of the Linux machine, and where a name is
-// exchanged between the look and the call, that call fails or hits what now bears the name in the same directory.
+// Rename, Delete, ReadLink, and making a link. Relies on no lock: each change is one atomic call of the Linux machine,
+// and where a name is exchanged between the look and the call, that call fails or hits what now bears the name in the
+// same directory.
 #include "operations.h"
 
 #include "errors.h"

@@ -98,8 +98,9 @@ void File::Write(uint64_t offset, const void* buffer, size_t length) const
                                         static_cast<ULONG>(length), &position, nullptr);
     Require(fmt::format("write {} at {}", ShownPath(path_), offset), status);
     if (statusBlock.Information != length) {
-        throw Failure(fmt::format("write {} at {}: {} of {} bytes", ShownPath(path_), offset, statusBlock.Information, length),
-                      STATUS_DISK_FULL);
+        throw Failure(
+            fmt::format("write {} at {}: {} of {} bytes", ShownPath(path_), offset, statusBlock.Information, length),
+            STATUS_DISK_FULL);
     }
 }
 
@@ -179,10 +180,9 @@ File OpenFile(const std::string& path, const OpenHow& how)
     IO_STATUS_BLOCK statusBlock{};
     HANDLE handle = nullptr;
     void* const eas = how.Eas.empty() ? nullptr : const_cast<uint64_t*>(how.Eas.data());
-    const NTSTATUS status =
-        NtCreateFile(&handle, how.Access, &attributes, &statusBlock, nullptr, how.Attributes, how.Share,
-                     how.Disposition, how.Options | FILE_SYNCHRONOUS_IO_NONALERT, eas,
-                     static_cast<ULONG>(how.Eas.size() * sizeof(uint64_t)));
+    const NTSTATUS status = NtCreateFile(&handle, how.Access, &attributes, &statusBlock, nullptr, how.Attributes,
+                                         how.Share, how.Disposition, how.Options | FILE_SYNCHRONOUS_IO_NONALERT, eas,
+                                         static_cast<ULONG>(how.Eas.size() * sizeof(uint64_t)));
     Require((how.Disposition == FILE_OPEN ? "open " : "create ") + ShownPath(path), status);
     return File(handle, path, statusBlock.Information);
 }

@@ -36,14 +36,17 @@ constexpr Command kCommands[] = {
 
     {"Attributes", "attr", "PATH [+-=rhsa]", "show or change read-only, hidden, system, archive", 1, 2, Attr},
     {"Attributes", "touch", "PATH [created|accessed|written|changed TIME]...",
-     "set times (accessed and written to now), making the file if there is none; TIME as 2026-11-24T13:05:00 or now", 1,
+     "set times, or accessed and written to now; a file that is missing is made; TIME is 2026-11-24T13:05:00 or now", 1,
      9, Touch},
     {"Attributes", "ea", "list PATH", "extended attributes", 2, 4, Ea},
     {"Attributes", "ea", "get|rm PATH NAME", "print or remove one", 2, 4, Ea},
     {"Attributes", "ea", "set PATH NAME VALUE", "make or replace one; escapes as for write", 2, 4, Ea},
 
-    {"Handles", "open", "PATH [ACCESS [SHARE]]", "open a handle: ACCESS of r w a x d, SHARE of r w d or - (r rwd)", 1, 3,
-     Open, Needs::Handles},
+    {"Trees", "import", "HOST-DIR PATH", "copy a tree of this machine into the volume, and verify it", 2, 2, Import},
+    {"Trees", "export", "PATH HOST-DIR", "copy a tree of the volume to this machine, and verify it", 2, 2, Export},
+
+    {"Handles", "open", "PATH [ACCESS [SHARE]]", "open a handle: ACCESS of r w a x d, SHARE of r w d or - (r rwd)", 1,
+     3, Open, Needs::Handles},
     {"Handles", "close", "HANDLE", "close a handle", 1, 1, Close, Needs::Handles},
     {"Handles", "handles", "", "open handles, with their access, sharing and locks", 0, 0, commands::Handles},
     {"Handles", "lock", "HANDLE OFFSET LENGTH [shared]", "lock bytes, exclusively by default", 3, 4, Lock,
@@ -56,8 +59,7 @@ constexpr Command kCommands[] = {
     {"Volume", "mounted", "", "ask the file system whether it is mounted", 0, 0, Mounted},
     {"Volume", "unmount", "", "unmount; open handles must be closed", 0, 0, Unmount, Needs::Handles},
     {"Volume", "as", "SID[+GROUP]... COMMAND...",
-     "run a command as another user, whom --sddl may keep out: as S-1-5-21-1-2-3-1002 ls", 2, kAny, As,
-     Needs::Handles},
+     "run a command as another user, whom --sddl may keep out: as S-1-5-21-1-2-3-1002 ls", 2, kAny, As, Needs::Handles},
 
     {"Shell", "trace", "on|off", "the driver's own trace on standard error", 1, 1, Trace, Needs::Nothing},
     {"Shell", "calls", "on|off", "after each command, the plugin operations that it caused", 1, 1, Calls,
@@ -99,7 +101,8 @@ void Help(Shell&, const Words& words)
     if (!found) throw Usage(fmt::format("unknown command '{}'", words[1]));
     if (words.size() > 1) return;
     fmt::print("  {:<40} {}\n", "exit", "leave");
-    fmt::print("Paths begin at the volume's root; / and \\ both separate. Double quotes hold blanks, # begins a remark.\n");
+    fmt::print(
+        "Paths begin at the volume's root; / and \\ both separate. Double quotes hold blanks, # begins a remark.\n");
 }
 
 } // namespace commands

@@ -56,6 +56,10 @@ void Link(Shell& shell, const Words& words);
 void Ea(Shell& shell, const Words& words);
 void Map(Shell& shell, const Words& words);
 
+// transfer.cpp
+void Import(Shell& shell, const Words& words);
+void Export(Shell& shell, const Words& words);
+
 // handles.cpp
 void Open(Shell& shell, const Words& words);
 void Close(Shell& shell, const Words& words);

@@ -256,6 +256,8 @@ private:
             return true;
         } catch (const NotRepresentable& reason) {
             totals_.NotRepresentable.push_back(reason.what());
+        } catch (const Failure& failure) {
+            totals_.Problems.push_back(failure.Summary());
         } catch (const std::exception& failure) {
             totals_.Problems.push_back(failure.what());
         }
@@ -302,8 +304,8 @@ int PrintTotals(const CopyTotals& totals)
     fmt::print("{} files in {} directories, {} links, {:.1f} MB\n", totals.Files, totals.Directories, totals.Links,
                static_cast<double>(totals.Bytes) / 1e6);
     fmt::print("copied and read again in {:.2f} s, {:.1f} MB/s; {} requests, {} plugin calls\n", totals.Seconds,
-               2 * static_cast<double>(totals.Bytes) / 1e6 / (totals.Seconds > 0 ? totals.Seconds : 1),
-               totals.Requests, totals.PluginCalls);
+               2 * static_cast<double>(totals.Bytes) / 1e6 / (totals.Seconds > 0 ? totals.Seconds : 1), totals.Requests,
+               totals.PluginCalls);
     if (!totals.NotRepresentable.empty()) {
         fmt::print("not representable: {} names\n", totals.NotRepresentable.size());
         PrintSome(stdout, totals.NotRepresentable);

@@ -1,5 +1,5 @@
-// Copies one tree into another and verifies it by reading everything again on both sides: contents byte for byte, times,
-// attributes, extended attributes and links. Import and export are this, with their ends exchanged.
+// Copies one tree into another and verifies it by reading everything again on both sides: contents byte for byte,
+// times, attributes, extended attributes and links. Import and export are this, with their ends exchanged.
 #pragma once
 
 #include <cstdint>

@@ -47,7 +47,7 @@ void Remove(Shell& shell, const Words& words)
 
 struct Verb {
     const char* Name;
-    size_t Words;
+    size_t WordCount;
     void (*Run)(Shell& shell, const Words& words);
 };
 constexpr Verb kVerbs[] = {{"list", 3, List}, {"get", 4, Get}, {"set", 5, Set}, {"rm", 4, Remove}};
@@ -59,7 +59,7 @@ namespace commands {
 void Ea(Shell& shell, const Words& words)
 {
     for (const Verb& verb : kVerbs) {
-        if (words[1] == verb.Name && words.size() == verb.Words) return verb.Run(shell, words);
+        if (words[1] == verb.Name && words.size() == verb.WordCount) return verb.Run(shell, words);
     }
     throw Usage("usage: ea list PATH | ea get PATH NAME | ea set PATH NAME VALUE | ea rm PATH NAME");
 }

@@ -14,7 +14,10 @@ namespace {
 
 constexpr size_t kHeader = FIELD_OFFSET(FILE_FULL_EA_INFORMATION, EaName);
 
-size_t RecordSize(const std::string& name, const std::string& value) { return kHeader + name.size() + 1 + value.size(); }
+size_t RecordSize(const std::string& name, const std::string& value)
+{
+    return kHeader + name.size() + 1 + value.size();
+}
 
 // Behind the last record; its offset to the next stays 0.
 void AppendRecord(std::vector<char>* list, const std::string& name, const std::string& value)
@@ -71,9 +74,8 @@ EaMap ReadEas(const File& file)
     if (file.Query<FILE_EA_INFORMATION>(FileEaInformation, "EA size").EaSize == 0) return {};
     for (std::vector<uint64_t> buffer(8192);; buffer.resize(buffer.size() * 4)) {
         IO_STATUS_BLOCK statusBlock{};
-        const NTSTATUS status =
-            NtQueryEaFile(file.Handle(), &statusBlock, buffer.data(), static_cast<ULONG>(buffer.size() * 8), FALSE,
-                          nullptr, 0, nullptr, TRUE);
+        const NTSTATUS status = NtQueryEaFile(file.Handle(), &statusBlock, buffer.data(),
+                                              static_cast<ULONG>(buffer.size() * 8), FALSE, nullptr, 0, nullptr, TRUE);
         if (MeansNone(status)) return {};
         if (status == STATUS_BUFFER_OVERFLOW || status == STATUS_BUFFER_TOO_SMALL) continue;
         Require("list extended attributes of " + ShownPath(file.Path()), status);

@@ -87,18 +87,18 @@ void Put(Shell& shell, const Words& words)
 void Write(Shell& shell, const Words& words)
 {
     const std::string bytes = Unescape(words[3]);
-    const File file = shell.Open(words[1], {.Access = FILE_WRITE_DATA | SYNCHRONIZE,
-                                            .Options = FILE_NON_DIRECTORY_FILE,
-                                            .Disposition = FILE_OPEN_IF});
+    const File file = shell.Open(
+        words[1],
+        {.Access = FILE_WRITE_DATA | SYNCHRONIZE, .Options = FILE_NON_DIRECTORY_FILE, .Disposition = FILE_OPEN_IF});
     file.Write(Number(words[2]), bytes.data(), bytes.size());
 }
 
 void Append(Shell& shell, const Words& words)
 {
     const std::string bytes = Unescape(words[2]);
-    const File file = shell.Open(words[1], {.Access = FILE_APPEND_DATA | SYNCHRONIZE,
-                                            .Options = FILE_NON_DIRECTORY_FILE,
-                                            .Disposition = FILE_OPEN_IF});
+    const File file = shell.Open(
+        words[1],
+        {.Access = FILE_APPEND_DATA | SYNCHRONIZE, .Options = FILE_NON_DIRECTORY_FILE, .Disposition = FILE_OPEN_IF});
     file.Append(bytes.data(), bytes.size());
 }
 

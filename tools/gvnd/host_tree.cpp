@@ -84,7 +84,8 @@ public:
     {
         Require("set times of " + title_,
                 hostfs::SetTimes(fd_.Get(), facts.Creation, facts.LastAccess, facts.LastWrite));
-        if (Facts().Attributes == facts.Attributes) return; // or else every file would get the attribute that keeps them
+        if (Facts().Attributes == facts.Attributes)
+            return; // or else every file would get the attribute that keeps them
         const NTSTATUS status = hostfs::SetAttributes(fd_.Get(), facts.Attributes);
         const Failure failure("set attributes of " + title_, status);
         if (status == STATUS_NOT_SUPPORTED) throw NotKept(failure.Summary());

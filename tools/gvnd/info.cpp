@@ -78,8 +78,8 @@ void PrintStandard(const File& file)
 {
     const auto info = file.Query<FILE_STANDARD_INFORMATION>(FileStandardInformation, "FileStandardInformation");
     fmt::print("size        {}\nallocated   {}\nlinks       {}\ndirectory   {}\ndeleted     {}\n",
-               info.EndOfFile.QuadPart, info.AllocationSize.QuadPart, info.NumberOfLinks,
-               info.Directory ? "yes" : "no", info.DeletePending ? "pending" : "no");
+               info.EndOfFile.QuadPart, info.AllocationSize.QuadPart, info.NumberOfLinks, info.Directory ? "yes" : "no",
+               info.DeletePending ? "pending" : "no");
 }
 
 void PrintInternal(const File& file)
@@ -107,7 +107,8 @@ void PrintPosition(const File& file)
 
 void PrintMode(const File& file)
 {
-    fmt::print("mode        0x{:x}\n", file.Query<FILE_MODE_INFORMATION>(FileModeInformation, "FileModeInformation").Mode);
+    fmt::print("mode        0x{:x}\n",
+               file.Query<FILE_MODE_INFORMATION>(FileModeInformation, "FileModeInformation").Mode);
 }
 
 void PrintAlignment(const File& file)
@@ -119,7 +120,8 @@ void PrintAlignment(const File& file)
 // The two classes that repeat the others are checked against them rather than printed again.
 void CheckNetworkOpen(const File& file)
 {
-    const auto open = file.Query<FILE_NETWORK_OPEN_INFORMATION>(FileNetworkOpenInformation, "FileNetworkOpenInformation");
+    const auto open =
+        file.Query<FILE_NETWORK_OPEN_INFORMATION>(FileNetworkOpenInformation, "FileNetworkOpenInformation");
     const auto basic = file.Query<FILE_BASIC_INFORMATION>(FileBasicInformation, "FileBasicInformation");
     const bool agrees = open.LastWriteTime.QuadPart == basic.LastWriteTime.QuadPart &&
                         open.CreationTime.QuadPart == basic.CreationTime.QuadPart &&
@@ -138,8 +140,9 @@ void CheckAll(const File& file)
     fmt::print("all         {} ({})\n", agrees ? "agrees" : "differs from the above", NameOf(all.NameInformation));
 }
 
-constexpr void (*kClasses[])(const File&) = {PrintName,     PrintBasic, PrintStandard,  PrintInternal,    PrintEaSize, PrintAccess,
-                                             PrintPosition, PrintMode,  PrintAlignment, CheckNetworkOpen, CheckAll};
+constexpr void (*kClasses[])(const File&) = {PrintName,      PrintBasic,       PrintStandard, PrintInternal,
+                                             PrintEaSize,    PrintAccess,      PrintPosition, PrintMode,
+                                             PrintAlignment, CheckNetworkOpen, CheckAll};
 
 LARGE_INTEGER* TimeOf(FILE_BASIC_INFORMATION& info, const std::string& word)
 {

@@ -25,8 +25,8 @@ void Show(Shell& shell, const Words& words)
 void Change(Shell& shell, const Words& words)
 {
     const std::string bytes = Unescape(words[4]);
-    const File file = shell.Open(words[1], {.Access = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE,
-                                            .Options = FILE_NON_DIRECTORY_FILE});
+    const File file = shell.Open(
+        words[1], {.Access = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE, .Options = FILE_NON_DIRECTORY_FILE});
     MappedView view(file, MappedView::Mode::Write);
     view.Write(Number(words[3]), bytes);
     view.Flush();

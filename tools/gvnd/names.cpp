@@ -1,5 +1,5 @@
-// Making, removing, renaming and linking names. Every open follows links, so a link itself is looked for in its directory
-// first: removing a link must not remove what it leads to.
+// Making, removing, renaming and linking names. Every open follows links, so a link itself is looked for in its
+// directory first: removing a link must not remove what it leads to.
 #include <fmt/format.h>
 
 #include "gvnd/commands.h"
@@ -30,9 +30,9 @@ namespace commands {
 
 void MakeDirectory(Shell& shell, const Words& words)
 {
-    shell.Open(words[1], {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
-                          .Options = FILE_DIRECTORY_FILE,
-                          .Disposition = FILE_CREATE});
+    shell.Open(
+        words[1],
+        {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE, .Options = FILE_DIRECTORY_FILE, .Disposition = FILE_CREATE});
 }
 
 void Remove(Shell& shell, const Words& words)
@@ -56,8 +56,7 @@ void Move(Shell& shell, const Words& words)
     const std::string& to = words.back();
     if (IsLink(shell, from)) throw Usage("a link cannot be renamed; remove it and make another");
     const SplitPath place = SplitLast(to);
-    const bool sameDirectory =
-        Session::VolumePath(place.Directory) == Session::VolumePath(SplitLast(from).Directory);
+    const bool sameDirectory = Session::VolumePath(place.Directory) == Session::VolumePath(SplitLast(from).Directory);
     const NtText name(sameDirectory ? place.Last : shell.Session().NtPath(to));
 
     std::vector<uint64_t> record =

@@ -42,8 +42,8 @@ public:
     static std::string VolumePath(const std::string& path);
 
     // Links. Every open follows them, so what is done with a link itself goes past the driver, which keeps nothing of
-    // a link between two requests. The boundary knows how to follow links and not how to make them, so each plugin does it its
-    // own way: memfs by an extended attribute, hostfs in its directory. All are paths of the volume.
+    // a link between two requests. The boundary knows how to follow links and not how to make them, so each plugin does
+    // it its own way: memfs by an extended attribute, hostfs in its directory. All are paths of the volume.
     void MakeLink(const std::string& path, const std::string& target);
     std::string ReadLink(const std::string& path);
     void RemoveLink(const std::string& path);

@@ -31,6 +31,12 @@ public:
     using std::runtime_error::runtime_error;
 };
 
+// Copies that do not agree; what is wrong with them has been printed.
+class Mismatch : public std::runtime_error {
+public:
+    using std::runtime_error::runtime_error;
+};
+
 inline void Require(const std::string& request, NTSTATUS status)
 {
     if (!NT_SUCCESS(status)) throw Failure(request, status);

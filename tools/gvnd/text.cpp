@@ -134,8 +134,7 @@ char EscapedByte(const std::string& text, size_t* at)
     case 'x': {
         unsigned value = 0;
         const char* const digits = text.data() + *at + 1;
-        const auto [end, error] =
-            std::from_chars(digits, std::min(digits + 2, text.data() + text.size()), value, 16);
+        const auto [end, error] = std::from_chars(digits, std::min(digits + 2, text.data() + text.size()), value, 16);
         if (error != std::errc() || end != digits + 2) throw Usage("\\x wants two hexadecimal digits");
         *at += 2;
         return static_cast<char>(value);

@@ -140,9 +140,8 @@ public:
     void MakeDirectory(const std::string& path) override
     {
         Making([&] {
-            return OpenFile(NtPath(path), {.Access = kReadAccess,
-                                           .Options = FILE_DIRECTORY_FILE,
-                                           .Disposition = FILE_CREATE});
+            return OpenFile(NtPath(path),
+                            {.Access = kReadAccess, .Options = FILE_DIRECTORY_FILE, .Disposition = FILE_CREATE});
         });
     }
 
@@ -150,7 +149,8 @@ public:
     {
         try {
             const std::string target = session_.ReadLink(root_ + path);
-            const bool isBeneath = target.starts_with(root_) && (target.size() == root_.size() || target[root_.size()] == '\\');
+            const bool isBeneath =
+                target.starts_with(root_) && (target.size() == root_.size() || target[root_.size()] == '\\');
             if (!isBeneath) return std::nullopt;
             return target.substr(root_.size());
         } catch (const Failure& failure) {
