@@ -77,3 +77,9 @@ void HostFsDestroy(PluginOps* operations)
 {
     if (operations) delete &hostfs::Volume::From(operations->PluginContext);
 }
+
+NTSTATUS HostFsMakeLink(PluginOps* operations, PCUNICODE_STRING path, PCUNICODE_STRING target)
+{
+    return hostfs::Contained(
+        [&] { return hostfs::MakeLink(hostfs::Volume::From(operations->PluginContext), path, target); });
+}

@@ -27,3 +27,8 @@ struct HostFsOptions {
 
 // Closes everything that is open; no call may be running, and none may follow.
 void HostFsDestroy(PluginOps* operations);
+
+// Makes a symbolic link, which the table has no operation for: path and target are paths of the volume, and the link
+// holds the relative way from the one to the other. The target need not exist. STATUS_OBJECT_NAME_COLLISION if the name
+// is taken, STATUS_MEDIA_WRITE_PROTECTED on a volume that takes no changes.
+[[nodiscard]] NTSTATUS HostFsMakeLink(PluginOps* operations, PCUNICODE_STRING path, PCUNICODE_STRING target);

@@ -55,4 +55,15 @@ NTSTATUS TargetFromRoot(const std::string& target, const Components& directory, 
     return STATUS_SUCCESS;
 }
 
+std::string LinkText(const Components& directory, const Components& target)
+{
+    const auto [up, down] = std::mismatch(directory.begin(), directory.end(), target.begin(), target.end());
+    std::string text;
+    for (auto name = up; name != directory.end(); ++name) text += "../";
+    for (auto name = down; name != target.end(); ++name) text += *name + '/';
+    if (text.empty()) return ".";
+    text.pop_back();
+    return text;
+}
+
 } // namespace hostfs

@@ -1,5 +1,5 @@
-// Where a symbolic link leads, as a path from the volume root. Worked out by the text alone: "." and ".." are resolved
-// without looking whether what they follow is a link. Pure functions.
+// Where a symbolic link leads, as a path from the volume root, and what a link holds that leads there. Worked out by
+// the text alone: "." and ".." are resolved without looking whether what they follow is a link. Pure functions.
 #pragma once
 
 #include <string>
@@ -12,5 +12,8 @@ namespace hostfs {
 // root. STATUS_ACCESS_DENIED for a target that leaves the root, STATUS_OBJECT_PATH_SYNTAX_BAD for an empty one.
 [[nodiscard]] NTSTATUS TargetFromRoot(const std::string& target, const Components& directory,
                                       const std::vector<std::string>& roots, NtText* path);
+
+// What a link in the directory must hold to lead to the target, both given by their names from the root down.
+[[nodiscard]] std::string LinkText(const Components& directory, const Components& target);
 
 } // namespace hostfs

@@ -1,5 +1,6 @@
-// Rename, Delete, ReadLink. Relies on no lock: each change is one atomic call of the Linux machine, and where a name is
-// exchanged between the look and the call, that call fails or hits what now bears the name in the same directory.
+// Rename, Delete, ReadLink, and making a link. Relies on no lock: each change is one atomic call of the Linux machine,
+// and where a name is exchanged between the look and the call, that call fails or hits what now bears the name in the
+// same directory.
 #include "operations.h"
 
 #include "errors.h"
@@ -121,6 +122,23 @@ NTSTATUS ReadLinkPath(const Volume& volume, PCUNICODE_STRING path, PUNICODE_STRI
 }
 
 } // namespace
+
+NTSTATUS MakeLink(const Volume& volume, PCUNICODE_STRING path, PCUNICODE_STRING target)
+{
+    Components link;
+    Components leadsTo;
+    NTSTATUS status = volume.CheckWritable();
+    if (NT_SUCCESS(status)) status = ParsePath(path, &link);
+    if (NT_SUCCESS(status)) status = ParsePath(target, &leadsTo);
+
+    Place place;
+    if (NT_SUCCESS(status)) status = volume.Root().Locate(link, &place);
+    if (NT_SUCCESS(status) && place.Exists) status = STATUS_OBJECT_NAME_COLLISION;
+    if (!NT_SUCCESS(status)) return status;
+    link.pop_back();
+    const std::string text = LinkText(link, leadsTo);
+    return symlinkat(text.c_str(), place.Parent.Get(), place.Given.c_str()) == 0 ? STATUS_SUCCESS : LastError();
+}
 
 NTSTATUS NTAPI Rename(void* context, PKEVENT, PCUNICODE_STRING from, PCUNICODE_STRING to)
 {

@@ -37,6 +37,8 @@ NTSTATUS NTAPI SetTime(HOSTFS_CALL, PluginFd fd, LONGLONG creation, LONGLONG las
 NTSTATUS NTAPI Rename(HOSTFS_CALL, PCUNICODE_STRING from, PCUNICODE_STRING to);
 NTSTATUS NTAPI Delete(HOSTFS_CALL, PCUNICODE_STRING path);
 NTSTATUS NTAPI ReadLink(HOSTFS_CALL, PCUNICODE_STRING path, PUNICODE_STRING* target, PUNICODE_STRING* other);
+// No slot of the table: the boundary has no operation that makes a link.
+[[nodiscard]] NTSTATUS MakeLink(const Volume& volume, PCUNICODE_STRING path, PCUNICODE_STRING target);
 
 // eas.cpp
 NTSTATUS NTAPI ListEa(HOSTFS_CALL, PluginFd fd, char** names, ULONG* count);

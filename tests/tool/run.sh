@@ -1,6 +1,6 @@
 #!/bin/bash
-# Uses the tool as a person would: a script of shell commands, failures with their exit codes, an export that is compared with
-# the original by another program.
+# Uses the tool as a person would: each shell command with what it changes, failures with their exit codes, imports and
+# exports that are compared with the original by other programs.
 #   run.sh GVND SOURCE_DIR
 set -u
 gvnd=$1
@@ -57,9 +57,139 @@ expect "memfs is empty" 0 '^0 entries$' "$gvnd" shell -c 'ls -l'
 printf 'ls\nexit\nfrob\n' >"$work/script"
 expect "script file" 0 '^hello.txt$' "$gvnd" shell "${volume[@]}" "$work/script"
 
-expect "export" 0 '^every byte agrees$' "$gvnd" export "${volume[@]}" / "$work/copy"
-rm "$work/tree/link" # links are left out
-diff -r "$work/tree" "$work/copy" || fail "export: the copy differs"
+# --- what each command changes, on memfs; a row is what it is about, what must be printed, and the commands
+
+both()
+{
+    local name=$1 pattern=$2 commands=$3
+    mkdir "$work/both"
+    expect "$name on memfs" 0 "$pattern" "$gvnd" shell -c "$commands"
+    expect "$name on hostfs" 0 "$pattern" "$gvnd" shell -p "hostfs:$work/both" -c "$commands"
+    rm -rf "$work/both"
+}
+
+both "mkdir" '^d/$' 'mkdir /d; ls /'
+both "put and get" '^0 entries$' "put $work/tree/sub/large.bin /f; get /f $work/got; rm /f; ls -l"
+cmp "$work/tree/sub/large.bin" "$work/got" || fail "put and get: the file came back changed"
+both "put overwrites" '^hello$' "put $work/tree/sub/large.bin /f; put $work/tree/hello.txt /f; cat /f"
+both "write at an offset" '^abXYZf$' 'write /f 0 "abcdef\n"; write /f 2 XYZ; cat /f'
+both "write behind the end" '^00000000  61 00 00 62 ' 'write /f 0 a; write /f 3 b; map /f show'
+both "append" '^onetwo$' 'append /f one; append /f "two\n"; cat /f'
+both "truncate" '^size +3$' 'write /f 0 abcdef; truncate /f 3; stat /f'
+both "truncate to more" '^size +4096$' 'write /f 0 abcdef; truncate /f 4K; stat /f'
+both "alloc keeps the size" '^size +6$' 'write /f 0 abcdef; alloc /f 1M; stat /f'
+both "alloc shortens" '^size +2$' 'write /f 0 abcdef; alloc /f 2; stat /f'
+both "map" '^xxYYxx$' 'write /f 0 "xxxxxx\n"; map /f change 2 YY; cat /f'
+both "map shows what was written later" '^00000000  41 62 ' 'write /f 0 ab; map /f show; write /f 0 A; map /f show'
+both "rmdir" '^0 entries$' 'mkdir /d; rmdir /d; ls -l'
+both "mv" '^abc$' 'mkdir /d; write /f 0 "abc\n"; mv /f /g; mv /g /d/h; cat /d/h'
+both "mv of a directory" '^abc$' 'mkdir /d; write /d/f 0 "abc\n"; mv /d /e; cat /e/f'
+both "mv --replace" '^abc$' 'write /f 0 "abc\n"; write /g 0 old; mv --replace /f /g; cat /g'
+both "ln" '^leads to +.d$' 'mkdir /d; ln /d /l; write /l/f 0 x; ls /d; stat /l'
+both "rm of a link leaves its target" '^abc$' 'write /f 0 "abc\n"; ln /f /l; rm /l; cat /f'
+both "attr" '^R----- ' 'write /f 0 x; attr /f =r; ls -l'
+both "touch makes a file" ' 0 .* f$' 'touch /f; ls -l'
+both "touch written" '^written +2021-03-04 05:06:07$' 'touch /f written 2021-03-04T05:06:07; stat /f'
+both "touch accessed" '^accessed +2021-03-04 05:06:00$' 'touch /f accessed 2021-03-04T05:06; stat /f'
+expect "touch changed" 0 '^changed +2021-03-04 00:00:00$' "$gvnd" shell -c 'touch /f changed 2021-03-04; stat /f'
+both "df" '^unit +[0-9]+$' 'df'
+both "flush" 'plugin: FlushVol' 'write /f 0 x; flush /f; calls on; flush'
+both "mounted" '^mounted$' 'mounted'
+expect "label" 0 '^label +Shelf$' "$gvnd" shell -c 'label Shelf; label'
+expect "capacity" 0 '^size +4194304 ' "$gvnd" shell --capacity 4M -c 'df'
+expect "help of one command" 0 'mv \[--replace\] PATH' "$gvnd" shell -c 'help mv'
+
+# --- failures: the status by its name
+
+refused()
+{
+    local status=$1 commands=$2
+    expect "$commands" 1 "$status " "$gvnd" shell --capacity 4M -c "$commands"
+}
+
+refused STATUS_OBJECT_NAME_COLLISION 'mkdir /d; mkdir /D'
+refused STATUS_OBJECT_NAME_COLLISION 'touch /f; touch /g; mv /f /g'
+refused STATUS_OBJECT_NAME_COLLISION 'touch /f; mkdir /d; touch /d/g; mv /f /d/g'
+refused STATUS_DIRECTORY_NOT_EMPTY 'mkdir /d; touch /d/f; rmdir /d'
+refused STATUS_FILE_IS_A_DIRECTORY 'mkdir /d; rm /d'
+refused STATUS_NOT_A_DIRECTORY 'touch /f; rmdir /f'
+refused STATUS_CANNOT_DELETE 'touch /f; attr /f +r; rm /f'
+refused STATUS_ACCESS_DENIED 'touch /f; attr /f +r; write /f 0 x'
+refused STATUS_FILE_LOCK_CONFLICT 'write /f 0 abc; open /f rw; lock 1 0 2; write /f 1 x'
+refused STATUS_SHARING_VIOLATION 'touch /f; open /f rd r; write /f 0 x'
+refused STATUS_MAPPED_FILE_SIZE_ZERO 'touch /f; map /f show'
+refused STATUS_DISK_FULL 'touch /f; truncate /f 8M'
+refused STATUS_NONEXISTENT_EA_ENTRY 'touch /f; ea get /f NONE'
+refused STATUS_INVALID_EA_NAME 'touch /f; ea set /f "a b" x'
+expect "write-protected" 1 STATUS_MEDIA_WRITE_PROTECTED "$gvnd" shell "${volume[@]}" --read-only -c 'mkdir /d'
+expect "a word too many" 2 'usage: mkdir PATH' "$gvnd" shell -c 'mkdir /a /b'
+expect "no such time" 2 'is no time' "$gvnd" shell -c 'touch /f written yesterday'
+
+# --- another user
+
+protected='D:P(A;;GA;;;SY)(A;;GA;;;BA)'
+expect "as an administrator" 0 '^0 entries$' "$gvnd" shell --sddl "$protected" \
+    -c 'as S-1-5-21-1-2-3-1002+S-1-5-32-544 ls -l'
+expect "as somebody else" 1 STATUS_ACCESS_DENIED "$gvnd" shell --sddl "$protected" \
+    -c 'as S-1-5-21-1-2-3-1002 ls'
+expect "malformed descriptor" 1 'mount memfs: STATUS_' "$gvnd" shell --sddl 'D:P(nonsense' -c 'ls'
+expect "handles of another user" 2 'cannot be run as another user' "$gvnd" shell -c 'as S-1-5-18 open /'
+expect "no SID" 2 'is no SID' "$gvnd" shell -c 'as bob ls'
+
+# --- trees
+
+# Everything about a tree but what two file systems never share.
+describe()
+{
+    (cd "$1" && find . -mindepth 1 \( -type f -printf '%P %s %T@\n' -o -type d -printf '%P/ %T@\n' -o \
+        -type l -printf '%P -> %l\n' \) | sort)
+    if command -v getfattr >/dev/null; then
+        (cd "$1" && getfattr -R -h -d -m '^user\.[^g]' . 2>/dev/null | sort)
+    fi
+}
+
+same()
+{
+    diff -r --no-dereference "$2" "$3" || fail "$1: the copy's contents differ"
+    diff <(describe "$2") <(describe "$3") || fail "$1: times, links or extended attributes differ"
+}
+
+mkdir "$work/other"
+ln -s ../hello.txt "$work/tree/sub/up"
+ln -s sub "$work/tree/into"
+expect "attributes and EAs of the original" 0 '^RH' "$gvnd" shell "${volume[@]}" \
+    -c 'attr /empty +rh; touch /hello.txt created 2001-02-03; ea set /hello.txt AUTHOR somebody; ea set /sub KIND tree; attr /empty'
+find "$work/tree" -exec touch -h -d '2020-05-06 07:08:09' {} +
+touch -d '2019-01-01' "$work/tree/hello.txt" "$work/tree/sub"
+
+expect "import and export through memfs" 0 'every byte agrees' "$gvnd" shell \
+    -c "import $work/tree /a/b; export /a/b $work/copy; attr /a/b/empty; ea get /a/b/sub KIND; stat /a/b/hello.txt"
+same "through memfs" "$work/tree" "$work/copy"
+expect "attributes came through" 0 '^RH' "$gvnd" shell -p "hostfs:$work/copy" -c 'attr /empty'
+expect "EAs came through" 0 'somebody' "$gvnd" shell -p "hostfs:$work/copy" -c 'ea get /hello.txt AUTHOR'
+expect "creation times came through" 0 '^created +2001-02-03 00:00:00$' "$gvnd" shell -p "hostfs:$work/copy" -c 'stat /hello.txt'
+
+expect "import" 0 '^every byte agrees$' "$gvnd" import -p "hostfs:$work/other" "$work/tree" /in
+same "import" "$work/tree" "$work/other/in"
+expect "import over it" 3 'empty' "$gvnd" import -p "hostfs:$work/other" "$work/tree" /in # which is read-only
+expect "export" 0 '^every byte agrees$' "$gvnd" export -p "hostfs:$work/other" /in "$work/again"
+same "export" "$work/tree" "$work/again"
+
+mkdir -p "$work/odd/dir"
+echo 1 >"$work/odd/Name"
+echo 2 >"$work/odd/name"
+echo 3 >"$work/odd/a:b?"
+ln -s /etc/hosts "$work/odd/out"
+mkfifo "$work/odd/pipe"
+expect "names that a volume cannot hold" 0 '^not representable: 3 names$' "$gvnd" import "$work/odd" /odd
+expect "names that NT cannot hold" 0 '^3$' "$gvnd" shell \
+    -c "import $work/odd /; export / $work/odd2; cat /$(printf 'a\xef\x80\xbab\xef\x80\xbf')"
+[ "$(cat "$work/odd2/a:b?")" = 3 ] || fail "a name that NT cannot hold did not come back"
+expect "import from nowhere" 1 'No such file' "$gvnd" import "$work/nothing" /
+expect "export from nowhere" 1 'STATUS_OBJECT_NAME_NOT_FOUND' "$gvnd" export /nothing "$work/nothing"
+[ -e "$work/nothing" ] && fail "an export that failed left a directory"
+expect "a volume that is too small" 3 'STATUS_DISK_FULL' "$gvnd" import --capacity 1M "$work/tree" /
+rm "$work/odd/pipe"
 expect "export of a subtree" 0 '^1 files in 1 directories' "$gvnd" export "${volume[@]}" /sub "$work/sub"
 expect "export to no directory" 1 'cannot create directories' "$gvnd" export -p "hostfs:$source/driver" / /dev/full/x
 

@@ -1,5 +1,5 @@
 // The demonstration: load, fetch the service table, mount, one file request by request with the plugin calls each
-// caused, and a real tree copied out through another plugin.
+// caused, a real tree copied in and compared, and one copied out through another plugin.
 #include "gvnd/demo.h"
 
 #include <cstdlib>
@@ -8,38 +8,13 @@
 #include <fmt/format.h>
 
 #include "gvnd/client.h"
-#include "gvnd/export.h"
 #include "gvnd/session.h"
 #include "gvnd/status.h"
+#include "gvnd/transfer.h"
 
 namespace tool {
 
 namespace {
-
-template <size_t N>
-UNICODE_STRING Literal(const WCHAR (&text)[N])
-{
-    return {static_cast<USHORT>((N - 1) * sizeof(WCHAR)), static_cast<USHORT>(N * sizeof(WCHAR)),
-            const_cast<WCHAR*>(text)};
-}
-
-// The volume needs something to read: put there by calling the plugin itself.
-void Prepare(const PluginOps* ops)
-{
-    UNICODE_STRING directory = Literal(L"\\greetings");
-    UNICODE_STRING path = Literal(L"\\greetings\\hello.txt");
-    const char text[] = "Hello from behind the I/O manager.\n";
-    KEVENT cancel;
-    KeInitializeEvent(&cancel, SynchronizationEvent, FALSE);
-    PluginFd fd = 0;
-    Require("prepare a directory", ops->CreateDir(ops->PluginContext, &cancel, &directory, &fd));
-    ops->Close(ops->PluginContext, &cancel, fd);
-    Require("prepare a file", ops->Create(ops->PluginContext, &cancel, &path, &fd));
-    ULONG length = sizeof text - 1;
-    const NTSTATUS status = ops->Write(ops->PluginContext, &cancel, fd, 0, &length, text);
-    ops->Close(ops->PluginContext, &cancel, fd);
-    Require("prepare its contents", status);
-}
 
 void Step(Session& session, const std::string& title)
 {
@@ -48,14 +23,29 @@ void Step(Session& session, const std::string& title)
     session.Plugin().Clear();
 }
 
+void MakeOneFile(Session& session)
+{
+    const char text[] = "Hello from behind the I/O manager.\n";
+    OpenFile(session.NtPath("/greetings"),
+             {.Access = SYNCHRONIZE, .Options = FILE_DIRECTORY_FILE, .Disposition = FILE_CREATE});
+    Step(session, "make \\greetings: its parent is opened on the way");
+    File file = OpenFile(session.NtPath("/greetings/hello.txt"),
+                         {.Access = FILE_WRITE_DATA | SYNCHRONIZE, .Disposition = FILE_CREATE});
+    Step(session, "create \\greetings\\hello.txt");
+    file.Write(0, text, sizeof text - 1);
+    Step(session, "write into it, straight out of the caller's buffer");
+    file.Close();
+    Step(session, "close it: nobody needs the chain any more, so it goes, leaf first");
+}
+
 void ShowOneFile()
 {
     Session session(false);
     fmt::print("driver loaded; control device \\Device\\GvndCtrlDev\n");
     session.Mount({.Plugin = "memfs"});
-    Prepare(session.Plugin().Table());
     session.Plugin().Clear();
     fmt::print("volume mounted at \\??\\Gvnd (memfs)\n");
+    MakeOneFile(session);
 
     File file = OpenFile(session.NtPath("/greetings/hello.txt"));
     Step(session, "open \\greetings\\hello.txt: nothing is known yet, so the path is walked");
@@ -98,26 +88,32 @@ private:
     std::string path_;
 };
 
-int ExportInclude()
+// One transfer on a volume of its own. Exit code.
+int ShowTransfer(const std::string& title, const VolumeChoice& volume,
+                 CopyTotals (*transfer)(Session&, const std::string&, const std::string&), const std::string& from,
+                 const std::string& to)
 {
-    const TemporaryDirectory target;
     Session session(false);
-    session.Mount({.Plugin = "hostfs:/usr/include", .ReadOnly = true});
-    fmt::print("exporting /usr/include through hostfs\n");
-    const ExportTotals totals = ExportTree(session, {.From = "/", .To = target.Path(), .Progress = true});
-    PrintTotals(totals);
+    session.Mount(volume);
+    fmt::print("{}\n", title);
+    const int agreed = PrintTotals(transfer(session, from, to));
     const std::vector<std::string> left = session.Finish();
     for (const std::string& line : left) fmt::print(stderr, "left behind: {}\n", line);
-    if (!left.empty()) return ExitLeak;
-    return totals.Problems.empty() ? ExitSuccess : ExitMismatch;
+    return left.empty() ? agreed : ExitLeak;
 }
 
 } // namespace
 
 int RunDemo()
 {
+    const std::string tree = "/usr/include";
     ShowOneFile();
-    return ExportInclude();
+    const int imported =
+        ShowTransfer("importing " + tree + " into memfs", {.Plugin = "memfs"}, ImportTree, tree, "/include");
+    const TemporaryDirectory target;
+    const int exported = ShowTransfer("\nexporting " + tree + " through hostfs",
+                                      {.Plugin = "hostfs:" + tree, .ReadOnly = true}, ExportTree, "/", target.Path());
+    return imported ? imported : exported;
 }
 
 } // namespace tool

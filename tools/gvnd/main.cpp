@@ -9,10 +9,11 @@
 #include <unistd.h>
 
 #include "gvnd/demo.h"
-#include "gvnd/export.h"
 #include "gvnd/session.h"
 #include "gvnd/shell.h"
 #include "gvnd/status.h"
+#include "gvnd/text.h"
+#include "gvnd/transfer.h"
 
 namespace {
 
@@ -23,7 +24,9 @@ struct Options {
     bool Trace = false;
     std::string Script;     // -c
     std::string ScriptFile; // a file, or - for standard input
-    ExportJob Export;
+    std::string Capacity;
+    std::string From; // export: a path of the volume; import: a directory of this machine
+    std::string To;   // the other way round
 };
 
 int ReportLeaks(Session& session)
@@ -52,10 +55,17 @@ void RunCommands(Shell& shell, const Options& options)
     }
 }
 
+VolumeChoice ChoiceOf(const Options& options)
+{
+    VolumeChoice choice = options.Volume;
+    if (!options.Capacity.empty()) choice.Capacity = Number(options.Capacity);
+    return choice;
+}
+
 int RunShell(const Options& options)
 {
     Session session(options.Trace);
-    session.Mount(options.Volume);
+    session.Mount(ChoiceOf(options));
     {
         Shell shell(session);
         RunCommands(shell, options);
@@ -63,17 +73,14 @@ int RunShell(const Options& options)
     return ReportLeaks(session);
 }
 
-int RunExport(const Options& options)
+// An import or an export, by its function.
+int RunTransfer(const Options& options, CopyTotals (*transfer)(Session&, const std::string&, const std::string&))
 {
     Session session(options.Trace);
-    session.Mount(options.Volume);
-    ExportJob job = options.Export;
-    job.Progress = true;
-    const ExportTotals totals = ExportTree(session, job);
-    PrintTotals(totals);
+    session.Mount(ChoiceOf(options));
+    const int agreed = PrintTotals(transfer(session, options.From, options.To));
     const int leaked = ReportLeaks(session);
-    if (leaked) return leaked;
-    return totals.Problems.empty() ? ExitSuccess : ExitMismatch;
+    return leaked ? leaked : agreed;
 }
 
 void AddVolumeOptions(CLI::App* command, Options& options)
@@ -81,23 +88,33 @@ void AddVolumeOptions(CLI::App* command, Options& options)
     command->add_option("-p,--plugin", options.Volume.Plugin, "memfs, or hostfs:DIR to serve a directory")
         ->capture_default_str();
     command->add_flag("--read-only", options.Volume.ReadOnly, "refuse every change of the directory (hostfs)");
+    command->add_option("--capacity", options.Capacity, "size of memfs in bytes, or as 512M or 4G (1G)");
+    command->add_option("--sddl", options.Volume.Sddl,
+                        "who may open the volume, as in \"D:P(A;;GA;;;SY)(A;;GR;;;WD)\"; everybody without it");
     command->add_flag("--trace", options.Trace, "the driver's trace on standard error, from the load on");
 }
 
 int Main(int argc, char** argv)
 {
-    CLI::App app("gvnd: mounts a storage plugin behind the NT file-system driver, in this process.\n"
-                 "Without a command it shows the road of one file, and exports /usr/include.");
+    CLI::App app(
+        "gvnd: mounts a storage plugin behind the NT file-system driver, in this process.\n"
+        "Without a command it shows the road of one file, imports /usr/include into memory and compares it, and\n"
+        "exports it through a served directory.");
     app.footer("Exit codes: 0 success, 1 a request failed, 2 wrong usage, 3 copies disagree, 4 something leaked.");
     Options options;
     CLI::App* const shell = app.add_subcommand("shell", "commands on a volume; `help` inside lists them");
     AddVolumeOptions(shell, options);
     shell->add_option("-c", options.Script, "commands to run, separated by semicolons");
     shell->add_option("script", options.ScriptFile, "a file of commands, - for standard input");
+    CLI::App* const importer =
+        app.add_subcommand("import", "copy a directory of this machine into a volume, and verify it");
+    AddVolumeOptions(importer, options);
+    importer->add_option("from", options.From, "directory of this machine")->required();
+    importer->add_option("to", options.To, "path in the volume, made if missing")->required();
     CLI::App* const exporter = app.add_subcommand("export", "copy a tree out of a volume, and verify it");
     AddVolumeOptions(exporter, options);
-    exporter->add_option("from", options.Export.From, "path in the volume, / for all")->required();
-    exporter->add_option("to", options.Export.To, "directory of this machine")->required();
+    exporter->add_option("from", options.From, "path in the volume, / for all")->required();
+    exporter->add_option("to", options.To, "directory of this machine, made if missing")->required();
     app.require_subcommand(0, 1);
     try {
         app.parse(argc, argv);
@@ -106,7 +123,8 @@ int Main(int argc, char** argv)
         return code == 0 ? ExitSuccess : ExitUsage;
     }
     if (*shell) return RunShell(options);
-    if (*exporter) return RunExport(options);
+    if (*importer) return RunTransfer(options, ImportTree);
+    if (*exporter) return RunTransfer(options, ExportTree);
     return RunDemo();
 }
 
@@ -119,6 +137,9 @@ int main(int argc, char** argv)
     } catch (const Usage& error) {
         fmt::print(stderr, "gvnd: {}\n", error.what());
         return ExitUsage;
+    } catch (const Mismatch& error) {
+        fmt::print(stderr, "gvnd: {}\n", error.what());
+        return ExitMismatch;
     } catch (const std::exception& error) {
         fmt::print(stderr, "gvnd: {}\n", error.what());
         return ExitFailure;

@@ -16,6 +16,8 @@
 #include <nthost/host.h>
 #include <nthost/requests.h>
 
+#include "gvnd/client.h"
+#include "gvnd/eas.h"
 #include "gvnd/status.h"
 
 namespace tool {
@@ -73,20 +75,42 @@ void Session::FetchServices()
     Require("fetch the service table", status);
 }
 
+void Session::MakeMemFs(const VolumeChoice& choice)
+{
+    MemFsOptions options{};
+    options.CapacityBytes = choice.Capacity;
+    Require("make an in-memory file system", MemFsCreate(&options, &operations_));
+    destroy_ = [](PluginOps* operations) { MemFsDestroy(operations); };
+    makeLink_ = [this](const std::string& path, const std::string& target) {
+        const NtText text(target);
+        OpenFile(NtPath(path), {.Access = FILE_WRITE_DATA | FILE_WRITE_EA | SYNCHRONIZE,
+                                .Options = FILE_NON_DIRECTORY_FILE,
+                                .Disposition = FILE_CREATE,
+                                .Eas = EaList({{MEMFS_LINK_EA_NAME, std::string(text.Bytes())}})});
+    };
+}
+
+void Session::MakeHostFs(const VolumeChoice& choice, const std::string& root)
+{
+    HostFsOptions options{};
+    options.Root = root.c_str();
+    options.ReadOnly = choice.ReadOnly;
+    Require(fmt::format("serve the directory '{}'", root), HostFsCreate(options, &operations_));
+    destroy_ = HostFsDestroy;
+    makeLink_ = [this](const std::string& path, const std::string& target) {
+        NtText name(path);
+        NtText text(target);
+        Require("make the link " + path, HostFsMakeLink(operations_, name.Get(), text.Get()));
+    };
+}
+
 void Session::MakePlugin(const VolumeChoice& choice)
 {
     const std::string hostPrefix = "hostfs:";
     if (choice.Plugin == "memfs") {
-        MemFsOptions options{};
-        Require("make an in-memory file system", MemFsCreate(&options, &operations_));
-        destroy_ = [](PluginOps* operations) { MemFsDestroy(operations); };
+        MakeMemFs(choice);
     } else if (choice.Plugin.starts_with(hostPrefix)) {
-        const std::string root = choice.Plugin.substr(hostPrefix.size());
-        HostFsOptions options{};
-        options.Root = root.c_str();
-        options.ReadOnly = choice.ReadOnly;
-        Require(fmt::format("serve the directory '{}'", root), HostFsCreate(options, &operations_));
-        destroy_ = HostFsDestroy;
+        MakeHostFs(choice, choice.Plugin.substr(hostPrefix.size()));
     } else {
         throw Usage(fmt::format("unknown plugin '{}'; there are memfs and hostfs:DIR", choice.Plugin));
     }
@@ -107,7 +131,9 @@ void Session::Mount(const VolumeChoice& choice)
     UNICODE_STRING backing = Literal(L"\\Device\\Null");
     UNICODE_STRING device = Literal(L"\\Device\\Gvnd");
     UNICODE_STRING link = Literal(L"\\??\\Gvnd");
-    const NTSTATUS status = services_->Mount(&backing, &device, &link, nullptr, layer_->Table(), &device_);
+    NtText security(choice.Sddl);
+    const PUNICODE_STRING descriptor = choice.Sddl.empty() ? nullptr : security.Get();
+    const NTSTATUS status = services_->Mount(&backing, &device, &link, descriptor, layer_->Table(), &device_);
     if (!NT_SUCCESS(status)) DestroyPlugin();
     Require("mount " + choice.Plugin, status);
 }
@@ -121,12 +147,46 @@ void Session::Unmount()
     DestroyPlugin();
 }
 
-std::string Session::NtPath(const std::string& path) const
+std::string Session::VolumePath(const std::string& path)
 {
     std::string result = path;
     std::replace(result.begin(), result.end(), '/', '\\');
     if (result.empty() || result.front() != '\\') result.insert(result.begin(), '\\');
-    return kLink + result;
+    return result;
+}
+
+std::string Session::NtPath(const std::string& path) const { return kLink + VolumePath(path); }
+
+std::string Session::VolumeName() const { return kLink; }
+
+void Session::MakeLink(const std::string& path, const std::string& target)
+{
+    makeLink_(VolumePath(path), VolumePath(target));
+}
+
+std::string Session::ReadLink(const std::string& path)
+{
+    const PluginOps* const table = Plugin().Table();
+    NtText name(VolumePath(path));
+    KEVENT cancel;
+    KeInitializeEvent(&cancel, SynchronizationEvent, FALSE);
+    PUNICODE_STRING target = nullptr, other = nullptr;
+    const NTSTATUS status = table->ReadLink(table->PluginContext, &cancel, name.Get(), &target, &other);
+    std::string text;
+    if (NT_SUCCESS(status) && target) text = nthost::ToUtf8(target);
+    if (target) ExFreePoolWithTag(target, 0);
+    if (other) ExFreePoolWithTag(other, 0);
+    Require("read the link " + path, status);
+    return text;
+}
+
+void Session::RemoveLink(const std::string& path)
+{
+    const PluginOps* const table = Plugin().Table();
+    NtText name(VolumePath(path));
+    KEVENT cancel;
+    KeInitializeEvent(&cancel, SynchronizationEvent, FALSE);
+    Require("remove the link " + path, table->Delete(table->PluginContext, &cancel, name.Get()));
 }
 
 std::vector<std::string> Session::Finish()

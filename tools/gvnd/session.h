@@ -1,6 +1,7 @@
 // A booted host with the driver, and one mounted volume: what every command works on.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -14,6 +15,8 @@ namespace tool {
 struct VolumeChoice {
     std::string Plugin = "memfs"; // "memfs" or "hostfs:DIR"
     bool ReadOnly = false;
+    uint64_t Capacity = 0; // of memfs, in bytes; 0 is its own default
+    std::string Sddl;      // who may open the device; empty: everybody
 };
 
 class Session {
@@ -34,6 +37,17 @@ public:
     // "\??\Gvnd" and the path; '/' and '\' both separate.
     std::string NtPath(const std::string& path) const;
 
+    // "\??\Gvnd", which opens the volume itself.
+    std::string VolumeName() const;
+    static std::string VolumePath(const std::string& path);
+
+    // Links. Every open follows them, so what is done with a link itself goes past the driver, which keeps nothing of
+    // a link between two requests. The boundary knows how to follow links and not how to make them, so each plugin does
+    // it its own way: memfs by an extended attribute, hostfs in its directory. All are paths of the volume.
+    void MakeLink(const std::string& path, const std::string& target);
+    std::string ReadLink(const std::string& path);
+    void RemoveLink(const std::string& path);
+
     // What the driver asked of the plugin.
     layer::PluginLayer& Plugin() { return *layer_; }
 
@@ -48,12 +62,15 @@ private:
     struct Services;
     void FetchServices();
     void MakePlugin(const VolumeChoice& choice);
+    void MakeMemFs(const VolumeChoice& choice);
+    void MakeHostFs(const VolumeChoice& choice, const std::string& root);
     void DestroyPlugin();
 
     PDRIVER_OBJECT driver_ = nullptr;
     const GvServices* services_ = nullptr;
     PluginOps* operations_ = nullptr;
     void (*destroy_)(PluginOps*) = nullptr;
+    std::function<void(const std::string& path, const std::string& target)> makeLink_;
     std::unique_ptr<layer::PluginLayer> layer_;
     PDEVICE_OBJECT device_ = nullptr;
     bool running_ = false;

@@ -1,9 +1,9 @@
 // The shell: commands on the mounted volume, one a line, from a terminal, a file, standard input or the command line.
+// commands.h has the table of commands; they find here what they share.
 #pragma once
 
 #include <iosfwd>
 #include <map>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -12,48 +12,40 @@
 
 namespace tool {
 
+using Words = std::vector<std::string>;
+
+// A handle that `open` has opened, with access, share and locks as the user gave them.
+struct OpenHandle {
+    File Object;
+    std::string Note;
+};
+
 class Shell {
 public:
     explicit Shell(Session& session) : session_(session) {}
 
     // Runs one line; false after `exit`. A failure is thrown.
     bool Run(const std::string& line);
+    // One command by its words, as a part of another.
+    void RunWords(const Words& words);
     // Lines until the end or `exit`. Interactive: prompt and history, and failures are printed and forgotten; else the
     // first failure ends it.
     void RunInteractive();
     void RunScript(std::istream& script);
 
+    tool::Session& Session() { return session_; }
+    File Open(const std::string& path, const OpenHow& how = {}) const { return OpenFile(session_.NtPath(path), how); }
+    // By the number that `open` printed.
+    OpenHandle& Handle(const std::string& number);
+    std::map<unsigned, OpenHandle>& Handles() { return handles_; }
+    unsigned AddHandle(File file, std::string note);
+    void ShowCalls(bool on) { showCalls_ = on; }
+
 private:
-    using Words = std::vector<std::string>;
-    struct Command {
-        const char* Name;
-        const char* Arguments;
-        const char* Help;
-        size_t Least;
-        size_t Most;
-        void (Shell::*Run)(const Words& words);
-    };
-    static const Command kCommands[];
-
-    void Help(const Words& words);
-    void List(const Words& words);
-    void Cat(const Words& words);
-    void Stat(const Words& words);
-    void OpenHandle(const Words& words);
-    void CloseHandle(const Words& words);
-    void ListHandles(const Words& words);
-    void Lock(const Words& words);
-    void Unlock(const Words& words);
-    void Trace(const Words& words);
-    void CallsSwitch(const Words& words);
-    void Unmount(const Words& words);
-
-    const File& HandleOf(const std::string& number) const;
     void PrintCalls();
 
-    Session& session_;
-    std::map<unsigned, File> handles_;
-    std::map<unsigned, std::string> handleNotes_; // access, share and locks, as the user gave them
+    tool::Session& session_;
+    std::map<unsigned, OpenHandle> handles_;
     unsigned nextHandle_ = 1;
     bool showCalls_ = false;
 };

@@ -20,7 +20,8 @@ constexpr Advice Advices[] = {
     {STATUS_OBJECT_PATH_SYNTAX_BAD, "the path is malformed: absolute, no `.` or `..`, no file in the middle"},
     {STATUS_OBJECT_NAME_INVALID, "the name has a character that NT does not allow, or a file's name ends in a slash"},
     {STATUS_OBJECT_NAME_COLLISION, "something with this name exists already"},
-    {STATUS_ACCESS_DENIED, "the plugin or the handle does not allow it, or the volume is on its way out"},
+    {STATUS_ACCESS_DENIED,
+     "the plugin or the handle does not allow it, a read-only file is in the way, or the volume is going"},
     {STATUS_SHARING_VIOLATION, "another handle does not share this access; see `handles`"},
     {STATUS_FILE_LOCK_CONFLICT, "another handle has locked these bytes; see `handles`"},
     {STATUS_LOCK_NOT_GRANTED, "another handle has locked some of these bytes; see `handles`"},
@@ -30,6 +31,21 @@ constexpr Advice Advices[] = {
     {STATUS_OBJECT_TYPE_MISMATCH, "only files can be read"},
     {STATUS_NO_SUCH_FILE, "nothing matches the pattern"},
     {STATUS_INSUFFICIENT_RESOURCES, "out of memory, or too many requests wait; try again"},
+    {STATUS_DIRECTORY_NOT_EMPTY, "remove what is in it first"},
+    {STATUS_CANNOT_DELETE, "it is read-only (`attr PATH -r`), mapped, or the root"},
+    {STATUS_DELETE_PENDING, "it goes away as soon as its last handle is closed; see `handles`"},
+    {STATUS_USER_MAPPED_FILE, "a view or a section of the file stands in the way"},
+    {STATUS_DISK_FULL, "the volume is full; `df` shows how much it holds"},
+    {STATUS_MEDIA_WRITE_PROTECTED, "the volume was mounted with --read-only"},
+    {STATUS_EAS_NOT_SUPPORTED, "the plugin keeps no extended attributes for this object"},
+    {STATUS_NO_EAS_ON_FILE, "there are none; `ea set` makes one"},
+    {STATUS_NONEXISTENT_EA_ENTRY, "there is no attribute of this name; `ea list` shows those that are"},
+    {STATUS_INVALID_EA_NAME, "a name of an extended attribute has letters that FAT allows in names"},
+    {STATUS_EA_TOO_LARGE, "all extended attributes of one object must fit into 64 KB"},
+    {STATUS_INVALID_VOLUME_LABEL, "the plugin takes no label like this; memfs allows 32 characters"},
+    {STATUS_MAPPED_FILE_SIZE_ZERO, "an empty file cannot be mapped; write something first"},
+    {STATUS_NOT_SAME_DEVICE, "a rename cannot leave the volume"},
+    {STATUS_NOT_SUPPORTED, "the plugin or the driver does not offer this at all"},
     {STATUS_VOLUME_DISMOUNTED, "the volume has been unmounted; mount it again"},
     {STATUS_NO_SUCH_DEVICE, "the volume is not mounted"},
 };
@@ -46,7 +62,14 @@ std::string Describe(const std::string& request, NTSTATUS status)
 
 } // namespace
 
-Failure::Failure(std::string request, NTSTATUS status) : std::runtime_error(Describe(request, status)), status_(status)
+Failure::Failure(const std::string& request, NTSTATUS status)
+    : std::runtime_error(Describe(request, status)), status_(status)
 {}
+
+std::string Failure::Summary() const
+{
+    const std::string text = what();
+    return text.substr(0, text.find('\n'));
+}
 
 } // namespace tool

@@ -1,0 +1,74 @@
+// Making, removing, renaming and linking names. Every open follows links, so a link itself is looked for in its
+// directory first: removing a link must not remove what it leads to.
+#include <fmt/format.h>
+
+#include "gvnd/commands.h"
+#include "gvnd/info.h"
+#include "gvnd/status.h"
+#include "gvnd/text.h"
+
+namespace tool {
+
+namespace {
+
+bool IsLink(Shell& shell, const std::string& path)
+{
+    const auto entry = FindEntry(shell.Session(), path);
+    return entry && entry->IsLink();
+}
+
+// It goes when the last handle is closed, which is this one if nobody else has it open.
+void Delete(Shell& shell, const std::string& path, ULONG type)
+{
+    const File file = shell.Open(path, {.Access = DELETE | SYNCHRONIZE, .Options = type});
+    file.Set(FileDispositionInformation, FILE_DISPOSITION_INFORMATION{TRUE}, "remove");
+}
+
+} // namespace
+
+namespace commands {
+
+void MakeDirectory(Shell& shell, const Words& words)
+{
+    shell.Open(
+        words[1],
+        {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE, .Options = FILE_DIRECTORY_FILE, .Disposition = FILE_CREATE});
+}
+
+void Remove(Shell& shell, const Words& words)
+{
+    if (IsLink(shell, words[1])) return shell.Session().RemoveLink(words[1]);
+    Delete(shell, words[1], FILE_NON_DIRECTORY_FILE);
+}
+
+void RemoveDirectory(Shell& shell, const Words& words)
+{
+    if (IsLink(shell, words[1])) throw Usage("this is a link; use rm");
+    Delete(shell, words[1], FILE_DIRECTORY_FILE);
+}
+
+// A new name in the same directory is given alone; any other is a whole path, which the I/O manager opens first.
+void Move(Shell& shell, const Words& words)
+{
+    const bool replace = words.size() > 3;
+    if (replace && words[1] != "--replace") throw Usage("usage: mv [--replace] PATH NEW-PATH");
+    const std::string& from = words[words.size() - 2];
+    const std::string& to = words.back();
+    if (IsLink(shell, from)) throw Usage("a link cannot be renamed; remove it and make another");
+    const SplitPath place = SplitLast(to);
+    const bool sameDirectory = Session::VolumePath(place.Directory) == Session::VolumePath(SplitLast(from).Directory);
+    const NtText name(sameDirectory ? place.Last : shell.Session().NtPath(to));
+
+    std::vector<uint64_t> record =
+        RecordWithText(sizeof(FILE_RENAME_INFORMATION), FIELD_OFFSET(FILE_RENAME_INFORMATION, FileNameLength),
+                       FIELD_OFFSET(FILE_RENAME_INFORMATION, FileName), name.Bytes());
+    reinterpret_cast<FILE_RENAME_INFORMATION*>(record.data())->ReplaceIfExists = replace;
+    const File file = shell.Open(from, {.Access = DELETE | SYNCHRONIZE});
+    file.SetRaw(FileRenameInformation, record.data(), record.size() * 8, "rename");
+}
+
+void Link(Shell& shell, const Words& words) { shell.Session().MakeLink(words[2], words[1]); }
+
+} // namespace commands
+
+} // namespace tool
