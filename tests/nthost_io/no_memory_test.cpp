@@ -37,13 +37,12 @@ NTSTATUS RenameTo(HANDLE file, std::u16string name)
     return ZwSetInformationFile(file, &block, info, sizeof buffer, FileRenameInformation);
 }
 
-NTSTATUS OneAttribute(FILE_FULL_EA_INFORMATION* list)
+void OneAttribute(FILE_FULL_EA_INFORMATION* list)
 {
     *list = {};
     list->EaNameLength = 1;
     list->EaName[0] = 'a';
     list->EaName[1] = 0;
-    return STATUS_SUCCESS;
 }
 
 NTSTATUS CreateWithEa(HANDLE)
