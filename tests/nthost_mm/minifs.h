@@ -127,6 +127,8 @@ protected:
     void TearDown() override;
     void Start(Callbacks callbacks);
     void Unload();
+    // Shuts down with the driver loaded; the lines are the test's to judge.
+    std::vector<std::string> ShutDownLeaking();
     FileSystem& Fs() { return fs_; }
 
 private:
