@@ -211,8 +211,9 @@ struct Runner {
         Body = std::move(body);
         PDRIVER_OBJECT driver = nullptr;
         const NTSTATUS status = nthost::LoadDriver("runner", Entry, &driver);
+        if (!NT_SUCCESS(status)) return status;
         nthost::LeakReport ignored; // what a mount leaves, gvnd's unload judges
-        if (NT_SUCCESS(status)) EXPECT_STATUS(STATUS_SUCCESS, nthost::UnloadDriver(driver, &ignored));
+        EXPECT_STATUS(STATUS_SUCCESS, nthost::UnloadDriver(driver, &ignored));
         return status;
     }
 };

@@ -142,7 +142,7 @@ NT_SERVICE(DuplicateObject, (HANDLE SourceProcessHandle, HANDLE SourceHandle, HA
 #define DUPLICATE_CLOSE_SOURCE 0x1u
 #define DUPLICATE_SAME_ACCESS  0x2u
 // The parts that SecurityInformation names. Devices only: any other object gives STATUS_NOT_SUPPORTED. Generic rights
-// in the lists become the device's specific ones. STATUS_INVALID_SECURITY_DESCR for an owner or group that is not there.
+// in the lists become the device's specific ones. STATUS_INVALID_SECURITY_DESCR for a missing owner or group.
 NT_SERVICE(SetSecurityObject,
            (HANDLE Handle, SECURITY_INFORMATION SecurityInformation, PSECURITY_DESCRIPTOR SecurityDescriptor));
 NT_SERVICE(OpenKey, (PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes));
