@@ -69,6 +69,9 @@ Place& Run::Common()
     common_->MakeFile(directory + "\\file", 0);
     common_->MakeFile("\\small", 4096);
     common_->MakeFile("\\large", 1 << 20);
+    common_->MakeFile("\\truncated", 0);
+    common_->MakeFile("\\renamed", 0);
+    common_->MakeLink("\\link", "\\file");
     common_->MakeDirectory("\\many");
     for (unsigned i = 0; i < kEntries; ++i) common_->MakeFile(Numbered("\\many\\entry", i), 0);
     return *common_;

@@ -48,7 +48,8 @@ private:
 // What the cases share; goes before the host does.
 class Run {
 public:
-    // \file, \1\2\...\8\file, \small (4 KiB), \large (1 MiB), \many with 10,000 entries
+    // \file, \1\2\...\8\file, \small (4 KiB), \large (1 MiB), \truncated, \renamed, \link to \file, \many with
+    // 10,000 entries
     Place& Common();
     Population& Live(unsigned count);
 
@@ -61,5 +62,7 @@ void RegisterOpens(Run& run);
 void RegisterReads(Run& run);
 void RegisterListings(Run& run);
 void RegisterTrees(Run& run);
+void RegisterWrites(Run& run);
+void RegisterChanges(Run& run);
 
 } // namespace bench

@@ -21,6 +21,8 @@ int main(int argc, char** argv)
     bench::Run run;
     bench::RegisterOpens(run);
     bench::RegisterReads(run);
+    bench::RegisterWrites(run);
+    bench::RegisterChanges(run);
     bench::RegisterListings(run);
     bench::RegisterTrees(run);
     bench::RatioReporter reporter;

@@ -31,8 +31,11 @@ ULONG GvTraceArgument(T* pointer)
 }
 inline PCUNICODE_STRING GvTraceArgument(PCUNICODE_STRING text) { return text; }
 inline PCUNICODE_STRING GvTraceArgument(PUNICODE_STRING text) { return text; }
+// Text that may be written to as well: else the template above would take it for a pointer to narrow.
 inline const char* GvTraceArgument(const char* text) { return text; }
+inline const char* GvTraceArgument(char* text) { return text; }
 inline const WCHAR* GvTraceArgument(const WCHAR* text) { return text; }
+inline const WCHAR* GvTraceArgument(WCHAR* text) { return text; }
 inline ULONGLONG GvTraceArgument(GvWide wide) { return wide.Value; }
 
 inline bool GvTraceWanted(ULONG level) { return (GvDebugMask & level) != 0 && KeGetCurrentIrql() == PASSIVE_LEVEL; }

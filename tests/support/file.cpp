@@ -52,6 +52,24 @@ Outcome Set(HANDLE file, FILE_INFORMATION_CLASS infoClass, const void* buffer, U
     return Ended(NtSetInformationFile(file, &block, const_cast<void*>(buffer), length, infoClass), block);
 }
 
+Outcome QueryVolume(HANDLE file, FS_INFORMATION_CLASS infoClass, void* buffer, ULONG length)
+{
+    IO_STATUS_BLOCK block = {};
+    return Ended(NtQueryVolumeInformationFile(file, &block, buffer, length, infoClass), block);
+}
+
+Outcome SetVolume(HANDLE file, FS_INFORMATION_CLASS infoClass, const void* buffer, ULONG length)
+{
+    IO_STATUS_BLOCK block = {};
+    return Ended(NtSetVolumeInformationFile(file, &block, const_cast<void*>(buffer), length, infoClass), block);
+}
+
+NTSTATUS Flush(HANDLE file)
+{
+    IO_STATUS_BLOCK block = {};
+    return NtFlushBuffersFile(file, &block);
+}
+
 NTSTATUS SetSize(HANDLE file, LONGLONG endOfFile)
 {
     FILE_END_OF_FILE_INFORMATION info;
@@ -141,6 +159,14 @@ std::vector<std::string> EaTexts(const void* list, size_t length)
     return texts;
 }
 
+Outcome SetEas(HANDLE file, const std::string& list)
+{
+    std::vector<uint64_t> buffer(list.size() / sizeof(uint64_t) + 1); // aligned
+    std::memcpy(buffer.data(), list.data(), list.size());
+    IO_STATUS_BLOCK block = {};
+    return Ended(NtSetEaFile(file, &block, buffer.data(), static_cast<ULONG>(list.size())), block);
+}
+
 std::string EaNameList(const std::vector<std::string>& names)
 {
     std::string bytes;
@@ -154,6 +180,20 @@ std::string EaNameList(const std::vector<std::string>& names)
         if (!first) Link(&bytes, previous, last);
     }
     return bytes;
+}
+
+EaAnswer QueryEas(HANDLE file, const EaQuery& query)
+{
+    std::vector<uint64_t> buffer(query.Length / sizeof(uint64_t) + 1);
+    std::string names = EaNameList(query.Names);
+    ULONG index = query.Index;
+    IO_STATUS_BLOCK block = {};
+    const NTSTATUS status =
+        NtQueryEaFile(file, &block, buffer.data(), query.Length, query.Single, names.empty() ? nullptr : names.data(),
+                      static_cast<ULONG>(names.size()), index ? &index : nullptr, query.Restart);
+    const bool hasRecords = NT_SUCCESS(status) || status == STATUS_BUFFER_OVERFLOW;
+    return {status, block.Information,
+            hasRecords ? EaTexts(buffer.data(), block.Information) : std::vector<std::string>{}};
 }
 
 } // namespace support
