@@ -2,7 +2,9 @@
 // Each case runs with both ways of resolving a path.
 #include "fixture.h"
 
+#include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <thread>
 
 #include <cstdio>
@@ -100,6 +102,37 @@ TEST_P(Confinement, LinkTargetsAreTranslatedOrRefused)
     (void)Fs().ReadLink(u"\\inner\\f", &status);
     EXPECT_STATUS(STATUS_OBJECT_TYPE_MISMATCH, status);
     EXPECT_EQ("outside", Peek("../beside/f"));
+}
+
+// What a made link holds is read back by readlink, since other programs will follow it by that text.
+TEST_P(Confinement, MadeLinksHoldTheWayFromTheirDirectory)
+{
+    const auto make = [&](std::u16string_view path, std::u16string_view target) {
+        return HostFsMakeLink(Fs().Ops, NtString(path).Get(), NtString(target).Get());
+    };
+    struct {
+        std::u16string Path, Target;
+        std::string Held;
+    } const rows[] = {
+        {u"\\link", u"\\inner\\f", "inner/f"},
+        {u"\\inner\\link", u"\\inner\\f", "f"},
+        {u"\\inner\\deep\\link", u"\\inner\\f", "../f"},
+        {u"\\inner\\deep\\link", u"\\", "../.."},
+        {u"\\inner\\link", u"\\inner", "."},
+        {u"\\inner\\link", u"\\other\\x\uf03ay", "../other/x:y"}, // need not be there
+    };
+    for (const auto& row : rows) {
+        EXPECT_STATUS(STATUS_SUCCESS, make(row.Path, row.Target));
+        std::string name(row.Path.begin(), row.Path.end());
+        std::replace(name.begin(), name.end(), '\\', '/');
+        EXPECT_EQ(row.Held, std::filesystem::read_symlink(Root() + name));
+        NTSTATUS status = STATUS_SUCCESS;
+        EXPECT_EQ(row.Target, Fs().ReadLink(row.Path, &status));
+        EXPECT_STATUS(STATUS_SUCCESS, Fs().Delete(row.Path));
+    }
+    EXPECT_STATUS(STATUS_OBJECT_NAME_COLLISION, make(u"\\INNER", u"\\inner\\f"));
+    EXPECT_STATUS(STATUS_OBJECT_NAME_INVALID, make(u"\\link", u"\\..\\beside"));
+    EXPECT_STATUS(STATUS_OBJECT_PATH_NOT_FOUND, make(u"\\none\\link", u"\\inner"));
 }
 
 TEST_P(Confinement, LinksAreNotFollowed)

@@ -15,6 +15,7 @@
 #include <nthost/debug.h>
 #include <nthost/host.h>
 #include <nthost/requests.h>
+#include <nthost/sections.h>
 
 #include "gvnd/client.h"
 #include "gvnd/eas.h"
@@ -141,6 +142,7 @@ void Session::Mount(const VolumeChoice& choice)
 void Session::Unmount()
 {
     if (!device_) return;
+    nthost::TrimSections(); // what was mapped once still holds its file, and the volume goes with the last of them
     const PDEVICE_OBJECT device = std::exchange(device_, nullptr);
     Require("unmount", services_->UnmountRequest(device));
     layer_->WaitUntilUnmounted();
