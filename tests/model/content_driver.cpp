@@ -178,6 +178,17 @@ ContentOutcome ContentDriver::FlushView(const ContentOperation& flush)
     return {NtFlushVirtualMemory(NtCurrentProcess(), &base, &size, &statusBlock), 0, {}, 0};
 }
 
+ContentOutcome ContentDriver::WriteBack()
+{
+    PVOID file = nullptr;
+    const NTSTATUS status =
+        ObReferenceObjectByHandle(synchronous_.Get(), 0, *IoFileObjectType, KernelMode, &file, nullptr);
+    if (!NT_SUCCESS(status)) return {status, 0, {}, 0};
+    const NTSTATUS written = nthost::StepModifiedPageWriter(static_cast<PFILE_OBJECT>(file));
+    ObDereferenceObject(file);
+    return {written, 0, {}, 0};
+}
+
 ContentOutcome ContentDriver::Apply(const ContentOperation& operation)
 {
     View& view = views_[operation.View];
@@ -195,6 +206,8 @@ ContentOutcome ContentDriver::Apply(const ContentOperation& operation)
     }
     case ContentVerb::QueryEnd: return QueryEnd();
     case ContentVerb::QueryPosition: return QueryPosition();
+    case ContentVerb::WriteBack: return WriteBack();
+    case ContentVerb::Trim: (void)nthost::TrimSections(); return {};
     case ContentVerb::Map: return Map(&view);
     case ContentVerb::Unmap: return Unmap(&view);
     case ContentVerb::ReadView: return ReadView(operation);

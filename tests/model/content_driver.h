@@ -35,6 +35,7 @@ private:
     ContentOutcome Unmap(View* view);
     ContentOutcome ReadView(const ContentOperation& read);
     ContentOutcome WriteView(const ContentOperation& write);
+    ContentOutcome WriteBack();
     ContentOutcome FlushView(const ContentOperation& flush);
 
     support::Handle synchronous_, asynchronous_, appending_;

@@ -54,6 +54,10 @@ ContentOutcome ContentModel::Apply(const ContentOperation& operation)
     case ContentVerb::SetPosition: position_ = operation.Offset; return {};
     case ContentVerb::Map: return Map(operation.View);
     case ContentVerb::Unmap: views_[operation.View] = 0; return {};
+    case ContentVerb::WriteBack: FlushPages(0, SIZE_MAX); return {};
+    case ContentVerb::Trim:
+        if (!IsMapped()) FlushAndPurge();
+        return {};
     case ContentVerb::ReadView: return {STATUS_SUCCESS, 0, ReadView(operation.ViewOffset, operation.Length), 0};
     case ContentVerb::WriteView: WriteView(operation.ViewOffset, Noise(operation.Fill, operation.Length)); return {};
     default:

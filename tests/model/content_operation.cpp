@@ -29,6 +29,8 @@ constexpr VerbRow kVerbs[] = {
     {10, ContentVerb::ReadView, "read view"},
     {10, ContentVerb::WriteView, "write view"},
     {4, ContentVerb::FlushView, "flush view"},
+    {2, ContentVerb::WriteBack, "write back changed pages"},
+    {2, ContentVerb::Trim, "trim sections"},
     {5, ContentVerb::WriteFromView, "write from view"},
 };
 constexpr const char* kThrough[] = {"synchronous", "asynchronous", "appending"};

@@ -27,6 +27,8 @@ enum class ContentVerb {
     ReadView,
     WriteView,
     FlushView,
+    WriteBack,     // the modified-page writer's step
+    Trim,          // unused sections go
     WriteFromView, // a write to the file whose data is the view
 };
 
