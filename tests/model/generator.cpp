@@ -14,6 +14,7 @@ struct VerbRow {
     unsigned Weight;
     model::Verb Verb;
     ACCESS_MASK Wants; // of the handle
+    model::Suits Suits = Suits::Anything;
 };
 constexpr VerbRow kVerbs[] = {
     {34, Verb::Open, 0},
@@ -21,11 +22,14 @@ constexpr VerbRow kVerbs[] = {
     {10, Verb::SetDisposition, DELETE},
     {17, Verb::Rename, DELETE},
     {6, Verb::SetAttributes, FILE_WRITE_ATTRIBUTES},
-    {4, Verb::SetEndOfFile, FILE_WRITE_DATA},
+    {7, Verb::SetEndOfFile, FILE_WRITE_DATA, Suits::Files},
     {3, Verb::QueryStandard, 0},
     {5, Verb::QueryName, 0},
     {3, Verb::QueryAttributes, FILE_READ_ATTRIBUTES},
-    {3, Verb::List, FILE_LIST_DIRECTORY},
+    {3, Verb::List, FILE_LIST_DIRECTORY, Suits::Directories},
+    {8, Verb::Touch, FILE_READ_DATA, Suits::Files},
+    {2, Verb::Flush, FILE_WRITE_DATA},
+    {1, Verb::Trim, 0},
 };
 
 struct ValueRow {
@@ -51,7 +55,7 @@ constexpr ValueRow kAccess[] = {
 };
 constexpr ULONG kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 constexpr ValueRow kShare[] = {
-    {24, kShareAll},        {3, FILE_SHARE_READ | FILE_SHARE_WRITE},
+    {16, kShareAll},        {3, FILE_SHARE_READ | FILE_SHARE_WRITE},
     {2, FILE_SHARE_READ},   {1, FILE_SHARE_WRITE},
     {1, FILE_SHARE_DELETE}, {1, 0},
 };
@@ -84,7 +88,7 @@ constexpr NameRow kNames[] = {
     {8, "a"}, {8, "b"}, {6, "dir"}, {4, "File"}, {4, "\u00e9"}, {2, "e\u0301"}, {2, "link"}, {1, "x?"}, {1, ".."},
 };
 
-constexpr LONGLONG kSizes[] = {0, 1, 100, 4096, 70000};
+constexpr LONGLONG kSizes[] = {0, 1, 100, 5000, 70000};
 
 } // namespace
 
@@ -109,12 +113,16 @@ int Generator::FreeSlot(const NamespaceModel& model)
 }
 
 // Mostly one that was opened for what is wanted, if there is one.
-int Generator::OpenSlot(const NamespaceModel& model, ACCESS_MASK wanted)
+int Generator::OpenSlot(const NamespaceModel& model, ACCESS_MASK wanted, Suits suits)
 {
+    const auto isRight = [&](unsigned slot) {
+        const bool kind = suits == Suits::Anything || (model.KindOf(slot) == Kind::File) == (suits == Suits::Files);
+        return kind && model.Grants(slot, wanted);
+    };
     std::vector<int> slots, others;
     for (unsigned slot = 0; slot < kSlots; ++slot) {
         if (!model.IsOpen(slot)) continue;
-        (model.Grants(slot, wanted) ? slots : others).push_back(static_cast<int>(slot));
+        (isRight(slot) ? slots : others).push_back(static_cast<int>(slot));
     }
     if (slots.empty() || (!others.empty() && Chance(10))) slots = others;
     return slots.empty() ? kNone : slots[Below(static_cast<unsigned>(slots.size()))];
@@ -139,6 +147,9 @@ std::string Generator::SomePath(const NamespaceModel& model)
     if (Chance(2)) return ""; // the volume
     const auto paths = model.Paths();
     std::string path = AnyCase(paths[Below(static_cast<unsigned>(paths.size()))]);
+    if (const int slot = OpenSlot(model, 0); slot != kNone && Chance(20)) {
+        return AnyCase(model.NameOf(static_cast<unsigned>(slot)));
+    }
     if (Components(path).size() < 3 ? Chance(55) : Chance(4)) path = Join(path, SomeName());
     if (Chance(2)) path = Join(path, SomeName());
     return Chance(3) ? path + "\\" : path;
@@ -183,7 +194,7 @@ Operation Generator::Next(const NamespaceModel& model)
     Operation operation{};
     const VerbRow& row = Pick(kVerbs);
     operation.Verb = row.Verb;
-    int slot = row.Verb == Verb::Open ? FreeSlot(model) : OpenSlot(model, row.Wants);
+    int slot = row.Verb == Verb::Open ? FreeSlot(model) : OpenSlot(model, row.Wants, row.Suits);
     if (slot == kNone) { // all open, or none
         operation.Verb = row.Verb == Verb::Open ? Verb::Close : Verb::Open;
         slot = row.Verb == Verb::Open ? OpenSlot(model, 0) : FreeSlot(model);

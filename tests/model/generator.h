@@ -8,6 +8,9 @@
 
 namespace model {
 
+// What a step makes most sense on.
+enum class Suits { Anything, Files, Directories };
+
 class Generator {
 public:
     explicit Generator(unsigned seed) : random_(seed) {}
@@ -19,7 +22,7 @@ private:
     template <typename Row, size_t N>
     const Row& Pick(const Row (&rows)[N]);
     int FreeSlot(const NamespaceModel& model);
-    int OpenSlot(const NamespaceModel& model, ACCESS_MASK wanted);
+    int OpenSlot(const NamespaceModel& model, ACCESS_MASK wanted, Suits suits = Suits::Anything);
     std::string AnyCase(std::string path);
     std::string SomeName();
     std::string SomePath(const NamespaceModel& model);

@@ -59,15 +59,17 @@ NamespaceModel::NamespaceModel() : root_(std::make_unique<Node>())
     volume_.Allowed = volume_.Opened = GVND_ACCESS_ALL & ~GVND_ACCESS_EXECUTE;
 }
 
-void NamespaceModel::AddNode(const std::string& path, bool isDirectory, const std::string& target)
+void NamespaceModel::AddNode(const NodeToAdd& wanted)
 {
     Node* at = root_.get();
-    for (const std::string& component : Components(Directory(path))) at = at->Find(component);
+    for (const std::string& component : Components(Directory(wanted.Path))) at = at->Find(component);
     auto node = std::make_unique<Node>();
-    node->IsDirectory = isDirectory;
-    node->Name = Leaf(path);
-    node->Target = target;
-    node->Attributes = isDirectory ? FILE_ATTRIBUTE_DIRECTORY : target.empty() ? 0 : FILE_ATTRIBUTE_REPARSE_POINT;
+    node->IsDirectory = wanted.IsDirectory;
+    node->Name = Leaf(wanted.Path);
+    node->Target = wanted.Target;
+    node->Size = wanted.Size;
+    if (wanted.IsDirectory) node->Attributes = FILE_ATTRIBUTE_DIRECTORY;
+    if (!wanted.Target.empty()) node->Attributes = FILE_ATTRIBUTE_REPARSE_POINT;
     at->Add(std::move(node));
 }
 
@@ -77,11 +79,15 @@ Control* NamespaceModel::FindControl(const std::string& path) const
     return control == controls_.end() ? nullptr : control->second.get();
 }
 
-Control* NamespaceModel::AddControl(Control control)
+Control* NamespaceModel::AddControl(const std::string& name, Node* node, Control* parent, PluginAccessMask allowed)
 {
-    auto& place = controls_[Fold(control.Name)];
-    place = std::make_unique<Control>(std::move(control));
-    return place.get();
+    auto control = std::make_unique<Control>();
+    control->Kind = node->IsDirectory ? Kind::Directory : Kind::File;
+    control->Name = name;
+    control->Stored = node;
+    control->Parent = parent;
+    control->Allowed = control->Opened = allowed;
+    return (controls_[Fold(name)] = std::move(control)).get();
 }
 
 bool NamespaceModel::HasChildren(const Control& control) const
@@ -92,7 +98,9 @@ bool NamespaceModel::HasChildren(const Control& control) const
 
 void NamespaceModel::Prune()
 {
-    const auto idle = [&](const auto& entry) { return entry.second->Handles.empty() && !HasChildren(*entry.second); };
+    const auto idle = [&](const auto& entry) {
+        return entry.second->Handles.empty() && !entry.second->HasSection && !HasChildren(*entry.second);
+    };
     while (std::erase_if(controls_, idle)) continue;
 }
 
@@ -118,6 +126,7 @@ void NamespaceModel::Delete(Control* control)
     if (control->Kind == Kind::Directory && !NT_SUCCESS(CheckEmpty(*control))) return;
     (void)control->Stored->Take(); // read-only has been cleared first where it stood in the way
     control->Stored = nullptr;
+    control->HasSection = false; // it may keep the record, but not under its name
 }
 
 NTSTATUS NamespaceModel::SetDisposition(Control* control, bool wanted)
@@ -151,6 +160,7 @@ NTSTATUS NamespaceModel::SetAttributes(Control* control, ULONG attributes)
 NTSTATUS NamespaceModel::SetEndOfFile(Control* control, LONGLONG size)
 {
     if (control->Kind != Kind::File) return STATUS_INVALID_DEVICE_REQUEST;
+    if (size < control->Stored->Size) control->HasSection = false;
     control->Stored->Size = size;
     return STATUS_SUCCESS;
 }
@@ -178,7 +188,10 @@ NTSTATUS NamespaceModel::Rename(const Operation& operation, const Handle& source
 NTSTATUS NamespaceModel::RenameControl(Control* source, Control* directory, const std::string& leaf, bool replace)
 {
     if (source->Name == "\\") return STATUS_INVALID_PARAMETER;
-    if (source->Kind == Kind::Directory && HasChildren(*source)) return STATUS_ACCESS_DENIED;
+    if (source->Kind == Kind::Directory && HasChildren(*source)) {
+        PurgeAll(); // of the whole volume: what only sections keep open below the directory goes
+        if (HasChildren(*source)) return STATUS_ACCESS_DENIED;
+    }
     Node* const into = directory ? directory->Stored : source->Stored->Parent;
     const std::string from = directory ? directory->Name : std::string(Directory(source->Name));
     const std::string destination = Join(from, Compose(leaf));
@@ -200,11 +213,15 @@ NTSTATUS NamespaceModel::RenameControl(Control* source, Control* directory, cons
 }
 
 NTSTATUS NamespaceModel::CheckDestination(const std::string& path, Node* directory, const std::string& leaf,
-                                          bool replace, Node** replaced) const
+                                          bool replace, Node** replaced)
 {
-    if (const Control* const control = FindControl(path)) {
-        // A file's record means that the file is open.
-        return !replace || control->Kind == Kind::Directory ? STATUS_OBJECT_NAME_COLLISION : STATUS_ACCESS_DENIED;
+    if (Control* const control = FindControl(path)) {
+        if (!replace || control->Kind == Kind::Directory) return STATUS_OBJECT_NAME_COLLISION;
+        if (!(control->Allowed & GVND_ACCESS_WRITE) || !control->Handles.empty()) return STATUS_ACCESS_DENIED;
+        *replaced = control->Stored; // open only for a section, which is about to lose it
+        control->HasSection = false;
+        Prune();
+        return STATUS_SUCCESS;
     }
     Node* const node = directory->Find(leaf);
     if (!node) return STATUS_SUCCESS;
@@ -242,6 +259,9 @@ Outcome NamespaceModel::Apply(const Operation& operation)
     case Verb::Open: return Open(operation);
     case Verb::Close: CloseHandle(std::move(slots_[operation.Slot])); return {};
     case Verb::List: return ListDirectory(*slots_[operation.Slot]);
+    case Verb::Touch: return {Touch(*slots_[operation.Slot]), 0, {}};
+    case Verb::Flush: return {Flush(*slots_[operation.Slot]), 0, {}};
+    case Verb::Trim: PurgeAll(); return {};
     case Verb::QueryStandard:
     case Verb::QueryName:
     case Verb::QueryAttributes: return Query(operation);
@@ -265,6 +285,34 @@ Outcome NamespaceModel::Change(const Operation& operation)
     case Verb::SetEndOfFile: return {SetEndOfFile(control, operation.Size), 0, {}};
     default: return {SetDisposition(control, operation.Flag), 0, {}};
     }
+}
+
+NTSTATUS NamespaceModel::Touch(const Handle& handle)
+{
+    Control* const control = handle.Of;
+    if (!(handle.Access & FILE_READ_DATA)) return STATUS_ACCESS_DENIED;
+    if (control->Kind == Kind::Volume || control->StorageHandleLost) return STATUS_INVALID_PARAMETER;
+    if (control->Kind == Kind::Directory) return STATUS_INVALID_FILE_FOR_SECTION;
+    if (control->Stored->Size == 0) return STATUS_MAPPED_FILE_SIZE_ZERO;
+    control->HasSection = true;
+    return STATUS_SUCCESS;
+}
+
+// The volume's handle and the root stand for all files, another directory for nothing.
+NTSTATUS NamespaceModel::Flush(const Handle& handle)
+{
+    Control* const control = handle.Of;
+    if (!(handle.Access & (FILE_WRITE_DATA | FILE_APPEND_DATA))) return STATUS_ACCESS_DENIED;
+    if (control->Kind == Kind::Volume || control->Name == "\\") PurgeAll();
+    if (control->Kind != Kind::File) return STATUS_SUCCESS;
+    control->HasSection = false;
+    return control->StorageHandleLost ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS;
+}
+
+void NamespaceModel::PurgeAll()
+{
+    for (auto& control : controls_) control.second->HasSection = false;
+    Prune();
 }
 
 Outcome NamespaceModel::Query(const Operation& operation) const

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include <nthost/debug.h>
+#include <nthost/sections.h>
 
 #include "volume.h"
 
@@ -96,6 +97,23 @@ Outcome NamespaceDriver::List(const Operation& operation)
     return {listing.Status, 0, names};
 }
 
+Outcome NamespaceDriver::Touch(const Operation& operation)
+{
+    support::Handle section;
+    NTSTATUS status = NtCreateSection(section.Out(), SECTION_MAP_READ, nullptr, nullptr, PAGE_READONLY, SEC_COMMIT,
+                                      slots_[operation.Slot].Get());
+    if (!NT_SUCCESS(status)) return {status, 0, {}};
+    PVOID base = nullptr;
+    SIZE_T size = 0;
+    status =
+        NtMapViewOfSection(section.Get(), NtCurrentProcess(), &base, 0, 0, nullptr, &size, ViewUnmap, 0, PAGE_READONLY);
+    if (!NT_SUCCESS(status)) return {status, 0, {}};
+    char byte;
+    status = nthost::GuardedCopy(&byte, base, sizeof(byte));
+    const NTSTATUS unmapped = NtUnmapViewOfSection(NtCurrentProcess(), base);
+    return {NT_SUCCESS(status) ? unmapped : status, 0, {}};
+}
+
 Outcome NamespaceDriver::Apply(const Operation& operation)
 {
     switch (operation.Verb) {
@@ -117,6 +135,12 @@ Outcome NamespaceDriver::Apply(const Operation& operation)
         end.EndOfFile.QuadPart = operation.Size;
         return Set(operation, FileEndOfFileInformation, &end, sizeof(end));
     }
+    case Verb::Touch: return Touch(operation);
+    case Verb::Flush: {
+        IO_STATUS_BLOCK statusBlock = {};
+        return {NtFlushBuffersFile(slots_[operation.Slot].Get(), &statusBlock), 0, {}};
+    }
+    case Verb::Trim: (void)nthost::TrimSections(); return {};
     default: return Query(operation);
     }
 }
@@ -124,6 +148,7 @@ Outcome NamespaceDriver::Apply(const Operation& operation)
 void NamespaceDriver::CloseAll()
 {
     for (support::Handle& slot : slots_) (void)slot.Close();
+    (void)nthost::TrimSections();
 }
 
 } // namespace model

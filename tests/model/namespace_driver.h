@@ -20,6 +20,7 @@ private:
     Outcome Set(const Operation& operation, FILE_INFORMATION_CLASS infoClass, void* buffer, ULONG length);
     Outcome Query(const Operation& operation);
     Outcome List(const Operation& operation);
+    Outcome Touch(const Operation& operation);
 
     std::array<support::Handle, kSlots> slots_;
 };

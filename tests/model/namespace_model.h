@@ -53,6 +53,7 @@ struct Control {
     PluginAccessMask Opened = 0; // what the storage's handle is good for
     bool RefreshNeeded = false;  // read-only has been cleared: the storage's handle has to follow
     bool DeletePending = false;
+    bool HasSection = false;        // of a file that was mapped: as good as a handle, but no handle
     bool StorageHandleLost = false; // by a rename that failed half-way: requests are refused from then on
     std::vector<Handle*> Handles;
 };
@@ -62,7 +63,13 @@ public:
     NamespaceModel();
 
     // Preparation of the tree, without rules.
-    void AddNode(const std::string& path, bool isDirectory, const std::string& target = {});
+    struct NodeToAdd {
+        std::string Path;
+        bool IsDirectory;
+        std::string Target; // of a link
+        LONGLONG Size;
+    };
+    void AddNode(const NodeToAdd& wanted);
 
     // Whether both sides should carry the step out.
     bool Applies(const Operation& operation) const;
@@ -71,6 +78,8 @@ public:
     // For whoever generates, and whoever compares.
     bool IsOpen(unsigned slot) const { return slots_[slot] != nullptr; }
     bool Grants(unsigned slot, ACCESS_MASK access) const { return (slots_[slot]->Access & access) == access; }
+    Kind KindOf(unsigned slot) const { return slots_[slot]->Of->Kind; }
+    const std::string& NameOf(unsigned slot) const { return slots_[slot]->Of->Name; }
     std::vector<std::string> Paths() const;
     // One line for each object: path, attributes, size.
     std::string Tree() const;
@@ -130,16 +139,20 @@ private:
     NTSTATUS Rename(const Operation& operation, const Handle& source);
     NTSTATUS RenameControl(Control* source, Control* directory, const std::string& leaf, bool replace);
     NTSTATUS CheckDestination(const std::string& path, Node* directory, const std::string& leaf, bool replace,
-                              Node** replaced) const;
+                              Node** replaced);
     NTSTATUS RenameStored(Control* source, Node* directory, const std::string& leaf);
     NTSTATUS SetAttributes(Control* control, ULONG attributes);
     NTSTATUS SetEndOfFile(Control* control, LONGLONG size);
     Outcome Change(const Operation& operation);
     Outcome Query(const Operation& operation) const;
+    NTSTATUS Touch(const Handle& handle);
+    NTSTATUS Flush(const Handle& handle);
+    // Sections let go of files that nobody maps.
+    void PurgeAll();
     Outcome ListDirectory(const Handle& handle) const;
 
     Control* FindControl(const std::string& path) const;
-    Control* AddControl(Control control);
+    Control* AddControl(const std::string& name, Node* node, Control* parent, PluginAccessMask allowed);
     bool HasChildren(const Control& control) const;
     NTSTATUS CheckEmpty(const Control& control) const;
     // Records that nothing holds go, from the leaves up.

@@ -233,17 +233,8 @@ NTSTATUS NamespaceModel::FindOrLookUp(const std::string& path, Wanted type, Cont
     }
     if (type == Wanted::Directory && !node->IsDirectory) return STATUS_OBJECT_PATH_SYNTAX_BAD;
     const PluginAccessMask allowed = AllowedOn(*node);
-    const PluginAccessMask weakest = GVND_ACCESS_READ | GVND_ACCESS_EXECUTE;
-    *found = AddControl({node->IsDirectory ? Kind::Directory : Kind::File,
-                         path,
-                         node,
-                         parent,
-                         allowed,
-                         allowed & weakest,
-                         false,
-                         false,
-                         false,
-                         {}});
+    *found = AddControl(path, node, parent, allowed);
+    (*found)->Opened = allowed & (GVND_ACCESS_READ | GVND_ACCESS_EXECUTE); // the least, until somebody needs more
     return STATUS_SUCCESS;
 }
 
@@ -290,6 +281,8 @@ NamespaceModel::Opened NamespaceModel::OpenExisting(Control* control, const Name
     if (!Suffices(control->Kind, effective, control->Allowed)) return {STATUS_ACCESS_DENIED, 0, nullptr, {}};
     status = AccessCheck(*control->Stored, effective);
     if (NT_SUCCESS(status)) status = CheckSharing(*control, effective, ask.Share);
+    // Who may write must not find old pages later; who only deletes leaves them.
+    if (NT_SUCCESS(status) && (effective & FILE_WRITE_DATA) && !ask.DeleteOnClose) control->HasSection = false;
     if (NT_SUCCESS(status) && Overwrites(ask.Disposition)) status = Overwrite(control, ask);
     if (!NT_SUCCESS(status)) return {status, 0, nullptr, {}};
     const ULONG_PTR information = Overwrites(ask.Disposition) ? FILE_OVERWRITTEN : FILE_OPENED;
@@ -304,6 +297,7 @@ NTSTATUS NamespaceModel::Overwrite(Control* control, const Ask& ask)
     for (const ULONG kept : {FILE_ATTRIBUTE_HIDDEN, FILE_ATTRIBUTE_SYSTEM}) {
         if ((node->Attributes & kept) && !(ask.Attributes & kept)) return STATUS_ACCESS_DENIED;
     }
+    control->HasSection = false;
     node->Size = 0;
     if (!ask.Attributes) return STATUS_SUCCESS;
     node->Attributes |= (ask.Attributes & kStorableAttributes) | FILE_ATTRIBUTE_ARCHIVE;
@@ -333,16 +327,7 @@ NamespaceModel::Opened NamespaceModel::CreateNew(const Found& found, const Name&
     }
     Node* const node = found.Parent->Stored->Add(std::move(made));
     const PluginAccessMask allowed = readOnly ? GVND_ACCESS_ALL & ~GVND_ACCESS_WRITE : GVND_ACCESS_ALL;
-    Control* const control = AddControl({isDirectory ? Kind::Directory : Kind::File,
-                                         name.Full,
-                                         node,
-                                         found.Parent,
-                                         allowed,
-                                         allowed,
-                                         false,
-                                         false,
-                                         false,
-                                         {}});
+    Control* const control = AddControl(name.Full, node, found.Parent, allowed);
     return {STATUS_SUCCESS, FILE_CREATED, NewHandle(control, ask.Access, ask.Share, ask.DeleteOnClose), {}};
 }
 

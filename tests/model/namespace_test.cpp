@@ -16,14 +16,10 @@ namespace {
 constexpr unsigned kSequenceLength = 250;
 constexpr unsigned kStepsForATree = 10;
 
-struct StoredObject {
-    const char* Path;
-    bool IsDirectory;
-    const char* Target;
-};
 // The link can be neither deleted nor moved, so the root is never empty.
-constexpr StoredObject kFirst[] = {
-    {"\\a", true, ""}, {"\\a\\b", true, ""}, {"\\a\\b\\File", false, ""}, {"\\b", false, ""}, {"\\link", false, "\\A"},
+const NamespaceModel::NodeToAdd kFirst[] = {
+    {"\\a", true, "", 0},     {"\\a\\b", true, "", 0},     {"\\a\\b\\File", false, "", 100},
+    {"\\b", false, "", 5000}, {"\\link", false, "\\A", 0},
 };
 
 struct Difference {
@@ -42,9 +38,9 @@ protected:
         EXPECT_EQ(ControlBlocks(), 0u) << "stayed behind after the last close";
         Wipe();
         model_ = NamespaceModel();
-        for (const StoredObject& object : kFirst) {
-            MakeStored(object.Path, object.IsDirectory, object.Target);
-            model_.AddNode(object.Path, object.IsDirectory, object.Target);
+        for (const NamespaceModel::NodeToAdd& object : kFirst) {
+            MakeStored(object.Path, object.IsDirectory, object.Target, object.Size);
+            model_.AddNode(object);
         }
     }
 

@@ -15,7 +15,8 @@ struct Word {
 };
 
 constexpr const char* kVerbs[] = {"open",    "close",       "disposition", "rename",           "set attributes",
-                                  "set end", "query sizes", "query name",  "query attributes", "list"};
+                                  "set end", "query sizes", "query name",  "query attributes", "list",
+                                  "touch",   "flush",       "trim"};
 constexpr const char* kDispositions[] = {"SUPERSEDE", "OPEN", "CREATE", "OPEN_IF", "OVERWRITE", "OVERWRITE_IF"};
 
 constexpr Word kAccess[] = {

@@ -24,6 +24,9 @@ enum class Verb {
     QueryName,
     QueryAttributes,
     List,
+    Touch, // maps the file, reads a byte and lets go: the section keeps the file open past its last handle
+    Flush,
+    Trim, // what nobody maps any more goes
 };
 
 struct Operation {

@@ -58,11 +58,14 @@ void ModelVolume::TearDown()
     HostFixture::TearDown();
 }
 
-void ModelVolume::MakeStored(const std::string& path, bool isDirectory, const std::string& linkTarget)
+void ModelVolume::MakeStored(const std::string& path, bool isDirectory, const std::string& linkTarget, LONGLONG size)
 {
     PluginFd fd = 0;
     const auto create = isDirectory ? storage_->CreateDir : storage_->Create;
     ASSERT_STATUS(STATUS_SUCCESS, create(storage_->PluginContext, &cancel_, support::Text(path), &fd)) << path;
+    if (size) {
+        EXPECT_STATUS(STATUS_SUCCESS, storage_->SetFileSize(storage_->PluginContext, &cancel_, fd, &size, &size));
+    }
     if (!linkTarget.empty()) {
         support::Text text(linkTarget);
         EXPECT_STATUS(STATUS_SUCCESS, storage_->SetEa(storage_->PluginContext, &cancel_, fd, MEMFS_LINK_EA_NAME,

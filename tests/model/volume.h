@@ -18,7 +18,7 @@ protected:
     void TearDown() override;
 
     PluginOps* Storage() const { return storage_; }
-    void MakeStored(const std::string& path, bool isDirectory, const std::string& linkTarget = {});
+    void MakeStored(const std::string& path, bool isDirectory, const std::string& linkTarget, LONGLONG size);
     void Wipe();
     // As NamespaceModel::Tree.
     std::string StoredTree();
