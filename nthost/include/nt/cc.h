@@ -1,6 +1,6 @@
-// What a file system tells the cache and memory managers about a file's sections. A file whose section pointers are null
-// has neither views nor cached pages, and every request about it is trivially granted. The caller's reference on the
-// file keeps the pointers; every routine here may end an idle section, which sends a close.
+// What a file system tells the cache and memory managers about a file's sections. A file whose section pointers are
+// null has neither views nor cached pages, and every request about it is trivially granted. The caller's reference on
+// the file keeps the pointers; every routine here may end an idle section, which sends a close.
 #pragma once
 
 #include "io.h"
@@ -25,6 +25,7 @@ NTKERNELAPI BOOLEAN NTAPI CcUninitializeCacheMap(PFILE_OBJECT FileObject, PLARGE
 // data section may be in use either.
 NTKERNELAPI BOOLEAN NTAPI MmFlushImageSection(PSECTION_OBJECT_POINTERS SectionObjectPointer, MMFLUSH_TYPE FlushType);
 // FALSE if that size would cut whole pages of a data section that is in use (a null size: any), or if an image is.
-NTKERNELAPI BOOLEAN NTAPI MmCanFileBeTruncated(PSECTION_OBJECT_POINTERS SectionObjectPointer, PLARGE_INTEGER NewFileSize);
+NTKERNELAPI BOOLEAN NTAPI MmCanFileBeTruncated(PSECTION_OBJECT_POINTERS SectionObjectPointer,
+                                               PLARGE_INTEGER NewFileSize);
 
 NT_EXTERN_C_END
