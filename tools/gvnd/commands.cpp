@@ -84,7 +84,7 @@ std::span<const Command> Commands() { return kCommands; }
 
 namespace commands {
 
-void Trace(Shell& shell, const Words& words) { shell.Session().SetTrace(Switch(words[1])); }
+void Trace(Shell& shell, const Words& words) { shell.Volume().SetTrace(Switch(words[1])); }
 
 void Calls(Shell& shell, const Words& words) { shell.ShowCalls(Switch(words[1])); }
 

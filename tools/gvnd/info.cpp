@@ -177,8 +177,8 @@ void List(Shell& shell, const Words& words)
 
 void Stat(Shell& shell, const Words& words)
 {
-    if (const auto entry = FindEntry(shell.Session(), words[1]); entry && entry->IsLink()) {
-        return PrintLink(shell.Session(), words[1], *entry);
+    if (const auto entry = FindEntry(shell.Volume(), words[1]); entry && entry->IsLink()) {
+        return PrintLink(shell.Volume(), words[1], *entry);
     }
     const File file = shell.Open(words[1], {.Access = FILE_READ_ATTRIBUTES | FILE_READ_EA | SYNCHRONIZE});
     for (const auto& print : kClasses) print(file);

@@ -100,7 +100,12 @@ int Main(int argc, char** argv)
         "gvnd: mounts a storage plugin behind the NT file-system driver, in this process.\n"
         "Without a command it shows the road of one file, imports /usr/include into memory and compares it, and\n"
         "exports it through a served directory.");
-    app.footer("Exit codes: 0 success, 1 a request failed, 2 wrong usage, 3 copies disagree, 4 something leaked.");
+    app.footer("Examples:\n"
+               "  gvnd shell                                       an empty volume in memory; try `help`\n"
+               "  gvnd shell -p hostfs:DIR -c \"calls on; ls -l\"    a directory, with what each command asks of it\n"
+               "  gvnd import -p hostfs:DIR HOST-DIR /PATH         copies a tree in, and compares it\n"
+               "  gvnd export -p hostfs:DIR / HOST-DIR             copies a tree out, and compares it\n"
+               "Exit codes: 0 success, 1 a request failed, 2 wrong usage, 3 copies disagree, 4 something leaked.");
     Options options;
     CLI::App* const shell = app.add_subcommand("shell", "commands on a volume; `help` inside lists them");
     AddVolumeOptions(shell, options);

@@ -13,7 +13,7 @@ namespace {
 
 bool IsLink(Shell& shell, const std::string& path)
 {
-    const auto entry = FindEntry(shell.Session(), path);
+    const auto entry = FindEntry(shell.Volume(), path);
     return entry && entry->IsLink();
 }
 
@@ -37,7 +37,7 @@ void MakeDirectory(Shell& shell, const Words& words)
 
 void Remove(Shell& shell, const Words& words)
 {
-    if (IsLink(shell, words[1])) return shell.Session().RemoveLink(words[1]);
+    if (IsLink(shell, words[1])) return shell.Volume().RemoveLink(words[1]);
     Delete(shell, words[1], FILE_NON_DIRECTORY_FILE);
 }
 
@@ -57,7 +57,7 @@ void Move(Shell& shell, const Words& words)
     if (IsLink(shell, from)) throw Usage("a link cannot be renamed; remove it and make another");
     const SplitPath place = SplitLast(to);
     const bool sameDirectory = Session::VolumePath(place.Directory) == Session::VolumePath(SplitLast(from).Directory);
-    const NtText name(sameDirectory ? place.Last : shell.Session().NtPath(to));
+    const NtText name(sameDirectory ? place.Last : shell.Volume().NtPath(to));
 
     std::vector<uint64_t> record =
         RecordWithText(sizeof(FILE_RENAME_INFORMATION), FIELD_OFFSET(FILE_RENAME_INFORMATION, FileNameLength),
@@ -67,7 +67,7 @@ void Move(Shell& shell, const Words& words)
     file.SetRaw(FileRenameInformation, record.data(), record.size() * 8, "rename");
 }
 
-void Link(Shell& shell, const Words& words) { shell.Session().MakeLink(words[2], words[1]); }
+void Link(Shell& shell, const Words& words) { shell.Volume().MakeLink(words[2], words[1]); }
 
 } // namespace commands
 

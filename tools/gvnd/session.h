@@ -16,7 +16,7 @@ struct VolumeChoice {
     std::string Plugin = "memfs"; // "memfs" or "hostfs:DIR"
     bool ReadOnly = false;
     uint64_t Capacity = 0; // of memfs, in bytes; 0 is its own default
-    std::string Sddl;      // who may open the device; empty: everybody
+    std::string Sddl = {}; // who may open the device; empty: everybody
 };
 
 class Session {

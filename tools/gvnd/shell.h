@@ -33,7 +33,7 @@ public:
     void RunInteractive();
     void RunScript(std::istream& script);
 
-    tool::Session& Session() { return session_; }
+    Session& Volume() { return session_; }
     File Open(const std::string& path, const OpenHow& how = {}) const { return OpenFile(session_.NtPath(path), how); }
     // By the number that `open` printed.
     OpenHandle& Handle(const std::string& number);
@@ -44,7 +44,7 @@ public:
 private:
     void PrintCalls();
 
-    tool::Session& session_;
+    Session& session_;
     std::map<unsigned, OpenHandle> handles_;
     unsigned nextHandle_ = 1;
     bool showCalls_ = false;

@@ -66,9 +66,9 @@ void Report(const CopyTotals& totals)
 
 } // namespace
 
-void Import(Shell& shell, const Words& words) { Report(ImportTree(shell.Session(), words[1], words[2])); }
+void Import(Shell& shell, const Words& words) { Report(ImportTree(shell.Volume(), words[1], words[2])); }
 
-void Export(Shell& shell, const Words& words) { Report(ExportTree(shell.Session(), words[1], words[2])); }
+void Export(Shell& shell, const Words& words) { Report(ExportTree(shell.Volume(), words[1], words[2])); }
 
 } // namespace commands
 

@@ -18,7 +18,7 @@ namespace {
 
 File OpenVolume(Shell& shell, ACCESS_MASK access)
 {
-    return OpenFile(shell.Session().VolumeName(), {.Access = access | SYNCHRONIZE});
+    return OpenFile(shell.Volume().VolumeName(), {.Access = access | SYNCHRONIZE});
 }
 
 // Records with a text at their end.
@@ -116,7 +116,7 @@ void Unmount(Shell& shell, const Words&)
     if (!shell.Handles().empty()) {
         throw Usage(fmt::format("{} handles are open; close them first", shell.Handles().size()));
     }
-    shell.Session().Unmount();
+    shell.Volume().Unmount();
     fmt::print("unmounted\n");
 }
 
