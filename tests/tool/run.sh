@@ -113,6 +113,8 @@ refused STATUS_OBJECT_NAME_COLLISION 'touch /f; mkdir /d; touch /d/g; mv /f /d/g
 refused STATUS_DIRECTORY_NOT_EMPTY 'mkdir /d; touch /d/f; rmdir /d'
 refused STATUS_FILE_IS_A_DIRECTORY 'mkdir /d; rm /d'
 refused STATUS_NOT_A_DIRECTORY 'touch /f; rmdir /f'
+expect "rmdir of a link" 2 'this is a link' "$gvnd" shell -c 'mkdir /d; ln /d /l; rmdir /l/'
+expect "mv of a link" 2 'cannot be renamed' "$gvnd" shell -c 'mkdir /d; ln /d /l; mv /l /m'
 refused STATUS_CANNOT_DELETE 'touch /f; attr /f +r; rm /f'
 refused STATUS_ACCESS_DENIED 'touch /f; attr /f +r; write /f 0 x'
 refused STATUS_FILE_LOCK_CONFLICT 'write /f 0 abc; open /f rw; lock 1 0 2; write /f 1 x'

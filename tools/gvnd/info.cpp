@@ -14,7 +14,7 @@ namespace tool {
 
 std::optional<Entry> FindEntry(Session& session, const std::string& path)
 {
-    const SplitPath split = SplitLast(path);
+    const SplitPath split = SplitLast(path.substr(0, path.find_last_not_of("/\\") + 1));
     if (split.Last.empty() || IsPattern(split.Last)) return std::nullopt;
     std::optional<Entry> found;
     try {

@@ -1,6 +1,6 @@
 // The tree behind the front door. Every object is reached by native services; only links themselves, which an open
 // would follow, by the session.
-#include <algorithm>
+#include <strings.h>
 
 #include <fmt/format.h>
 
@@ -149,9 +149,7 @@ public:
     {
         try {
             const std::string target = session_.ReadLink(root_ + path);
-            const bool isBeneath =
-                target.starts_with(root_) && (target.size() == root_.size() || target[root_.size()] == '\\');
-            if (!isBeneath) return std::nullopt;
+            if (!IsBeneath(target)) return std::nullopt;
             return target.substr(root_.size());
         } catch (const Failure& failure) {
             if (failure.Status() == STATUS_ACCESS_DENIED) return std::nullopt; // it leaves the volume
@@ -165,6 +163,13 @@ public:
     }
 
 private:
+    // A link may spell its way here as it likes.
+    bool IsBeneath(const std::string& path) const
+    {
+        return strncasecmp(path.c_str(), root_.c_str(), root_.size()) == 0 &&
+               (path.size() == root_.size() || path[root_.size()] == '\\');
+    }
+
     static std::unique_ptr<TreeNode> Node(File file) { return std::make_unique<VolumeNode>(std::move(file)); }
     std::string NtPath(const std::string& path) const { return session_.NtPath(root_ + path); }
 
