@@ -23,6 +23,8 @@ constexpr Size kSizes[] = {
     {"1 MiB", "\\large", 1 << 20},
 };
 
+constexpr const Size& kMapped = kSizes[1];
+
 void WriteByDriver(benchmark::State& state, const Path& path, std::vector<char>& buffer)
 {
     HANDLE const file = OpenByDriver(path, FILE_SYNCHRONOUS_IO_NONALERT, FILE_GENERIC_READ | FILE_GENERIC_WRITE);
@@ -107,12 +109,11 @@ void MapByTmpfs(benchmark::State& state, const Place& place, const Path& path, s
 void RegisterMapped(Run& run, bool writes)
 {
     const std::string name = writes ? "map, write a page, flush" : "map, read a page";
-    const Size& size = kSizes[1];
-    Register(name, Side::Driver, [&run, size, writes](benchmark::State& state) {
-        MapByDriver(state, Path(run.Common().Link(), size.Path), writes);
+    Register(name, Side::Driver, [&run, writes](benchmark::State& state) {
+        MapByDriver(state, Path(run.Common().Link(), kMapped.Path), writes);
     });
-    Register(name, Side::Tmpfs, [&run, size, writes](benchmark::State& state) {
-        MapByTmpfs(state, run.Common(), Path(run.Common().Link(), size.Path), size.Bytes, writes);
+    Register(name, Side::Tmpfs, [&run, writes](benchmark::State& state) {
+        MapByTmpfs(state, run.Common(), Path(run.Common().Link(), kMapped.Path), kMapped.Bytes, writes);
     });
 }
 
