@@ -4,6 +4,7 @@
 #include <nthost/pool.h>
 
 #include "open_requests.h"
+#include "support/file.h"
 
 namespace opening {
 namespace {
@@ -130,6 +131,101 @@ TEST_F(Counts, ListingIsOneCallPerEntry)
     ASSERT_GT(queries, 1u);
     // The last query that placed something met the end, and so did the one behind it.
     EXPECT_EQ(Plugin().Count("ReadDirEntry"), entries + (queries - 1) + 2);
+}
+
+struct SeenWrite {
+    static inline PluginWriteFn Inner;
+    static inline void* InnerContext;
+    static inline std::vector<const void*> Buffers;
+    static NTSTATUS NTAPI Write(void*, PKEVENT cancel, PluginFd fd, LONGLONG offset, ULONG* length, const void* buffer)
+    {
+        Buffers.push_back(buffer);
+        return Inner(InnerContext, cancel, fd, offset, length, buffer);
+    }
+};
+
+class WriteCounts : public VolumeTest {
+protected:
+    void SetUp() override
+    {
+        VolumeTest::SetUp();
+        file_ = OpenOrFail("\\file", {.Access = FILE_GENERIC_READ | FILE_GENERIC_WRITE});
+        // So that the plugin grows nothing while it is watched.
+        EXPECT_STATUS(STATUS_SUCCESS, support::Write(file_.Get(), data_, 0).Status);
+        SeenWrite::Inner = std::exchange(Plugin().Table()->Write, SeenWrite::Write);
+        SeenWrite::InnerContext = &Plugin();
+        SeenWrite::Buffers.clear();
+    }
+    void TearDown() override
+    {
+        file_.Close();
+        VolumeTest::TearDown();
+    }
+    Handle file_;
+    std::string data_ = std::string(3 * 65536 + 1, 'w');
+};
+
+// The context and one block that every piece goes through: each byte is copied once.
+TEST_F(WriteCounts, OfACallerAreACallPerPieceThroughOneBlock)
+{
+    const uint64_t before = nthost::PoolAllocations();
+    EXPECT_STATUS(STATUS_SUCCESS, support::Write(file_.Get(), data_, 0).Status);
+    EXPECT_EQ(nthost::PoolAllocations() - before, 2u);
+    ASSERT_EQ(SeenWrite::Buffers.size(), 4u);
+    for (const void* buffer : SeenWrite::Buffers) {
+        EXPECT_EQ(buffer, SeenWrite::Buffers.front());
+        EXPECT_NE(buffer, data_.data());
+    }
+}
+
+TEST_F(WriteCounts, OfPagesAreOneCallFromThePages)
+{
+    FileReference object(file_.Get());
+    support::HandMade request(Device(), object.Get(), IRP_MJ_WRITE);
+    request.Irp()->Flags |= IRP_PAGING_IO | IRP_NOCACHE;
+    request.Irp()->UserBuffer = data_.data();
+    request.Stack()->Parameters.Write.Length = static_cast<ULONG>(data_.size());
+    const uint64_t before = nthost::PoolAllocations();
+    EXPECT_STATUS(STATUS_SUCCESS, request.Send());
+    EXPECT_EQ(nthost::PoolAllocations() - before, 1u); // the context
+    ASSERT_EQ(SeenWrite::Buffers.size(), 1u);
+    EXPECT_EQ(SeenWrite::Buffers.front(), data_.data());
+}
+
+// The plugin's record is its own.
+TEST_F(Counts, QueryIsOneCallAndNoAllocationButTheContext)
+{
+    Handle file = OpenOrFail("\\file");
+    FileReference object(file.Get());
+    FILE_NETWORK_OPEN_INFORMATION info;
+    support::HandMade request(Device(), object.Get(), IRP_MJ_QUERY_INFORMATION);
+    request.Irp()->AssociatedIrp.SystemBuffer = &info;
+    request.Stack()->Parameters.QueryFile.Length = sizeof info;
+    request.Stack()->Parameters.QueryFile.FileInformationClass = FileNetworkOpenInformation;
+    TakeCalls();
+    const uint64_t before = nthost::PoolAllocations();
+    EXPECT_STATUS(STATUS_SUCCESS, request.Send());
+    EXPECT_EQ(nthost::PoolAllocations() - before, 1u + 1u);
+    EXPECT_EQ(TakeCalls(), Lines{"GetInfo"});
+}
+
+TEST_F(Counts, SizeOfAllEasIsACallEach)
+{
+    Handle file = OpenOrFail("\\file", {.Access = FILE_READ_ATTRIBUTES | FILE_WRITE_EA | SYNCHRONIZE});
+    support::SetEas(file.Get(), support::EaList().Add("A", "1").Add("B", "2").Add("C", "3").Bytes());
+    TakeCalls();
+    FILE_EA_INFORMATION info;
+    EXPECT_STATUS(STATUS_SUCCESS, support::Query(file.Get(), FileEaInformation, &info, sizeof info).Status);
+    EXPECT_EQ(TakeCalls(), (Lines{"GetInfo", "ListEa 0", "GetEa A 0", "GetEa B 0", "GetEa C 0"}));
+}
+
+TEST_F(Counts, LinkIsALookupAndAReadLink)
+{
+    Handle root = OpenOrFail("\\");
+    Handle file = OpenOrFail("\\file");
+    TakeCalls();
+    Handle again = OpenOrFail("\\link");
+    EXPECT_EQ(TakeCalls(), (Lines{"Lookup \\link", "ReadLink \\link", "AccessCheck \\file 2 1"}));
 }
 
 } // namespace

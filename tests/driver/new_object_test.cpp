@@ -36,6 +36,7 @@ TEST_F(NewObjects, AreRefusedWithoutAWordToThePlugin)
         {"\\new", With(kCreate, FILE_DELETE_ON_CLOSE, FILE_ATTRIBUTE_READONLY), STATUS_CANNOT_DELETE},
         {"\\new", With(kCreate, FILE_DELETE_ON_CLOSE | FILE_DIRECTORY_FILE, FILE_ATTRIBUTE_READONLY),
          STATUS_CANNOT_DELETE},
+        {"\\new", noDelete, STATUS_INVALID_PARAMETER},
         {"\\new", {.Disposition = FILE_OPEN}, STATUS_OBJECT_NAME_NOT_FOUND},
         {"\\new", {.Disposition = FILE_OVERWRITE}, STATUS_OBJECT_NAME_NOT_FOUND},
         {"\\none\\new", kCreate, STATUS_OBJECT_PATH_NOT_FOUND},
@@ -117,7 +118,6 @@ TEST_F(NewObjects, StayOnThePluginWhenALaterStepFails)
         const std::string path = "\\new" + std::to_string(++number);
         Plugin().Fail(row.Operation, STATUS_DISK_FULL);
         EXPECT_STATUS(STATUS_DISK_FULL, Open(path, full).Status);
-        const auto calls = Plugin().Texts();
         EXPECT_EQ(Plugin().Count("Close"), row.Stays ? 2u : 1u); // the new handle, and the root's
         Plugin().Clear();
         EXPECT_EQ(FcbCount(), 0u);
