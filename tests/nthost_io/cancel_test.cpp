@@ -237,7 +237,7 @@ TEST_F(Cancel, CompletionThatDropsTheLastReferenceLeavesTheCloseToAWorker)
     std::vector<std::string> leaks;
     EXPECT_EQ(Unload(&leaks), STATUS_SUCCESS); // which waits for it
     EXPECT_EQ(Seen(IRP_MJ_CLOSE), 1u);
-    EXPECT_NE(closer, std::this_thread::get_id());
+    EXPECT_TRUE(closer != std::this_thread::get_id());
     EXPECT_EQ(closeIrql, PASSIVE_LEVEL);
     EXPECT_EQ(leaks, std::vector<std::string>());
 }
