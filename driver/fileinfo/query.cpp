@@ -33,13 +33,19 @@ ULONG ReportedAttributes(const PluginFileInfo* record)
     return record->FileAttributes ? record->FileAttributes : FILE_ATTRIBUTE_NORMAL;
 }
 
+template <typename Info>
+void CopyTimes(const PluginFileInfo* record, Info* info)
+{
+    info->CreationTime.QuadPart = record->CreationTime;
+    info->LastAccessTime.QuadPart = record->LastAccessTime;
+    info->LastWriteTime.QuadPart = record->LastWriteTime;
+    info->ChangeTime.QuadPart = record->ChangeTime;
+}
+
 NTSTATUS GvQueryBasicInfo(const InfoQuery& query, void* buffer, ULONG* length)
 {
     auto* const info = static_cast<PFILE_BASIC_INFORMATION>(buffer);
-    info->CreationTime.QuadPart = query.Record->CreationTime;
-    info->LastAccessTime.QuadPart = query.Record->LastAccessTime;
-    info->LastWriteTime.QuadPart = query.Record->LastWriteTime;
-    info->ChangeTime.QuadPart = query.Record->ChangeTime;
+    CopyTimes(query.Record, info);
     info->FileAttributes = ReportedAttributes(query.Record);
     GV_TRACE(GvTraceFlow, "query-attr: 0x%x\n", info->FileAttributes);
     *length = sizeof(*info);
@@ -110,10 +116,7 @@ NTSTATUS QueryPositionInfo(const InfoQuery& query, void* buffer, ULONG* length)
 NTSTATUS QueryNetworkOpenInfo(const InfoQuery& query, void* buffer, ULONG* length)
 {
     auto* const info = static_cast<PFILE_NETWORK_OPEN_INFORMATION>(buffer);
-    info->CreationTime.QuadPart = query.Record->CreationTime;
-    info->LastAccessTime.QuadPart = query.Record->LastAccessTime;
-    info->LastWriteTime.QuadPart = query.Record->LastWriteTime;
-    info->ChangeTime.QuadPart = query.Record->ChangeTime;
+    CopyTimes(query.Record, info);
     info->AllocationSize.QuadPart = query.Record->AllocationSize;
     info->EndOfFile.QuadPart = query.Record->EndOfFile;
     info->FileAttributes = ReportedAttributes(query.Record);
