@@ -72,7 +72,7 @@ enum class Width : uint8_t {
     Quad   // ll, I64, I
 };
 
-struct Spec {
+struct Directive {
     bool Left = false;
     bool Plus = false;
     bool Blank = false;
@@ -94,14 +94,14 @@ constexpr SizePrefix kSizePrefixes[] = {
     {"I64", Width::Quad}, {"I32", Width::Long}, {"I", Width::Quad},  {"w", Width::Long},
 };
 
-bool* FlagOf(Spec& spec, char c)
+bool* FlagOf(Directive& directive, char c)
 {
     switch (c) {
-    case '-': return &spec.Left;
-    case '+': return &spec.Plus;
-    case ' ': return &spec.Blank;
-    case '#': return &spec.Alternate;
-    case '0': return &spec.Zero;
+    case '-': return &directive.Left;
+    case '+': return &directive.Plus;
+    case ' ': return &directive.Blank;
+    case '#': return &directive.Alternate;
+    case '0': return &directive.Zero;
     default: return nullptr;
     }
 }
@@ -120,55 +120,55 @@ int ParseCount(const char*& at, Arguments& arguments)
 }
 
 // What follows a percent sign; leaves `at` behind the conversion.
-Spec ParseSpec(const char*& at, Arguments& arguments)
+Directive ParseSpec(const char*& at, Arguments& arguments)
 {
-    Spec spec;
-    for (; bool* flag = FlagOf(spec, *at); ++at) *flag = true;
+    Directive directive;
+    for (; bool* flag = FlagOf(directive, *at); ++at) *flag = true;
     const int width = ParseCount(at, arguments);
-    spec.Left |= width < 0;
-    spec.FieldWidth = static_cast<size_t>(width < 0 ? -width : width);
-    if (*at == '.') spec.Precision = ParseCount(++at, arguments);
+    directive.Left |= width < 0;
+    directive.FieldWidth = static_cast<size_t>(width < 0 ? -width : width);
+    if (*at == '.') directive.Precision = ParseCount(++at, arguments);
     for (const SizePrefix& prefix : kSizePrefixes) {
         if (std::strncmp(at, prefix.Text.data(), prefix.Text.size()) != 0) continue;
         at += prefix.Text.size();
-        spec.Size = prefix.Size;
+        directive.Size = prefix.Size;
         break;
     }
-    if (*at) spec.Conversion = *at++;
-    return spec;
+    if (*at) directive.Conversion = *at++;
+    return directive;
 }
 
-void PutField(Output& out, const Spec& spec, std::string_view text)
+void PutField(Output& out, const Directive& directive, std::string_view text)
 {
-    const size_t padding = spec.FieldWidth - std::min(spec.FieldWidth, text.size());
-    if (!spec.Left) out.Fill(' ', padding);
+    const size_t padding = directive.FieldWidth - std::min(directive.FieldWidth, text.size());
+    if (!directive.Left) out.Fill(' ', padding);
     out.Put(text);
-    if (spec.Left) out.Fill(' ', padding);
+    if (directive.Left) out.Fill(' ', padding);
 }
 
 // The field's width counts 16-bit units, as the caller's columns do.
-void PutWide(Output& out, const Spec& spec, const WCHAR* text, size_t units)
+void PutWide(Output& out, const Directive& directive, const WCHAR* text, size_t units)
 {
-    const size_t padding = spec.FieldWidth - std::min(spec.FieldWidth, units);
-    if (!spec.Left) out.Fill(' ', padding);
+    const size_t padding = directive.FieldWidth - std::min(directive.FieldWidth, units);
+    if (!directive.Left) out.Fill(' ', padding);
     for (size_t i = 0, used = 0; i < units; i += used) {
         char bytes[4];
         const char32_t c = DecodeUtf16(text + i, units - i, &used);
         out.Put(std::string_view(bytes, EncodeUtf8(c, bytes)));
     }
-    if (spec.Left) out.Fill(' ', padding);
+    if (directive.Left) out.Fill(' ', padding);
 }
 
-size_t Limited(const Spec& spec, size_t length)
+size_t Limited(const Directive& directive, size_t length)
 {
-    return spec.Precision < 0 ? length : std::min(length, static_cast<size_t>(spec.Precision));
+    return directive.Precision < 0 ? length : std::min(length, static_cast<size_t>(directive.Precision));
 }
 
 // Up to the terminator, which need not be there when the precision ends the text first.
 template <typename Character>
-size_t TerminatedLength(const Spec& spec, const Character* text)
+size_t TerminatedLength(const Directive& directive, const Character* text)
 {
-    const size_t most = Limited(spec, SIZE_MAX);
+    const size_t most = Limited(directive, SIZE_MAX);
     size_t length = 0;
     while (length < most && text[length]) ++length;
     return length;
@@ -177,51 +177,57 @@ size_t TerminatedLength(const Spec& spec, const Character* text)
 constexpr std::string_view kNull = "(null)";
 
 // 8-bit text is printed as it is, 16-bit text as UTF-8.
-void PutUnits(Output& out, const Spec& spec, const char* text, size_t units) { PutField(out, spec, {text, units}); }
+void PutUnits(Output& out, const Directive& directive, const char* text, size_t units)
+{
+    PutField(out, directive, {text, units});
+}
 
-void PutUnits(Output& out, const Spec& spec, const WCHAR* text, size_t units) { PutWide(out, spec, text, units); }
+void PutUnits(Output& out, const Directive& directive, const WCHAR* text, size_t units)
+{
+    PutWide(out, directive, text, units);
+}
 
 template <typename Character>
-void PutText(Output& out, const Spec& spec, Arguments& arguments)
+void PutText(Output& out, const Directive& directive, Arguments& arguments)
 {
     const auto* text = arguments.Pointer<Character>();
     if (text)
-        PutUnits(out, spec, text, TerminatedLength(spec, text));
+        PutUnits(out, directive, text, TerminatedLength(directive, text));
     else
-        PutField(out, spec, kNull);
+        PutField(out, directive, kNull);
 }
 
 template <typename String>
-void PutCounted(Output& out, const Spec& spec, Arguments& arguments)
+void PutCounted(Output& out, const Directive& directive, Arguments& arguments)
 {
     const auto* text = arguments.Pointer<String>();
     if (text && text->Buffer)
-        PutUnits(out, spec, text->Buffer, Limited(spec, text->Length / sizeof(*text->Buffer)));
+        PutUnits(out, directive, text->Buffer, Limited(directive, text->Length / sizeof(*text->Buffer)));
     else
-        PutField(out, spec, kNull);
+        PutField(out, directive, kNull);
 }
 
-void PutCharacter(Output& out, const Spec& spec, bool wide, int value)
+void PutCharacter(Output& out, const Directive& directive, bool wide, int value)
 {
     const WCHAR unit = static_cast<WCHAR>(value);
     const char byte = static_cast<char>(value);
     if (wide)
-        PutWide(out, spec, &unit, 1);
+        PutWide(out, directive, &unit, 1);
     else
-        PutField(out, spec, {&byte, 1});
+        PutField(out, directive, {&byte, 1});
 }
 
-uint64_t FetchUnsigned(const Spec& spec, Arguments& arguments)
+uint64_t FetchUnsigned(const Directive& directive, Arguments& arguments)
 {
-    if (spec.Size == Width::Quad) return static_cast<uint64_t>(arguments.Int64());
+    if (directive.Size == Width::Quad) return static_cast<uint64_t>(arguments.Int64());
     const auto value = static_cast<unsigned>(arguments.Int());
-    return spec.Size == Width::Byte ? value & 0xff : spec.Size == Width::Short ? value & 0xffff : value;
+    return directive.Size == Width::Byte ? value & 0xff : directive.Size == Width::Short ? value & 0xffff : value;
 }
 
-int64_t FetchSigned(const Spec& spec, Arguments& arguments)
+int64_t FetchSigned(const Directive& directive, Arguments& arguments)
 {
-    const uint64_t value = FetchUnsigned(spec, arguments);
-    switch (spec.Size) {
+    const uint64_t value = FetchUnsigned(directive, arguments);
+    switch (directive.Size) {
     case Width::Byte: return static_cast<int8_t>(value);
     case Width::Short: return static_cast<int16_t>(value);
     case Width::Quad: return static_cast<int64_t>(value);
@@ -230,81 +236,84 @@ int64_t FetchSigned(const Spec& spec, Arguments& arguments)
 }
 
 // Sign or base prefix, zeros of the precision or the zero flag, digits.
-void PutNumber(Output& out, const Spec& spec, std::string_view prefix, std::string_view digits)
+void PutNumber(Output& out, const Directive& directive, std::string_view prefix, std::string_view digits)
 {
-    const size_t least = spec.Precision < 0 ? 0 : static_cast<size_t>(spec.Precision);
+    const size_t least = directive.Precision < 0 ? 0 : static_cast<size_t>(directive.Precision);
     size_t zeros = least - std::min(least, digits.size());
     const size_t length = prefix.size() + zeros + digits.size();
-    size_t padding = spec.FieldWidth - std::min(spec.FieldWidth, length);
-    if (spec.Zero && !spec.Left && spec.Precision < 0) zeros += std::exchange(padding, 0);
-    if (!spec.Left) out.Fill(' ', padding);
+    size_t padding = directive.FieldWidth - std::min(directive.FieldWidth, length);
+    if (directive.Zero && !directive.Left && directive.Precision < 0) zeros += std::exchange(padding, 0);
+    if (!directive.Left) out.Fill(' ', padding);
     out.Put(prefix);
     out.Fill('0', zeros);
     out.Put(digits);
-    if (spec.Left) out.Fill(' ', padding);
+    if (directive.Left) out.Fill(' ', padding);
 }
 
-void PutDigits(Output& out, const Spec& spec, std::string_view prefix, uint64_t value, unsigned base, bool upper)
+void PutDigits(Output& out, const Directive& directive, std::string_view prefix, uint64_t value, unsigned base,
+               bool upper)
 {
     char buffer[24];
     char* first = std::end(buffer);
     const char* const alphabet = upper ? "0123456789ABCDEF" : "0123456789abcdef";
     for (uint64_t rest = value; rest; rest /= base) *--first = alphabet[rest % base];
-    if (first == std::end(buffer) && spec.Precision != 0) *--first = '0';
-    PutNumber(out, spec, prefix, {first, static_cast<size_t>(std::end(buffer) - first)});
+    if (first == std::end(buffer) && directive.Precision != 0) *--first = '0';
+    PutNumber(out, directive, prefix, {first, static_cast<size_t>(std::end(buffer) - first)});
 }
 
-void PutSigned(Output& out, const Spec& spec, int64_t value)
+void PutSigned(Output& out, const Directive& directive, int64_t value)
 {
-    const std::string_view sign = value < 0 ? "-" : spec.Plus ? "+" : spec.Blank ? " " : "";
+    const std::string_view sign = value < 0 ? "-" : directive.Plus ? "+" : directive.Blank ? " " : "";
     const auto magnitude = static_cast<uint64_t>(value);
-    PutDigits(out, spec, sign, value < 0 ? 0 - magnitude : magnitude, 10, false);
+    PutDigits(out, directive, sign, value < 0 ? 0 - magnitude : magnitude, 10, false);
 }
 
-void PutHexadecimal(Output& out, const Spec& spec, uint64_t value, bool upper)
+void PutHexadecimal(Output& out, const Directive& directive, uint64_t value, bool upper)
 {
-    const std::string_view prefix = !spec.Alternate || value == 0 ? "" : upper ? "0X" : "0x";
-    PutDigits(out, spec, prefix, value, 16, upper);
+    const std::string_view prefix = !directive.Alternate || value == 0 ? "" : upper ? "0X" : "0x";
+    PutDigits(out, directive, prefix, value, 16, upper);
 }
 
-void PutOctal(Output& out, const Spec& spec, uint64_t value)
+void PutOctal(Output& out, const Directive& directive, uint64_t value)
 {
-    PutDigits(out, spec, spec.Alternate && value ? "0" : "", value, 8, false);
+    PutDigits(out, directive, directive.Alternate && value ? "0" : "", value, 8, false);
 }
 
 // NT prints all digits of a pointer, in upper case and without a prefix.
-void PutPointer(Output& out, Spec spec, const void* value)
+void PutPointer(Output& out, Directive directive, const void* value)
 {
-    spec.Precision = 2 * sizeof(void*);
-    PutDigits(out, spec, "", reinterpret_cast<uintptr_t>(value), 16, true);
+    directive.Precision = 2 * sizeof(void*);
+    PutDigits(out, directive, "", reinterpret_cast<uintptr_t>(value), 16, true);
 }
 
 // The lower-case letters take 8-bit text unless a prefix says otherwise, the upper-case ones 16-bit text; %Z as well
 // as the lower-case ones.
-bool TakesWideText(const Spec& spec)
+bool TakesWideText(const Directive& directive)
 {
-    const bool upper = spec.Conversion == 'S' || spec.Conversion == 'C';
-    return spec.Size == Width::Long || (upper && spec.Size != Width::Short);
+    const bool upper = directive.Conversion == 'S' || directive.Conversion == 'C';
+    return directive.Size == Width::Long || (upper && directive.Size != Width::Short);
 }
 
 // False for a conversion that is not known.
-bool Convert(Output& out, const Spec& spec, Arguments& arguments)
+bool Convert(Output& out, const Directive& directive, Arguments& arguments)
 {
-    const bool wide = TakesWideText(spec);
-    switch (spec.Conversion) {
+    const bool wide = TakesWideText(directive);
+    switch (directive.Conversion) {
     case 'd':
-    case 'i': PutSigned(out, spec, FetchSigned(spec, arguments)); return true;
-    case 'u': PutDigits(out, spec, "", FetchUnsigned(spec, arguments), 10, false); return true;
-    case 'o': PutOctal(out, spec, FetchUnsigned(spec, arguments)); return true;
+    case 'i': PutSigned(out, directive, FetchSigned(directive, arguments)); return true;
+    case 'u': PutDigits(out, directive, "", FetchUnsigned(directive, arguments), 10, false); return true;
+    case 'o': PutOctal(out, directive, FetchUnsigned(directive, arguments)); return true;
     case 'x':
-    case 'X': PutHexadecimal(out, spec, FetchUnsigned(spec, arguments), spec.Conversion == 'X'); return true;
-    case 'p': PutPointer(out, spec, arguments.Pointer<void>()); return true;
+    case 'X':
+        PutHexadecimal(out, directive, FetchUnsigned(directive, arguments), directive.Conversion == 'X');
+        return true;
+    case 'p': PutPointer(out, directive, arguments.Pointer<void>()); return true;
     case 'c':
-    case 'C': PutCharacter(out, spec, wide, arguments.Int()); return true;
+    case 'C': PutCharacter(out, directive, wide, arguments.Int()); return true;
     case 's':
-    case 'S': wide ? PutText<WCHAR>(out, spec, arguments) : PutText<char>(out, spec, arguments); return true;
+    case 'S': wide ? PutText<WCHAR>(out, directive, arguments) : PutText<char>(out, directive, arguments); return true;
     case 'Z':
-        wide ? PutCounted<UNICODE_STRING>(out, spec, arguments) : PutCounted<STRING>(out, spec, arguments);
+        wide ? PutCounted<UNICODE_STRING>(out, directive, arguments) : PutCounted<STRING>(out, directive, arguments);
         return true;
     case '%': out.Put('%'); return true;
     default: return false;
@@ -323,8 +332,8 @@ size_t FormatDebug(char* out, size_t size, const char* format, va_list list)
             output.Put(*start);
             continue;
         }
-        const Spec spec = ParseSpec(format, arguments);
-        if (!Convert(output, spec, arguments)) output.Put({start, static_cast<size_t>(format - start)});
+        const Directive directive = ParseSpec(format, arguments);
+        if (!Convert(output, directive, arguments)) output.Put({start, static_cast<size_t>(format - start)});
     }
     return output.Finish();
 }

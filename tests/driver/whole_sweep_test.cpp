@@ -147,6 +147,9 @@ protected:
             } label = {4, {L'A', L'B'}};
             Note("label", support::SetVolume(volume.File.Get(), FileFsLabelInformation, &label, sizeof label).Status);
             Note("flush volume", support::Flush(volume.File.Get()));
+            IO_STATUS_BLOCK block = {};
+            Note("mounted", NtFsControlFile(volume.File.Get(), nullptr, nullptr, nullptr, &block,
+                                            FSCTL_IS_VOLUME_MOUNTED, nullptr, 0, nullptr, 0));
         }
 
         void Delete()
