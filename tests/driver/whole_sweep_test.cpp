@@ -149,7 +149,7 @@ protected:
             Note("flush volume", support::Flush(volume.File.Get()));
             IO_STATUS_BLOCK block = {};
             Note("mounted", NtFsControlFile(volume.File.Get(), nullptr, nullptr, nullptr, &block,
-                                            FSCTL_IS_VOLUME_MOUNTED, nullptr, 0, nullptr, 0));
+                                            0x90028 /* FSCTL_IS_VOLUME_MOUNTED */, nullptr, 0, nullptr, 0));
         }
 
         void Delete()
