@@ -15,6 +15,7 @@
 #include <gvnd/driver.h>
 #include <nthost/debug.h>
 #include <nthost/host.h>
+#include <nthost/sections.h>
 
 #include "volume/volume.h"
 
@@ -93,6 +94,7 @@ Place::Place(const std::string& name) : name_(name), directory_("/dev/shm/gvnd_b
 
 Place::~Place()
 {
+    nthost::TrimSections(); // an idle one keeps its file open, and so the volume
     Require(GvUnmountRequest(device_), "unmount");
     MemFsWaitUntilUnmounted(plugin_);
     MemFsDestroy(plugin_);

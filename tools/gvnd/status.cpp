@@ -20,9 +20,8 @@ constexpr Advice Advices[] = {
     {STATUS_OBJECT_PATH_SYNTAX_BAD, "the path is malformed: absolute, no `.` or `..`, no file in the middle"},
     {STATUS_OBJECT_NAME_INVALID, "the name has a character that NT does not allow, or a file's name ends in a slash"},
     {STATUS_OBJECT_NAME_COLLISION, "something with this name exists already"},
-    {STATUS_ACCESS_DENIED, "the plugin, the handle or the volume's --sddl does not allow it, a read-only file is in "
-                           "the way, or the volume is "
-                           "going"},
+    {STATUS_ACCESS_DENIED,
+     "refused by plugin, handle or --sddl, a read-only file is in the way, or the volume is going"},
     {STATUS_SHARING_VIOLATION, "another handle does not share this access; see `handles`"},
     {STATUS_FILE_LOCK_CONFLICT, "another handle has locked these bytes; see `handles`"},
     {STATUS_LOCK_NOT_GRANTED, "another handle has locked some of these bytes; see `handles`"},
