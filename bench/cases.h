@@ -58,6 +58,18 @@ private:
     std::map<unsigned, std::unique_ptr<Population>> populations_;
 };
 
+// The common files that are read and written.
+struct Size {
+    const char* Name;
+    const char* Path;
+    ULONG Bytes;
+};
+
+inline constexpr Size kSizes[] = {
+    {"4 KiB", "\\small", 4096},
+    {"1 MiB", "\\large", 1 << 20},
+};
+
 void RegisterOpens(Run& run);
 void RegisterReads(Run& run);
 void RegisterListings(Run& run);

@@ -14,17 +14,6 @@ namespace bench {
 
 namespace {
 
-struct Size {
-    const char* Name;
-    const char* Path;
-    ULONG Bytes;
-};
-
-constexpr Size kSizes[] = {
-    {"4 KiB", "\\small", 4096},
-    {"1 MiB", "\\large", 1 << 20},
-};
-
 void ReadByDriver(HANDLE file, HANDLE event, std::vector<char>& buffer)
 {
     IO_STATUS_BLOCK result;

@@ -12,17 +12,6 @@ namespace bench {
 
 namespace {
 
-struct Size {
-    const char* Name;
-    const char* Path;
-    ULONG Bytes;
-};
-
-constexpr Size kSizes[] = {
-    {"4 KiB", "\\small", 4096},
-    {"1 MiB", "\\large", 1 << 20},
-};
-
 constexpr const Size& kMapped = kSizes[1];
 
 void WriteByDriver(benchmark::State& state, const Path& path, std::vector<char>& buffer)

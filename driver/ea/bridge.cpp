@@ -1,4 +1,5 @@
-// The four ways to the plugin's extended attributes, and the size of all of an object's attributes.
+// The four ways to the plugin's extended attributes, the size of all of an object's attributes, and what every request
+// for them begins with.
 
 #include "ea/ea.h"
 
@@ -68,5 +69,19 @@ NTSTATUS GvGetFullEaInfoTotalLen(IrpContext* context, const Fcb* fcb, ULONG* len
         name += nameLength + 1;
     }
     *length = total;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS GvScreenEaRequest(const IrpContext* context, const Fcb* fcb, const char* function, const char* nestedText)
+{
+    if (KeGetCurrentIrql() != PASSIVE_LEVEL) return STATUS_UNSUCCESSFUL;
+    if (!context->IsTopLevel) {
+        GV_TRACE_AS(function, GvTraceError, nestedText);
+        return STATUS_INVALID_PARAMETER;
+    }
+    if (fcb->FcbType != GvDirectory && fcb->FcbType != GvFile) {
+        GV_TRACE_AS(function, GvTraceError, "ERR: bad fcb type: %d\n", fcb->FcbType);
+        return STATUS_INVALID_PARAMETER;
+    }
     return STATUS_SUCCESS;
 }

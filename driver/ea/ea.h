@@ -46,3 +46,8 @@ struct GvEaList {
 // Applies a list, record by record; *errorOffset is the offset of a record that was refused. Nothing is undone.
 [[nodiscard]] NTSTATUS GvSetFullEaInfo(IrpContext* context, const Fcb* fcb, PluginFd fd, void* buffer, ULONG length,
                                        ULONG* errorOffset);
+
+// What queries and sets refuse alike, in this order: STATUS_UNSUCCESSFUL above PASSIVE_LEVEL, STATUS_INVALID_PARAMETER
+// for a nested request, with the given text, and for an object that is neither file nor directory.
+[[nodiscard]] NTSTATUS GvScreenEaRequest(const IrpContext* context, const Fcb* fcb, const char* function,
+                                         const char* nestedText);

@@ -247,21 +247,14 @@ constexpr char kByList[] = "GvQueryEaByUserEaList";
 
 NTSTATUS GvDoQueryEa(IrpContext* context, GvOutcome* outcome)
 {
-    if (KeGetCurrentIrql() != PASSIVE_LEVEL) return STATUS_UNSUCCESSFUL;
-    if (!context->IsTopLevel) {
-        GV_TRACE(GvTraceError, "ERR: query-ea must be a top-level request\n");
-        return STATUS_INVALID_PARAMETER;
-    }
     const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
     Fcb* const fcb = GvFcbOf(stack->FileObject);
-    if (fcb->FcbType != GvDirectory && fcb->FcbType != GvFile) {
-        GV_TRACE(GvTraceError, "ERR: bad fcb type: %d\n", fcb->FcbType);
-        return STATUS_INVALID_PARAMETER;
-    }
+    NTSTATUS status = GvScreenEaRequest(context, fcb, __func__, "ERR: query-ea must be a top-level request\n");
+    if (!NT_SUCCESS(status)) return status;
     if (context->IsAsync) return GvPendIrpContext(context);
 
     GvHeldResource lock;
-    NTSTATUS status = lock.Shared(fcb->Header.Resource);
+    status = lock.Shared(fcb->Header.Resource);
     if (!NT_SUCCESS(status)) return status;
     const ULONG length = stack->Parameters.QueryEa.Length;
     void* buffer = nullptr;

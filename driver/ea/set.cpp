@@ -117,22 +117,15 @@ constexpr char kName[] = "GvDoSetEa";
 
 NTSTATUS GvDoSetEa(IrpContext* context, GvOutcome* outcome)
 {
-    if (KeGetCurrentIrql() != PASSIVE_LEVEL) return STATUS_UNSUCCESSFUL;
-    if (!context->IsTopLevel) {
-        GV_TRACE(GvTraceError, "ERR: set-ea must be a top-level request\n");
-        return STATUS_INVALID_PARAMETER;
-    }
     const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
     Fcb* const fcb = GvFcbOf(stack->FileObject);
-    if (fcb->FcbType != GvDirectory && fcb->FcbType != GvFile) {
-        GV_TRACE(GvTraceError, "ERR: bad fcb type: %d\n", fcb->FcbType);
-        return STATUS_INVALID_PARAMETER;
-    }
+    NTSTATUS status = GvScreenEaRequest(context, fcb, __func__, "ERR: set-ea must be a top-level request\n");
+    if (!NT_SUCCESS(status)) return status;
     if (context->IsAsync) return GvPendIrpContext(context);
 
     const ULONG length = stack->Parameters.SetEa.Length;
     GvBlock<void> copy;
-    NTSTATUS status = CopyList(context->Irp, length, &copy);
+    status = CopyList(context->Irp, length, &copy);
     if (!NT_SUCCESS(status)) return status;
     GvHeldResource lock;
     status = lock.Exclusive(fcb->Header.Resource);
