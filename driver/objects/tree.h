@@ -12,6 +12,9 @@
 [[nodiscard]] NTSTATUS GvTreeAddEntry(GvTree* tree, PCUNICODE_STRING name, GvTreeEntry* entry);
 // The entry must be on this tree. Always succeeds.
 NTSTATUS GvTreeRemoveEntryByVal(GvTree* tree, GvTreeEntry* entry);
+// Takes the entry from its name to another. Its old name can be read until it has the new one; after a failure, which is
+// one of GvTreeAddEntry's, it is on no tree.
+[[nodiscard]] NTSTATUS GvTreeMoveEntry(GvTree* tree, PCUNICODE_STRING name, GvTreeEntry* entry);
 
 // The entry is on a tree. Under Vcb.Resource.
 inline bool GvTreeHasEntry(const GvTreeEntry* entry) GV_NO_ANALYSIS { return entry->Key != nullptr; }
