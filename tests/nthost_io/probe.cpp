@@ -63,8 +63,8 @@ Opened Open(const OpenArguments& arguments)
     Opened opened{};
     opened.Block = {{STATUS_NOT_IMPLEMENTED}, 77};
     opened.Status =
-        NtCreateFile(&opened.Handle, arguments.Access, &attributes, &opened.Block, nullptr, arguments.Attributes,
-                     arguments.Sharing, arguments.Disposition, arguments.Options, nullptr, 0);
+        arguments.Service(&opened.Handle, arguments.Access, &attributes, &opened.Block, nullptr, arguments.Attributes,
+                          arguments.Sharing, arguments.Disposition, arguments.Options, nullptr, 0);
     return opened;
 }
 
