@@ -5,10 +5,10 @@
 #include "frame/guard.h"
 #include "frame/handle.h"
 #include "frame/objecttype.h"
-#include "frame/plugincall.h"
+#include "plugin/call.h"
 #include "objects/fcb.h"
 #include "objects/util.h"
-#include "volume/control.h"
+#include "volume/device.h"
 #include "volume/volume.h"
 #include "volume/workers.h"
 

@@ -4,12 +4,13 @@
 
 #include "volume/workers.h"
 
+#include "frame/complete.h"
 #include "frame/context.h"
-#include "frame/driver.h"
 #include "frame/handle.h"
 #include "frame/objecttype.h"
 #include "frame/pool.h"
-#include "frame/requests.h"
+#include "frame/row.h"
+#include "frame/toplevel.h"
 #include "frame/trace.h"
 
 namespace {
@@ -26,9 +27,9 @@ IrpContext* GvMovePendedIrpContextToWorkQueue(Vcb* vcb, GvLane lane)
 
 NTSTATUS ServePended(IrpContext* context, GvOutcome* outcome)
 {
-    const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
-    const GvDispatchRow* const row = GvRowOf(stack->MajorFunction);
-    if (!row || !row->MayPend) {
+    const GvDispatchRow* const row = context->Row;
+    if (!row->MayPend) {
+        const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
         GV_TRACE_AS("FspDispatchPendedIrp", GvTraceError, "irp: mj: 0x%x, mn: 0x%x is not supported by FSP\n",
                     stack->MajorFunction, stack->MinorFunction);
         return STATUS_NOT_SUPPORTED;

@@ -2,11 +2,13 @@
 
 #include <gvnd/driver.h>
 
+#include "entry/entry.h"
 #include "frame/driver.h"
 #include "support/client.h"
 #include "support/handmade.h"
 #include "support/host.h"
-#include "volume/control.h"
+#include "entry/control.h"
+#include "volume/volume.h"
 
 namespace {
 

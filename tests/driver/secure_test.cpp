@@ -12,8 +12,9 @@
 #include <nthost/process.h>
 #include <nthost/routines.h>
 
+#include "entry/entry.h"
 #include "frame/driver.h"
-#include "volume/secureparse.h"
+#include "secure/parse.h"
 #include "volume/volume.h"
 
 namespace opening {

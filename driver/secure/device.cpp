@@ -1,7 +1,7 @@
 // Making a device under a descriptor. The choice of the road is made once per load and does not change; two first calls
 // at the same time make the same choice.
 
-#include "volume/secure.h"
+#include "secure/secure.h"
 
 #include "frame/atomic.h"
 #include "frame/handle.h"
