@@ -31,9 +31,8 @@ PluginAccessMask FirstAccess(ULONG type, PluginAccessMask maxAccess)
     }
     *type = info.FileAttributes & FILE_ATTRIBUTE_DIRECTORY ? GvDirectory : GvFile;
     if (requestedType == GvAnyType || requestedType == *type) return STATUS_SUCCESS;
-    GV_TRACE_AS(kGetOrAlloc, GvTraceError, "ERR: requested file-type %d != lookup file-type: %d\n", requestedType,
-                *type);
-    return STATUS_OBJECT_PATH_SYNTAX_BAD;
+    return GV_REFUSE_AS(kGetOrAlloc, STATUS_OBJECT_PATH_SYNTAX_BAD,
+                        "ERR: requested file-type %d != lookup file-type: %d\n", requestedType, *type);
 }
 
 [[nodiscard]] NTSTATUS OpenAndEnter(IrpContext* context, PCUNICODE_STRING path, GvFcbInitialState state, Fcb** fcb)
@@ -57,13 +56,9 @@ PluginAccessMask FirstAccess(ULONG type, PluginAccessMask maxAccess)
 
     GvBlock<PluginFileInfo> info;
     PluginAccessMask maxAccess;
-    NTSTATUS status = GvPerformLookupOnPlugin(context, path, &info, &maxAccess);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvPerformLookupOnPlugin", status);
-        return status;
-    }
+    GV_TRY_TRACED("GvPerformLookupOnPlugin", GvPerformLookupOnPlugin(context, path, &info, &maxAccess));
     ULONG type;
-    status = TypeOf(*info, requestedType, &type);
+    const NTSTATUS status = TypeOf(*info, requestedType, &type);
     if (status != STATUS_SUCCESS) return status;
     const GvFcbInitialState state = {
         .Type = type,
@@ -120,10 +115,8 @@ bool TakeComponent(ResolvedPaths* paths)
                                        WalkResult* result)
 {
     if (status == STATUS_REPARSE) return status;
-    if (NT_SUCCESS(status)) {
-        GV_TRACE_AS("GvFullyOpenPath", GvTraceError, "unanticipated success code: 0x%x\n", status);
-        return STATUS_UNSUCCESSFUL;
-    }
+    if (NT_SUCCESS(status))
+        return GV_REFUSE_AS("GvFullyOpenPath", STATUS_UNSUCCESSFUL, "unanticipated success code: 0x%x\n", status);
     GV_TRACE_FAILED_AS("GvFullyOpenPath", "GvGetOrAllocFcbForExistingFile", status);
     if (remaining->Length != 0) {
         return status == STATUS_OBJECT_NAME_NOT_FOUND ? STATUS_OBJECT_PATH_NOT_FOUND : status;

@@ -57,22 +57,15 @@ DirectoryQuery ReadQuery(PIRP irp)
     if (!query.FileName || query.Ccb->DirSearchPattern) return STATUS_SUCCESS;
     GvString normalized;
     PCUNICODE_STRING name = nullptr;
-    NTSTATUS status = GvNormalizedOrGiven(context, query.FileName, &normalized, &name);
+    const NTSTATUS status = GvNormalizedOrGiven(context, query.FileName, &normalized, &name);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kName, GvTraceError, "GvPnGetNormalizedPathFromPlugin(): failed: 0x%x\n", status);
         return status;
     }
     GvStore(query.Ccb->DirScanIndex, 0);
     GvString pattern(GvUtlAllocUnicodeString(PagedPool, name->Length));
-    if (!pattern) {
-        GV_TRACE_AS(kName, GvTraceError, "out-of-mem\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    status = RtlUpcaseUnicodeString(pattern.Get(), name, FALSE);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS(kName, "RtlUpcaseUnicodeString", status);
-        return status;
-    }
+    if (!pattern) return GV_REFUSE_AS(kName, STATUS_INSUFFICIENT_RESOURCES, "out-of-mem\n");
+    GV_TRY_TRACED_AS(kName, "RtlUpcaseUnicodeString", RtlUpcaseUnicodeString(pattern.Get(), name, FALSE));
     query.Ccb->DirSearchPattern = pattern.Release();
     *installed = true;
     return STATUS_SUCCESS;
@@ -126,10 +119,8 @@ ULONG StartOfScan(const DirectoryQuery& query)
     const UNICODE_STRING plain = {length, length, const_cast<PWCH>(entry->FileName)};
     GvString normalized;
     PCUNICODE_STRING name = nullptr;
-    if (const NTSTATUS status = GvNormalizedOrGiven(context, &plain, &normalized, &name); !NT_SUCCESS(status)) {
-        GV_TRACE(GvTraceError, "GvPnGetNormalizedPathFromPlugin(): failed: 0x%x\n", status);
-        return STATUS_SUCCESS;
-    }
+    if (const NTSTATUS status = GvNormalizedOrGiven(context, &plain, &normalized, &name); !NT_SUCCESS(status))
+        return GV_REFUSE(STATUS_SUCCESS, "GvPnGetNormalizedPathFromPlugin(): failed: 0x%x\n", status);
     const NTSTATUS status = Matches(pattern, name, matches);
     if (NT_SUCCESS(status)) GV_TRACE(GvTraceFlow, "%wZ %S %wZ\n", pattern, *matches ? L"==" : L"!=", &plain);
     return status;
@@ -182,8 +173,7 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
             return status;
         }
         bool matches;
-        status = GvDoesDirEntryMatchQuery(context, query.Ccb, entry.Get(), &matches);
-        if (!NT_SUCCESS(status)) return status;
+        GV_TRY(GvDoesDirEntryMatchQuery(context, query.Ccb, entry.Get(), &matches));
         if (!matches) {
             ++listing->Index;
             continue;
@@ -204,20 +194,17 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
     *information = 0;
     Listing listing = {.Buffer = nullptr, .Previous = nullptr, .Remaining = query.Length, .Index = 0};
     void* buffer = nullptr;
-    NTSTATUS status = MapBuffer(query, &buffer);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(MapBuffer(query, &buffer));
     listing.Buffer = static_cast<UCHAR*>(buffer);
 
     GvHeldResource lock;
-    status = query.FileName ? lock.Exclusive(query.Directory->Header.Resource)
-                            : lock.Shared(query.Directory->Header.Resource);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(query.FileName ? lock.Exclusive(query.Directory->Header.Resource)
+                          : lock.Shared(query.Directory->Header.Resource));
     bool patternInstalled = false;
-    status = InstallPattern(context, query, &patternInstalled);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(InstallPattern(context, query, &patternInstalled));
     listing.Index = StartOfScan(query);
     const LONG generation = GvLoad(query.Ccb->DirGeneration);
-    status = FillListing(context, query, patternInstalled, &listing);
+    const NTSTATUS status = FillListing(context, query, patternInstalled, &listing);
     // Unless another query has started the scan over meanwhile: its place is the right one then.
     if (GvLoad(query.Ccb->DirGeneration) == generation) GvStore(query.Ccb->DirScanIndex, listing.Index);
     *information = query.Length - listing.Remaining;
@@ -247,11 +234,8 @@ NTSTATUS GvDoQueryDirectory(IrpContext* context, ULONG* information)
         static_cast<ULONG>(IoGetCurrentIrpStackLocation(context->Irp)->Parameters.QueryDirectory.FileInformationClass);
     TraceQuery(query, infoClass);
     GvHeldResource lock;
-    if (const NTSTATUS status = lock.Shared(&context->Vcb->Resource); !NT_SUCCESS(status)) return status;
-    if (!query.Class) {
-        GV_TRACE(GvTraceError, "unsupported info-class: %d\n", infoClass);
-        return STATUS_INVALID_INFO_CLASS;
-    }
+    GV_TRY(lock.Shared(&context->Vcb->Resource));
+    if (!query.Class) return GV_REFUSE(STATUS_INVALID_INFO_CLASS, "unsupported info-class: %d\n", infoClass);
     const NTSTATUS status = GvPerformQueryDir(context, query, information);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvPerformQueryDir", status);
     return status;

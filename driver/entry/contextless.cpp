@@ -23,10 +23,7 @@ NTSTATUS GvDoFsControl(PDEVICE_OBJECT device, PIRP irp)
 {
     const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(irp);
     if (KeGetCurrentIrql() > PASSIVE_LEVEL) return STATUS_UNSUCCESSFUL;
-    if (const NTSTATUS status = GvUtlCheckFileObject(device, stack->FileObject); !NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvUtlCheckFileObject", status);
-        return status;
-    }
+    GV_TRY_TRACED("GvUtlCheckFileObject", GvUtlCheckFileObject(device, stack->FileObject));
     if (stack->MinorFunction != IRP_MN_USER_FS_REQUEST) {
         GV_TRACE(GvTraceUnsupported, "unsupported minor-function: 0x%x\n", stack->MinorFunction);
         return STATUS_INVALID_PARAMETER;

@@ -63,10 +63,8 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING reg
     // Found by name, so that the image still links on a kernel without it and can say so.
     UNICODE_STRING name = GvLiteral(L"IoReplaceFileObjectName");
     GvIoReplaceFileObjectName = reinterpret_cast<PIO_REPLACE_FILE_OBJECT_NAME>(MmGetSystemRoutineAddress(&name));
-    if (!GvIoReplaceFileObjectName) {
-        GV_TRACE(GvTraceError, "ERROR: IoReplaceFileObjectName() not found\n");
-        return STATUS_NOT_SUPPORTED;
-    }
+    if (!GvIoReplaceFileObjectName)
+        return GV_REFUSE(STATUS_NOT_SUPPORTED, "ERROR: IoReplaceFileObjectName() not found\n");
     GvDriverObject = driver;
 
     if (const NTSTATUS status = CreateControlDevice(driver); !NT_SUCCESS(status)) {

@@ -20,10 +20,8 @@ bool IsDotName(const PluginDirEntry* entry)
 NTSTATUS GvUtlIsPluginDirEmpty(IrpContext* context, Fcb* fcb)
 {
     GV_ASSERT_HELD_OR_NESTED(context, fcb->Header.Resource);
-    if (GvLoad(fcb->OpenCount) < GvLoad(fcb->RefCount)) {
-        GV_TRACE(GvTraceError, "FCB has child entries, dir is not empty\n");
-        return STATUS_UNSUCCESSFUL;
-    }
+    if (GvLoad(fcb->OpenCount) < GvLoad(fcb->RefCount))
+        return GV_REFUSE(STATUS_UNSUCCESSFUL, "FCB has child entries, dir is not empty\n");
     ULONG found = 0;
     for (ULONG index = 0;; ++index) {
         GvBlock<PluginDirEntry> entry;

@@ -31,24 +31,12 @@ ULONG BytesOf(const WCHAR* text)
 [[nodiscard]] NTSTATUS GvFcbGetDeletionKeyForFcb(Fcb* fcb, PCUNICODE_STRING name, PUNICODE_STRING* result)
 {
     const GvBlock<WCHAR> hex(static_cast<WCHAR*>(GvAllocate(PagedPool, kHexTextBytes)));
-    if (!hex) {
-        GV_TRACE(GvTraceError, "out-of-mem 1\n");
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (!hex) return GV_REFUSE(STATUS_INVALID_PARAMETER, "out-of-mem 1\n");
     FormatHex(static_cast<ULONG>(reinterpret_cast<ULONG_PTR>(fcb)), hex.Get());
     GvString key(GvUtlAllocUnicodeString(PagedPool, name->MaximumLength + BytesOf(hex.Get())));
-    if (!key) {
-        GV_TRACE(GvTraceError, "out of mem 2\n");
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (const NTSTATUS status = RtlAppendUnicodeStringToString(key.Get(), name); !NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("RtlAppendUnicodeStringToString", status);
-        return status;
-    }
-    if (const NTSTATUS status = RtlAppendUnicodeToString(key.Get(), hex.Get()); !NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("RtlAppendUnicodeToString", status);
-        return status;
-    }
+    if (!key) return GV_REFUSE(STATUS_INVALID_PARAMETER, "out of mem 2\n");
+    GV_TRY_TRACED("RtlAppendUnicodeStringToString", RtlAppendUnicodeStringToString(key.Get(), name));
+    GV_TRY_TRACED("RtlAppendUnicodeToString", RtlAppendUnicodeToString(key.Get(), hex.Get()));
     *result = key.Release();
     return STATUS_SUCCESS;
 }
@@ -59,30 +47,16 @@ NTSTATUS GvFcbMarkFcbAsDeleted(IrpContext* context, Fcb* fcb)
 {
     FcbTables* const tables = context->Vcb->FcbTables;
     GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
-    if (!fcb->ParentFcb) {
-        GV_TRACE(GvTraceError, "serious error..., root FCB was deleted?: 0x%x\n", fcb);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (!fcb->ParentFcb)
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "serious error..., root FCB was deleted?: 0x%x\n", fcb);
     GvString name;
-    NTSTATUS status = GvTreeGetEntryKey(tables->NameTree, &fcb->TreeEntry, name.Out());
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvFcbGetNameInternal", status);
-        return status;
-    }
+    GV_TRY_TRACED("GvFcbGetNameInternal", GvTreeGetEntryKey(tables->NameTree, &fcb->TreeEntry, name.Out()));
     GvString key;
-    status = GvFcbGetDeletionKeyForFcb(fcb, name.Get(), key.Out());
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvFcbGetDeletionKeyFromPath", status);
-        return status;
-    }
+    GV_TRY_TRACED("GvFcbGetDeletionKeyFromPath", GvFcbGetDeletionKeyForFcb(fcb, name.Get(), key.Out()));
     // From here on the name is free: a create under it makes a new control block beside this one. The directory is kept
     // until the object stands on the other tree: an unmount that finds both trees empty takes the volume away.
     GvTreeRemoveEntryByVal(tables->NameTree, &fcb->TreeEntry);
-    status = GvTreeAddEntry(tables->DeletionTree, key.Get(), &fcb->TreeEntry);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvTreeAddEntry", status);
-        return status;
-    }
+    GV_TRY_TRACED("GvTreeAddEntry", GvTreeAddEntry(tables->DeletionTree, key.Get(), &fcb->TreeEntry));
     fcb->OnDeletionTree = 1;
     Fcb* const parent = fcb->ParentFcb;
     fcb->ParentFcb = nullptr;

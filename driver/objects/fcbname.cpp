@@ -13,14 +13,8 @@ NTSTATUS GvFcbGetName(FcbTables* tables, Fcb* fcb, PUNICODE_STRING* name)
     const NTSTATUS status = GvLoad(fcb->Deleted) ? STATUS_INVALID_PARAMETER
                                                  : GvTreeGetEntryKey(tables->NameTree, &fcb->TreeEntry, key.Out());
     // Behind the copy: what a nested query has copied may have become a deletion key meanwhile, which is no name.
-    if (GvLoad(fcb->Deleted)) {
-        GV_TRACE(GvTraceError, "ERROR: fcb: 0x%x already 'deleted'\n", fcb);
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (status == STATUS_NOT_FOUND) {
-        GV_TRACE(GvTraceError, "ERROR: fcb: 0x%x is on no tree\n", fcb);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (GvLoad(fcb->Deleted)) return GV_REFUSE(STATUS_INVALID_PARAMETER, "ERROR: fcb: 0x%x already 'deleted'\n", fcb);
+    if (status == STATUS_NOT_FOUND) return GV_REFUSE(STATUS_INVALID_PARAMETER, "ERROR: fcb: 0x%x is on no tree\n", fcb);
     if (NT_SUCCESS(status)) *name = key.Release();
     return status;
 }

@@ -9,16 +9,10 @@ NTSTATUS GvUtlAllocAndInitResource(PERESOURCE* resource, GvAllocateResource allo
     GvBlock<ERESOURCE> allocated;
     if (allocate == GvAllocateResource::Yes) {
         allocated.Reset(GvAllocate<ERESOURCE>(NonPagedPool));
-        if (!allocated) {
-            GV_TRACE(GvTraceError, "out-of-mem\n");
-            return STATUS_INSUFFICIENT_RESOURCES;
-        }
+        if (!allocated) return GV_REFUSE(STATUS_INSUFFICIENT_RESOURCES, "out-of-mem\n");
     }
     const PERESOURCE target = allocated ? allocated.Get() : *resource;
-    if (const NTSTATUS status = ExInitializeResourceLite(target); !NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("ExInitializeResourceLite", status);
-        return status;
-    }
+    GV_TRY_TRACED("ExInitializeResourceLite", ExInitializeResourceLite(target));
     if (allocated) *resource = allocated.Release();
     return STATUS_SUCCESS;
 }

@@ -42,10 +42,7 @@ NTSTATUS GvPerformLookupOnPlugin(IrpContext* context, PCUNICODE_STRING path, GvB
         GV_TRACE(GvTraceError, "plugin->Lookup() failed: 0x%x\n", status);
         return status;
     }
-    if (!*info) {
-        GV_TRACE(GvTraceError, "plugin->Lookup() gave no record\n");
-        return STATUS_UNSUCCESSFUL;
-    }
+    if (!*info) return GV_REFUSE(STATUS_UNSUCCESSFUL, "plugin->Lookup() gave no record\n");
     const bool isDirectory = ((*info)->FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
     *maxAccess = access & (isDirectory ? GVND_ACCESS_ALL & ~GVND_ACCESS_EXECUTE : GVND_ACCESS_ALL);
     return status;
@@ -120,9 +117,6 @@ NTSTATUS GvReadDirEntryFromPlugin(IrpContext* context, const Fcb* directory, ULO
     const NTSTATUS status =
         GV_CALL_PLUGIN(context, directory, ReadDirEntry, GvHandleOf(directory), index, entry->Out());
     if (!NT_SUCCESS(status)) return status;
-    if (!*entry) {
-        GV_TRACE(GvTraceError, "ReadDirEntry() gave no entry\n");
-        return STATUS_UNSUCCESSFUL;
-    }
+    if (!*entry) return GV_REFUSE(STATUS_UNSUCCESSFUL, "ReadDirEntry() gave no entry\n");
     return GvCheckPluginName("ReadDirEntry", (*entry)->FileName, (*entry)->FileNameLength);
 }

@@ -39,10 +39,9 @@ NTSTATUS DeleteCcb(Ccb* ccb)
 
 NTSTATUS RefuseFinalClose(PFILE_OBJECT fileObject)
 {
-    GV_TRACE_AS("GvDoClose", GvTraceError,
-                "ERROR: non-top-level final close on FO: 0x%x, there should be one more ref on this FCB!!\n",
-                fileObject);
-    return STATUS_UNSUCCESSFUL;
+    return GV_REFUSE_AS("GvDoClose", STATUS_UNSUCCESSFUL,
+                        "ERROR: non-top-level final close on FO: 0x%x, there should be one more ref on this FCB!!\n",
+                        fileObject);
 }
 
 // Under no lock. Two nested closes can both have found a reference to spare, so each takes its own in one step with
@@ -94,9 +93,7 @@ NTSTATUS GvDoClose(IrpContext* context, GvOutcome*)
 
     const ClosePin pin(context->DeviceObject);
     GvHeldResource lock;
-    if (context->IsTopLevel) {
-        if (const NTSTATUS status = lock.Exclusive(&context->Vcb->Resource); !NT_SUCCESS(status)) return status;
-    }
+    if (context->IsTopLevel) { GV_TRY(lock.Exclusive(&context->Vcb->Resource)); }
     return isVolume ? ReleaseVolumeOpen(fcb, GvCcbOf(fileObject))
                     : ReleaseFileObject(context, fcb, GvCcbOf(fileObject));
 }

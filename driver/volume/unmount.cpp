@@ -34,11 +34,8 @@ void DeleteLink(Vcb* vcb)
 NTSTATUS GvDoUnmount(PDEVICE_OBJECT device)
 {
     Vcb* const vcb = GvVcbOf(device);
-    NTSTATUS status = FspStopWorkerThreads(&vcb->StopEvent, vcb->WorkerCount + GvReservedWorkers, vcb->WorkerThreads);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("FspStopWorkerThreads", status);
-        return status;
-    }
+    GV_TRY_TRACED("FspStopWorkerThreads",
+                  FspStopWorkerThreads(&vcb->StopEvent, vcb->WorkerCount + GvReservedWorkers, vcb->WorkerThreads));
     GvFree(vcb->WorkerThreads);
     vcb->WorkerThreads = nullptr;
     vcb->WorkerCount = 0;
@@ -46,16 +43,8 @@ NTSTATUS GvDoUnmount(PDEVICE_OBJECT device)
     if (vcb->PluginOps->OnUnmounted) vcb->PluginOps->OnUnmounted(vcb->PluginOps->PluginContext);
     ForgetBackingObjectAndPlugin(vcb);
 
-    status = GvUtlDeleteResource(&vcb->Resource, GvAllocateResource::No);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvUtlDeleteResource", status);
-        return status;
-    }
-    status = GvFcbShutdown(vcb->FcbTables);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvFcbShutdown", status);
-        return status;
-    }
+    GV_TRY_TRACED("GvUtlDeleteResource", GvUtlDeleteResource(&vcb->Resource, GvAllocateResource::No));
+    GV_TRY_TRACED("GvFcbShutdown", GvFcbShutdown(vcb->FcbTables));
     vcb->FcbTables = nullptr;
     DeleteLink(vcb);
     GvFcbFreeVolumeFcb(vcb->VolumeFcb);

@@ -30,9 +30,9 @@ NTSTATUS ServePended(IrpContext* context, GvOutcome* outcome)
     const GvDispatchRow* const row = context->Row;
     if (!row->MayPend) {
         const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
-        GV_TRACE_AS("FspDispatchPendedIrp", GvTraceError, "irp: mj: 0x%x, mn: 0x%x is not supported by FSP\n",
-                    stack->MajorFunction, stack->MinorFunction);
-        return STATUS_NOT_SUPPORTED;
+        return GV_REFUSE_AS("FspDispatchPendedIrp", STATUS_NOT_SUPPORTED,
+                            "irp: mj: 0x%x, mn: 0x%x is not supported by FSP\n", stack->MajorFunction,
+                            stack->MinorFunction);
     }
     const NTSTATUS status = row->Inner(context, outcome);
     if (!row->YieldsInformation) outcome->Information = 0;
@@ -148,10 +148,7 @@ NTSTATUS FspStartWorkerThreads(Vcb* vcb, PKEVENT stopEvent, ULONG count, HANDLE*
 {
     const ULONG all = count + GvReservedWorkers;
     GvBlock<HANDLE> threads(static_cast<HANDLE*>(GvAllocate(NonPagedPool, all * sizeof(HANDLE))));
-    if (!threads) {
-        GV_TRACE(GvTraceError, "out-of-memory\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!threads) return GV_REFUSE(STATUS_INSUFFICIENT_RESOURCES, "out-of-memory\n");
     for (UCHAR lane = 0; lane < GvLaneCount; ++lane) vcb->WorkerStart[lane] = {vcb, static_cast<GvLane>(lane)};
     for (ULONG i = 0; i < all; ++i) {
         const ULONG lane = i < count ? GvLaneOrdinary : 1 + i - count;
