@@ -22,7 +22,7 @@ protected:
         for (const UCHAR major : {IRP_MJ_FLUSH_BUFFERS, IRP_MJ_DEVICE_CONTROL, IRP_MJ_READ})
             Driver().Majors[major] = [this](PDEVICE_OBJECT, PIRP irp) { return Queue(irp); };
         // Releases too, without having queued anything.
-        Driver().Majors[IRP_MJ_WRITE] = [this](PDEVICE_OBJECT, PIRP irp) {
+        Driver().Majors[IRP_MJ_SET_INFORMATION] = [this](PDEVICE_OBJECT, PIRP irp) {
             KeReleaseSemaphore(&queued_, IO_NO_INCREMENT, 1, FALSE);
             return Complete(irp, STATUS_SUCCESS, 0);
         };
@@ -50,11 +50,17 @@ protected:
         IO_STATUS_BLOCK block;
         EXPECT_EQ(NtFlushBuffersFile(other_, &block), STATUS_SUCCESS);
     }
+    void SetSize() const
+    {
+        IO_STATUS_BLOCK block;
+        LARGE_INTEGER size{};
+        EXPECT_EQ(NtSetInformationFile(other_, &block, &size, sizeof size, FileEndOfFileInformation), STATUS_SUCCESS);
+    }
     void Write() const
     {
         IO_STATUS_BLOCK block;
         LARGE_INTEGER offset{};
-        EXPECT_EQ(NtWriteFile(other_, nullptr, nullptr, nullptr, &block, &offset, 1, &offset, nullptr), STATUS_SUCCESS);
+        EXPECT_EQ(NtWriteFile(file_, nullptr, nullptr, nullptr, &block, &offset, 1, &offset, nullptr), STATUS_SUCCESS);
     }
     void TakeLockInWorker() const
     {
@@ -130,7 +136,10 @@ private:
         }
         const UCHAR major = IoGetCurrentIrpStackLocation(irp)->MajorFunction;
         if (major == IRP_MJ_DEVICE_CONTROL) UnderLock([] {});
-        if (major == IRP_MJ_READ) Flush();
+        if (major == IRP_MJ_READ) {
+            const nthost::ActAs opener(nthost::HostProcess()); // whose handle it is
+            Flush();
+        }
         Complete(irp, STATUS_SUCCESS, 0);
     }
 
@@ -146,7 +155,18 @@ private:
 TEST_F(QueueOrder, WaitUnderALockThatAWorkerTakes)
 {
     TakeLockInWorker();
-    UnderLock([this] { Write(); }); // nobody waits for what was not queued
+    UnderLock([this] { SetSize(); }); // nobody waits for what was not queued
+    {
+        // Pended by other means, after a request of its own that releases.
+        Parked parked;
+        Driver().Majors[IRP_MJ_WRITE] = [&](PDEVICE_OBJECT device, PIRP irp) {
+            SetSize();
+            return parked.Routine()(device, irp);
+        };
+        parked.CompleteOnOtherThread(STATUS_SUCCESS);
+        UnderLock([this] { Write(); });
+    }
+    EXPECT_TRUE(nthost::TakeFindings().empty());
     const nthost::QuietFindings quiet;
     UnderLock([this] { Flush(); });
     const std::string detail = TheCycle();

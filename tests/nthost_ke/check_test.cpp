@@ -215,11 +215,13 @@ TEST_F(Check, OrdersTellSharersFromOwners)
     ERESOURCE *const a = &resources_[0], *const b = &resources_[1], *const c = &resources_[2];
     Nest(shared, a, alone, b);
     Nest(alone, b, passingBy, a);
+    EXPECT_TRUE(nthost::TakeFindings().empty());
     const std::string detail = TheFinding("lock-order-cycle", [&] { Nest(alone, b, shared, a); });
     EXPECT_NE(detail.find("wait for who shares"), std::string::npos) << detail;
 
     Nest(shared, c, shared, b);
     Nest(shared, b, passingBy, c);
+    EXPECT_TRUE(nthost::TakeFindings().empty());
     TheFinding("lock-order-cycle", [&] { Nest(shared, b, shared, c); });
 
     ERESOURCE* const d = &resources_[3];

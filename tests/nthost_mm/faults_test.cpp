@@ -215,21 +215,6 @@ TEST_F(PageOrder, OfOneFileStandsForOthersIfTheirLocksAreOfOneClass)
     ExpectCycle({"class page being read", "class File"});
 }
 
-// With a file's pages go the orders they were in.
-TEST_F(PageOrder, EndsWithTheControlArea)
-{
-    const File f("f"), g("g");
-    {
-        const Mapped viewOfG(g.Handle());
-        EXPECT_EQ(f.Write(0, viewOfG.At(), 20), STATUS_SUCCESS);
-    }
-    EXPECT_EQ(nthost::TrimSections(), 1u);
-    const Mapped viewOfF(f.Handle()), viewOfG(g.Handle());
-    Bytes(viewOfF.At(Page), 1);
-    Bytes(viewOfG.At(Page), 1);
-    EXPECT_EQ(g.Write(0, viewOfF.At(2 * Page), 20), STATUS_SUCCESS);
-}
-
 TEST_F(PageFaults, ReachServicesThatTakeTheCallersMemory)
 {
     Fs().File("\\f")->Data = Pattern(2 * Page);
