@@ -1,7 +1,8 @@
-// The lock-order graph. Address nodes tell apart two locks of one class; class nodes connect what was seen on different
-// locks of the same classes. An edge keeps the stack of its first appearance for the report.
+// The graph behind the lock-order check. Address nodes tell apart two locks of one class; class nodes connect what was
+// seen on different locks of the same classes. An edge keeps the stack of its first appearance for the report.
 #include "check/lock_order.h"
 
+#include <compare>
 #include <map>
 #include <mutex>
 #include <set>
@@ -17,16 +18,31 @@ namespace nthost {
 
 namespace {
 
-using Key = uintptr_t; // address of a lock, or of a class's interned name
+enum class Owned : uint8_t { Alone, Shared };
+
+// A lock, a control area, a semaphore or a class's interned name; and who holds it, or is waited for.
+struct Key {
+    uintptr_t Address;
+    Owned How;
+    auto operator<=>(const Key&) const = default;
+};
 
 struct Node {
     std::map<Key, CapturedStack> Out;
     std::set<Key> In;
 };
 
+enum class Kind : uint8_t { Lock, Pages, Queue };
+
+struct Name {
+    Kind Of;
+    uintptr_t Class;  // its interned name, or 0
+    std::string Text; // of what is no lock
+};
+
 struct Graph {
     std::map<Key, Node> Nodes;
-    std::map<Key, Key> ClassOf;       // by lock
+    std::map<uintptr_t, Name> Names;  // by address; an unnamed lock has none
     std::set<std::string> ClassNames; // never shrinks: keys are addresses of these
 };
 
@@ -39,21 +55,29 @@ Graph& TheGraph()
     return graph;
 }
 
-Key KeyOf(const volatile void* lock) { return reinterpret_cast<Key>(lock); }
+uintptr_t AddressOf(const volatile void* node) { return reinterpret_cast<uintptr_t>(node); }
 
-Key ClassKey(const Graph& graph, Key lock)
+const Name& NameOf(const Graph& graph, uintptr_t address)
 {
-    const auto found = graph.ClassOf.find(lock);
-    return found == graph.ClassOf.end() ? lock : found->second;
+    static const Name unnamed{Kind::Lock, 0, ""};
+    const auto found = graph.Names.find(address);
+    return found == graph.Names.end() ? unnamed : found->second;
 }
 
-std::string KeyText(const Graph& graph, Key key)
+uintptr_t ClassOf(const Graph& graph, uintptr_t address)
+{
+    const uintptr_t named = NameOf(graph, address).Class;
+    return named ? named : address;
+}
+
+std::string AddressText(const Graph& graph, uintptr_t address)
 {
     for (const std::string& name : graph.ClassNames)
-        if (KeyOf(&name) == key) return "class " + name;
-    const Key named = ClassKey(graph, key);
-    const std::string address = Format("%#zx", key);
-    return named == key ? address : address + " (" + *reinterpret_cast<const std::string*>(named) + ")";
+        if (AddressOf(&name) == address) return "class " + name;
+    const Name& name = NameOf(graph, address);
+    if (name.Of != Kind::Lock) return name.Text;
+    const std::string text = Format("%#zx", address);
+    return name.Class ? text + " (" + *reinterpret_cast<const std::string*>(name.Class) + ")" : text;
 }
 
 // Depth first; the path from `from` to `to`, both included.
@@ -69,11 +93,28 @@ bool FindPath(const Graph& graph, Key from, Key to, std::set<Key>& seen, std::ve
     return false;
 }
 
+const char* HoldText(const Graph& graph, Key key)
+{
+    switch (NameOf(graph, key.Address).Of) {
+    case Kind::Pages: return "reads ";
+    case Kind::Queue: return "serves ";
+    case Kind::Lock: break;
+    }
+    return key.How == Owned::Shared ? "shares " : "holds ";
+}
+
+std::string EdgeText(const Graph& graph, Key from, Key to)
+{
+    return (to.How == Owned::Shared ? "wait for who shares " : "wait for ") + AddressText(graph, to.Address) +
+           " by a thread that " + HoldText(graph, from) + AddressText(graph, from.Address);
+}
+
 void ReportCycle(const Graph& graph, Key from, Key to, const std::vector<Key>& path)
 {
-    std::string detail = KeyText(graph, to) + " is taken while " + KeyText(graph, from) + " is held; elsewhere:";
+    std::string detail = EdgeText(graph, from, to);
+    if (path.size() > 1) detail += "; elsewhere:";
     for (size_t i = 0; i + 1 < path.size(); ++i)
-        detail += "\n" + KeyText(graph, path[i + 1]) + " while " + KeyText(graph, path[i]) + " at\n" +
+        detail += "\n" + EdgeText(graph, path[i], path[i + 1]) + " at\n" +
                   StackText(graph.Nodes.at(path[i]).Out.at(path[i + 1]));
     ReportFinding("lock-order-cycle", detail);
 }
@@ -81,7 +122,7 @@ void ReportCycle(const Graph& graph, Key from, Key to, const std::vector<Key>& p
 // True if a cycle was closed. The edge stays in any case, so that a cycle is found once.
 bool AddEdge(Graph& graph, Key from, Key to, const CapturedStack& stack, bool report)
 {
-    if (from == to || !graph.Nodes[from].Out.emplace(to, stack).second) return false;
+    if (!graph.Nodes[from].Out.emplace(to, stack).second) return false;
     graph.Nodes[to].In.insert(from);
     std::set<Key> seen;
     std::vector<Key> path;
@@ -90,15 +131,36 @@ bool AddEdge(Graph& graph, Key from, Key to, const CapturedStack& stack, bool re
     return true;
 }
 
-void AddOrder(Graph& graph, Key held, Key taken)
+bool IsNamedLock(const Graph& graph, Key key)
 {
-    CapturedStack stack;
-    CaptureStack(stack);
-    const Key heldClass = ClassKey(graph, held), takenClass = ClassKey(graph, taken);
-    bool reported = false;
-    if (heldClass != held || takenClass != taken) reported = AddEdge(graph, heldClass, takenClass, stack, true);
-    AddEdge(graph, held, taken, stack, !reported);
+    const Name& name = NameOf(graph, key.Address);
+    return name.Of == Kind::Lock && name.Class;
 }
+
+// True if a cycle was closed. All pages are of one class, whose locks mostly have none; so a class edge takes a named
+// lock: else a lock would seem to wait for itself through the pages of two files.
+bool AddOrder(Graph& graph, Key held, Key awaited, const CapturedStack& stack, bool report)
+{
+    const Key heldClass{ClassOf(graph, held.Address), held.How};
+    const Key awaitedClass{ClassOf(graph, awaited.Address), awaited.How};
+    bool reported = false;
+    if ((IsNamedLock(graph, held) || IsNamedLock(graph, awaited)) && heldClass.Address != awaitedClass.Address)
+        reported = AddEdge(graph, heldClass, awaitedClass, stack, report);
+    return AddEdge(graph, held, awaited, stack, report && !reported) || reported;
+}
+
+std::vector<Key> HeldKeys(_ETHREAD* thread)
+{
+    std::vector<Key> keys;
+    for (const HeldLock& held : ke::HeldBy(thread))
+        keys.push_back({AddressOf(held.Address), held.Exclusive ? Owned::Alone : Owned::Shared});
+    for (const void* const node : thread->AtWork) keys.push_back({AddressOf(node), Owned::Alone});
+    return keys;
+}
+
+// A lock can be taken again by who has it, and which of a file's pages is read is not told apart. But a queue's worker
+// that waits for the queue waits for workers who may all do so.
+bool MayWaitForItself(const Graph& graph, uintptr_t address) { return NameOf(graph, address).Of == Kind::Queue; }
 
 void RemoveNode(Graph& graph, Key key, const Node& node)
 {
@@ -106,16 +168,58 @@ void RemoveNode(Graph& graph, Key key, const Node& node)
     for (const Key before : node.In) graph.Nodes[before].Out.erase(key);
 }
 
-} // namespace
-
-void NoteLockOrder(_ETHREAD* thread, void* lock)
+void SetName(const volatile void* node, Kind kind, const char* className, std::string text)
 {
-    const auto& held = ke::HeldBy(thread);
-    if (held.empty()) return;
     std::lock_guard guard(graphLock);
     graphInUse = true;
-    for (const HeldLock& other : held)
-        if (other.Address != lock) AddOrder(TheGraph(), KeyOf(other.Address), KeyOf(lock));
+    Graph& graph = TheGraph();
+    const uintptr_t named = className ? AddressOf(&*graph.ClassNames.insert(className).first) : 0;
+    graph.Names[AddressOf(node)] = {kind, named, std::move(text)};
+}
+
+} // namespace
+
+void NoteLockOrder(_ETHREAD* thread, const volatile void* awaited, BlockedBy blockedBy)
+{
+    if (!HoldsAnything(thread)) return;
+    const std::vector<Key> held = HeldKeys(thread);
+    const uintptr_t address = AddressOf(awaited);
+    CapturedStack stack;
+    CaptureStack(stack);
+    std::lock_guard guard(graphLock);
+    graphInUse = true;
+    Graph& graph = TheGraph();
+    for (const Key key : held) {
+        if (key.Address == address && !MayWaitForItself(graph, address)) continue;
+        const bool reported = AddOrder(graph, key, {address, Owned::Alone}, stack, true);
+        if (blockedBy == BlockedBy::AnyOwner) AddOrder(graph, key, {address, Owned::Shared}, stack, !reported);
+    }
+}
+
+void NoteAtWork(_ETHREAD* thread, const void* node) { thread->AtWork.push_back(node); }
+
+void NoteDone(_ETHREAD* thread, const void* node) { std::erase(thread->AtWork, node); }
+
+bool HoldsAnything(_ETHREAD* thread) { return !ke::HeldBy(thread).empty() || !thread->AtWork.empty(); }
+
+PageRead::PageRead(const void* area) : area_(area)
+{
+    if (NTHOST_CHECKS) NoteAtWork(ke::CurrentThread(), area_);
+}
+
+// Reads of several pages of an area can be nested: the innermost ends.
+PageRead::~PageRead()
+{
+    if (NTHOST_CHECKS) ke::CurrentThread()->AtWork.pop_back();
+}
+
+void NamePages(const void* area, std::string name) { SetName(area, Kind::Pages, "page being read", std::move(name)); }
+
+void NameQueue(const void* semaphore, std::string name) { SetName(semaphore, Kind::Queue, nullptr, std::move(name)); }
+
+void NameLock(void* lock, const char* className)
+{
+    if (NTHOST_CHECKS) SetName(lock, Kind::Lock, className, "");
 }
 
 void ForgetLocksIn(const volatile void* memory, size_t size)
@@ -123,34 +227,27 @@ void ForgetLocksIn(const volatile void* memory, size_t size)
     if (!graphInUse.load(std::memory_order_relaxed)) return;
     std::lock_guard guard(graphLock);
     Graph& graph = TheGraph();
-    const Key begin = KeyOf(memory), end = begin + size;
-    for (auto node = graph.Nodes.lower_bound(begin); node != graph.Nodes.end() && node->first < end;) {
+    const uintptr_t begin = AddressOf(memory), end = begin + size;
+    for (auto node = graph.Nodes.lower_bound({begin, Owned::Alone});
+         node != graph.Nodes.end() && node->first.Address < end;) {
         RemoveNode(graph, node->first, node->second);
         node = graph.Nodes.erase(node);
     }
-    graph.ClassOf.erase(graph.ClassOf.lower_bound(begin), graph.ClassOf.lower_bound(end));
+    graph.Names.erase(graph.Names.lower_bound(begin), graph.Names.lower_bound(end));
 }
 
 void ForgetAllLocks()
 {
     std::lock_guard guard(graphLock);
     TheGraph().Nodes.clear();
-    TheGraph().ClassOf.clear();
+    TheGraph().Names.clear();
     graphInUse = false;
 }
 
-void NameLock(void* lock, const char* className)
-{
-    if (!NTHOST_CHECKS) return;
-    std::lock_guard guard(graphLock);
-    graphInUse = true;
-    TheGraph().ClassOf[KeyOf(lock)] = KeyOf(&*TheGraph().ClassNames.insert(className).first);
-}
-
-std::string LockText(void* lock)
+std::string LockText(const volatile void* lock)
 {
     std::lock_guard guard(graphLock);
-    return KeyText(TheGraph(), KeyOf(lock));
+    return AddressText(TheGraph(), AddressOf(lock));
 }
 
 } // namespace nthost

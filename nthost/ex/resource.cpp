@@ -197,11 +197,17 @@ void CheckAcquire(PERESOURCE resource, _ETHREAD* thread)
                       "resource " + LockText(resource) + ": the thread could be suspended while it holds it");
 }
 
+// Who starves exclusive waiters passes them by.
+BlockedBy BlockersOf(Request request)
+{
+    return request == Request::SharedStarveExclusive ? BlockedBy::ExclusiveOwner : BlockedBy::AnyOwner;
+}
+
 BOOLEAN Acquire(PERESOURCE resource, BOOLEAN wait, Request request, void* where)
 {
     _ETHREAD* const thread = ke::CurrentThread();
     if (NTHOST_CHECKS) CheckAcquire(resource, thread);
-    if (NTHOST_CHECKS && wait && !ke::FindHeld(thread, resource)) NoteLockOrder(thread, resource);
+    if (NTHOST_CHECKS && wait && !ke::FindHeld(thread, resource)) NoteLockOrder(thread, resource, BlockersOf(request));
     if (!TryAcquire(resource, thread, request)) {
         if (!wait) return FALSE;
         if (request == Request::Exclusive && ke::FindHeld(thread, resource))

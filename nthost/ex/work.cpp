@@ -8,6 +8,7 @@
 #include "check/callout.h"
 #include "check/fatal.h"
 #include "check/text.h"
+#include "ke/wait.h"
 #include "ke/word_lock.h"
 #include "ps/threads.h"
 
@@ -66,7 +67,7 @@ void StartWorkers(WorkQueue& queue, unsigned count)
 
 void StopWorkers(WorkQueue& queue)
 {
-    KeReleaseSemaphore(&queue.Ready, IO_NO_INCREMENT, static_cast<LONG>(queue.Workers.size()), FALSE);
+    ke::ReleaseSemaphore(&queue.Ready, static_cast<LONG>(queue.Workers.size()));
     for (PETHREAD const worker : queue.Workers) {
         (void)KeWaitForSingleObject(worker, Executive, KernelMode, FALSE, nullptr);
         ObDereferenceObject(worker);
@@ -111,5 +112,5 @@ VOID NTAPI ExQueueWorkItem(PWORK_QUEUE_ITEM WorkItem, WORK_QUEUE_TYPE QueueType)
         std::lock_guard lock(queue.Lock);
         InsertTailList(&queue.Items, &WorkItem->List);
     }
-    KeReleaseSemaphore(&queue.Ready, IO_NO_INCREMENT, 1, FALSE);
+    ke::ReleaseSemaphore(&queue.Ready, 1);
 }

@@ -29,12 +29,6 @@ UNICODE_STRING Counted(std::u16string& text)
     return {length, length, reinterpret_cast<WCHAR*>(text.data())};
 }
 
-std::string NameText(void* object)
-{
-    const std::u16string name = ob::NameOf(object);
-    return ToUtf8(reinterpret_cast<const WCHAR*>(name.data()), name.size());
-}
-
 bool LeadsTo(const std::string& link, PDRIVER_OBJECT driver)
 {
     std::u16string name = FromUtf8(link), remaining;
@@ -58,7 +52,7 @@ std::vector<std::string> SymbolicLinks()
 void CollectDevices(PDRIVER_OBJECT driver, Lines* lines)
 {
     for (PDEVICE_OBJECT device : io::DevicesOf(driver)) {
-        lines->push_back("device " + NameText(device) + " at " + HexText(device) + " was not deleted");
+        lines->push_back("device " + ob::NameText(device) + " at " + HexText(device) + " was not deleted");
         if (!io::IsDeletePending(device)) IoDeleteDevice(device);
         ObDereferenceObject(device);
     }

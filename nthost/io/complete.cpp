@@ -4,6 +4,7 @@
 #include <nthost/requests.h>
 
 #include <atomic>
+#include <utility>
 
 #include <nthost/check.h>
 
@@ -77,6 +78,7 @@ struct DispatchCall {
     IrpRecord* Record;
     PIO_STACK_LOCATION Location;
     LocationTrace* Trace;
+    const void* OuterRelease; // ReleasedSemaphore of the dispatch routine around this one
 };
 
 DispatchCall BeginDispatch(PIRP irp)
@@ -89,7 +91,8 @@ DispatchCall BeginDispatch(PIRP irp)
         trace->PassedDown = false;
         trace->Ended.store(0, std::memory_order_relaxed);
     }
-    return {record, IoGetCurrentIrpStackLocation(irp), trace};
+    const void* const outer = std::exchange(ke::CurrentThread()->ReleasedSemaphore, nullptr);
+    return {record, IoGetCurrentIrpStackLocation(irp), trace, outer};
 }
 
 const char* BrokenRule(const DispatchCall& call, NTSTATUS returned)
@@ -104,8 +107,16 @@ const char* BrokenRule(const DispatchCall& call, NTSTATUS returned)
     return call.Trace->Status == returned ? nullptr : "irp-status-mismatch";
 }
 
+// Who pends a request and releases a semaphore has queued it for whoever takes the permit.
+void NoteQueue(const DispatchCall& call, NTSTATUS returned)
+{
+    const void* const released = std::exchange(ke::CurrentThread()->ReleasedSemaphore, call.OuterRelease);
+    if (returned == STATUS_PENDING && released) call.Record->Queue.store(released, std::memory_order_relaxed);
+}
+
 void EndDispatch(const DispatchCall& call, UCHAR major, NTSTATUS returned)
 {
+    NoteQueue(call, returned);
     if (call.Trace && !call.Trace->PassedDown) {
         if (const char* const rule = BrokenRule(call, returned))
             ReportFinding(rule, Format("irp %p, major 0x%02x, dispatch returned 0x%08x",

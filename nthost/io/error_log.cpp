@@ -30,12 +30,6 @@ struct alignas(16) PendingEntry {
 
 PendingEntry* PendingOf(PVOID packet) { return static_cast<PendingEntry*>(packet) - 1; }
 
-std::string NameText(void* object)
-{
-    const std::u16string name = ob::NameOf(object);
-    return ToUtf8(reinterpret_cast<const WCHAR*>(name.data()), name.size());
-}
-
 ErrorLogEntry EntryOf(const PendingEntry* pending)
 {
     ErrorLogEntry entry;
@@ -43,7 +37,7 @@ ErrorLogEntry EntryOf(const PendingEntry* pending)
     const bool isDevice = ob::TypeOf(object) == &io::DeviceType;
     void* const driver = isDevice ? static_cast<PDEVICE_OBJECT>(object)->DriverObject : object;
     entry.Driver = ToUtf8(&static_cast<PDRIVER_OBJECT>(driver)->DriverName);
-    if (isDevice) entry.Device = NameText(object);
+    if (isDevice) entry.Device = ob::NameText(object);
     const auto* const packet = reinterpret_cast<const unsigned char*>(pending + 1);
     entry.Packet.assign(packet, packet + pending->Size);
     return entry;

@@ -8,6 +8,7 @@
 #include <nthost/check.h>
 #include <nthost/process.h>
 
+#include "check/lock_order.h"
 #include "check/text.h"
 #include "io/file.h"
 #include "io/manager.h"
@@ -161,10 +162,23 @@ void Disown(IrpRecord* record)
 // True if completion has come first, so that the caller of this acts.
 bool LeaveDispatch(IrpRecord* record) { return record->Met.exchange(Left, std::memory_order_acq_rel) == Completed; }
 
+// Called whether or not the worker has been faster this time. The queue is known by where it stands, and by the device
+// that the request was sent to.
+void NoteQueueWait(PDEVICE_OBJECT device, const IrpRecord* record)
+{
+    const void* const queue = record->Queue.load(std::memory_order_relaxed);
+    _ETHREAD* const thread = ke::CurrentThread();
+    if (!queue || !HoldsAnything(thread)) return;
+    const std::string name = ob::NameText(device);
+    NameQueue(queue, "worker queue " + HexText(queue) + " of device " + (name.empty() ? HexText(device) : name));
+    NoteLockOrder(thread, queue);
+}
+
 // True when the request has come to its end and is the caller's; false when an asynchronous one is still out.
-bool AwaitEnd(IrpRecord* record)
+bool AwaitEnd(PDEVICE_OBJECT device, IrpRecord* record)
 {
     if (record->How == Issue::Asynchronous) return LeaveDispatch(record);
+    if (NTHOST_CHECKS) NoteQueueWait(device, record);
     KeInitializeEvent(&record->Done, NotificationEvent, FALSE);
     if (!LeaveDispatch(record)) KeWaitForSingleObject(&record->Done, Executive, KernelMode, FALSE, nullptr);
     return true;
@@ -211,7 +225,7 @@ NTSTATUS SendRequest(PDEVICE_OBJECT device, IrpRecord* record, IO_STATUS_BLOCK* 
     const NTSTATUS returned = IofCallDriver(device, &record->Irp);
     if (returned == STATUS_PENDING) {
         const bool asynchronous = record->How == Issue::Asynchronous;
-        if (!AwaitEnd(record)) return STATUS_PENDING;
+        if (!AwaitEnd(device, record)) return STATUS_PENDING;
         const NTSTATUS status = FinishOnIssuer(record, Pended::Yes, result);
         return asynchronous ? STATUS_PENDING : status;
     }

@@ -151,6 +151,7 @@ void PrepareRecord(IrpRecord* record)
     record->OnFileList = false;
     record->Device.store(nullptr, std::memory_order_relaxed);
     record->OutputLength = 0;
+    record->Queue.store(nullptr, std::memory_order_relaxed);
     record->Holds.store(1, std::memory_order_relaxed);
     if (NTHOST_CHECKS) {
         for (LocationTrace& trace : record->Trace) {

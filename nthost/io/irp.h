@@ -56,6 +56,7 @@ struct IrpRecord {
     bool OnThreadList;                  // written under the file object's lock once the request is on its list
     bool OnFileList;                    // the owner's alone
     ULONG OutputLength;                 // room in UserBuffer for a buffered request's output
+    std::atomic<const void*> Queue;     // the semaphore that it was pended with, if that is known; with checks on
     WORK_QUEUE_ITEM Drop;
     LocationTrace Trace[TracedLocations];
 

@@ -49,6 +49,9 @@ struct _ETHREAD {
     PNT_GUARD Guard;     // innermost
     NTSTATUS ExitStatus;
     std::vector<nthost::HeldLock> Held; // locks held now, in order of acquisition
+    std::vector<const void*> AtWork;    // what else others wait for until it is done (check/lock_order.h)
+    bool TakesWork;                     // a driver's own thread: who takes a permit, takes work from its semaphore
+    const void* ReleasedSemaphore;      // the last that the innermost dispatch routine released; with checks on
     uint32_t DriverDepth;               // calls into driver code that are under way on this thread
     uint32_t Closing;                   // cleanups and closes among them; no fault is injected there
     const char* DriverCall;             // the innermost of them, for reports

@@ -11,6 +11,7 @@
 #include <nthost/check.h>
 
 #include "check/fatal.h"
+#include "check/lock_order.h"
 #include "ke/word_lock.h"
 
 namespace nthost::ke {
@@ -165,7 +166,7 @@ NTSTATUS Block(WaitRecord& wait, int64_t deadline)
     return wait.Result;
 }
 
-NTSTATUS Wait(WaitBlock* blocks, PVOID* objects, ULONG count, WAIT_TYPE type, const LARGE_INTEGER* timeout)
+NTSTATUS WaitUnnoted(WaitBlock* blocks, PVOID* objects, ULONG count, WAIT_TYPE type, const LARGE_INTEGER* timeout)
 {
     WaitRecord wait{CurrentThread(), blocks, count, type, false, STATUS_SUCCESS, nullptr};
     if (NTHOST_CHECKS && !OnlyTests(timeout)) CheckMayBlock(wait.Thread);
@@ -182,6 +183,31 @@ NTSTATUS Wait(WaitBlock* blocks, PVOID* objects, ULONG count, WAIT_TYPE type, co
         Enqueue(wait);
     }
     return Block(wait, DeadlineOf(timeout));
+}
+
+// A thread of a driver's own that comes for a permit is done with the work of the one before, and who gets one has
+// work. What is looked at after the wait is addresses: the objects may be gone.
+NTSTATUS WaitForWork(WaitBlock* blocks, PVOID* objects, ULONG count, WAIT_TYPE type, const LARGE_INTEGER* timeout)
+{
+    _ETHREAD* const thread = CurrentThread();
+    bool isQueue[MAXIMUM_WAIT_OBJECTS];
+    for (ULONG i = 0; i < count; ++i) {
+        isQueue[i] = static_cast<DISPATCHER_HEADER*>(objects[i])->Type == kSemaphoreObject;
+        if (isQueue[i]) NoteDone(thread, objects[i]);
+    }
+    const NTSTATUS status = WaitUnnoted(blocks, objects, count, type, timeout);
+    for (ULONG i = 0; i < count; ++i) {
+        const bool taken =
+            type == WaitAll ? status == STATUS_WAIT_0 : status == STATUS_WAIT_0 + static_cast<NTSTATUS>(i);
+        if (isQueue[i] && taken) NoteAtWork(thread, objects[i]);
+    }
+    return status;
+}
+
+NTSTATUS Wait(WaitBlock* blocks, PVOID* objects, ULONG count, WAIT_TYPE type, const LARGE_INTEGER* timeout)
+{
+    const bool noted = NTHOST_CHECKS && CurrentThread()->TakesWork;
+    return (noted ? WaitForWork : WaitUnnoted)(blocks, objects, count, type, timeout);
 }
 
 } // namespace
@@ -214,6 +240,27 @@ void InitializeHeader(DISPATCHER_HEADER* header, UCHAR type, LONG state)
 
 void SignalHeader(DISPATCHER_HEADER* header) { Signal(header, 1); }
 
+LONG ReleaseSemaphore(PRKSEMAPHORE semaphore, LONG adjustment)
+{
+    DISPATCHER_HEADER* const header = &semaphore->Header;
+    LONG before;
+    WakeChain chain = nullptr;
+    bool passesLimit;
+    {
+        std::lock_guard lock(dispatcherLock);
+        before = header->SignalState;
+        passesLimit = adjustment <= 0 || adjustment > semaphore->Limit - before;
+        if (!passesLimit) {
+            __atomic_store_n(&header->SignalState, before + adjustment, __ATOMIC_RELEASE);
+            chain = ReleaseWaiters(header);
+        }
+    }
+    // Raised with nothing held: no destructor runs on the way to the guard.
+    if (passesLimit) ExRaiseStatus(STATUS_SEMAPHORE_LIMIT_EXCEEDED);
+    WakeAll(chain);
+    return before;
+}
+
 } // namespace nthost::ke
 
 using namespace nthost;
@@ -236,6 +283,7 @@ LONG NTAPI KeReadStateEvent(PRKEVENT Event) { return __atomic_load_n(&Event->Hea
 
 VOID NTAPI KeInitializeSemaphore(PRKSEMAPHORE Semaphore, LONG Count, LONG Limit)
 {
+    if (NTHOST_CHECKS) ForgetLocksIn(Semaphore, sizeof(KSEMAPHORE));
     InitializeHeader(&Semaphore->Header, kSemaphoreObject, Count);
     Semaphore->Header.Size = sizeof(KSEMAPHORE) / sizeof(ULONG);
     Semaphore->Limit = Limit;
@@ -243,23 +291,8 @@ VOID NTAPI KeInitializeSemaphore(PRKSEMAPHORE Semaphore, LONG Count, LONG Limit)
 
 LONG NTAPI KeReleaseSemaphore(PRKSEMAPHORE Semaphore, KPRIORITY, LONG Adjustment, BOOLEAN)
 {
-    DISPATCHER_HEADER* const header = &Semaphore->Header;
-    LONG before;
-    WakeChain chain = nullptr;
-    bool passesLimit;
-    {
-        std::lock_guard lock(dispatcherLock);
-        before = header->SignalState;
-        passesLimit = Adjustment <= 0 || Adjustment > Semaphore->Limit - before;
-        if (!passesLimit) {
-            __atomic_store_n(&header->SignalState, before + Adjustment, __ATOMIC_RELEASE);
-            chain = ReleaseWaiters(header);
-        }
-    }
-    // Raised with nothing held: no destructor runs on the way to the guard.
-    if (passesLimit) ExRaiseStatus(STATUS_SEMAPHORE_LIMIT_EXCEEDED);
-    WakeAll(chain);
-    return before;
+    if (_ETHREAD* const thread = NTHOST_CHECKS ? CurrentThreadOrNull() : nullptr) thread->ReleasedSemaphore = Semaphore;
+    return ReleaseSemaphore(Semaphore, Adjustment);
 }
 
 LONG NTAPI KeReadStateSemaphore(PRKSEMAPHORE Semaphore)

@@ -17,6 +17,8 @@ void Wake(_ETHREAD* thread);
 void InitializeHeader(DISPATCHER_HEADER* header, UCHAR type, LONG state);
 // Makes the object signalled for good (ends of threads and processes) and releases its waiters.
 void SignalHeader(DISPATCHER_HEADER* header);
+// KeReleaseSemaphore for the host's own use, where no request of the caller's waits for a permit.
+LONG ReleaseSemaphore(PRKSEMAPHORE semaphore, LONG adjustment);
 
 constexpr UCHAR kProcessObject = 3;
 constexpr UCHAR kSemaphoreObject = 5;

@@ -7,7 +7,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <nthost/check.h>
+#include <nthost/debug.h>
 #include <nthost/faults.h>
+
+#include "check/lock_order.h"
 
 namespace nthost::mm {
 
@@ -48,6 +52,7 @@ bool Unlink(ControlArea* area)
 void EndArea(ControlArea* area)
 {
     PFILE_OBJECT const file = area->File;
+    if (NTHOST_CHECKS) ForgetLocksIn(area, sizeof *area);
     close(area->Memfd);
     delete area;
     ObDereferenceObject(file);
@@ -105,6 +110,8 @@ ControlArea* NewArea(PFILE_OBJECT file, AreaKind kind)
     area->File = file;
     area->Pointers = file->SectionObjectPointer;
     area->Kind = kind;
+    if (NTHOST_CHECKS)
+        NamePages(area, (kind == AreaKind::Image ? "image pages of " : "pages of ") + ToUtf8(&file->FileName));
     return area;
 }
 

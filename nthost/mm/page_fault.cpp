@@ -8,6 +8,7 @@
 #include <nthost/check.h>
 
 #include "check/fatal.h"
+#include "check/lock_order.h"
 #include "check/text.h"
 #include "ke/thread.h"
 #include "mm/control_area.h"
@@ -82,10 +83,13 @@ NTSTATUS ResolvePageFault(void* address, bool write)
         if (step.Kind == Next::Done) return step.Status;
         const AreaHold hold(step.Area);
         CheckLevel(address);
+        // Whoever reads an absent page in might as well have had to wait for another who does.
+        if (NTHOST_CHECKS) NoteLockOrder(ke::CurrentThread(), step.Area);
         if (step.Kind == Next::Await) {
             AwaitRead(step.Area, step.Index);
             continue; // what has become of it is seen by another look
         }
+        const PageRead read(step.Area);
         if (const NTSTATUS status = ReadPage(step.Area, step.Index); !NT_SUCCESS(status)) return STATUS_IN_PAGE_ERROR;
     }
 }

@@ -7,6 +7,8 @@
 #include <unordered_map>
 #include <utility>
 
+#include <nthost/debug.h>
+
 #include "ob/header.h"
 #include "ob/object.h"
 
@@ -233,6 +235,12 @@ std::u16string NameOf(void* body)
     for (const Header* header = HeaderOf(body); header->Name; header = HeaderOf(header->Parent))
         path = u"\\" + *header->Name + path;
     return path;
+}
+
+std::string NameText(void* body)
+{
+    const std::u16string name = NameOf(body);
+    return ToUtf8(reinterpret_cast<const WCHAR*>(name.data()), name.size());
 }
 
 NTSTATUS CreateSymbolicLink(PCUNICODE_STRING path, PCUNICODE_STRING target)

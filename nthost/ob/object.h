@@ -59,6 +59,7 @@ void DeleteHandleTable(HandleTable* table);
 void RemoveName(void* body);
 // The full path of a named object; empty if it has none.
 std::u16string NameOf(void* body);
+std::string NameText(void* body); // in UTF-8
 [[nodiscard]] NTSTATUS CreateSymbolicLink(PCUNICODE_STRING path, PCUNICODE_STRING target);
 [[nodiscard]] NTSTATUS DeleteSymbolicLink(PCUNICODE_STRING path);
 

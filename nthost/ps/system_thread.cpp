@@ -34,6 +34,7 @@ thread_local BaseFrame* base;
 void RunStartRoutine(const StartParameters& start)
 {
     _ETHREAD* const thread = start.Thread;
+    thread->TakesWork = start.By == StartedBy::Driver;
     if (start.By == StartedBy::Driver)
         CallDriver(MustRestore::Nothing, "system thread", thread->StartRoutine, thread->StartContext);
     else

@@ -1,5 +1,7 @@
 // Mapped files: what comes through a view and what through a handle agree, whichever wrote last; sections that outlive
-// their handles; what a mapped file refuses.
+// their handles; what a mapped file refuses; what a plugin's touches and locks do to the order of waits.
+
+#include <nthost/check.h>
 
 #include "open_volume.h"
 
@@ -211,6 +213,63 @@ TEST_F(Mapped, FilesAreWrittenByThePageWriterAsOneCall)
     EXPECT_EQ(nthost::DataSectionOf(object.Get()).DirtyPages, 0u);
     EXPECT_EQ(support::ReadText(file.Get(), 4, PAGE_SIZE - 2), "over");
 }
+
+#if NTHOST_CHECKS
+
+// What a plugin does in its operations goes into the order of waits too. Each of these does it on one thread.
+class MappedOrder : public Mapped {
+protected:
+    void ExpectCycle(const std::string& text)
+    {
+        const auto findings = nthost::TakeFindings();
+        ASSERT_EQ(findings.size(), 1u);
+        EXPECT_EQ(findings[0].Rule, "lock-order-cycle");
+        EXPECT_NE(findings[0].Detail.find(text), std::string::npos) << findings[0].Detail;
+    }
+};
+
+TEST_F(MappedOrder, PluginsMayTouchAFilesPagesWhileItIsReadAndNotWhileItIsWritten)
+{
+    Handle file = OpenFilled();
+    const View view(file.Get());
+    EXPECT_EQ(view.Text(0, 4), "0123"); // read in under the file's lock, which may be shared
+    const auto touch = [&](PKEVENT) { view.Text(2 * PAGE_SIZE, 1); };
+    Plugin().Before("Read", touch);
+    EXPECT_EQ(support::ReadText(file.Get(), 4, PAGE_SIZE), "0123");
+    EXPECT_TRUE(nthost::TakeFindings().empty());
+
+    const nthost::QuietFindings quiet;
+    Plugin().Before("Write", touch);
+    EXPECT_STATUS(STATUS_SUCCESS, support::Write(file.Get(), "x", 0).Status);
+    ExpectCycle("by a thread that reads pages of \\file");
+}
+
+// The page writer's request is served by a worker while the writer has the file's lock.
+TEST_F(MappedOrder, LocksOfAPluginsPagingWritesStandBehindTheFilesLock)
+{
+    ERESOURCE lock;
+    ASSERT_STATUS(STATUS_SUCCESS, ExInitializeResourceLite(&lock));
+    Handle file = OpenFilled();
+    View view(file.Get());
+    EXPECT_STATUS(STATUS_SUCCESS, view.Put(0, "over"));
+    Plugin().Before("Write", [&](PKEVENT) {
+        ExAcquireResourceExclusiveLite(&lock, TRUE);
+        ExReleaseResourceLite(&lock);
+    });
+    FileReference object(file.Get());
+    EXPECT_STATUS(STATUS_SUCCESS, nthost::StepModifiedPageWriter(object.Get()));
+
+    const nthost::QuietFindings quiet;
+    KeEnterCriticalRegion();
+    ExAcquireResourceExclusiveLite(&lock, TRUE);
+    EXPECT_STATUS(STATUS_SUCCESS, support::Write(file.Get(), "x", 0).Status);
+    ExReleaseResourceLite(&lock);
+    KeLeaveCriticalRegion();
+    ExpectCycle("of device \\Device\\");
+    ExDeleteResourceLite(&lock);
+}
+
+#endif
 
 } // namespace
 } // namespace opening

@@ -22,14 +22,21 @@ protected:
         KernelTest::TearDown();
     }
 
+    using AcquireRoutine = decltype(&ExAcquireResourceSharedLite);
+
     // Takes both, in this order, and gives them back.
-    static void Nest(PERESOURCE first, PERESOURCE second, BOOLEAN wait = TRUE)
+    static void Nest(AcquireRoutine outer, PERESOURCE first, AcquireRoutine inner, PERESOURCE second,
+                     BOOLEAN wait = TRUE)
     {
         const CriticalRegion region;
-        EXPECT_TRUE(ExAcquireResourceExclusiveLite(first, TRUE));
-        EXPECT_TRUE(ExAcquireResourceSharedLite(second, wait));
+        EXPECT_TRUE(outer(first, TRUE));
+        EXPECT_TRUE(inner(second, wait));
         ExReleaseResourceLite(second);
         ExReleaseResourceLite(first);
+    }
+    static void Nest(PERESOURCE first, PERESOURCE second, BOOLEAN wait = TRUE)
+    {
+        Nest(ExAcquireResourceExclusiveLite, first, ExAcquireResourceSharedLite, second, wait);
     }
 
     ERESOURCE resources_[4];
@@ -200,6 +207,28 @@ TEST_F(Check, OrdersThatAreNoCycle)
     ExReleaseResourceLite(a);
 }
 
+// A sharer holds up who wants it alone, and behind him the next sharer, unless that one passes by who waits.
+TEST_F(Check, OrdersTellSharersFromOwners)
+{
+    constexpr AcquireRoutine alone = ExAcquireResourceExclusiveLite, shared = ExAcquireResourceSharedLite,
+                             passingBy = ExAcquireSharedStarveExclusive;
+    ERESOURCE *const a = &resources_[0], *const b = &resources_[1], *const c = &resources_[2];
+    Nest(shared, a, alone, b);
+    Nest(alone, b, passingBy, a);
+    EXPECT_TRUE(nthost::TakeFindings().empty());
+    const std::string detail = TheFinding("lock-order-cycle", [&] { Nest(alone, b, shared, a); });
+    EXPECT_NE(detail.find("wait for who shares"), std::string::npos) << detail;
+
+    Nest(shared, c, shared, b);
+    Nest(shared, b, passingBy, c);
+    EXPECT_TRUE(nthost::TakeFindings().empty());
+    TheFinding("lock-order-cycle", [&] { Nest(shared, b, shared, c); });
+
+    ERESOURCE* const d = &resources_[3];
+    Nest(alone, d, passingBy, c);
+    TheFinding("lock-order-cycle", [&] { Nest(alone, c, passingBy, d); });
+}
+
 TEST_F(Check, ClassesConnectDifferentLocks)
 {
     nthost::NameLock(&resources_[0], "Outer");
@@ -208,6 +237,7 @@ TEST_F(Check, ClassesConnectDifferentLocks)
     nthost::NameLock(&resources_[3], "Outer");
     Nest(&resources_[0], &resources_[1]);
     Nest(&resources_[1], &resources_[2]); // two of a class, in one order only
+    Nest(ExAcquireResourceSharedLite, &resources_[1], ExAcquireResourceExclusiveLite, &resources_[2]);
     const std::string detail = TheFinding("lock-order-cycle", [&] { Nest(&resources_[2], &resources_[3]); });
     EXPECT_NE(detail.find("class Inner"), std::string::npos) << detail;
     EXPECT_NE(detail.find("class Outer"), std::string::npos) << detail;

@@ -21,6 +21,17 @@ std::string Pattern(size_t length)
     return text;
 }
 
+// Takes the findings: one cycle, whose report has all of the texts. Without checks there is none.
+void ExpectCycle(const std::vector<std::string>& texts)
+{
+    const std::vector<nthost::Finding> findings = nthost::TakeFindings();
+    if (!NTHOST_CHECKS) return;
+    ASSERT_EQ(findings.size(), 1u);
+    EXPECT_EQ(findings[0].Rule, "lock-order-cycle");
+    for (const std::string& text : texts)
+        EXPECT_NE(findings[0].Detail.find(text), std::string::npos) << text << "\n" << findings[0].Detail;
+}
+
 TEST_F(PageFaults, ReadOnePageEachOnTheTouchingThread)
 {
     const std::string content = Pattern(3 * Page + 100);
@@ -162,7 +173,48 @@ TEST_F(PageFaults, InsideOfAWriteOfTheSameFileAreNested)
     EXPECT_EQ(seen[1].Major, IRP_MJ_READ);
     EXPECT_TRUE(seen[1].IsPaging());
     EXPECT_FALSE(seen[1].TopLevel);
-    EXPECT_EQ(Bytes(view.At(10), 20), Pattern(2 * Page).substr(Page, 20)); // what was written is seen
+    EXPECT_EQ(Fs().File("\\f")->Data.substr(10, 20), Pattern(2 * Page).substr(Page, 20));
+
+    // Another thread's read of the page would have waited for the lock, and the write for that thread. What was
+    // written is seen all the same.
+    const nthost::QuietFindings quiet;
+    EXPECT_EQ(Bytes(view.At(10), 20), Pattern(2 * Page).substr(Page, 20));
+    ExpectCycle({"wait for pages of \\f by a thread that holds 0x", "by a thread that reads pages of \\f"});
+}
+
+// Two mapped files.
+class PageOrder : public PageFaults {
+protected:
+    void SetUp() override
+    {
+        PageFaults::SetUp();
+        for (const char* name : {"\\f", "\\g"}) Fs().File(name)->Data = Pattern(4 * Page);
+    }
+};
+
+TEST_F(PageOrder, OfTwoFilesTakesEachFilesLockAndPages)
+{
+    const File f("f"), g("g");
+    const Mapped viewOfF(f.Handle()), viewOfG(g.Handle());
+    const nthost::QuietFindings quiet;
+    EXPECT_EQ(f.Write(0, viewOfG.At(), 20), STATUS_SUCCESS); // the lock of f, pages of g
+    Bytes(viewOfF.At(Page), 1);                              // pages of f, its lock
+    Bytes(viewOfG.At(Page), 1);
+    EXPECT_EQ(TakeRules(), std::vector<std::string>());
+    EXPECT_EQ(g.Write(0, viewOfF.At(2 * Page), 20), STATUS_SUCCESS);
+    ExpectCycle({"wait for pages of \\f by a thread that holds 0x", "by a thread that reads pages of \\f",
+                 "wait for pages of \\g by a thread that holds 0x", "by a thread that reads pages of \\g"});
+}
+
+TEST_F(PageOrder, OfOneFileStandsForOthersIfTheirLocksAreOfOneClass)
+{
+    const File f("f"), g("g");
+    for (const char* name : {"\\f", "\\g"}) nthost::NameLock(&Fs().File(name)->Resource, "File");
+    const Mapped viewOfF(f.Handle()), viewOfG(g.Handle());
+    const nthost::QuietFindings quiet;
+    EXPECT_EQ(f.Write(0, viewOfG.At(), 20), STATUS_SUCCESS);
+    Bytes(viewOfF.At(Page), 1);
+    ExpectCycle({"class page being read", "class File"});
 }
 
 TEST_F(PageFaults, ReachServicesThatTakeTheCallersMemory)
