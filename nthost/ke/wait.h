@@ -17,10 +17,15 @@ void Wake(_ETHREAD* thread);
 void InitializeHeader(DISPATCHER_HEADER* header, UCHAR type, LONG state);
 // Makes the object signalled for good (ends of threads and processes) and releases its waiters.
 void SignalHeader(DISPATCHER_HEADER* header);
+// The thread ends: mutexes that it still owns become free, and the next owners are told.
+void AbandonMutexes(_ETHREAD* thread);
 
+// DISPATCHER_HEADER.Type; events have the numbers of EVENT_TYPE, timers those of TIMER_TYPE above kTimerObject.
+constexpr UCHAR kMutexObject = 2;
 constexpr UCHAR kProcessObject = 3;
 constexpr UCHAR kSemaphoreObject = 5;
 constexpr UCHAR kThreadObject = 6;
+constexpr UCHAR kTimerObject = 8;
 
 int64_t MonotonicNow();  // CLOCK_MONOTONIC nanoseconds
 int64_t SystemTimeNow(); // 100 ns since 1601

@@ -106,3 +106,13 @@ ULONG DbgPrint(PCSTR Format, ...)
     va_end(arguments);
     return STATUS_SUCCESS;
 }
+
+ULONG DbgPrintEx(ULONG, ULONG, PCSTR Format, ...)
+{
+    if (!nthost::DebugOutputWanted()) return STATUS_SUCCESS;
+    va_list arguments;
+    va_start(arguments, Format);
+    nthost::Print(Format, arguments);
+    va_end(arguments);
+    return STATUS_SUCCESS;
+}
