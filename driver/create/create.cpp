@@ -4,7 +4,6 @@
 #include "create/create.h"
 
 #include "frame/context.h"
-#include "frame/requests.h"
 #include "frame/resource.h"
 #include "frame/trace.h"
 #include "objects/ccb.h"

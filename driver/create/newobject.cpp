@@ -5,7 +5,7 @@
 #include "create/create.h"
 
 #include "ea/ea.h"
-#include "frame/plugincall.h"
+#include "plugin/operations.h"
 #include "frame/resource.h"
 
 namespace {
@@ -131,12 +131,6 @@ constexpr char kName[] = "GvCreateNewFileOrDir"; // whose steps the routines bel
     return status;
 }
 
-void CloseNewHandle(IrpContext* context, PluginFd fd)
-{
-    const NTSTATUS closed = GV_CALL_PLUGIN(context, nullptr, Close, GvBareHandle(fd));
-    if (!NT_SUCCESS(closed)) GV_TRACE_FAILED_AS(kName, "Close", closed);
-}
-
 } // namespace
 
 NTSTATUS GvCreateNewFileOrDir(IrpContext* context, const CreateParameters& parameters, const ResolvedPaths& paths,
@@ -171,7 +165,7 @@ NTSTATUS GvCreateNewFileOrDir(IrpContext* context, const CreateParameters& param
         status = EnterObject(context, parameters, fullPath, state, &fcb);
     }
     if (!NT_SUCCESS(status)) {
-        CloseNewHandle(context, fd);
+        GvCloseBareHandle(kName, context, fd);
         return status;
     }
     status = GvInitSharedFileObj(__func__, parameters.FileObject, fcb, parameters.DeleteOnClose);

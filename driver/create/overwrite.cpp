@@ -4,7 +4,7 @@
 #include "create/create.h"
 
 #include "ea/ea.h"
-#include "fileinfo/plugininfo.h"
+#include "plugin/operations.h"
 #include "frame/resource.h"
 #include "objects/coherence.h"
 

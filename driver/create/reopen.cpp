@@ -3,7 +3,7 @@
 
 #include "create/create.h"
 
-#include "frame/plugincall.h"
+#include "plugin/operations.h"
 #include "frame/resource.h"
 
 namespace {

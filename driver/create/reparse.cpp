@@ -5,7 +5,7 @@
 #include "create/create.h"
 
 #include "frame/driver.h"
-#include "frame/plugincall.h"
+#include "plugin/call.h"
 
 namespace {
 

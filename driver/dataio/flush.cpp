@@ -2,8 +2,9 @@
 // that file; through the volume or its root directory, every file of the volume and one FlushVol; through any other
 // directory, nothing.
 
-#include "frame/plugincall.h"
-#include "frame/requests.h"
+#include "dataio/dataio.h"
+
+#include "plugin/call.h"
 #include "frame/resource.h"
 #include "objects/coherence.h"
 #include "objects/fcb.h"

@@ -2,8 +2,9 @@
 // lock package, which completes it, then or later. The object's lock is held across that call: a worker keeps the file
 // object, and so the lock, until its work is done.
 
+#include "dataio/dataio.h"
+
 #include "frame/context.h"
-#include "frame/requests.h"
 #include "frame/resource.h"
 #include "frame/trace.h"
 

@@ -1,8 +1,10 @@
 // IRP_MJ_READ: one plugin call, straight into the caller's memory, whoever asks. A paging read differs in two ways:
 // byte-range locks do not apply to it, and it does not move the file position. End of file is the plugin's decision.
 
-#include "frame/plugincall.h"
-#include "frame/requests.h"
+#include "dataio/dataio.h"
+
+#include "plugin/call.h"
+#include "frame/buffer.h"
 #include "frame/resource.h"
 #include "objects/util.h"
 

@@ -3,9 +3,11 @@
 // brings the file's section in line, then hands the data over piece by piece. Under the object's lock, exclusive, but
 // for the first of these; a request nested in work that may hold it goes without.
 
+#include "dataio/dataio.h"
+
+#include "frame/buffer.h"
 #include "frame/guard.h"
-#include "frame/plugincall.h"
-#include "frame/requests.h"
+#include "plugin/call.h"
 #include "frame/resource.h"
 #include "objects/coherence.h"
 #include "objects/fcb.h"

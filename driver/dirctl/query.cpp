@@ -3,9 +3,10 @@
 
 #include "dirctl/dirctl.h"
 
-#include "create/create.h"
 #include "dirctl/records.h"
-#include "frame/plugincall.h"
+#include "objects/util.h"
+#include "plugin/operations.h"
+#include "frame/buffer.h"
 #include "frame/resource.h"
 
 namespace {
@@ -50,23 +51,13 @@ DirectoryQuery ReadQuery(PIRP irp)
     return status;
 }
 
-// The name in the form that is matched: the plugin's, or as it stands. holder owns what the plugin gave.
-[[nodiscard]] NTSTATUS NormalizedName(IrpContext* context, PCUNICODE_STRING name, GvString* holder,
-                                      PCUNICODE_STRING* result)
-{
-    const NTSTATUS status = GvPnGetNormalizedPathFromPlugin(context, name, holder->Out());
-    if (!NT_SUCCESS(status) && status != STATUS_NOT_SUPPORTED) return status;
-    *result = NT_SUCCESS(status) && *holder ? holder->Get() : name;
-    return STATUS_SUCCESS;
-}
-
 // Once set, a pattern stays for the life of the handle.
 [[nodiscard]] NTSTATUS InstallPattern(IrpContext* context, const DirectoryQuery& query, bool* installed)
 {
     if (!query.FileName || query.Ccb->DirSearchPattern) return STATUS_SUCCESS;
     GvString normalized;
     PCUNICODE_STRING name = nullptr;
-    NTSTATUS status = NormalizedName(context, query.FileName, &normalized, &name);
+    NTSTATUS status = GvNormalizedOrGiven(context, query.FileName, &normalized, &name);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kName, GvTraceError, "GvPnGetNormalizedPathFromPlugin(): failed: 0x%x\n", status);
         return status;
@@ -135,7 +126,7 @@ ULONG StartOfScan(const DirectoryQuery& query)
     const UNICODE_STRING plain = {length, length, const_cast<PWCH>(entry->FileName)};
     GvString normalized;
     PCUNICODE_STRING name = nullptr;
-    if (const NTSTATUS status = NormalizedName(context, &plain, &normalized, &name); !NT_SUCCESS(status)) {
+    if (const NTSTATUS status = GvNormalizedOrGiven(context, &plain, &normalized, &name); !NT_SUCCESS(status)) {
         GV_TRACE(GvTraceError, "GvPnGetNormalizedPathFromPlugin(): failed: 0x%x\n", status);
         return STATUS_SUCCESS;
     }

@@ -4,7 +4,7 @@
 #include "ea/ea.h"
 
 #include "ea/record.h"
-#include "frame/plugincall.h"
+#include "plugin/call.h"
 
 NTSTATUS GvListEaFromPlugin(IrpContext* context, GvHandle handle, GvEaNames* names)
 {

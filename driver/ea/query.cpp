@@ -4,9 +4,9 @@
 
 #include "ea/ea.h"
 
+#include "frame/buffer.h"
 #include "frame/guard.h"
-#include "frame/plugincall.h"
-#include "frame/requests.h"
+#include "plugin/call.h"
 #include "frame/resource.h"
 #include "objects/util.h"
 

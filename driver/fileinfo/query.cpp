@@ -2,9 +2,10 @@
 // record, and a failing GetInfo fails it. Under the object's lock, shared, and for the classes that tell the name under
 // Vcb.Resource too; a nested query takes neither.
 
+#include "fileinfo/fileinfo.h"
+
 #include "ea/ea.h"
-#include "fileinfo/plugininfo.h"
-#include "frame/requests.h"
+#include "plugin/operations.h"
 #include "frame/resource.h"
 #include "frame/trace.h"
 #include "objects/fcb.h"

@@ -5,9 +5,8 @@
 
 #include "fileinfo/rename.h"
 
-#include "create/create.h"
 #include "fileinfo/fileinfo.h"
-#include "frame/plugincall.h"
+#include "plugin/operations.h"
 #include "frame/resource.h"
 #include "objects/coherence.h"
 #include "objects/fcb.h"
@@ -143,12 +142,11 @@ struct Names {
 [[nodiscard]] NTSTATUS GetLeaf(IrpContext* context, Names* names)
 {
     if (const NTSTATUS status = GivenLeaf(context->Irp, &names->Given); !NT_SUCCESS(status)) return status;
-    const NTSTATUS status = GvPnGetNormalizedPathFromPlugin(context, &names->Given, names->FromPlugin.Out());
-    if (!NT_SUCCESS(status) && status != STATUS_NOT_SUPPORTED) {
+    const NTSTATUS status = GvNormalizedOrGiven(context, &names->Given, &names->FromPlugin, &names->Normalized);
+    if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED_AS(kName, "GvPnGetNormalizedPathFromPlugin", status);
         return status;
     }
-    names->Normalized = NT_SUCCESS(status) && names->FromPlugin ? names->FromPlugin.Get() : &names->Given;
     // Before anything is closed: the plugin could only refuse it, and every opener would lose the handle. A name with a
     // separator in it would stand in the tree for an object that it does not name.
     NTSTATUS checked = GvCheckLeaf(names->Normalized);
@@ -182,19 +180,9 @@ constexpr char kNotify[] = "GvNotifyPluginForRename";
 
 [[nodiscard]] NTSTATUS ClosePluginFd(IrpContext* context, Fcb* fcb)
 {
-    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, Close, GvHandleOf(fcb));
-    GvStore(fcb->PluginFdClosed, 1);
-    GvStore(fcb->PluginFd, 0);
+    const NTSTATUS status = GvCloseObjectHandle(context, fcb);
     if (!NT_SUCCESS(status)) GV_TRACE_AS(kNotify, GvTraceError, "plugin Close(): 0x%x\n", status);
     return status;
-}
-
-[[nodiscard]] NTSTATUS OpenWith(IrpContext* context, const Fcb* fcb, PCUNICODE_STRING path, PluginAccessMask access,
-                                PluginFd* fd)
-{
-    *fd = 0;
-    return fcb->FcbType == GvDirectory ? GV_CALL_PLUGIN(context, nullptr, OpenDir, path, access, fd)
-                                       : GV_CALL_PLUGIN(context, nullptr, Open, path, access, fd);
 }
 
 // With all that the object's opens were ever allowed, so that the new handle serves each of them: also those that were
@@ -207,10 +195,10 @@ constexpr char kNotify[] = "GvNotifyPluginForRename";
     }
     PluginFd fd = 0;
     PluginAccessMask access = fcb->MaxAllowedAccess | fcb->PluginFdGranted;
-    NTSTATUS status = OpenWith(context, fcb, path, access, &fd);
+    NTSTATUS status = GvOpenByType(context, fcb->FcbType, path, access, &fd);
     if (!NT_SUCCESS(status) && access != fcb->MaxAllowedAccess) {
         access = fcb->MaxAllowedAccess;
-        status = OpenWith(context, fcb, path, access, &fd);
+        status = GvOpenByType(context, fcb->FcbType, path, access, &fd);
     }
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kNotify, GvTraceError, "cumulative OpenDir/Open(type: %d): perm: 0x%x, 0x%x\n", fcb->FcbType,

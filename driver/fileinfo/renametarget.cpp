@@ -3,7 +3,7 @@
 
 #include "fileinfo/rename.h"
 
-#include "fileinfo/plugininfo.h"
+#include "plugin/operations.h"
 #include "frame/resource.h"
 #include "objects/coherence.h"
 #include "objects/fcb.h"
@@ -52,23 +52,13 @@ public:
         [[maybe_unused]] const NTSTATUS dropped = GV_CALL_PLUGIN(context_, nullptr, Close, GvBareHandle(fd_));
     }
 
-    bool OpensAsFile(PCUNICODE_STRING path)
+    bool OpensAs(ULONG type, PCUNICODE_STRING path)
     {
-        return Keep(GV_CALL_PLUGIN(context_, nullptr, Open, path, GVND_ACCESS_READ, &fd_));
-    }
-    bool OpensAsDirectory(PCUNICODE_STRING path)
-    {
-        return Keep(GV_CALL_PLUGIN(context_, nullptr, OpenDir, path, GVND_ACCESS_READ, &fd_));
+        return NT_SUCCESS(GvOpenByType(context_, type, path, GVND_ACCESS_READ, &fd_));
     }
     ::PluginFd PluginFd() const { return fd_; }
 
 private:
-    bool Keep(NTSTATUS status)
-    {
-        if (!NT_SUCCESS(status)) fd_ = 0; // a failed open hands over nothing
-        return NT_SUCCESS(status);
-    }
-
     IrpContext* context_;
     ::PluginFd fd_ = 0;
 };
@@ -93,8 +83,8 @@ private:
 [[nodiscard]] NTSTATUS CheckOnPlugin(IrpContext* context, PCUNICODE_STRING path, bool replaceIfExists, bool* replaced)
 {
     Probe probe(context);
-    if (!probe.OpensAsFile(path)) {
-        if (probe.OpensAsDirectory(path)) {
+    if (!probe.OpensAs(GvFile, path)) {
+        if (probe.OpensAs(GvDirectory, path)) {
             GV_TRACE_AS(kName, GvTraceError, "ERR: dest exists on plugin and is a dir\n");
             return STATUS_OBJECT_NAME_COLLISION;
         }
@@ -112,12 +102,9 @@ private:
     return STATUS_SUCCESS;
 }
 
-// A plugin without a decision of its own allows it.
 [[nodiscard]] NTSTATUS CheckMayDelete(IrpContext* context, PCUNICODE_STRING path, void* token)
 {
-    if (!context->Vcb->PluginOps->AccessCheck) return STATUS_SUCCESS;
-    constexpr ULONG kConstant = 2;
-    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, AccessCheck, path, kConstant, GVND_ACCESS_WRITE, &token);
+    const NTSTATUS status = GvAskAccess(context, path, GVND_ACCESS_WRITE, token);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS("GvDeleteRenameTarget", GvTraceError, "plugin AccessCheck('delete'): 0x%x\n", status);
     }

@@ -2,8 +2,7 @@
 // which proves that the plugin's handle is alive and tells the sizes that the object has now.
 
 #include "fileinfo/fileinfo.h"
-#include "fileinfo/plugininfo.h"
-#include "frame/requests.h"
+#include "plugin/operations.h"
 #include "frame/resource.h"
 
 namespace {

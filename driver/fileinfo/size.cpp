@@ -3,7 +3,7 @@
 
 #include "fileinfo/fileinfo.h"
 
-#include "frame/plugincall.h"
+#include "plugin/call.h"
 #include "objects/coherence.h"
 #include "objects/fcb.h"
 #include "objects/util.h"

@@ -2,7 +2,7 @@
 
 #include "objects/fcb.h"
 
-#include "frame/plugincall.h"
+#include "plugin/operations.h"
 #include "frame/pool.h"
 #include "frame/resource.h"
 #include "frame/trace.h"
@@ -101,10 +101,8 @@ NTSTATUS GvFcbFreeFcb(Fcb* fcb)
 void ClosePluginFd(IrpContext* context, Fcb* fcb)
 {
     if (fcb->PluginFdClosed) return;
-    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, Close, GvHandleOf(fcb));
+    const NTSTATUS status = GvCloseObjectHandle(context, fcb);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvFcbDerefFcbAndParentChain", "Close", status);
-    GvStore(fcb->PluginFdClosed, 1);
-    GvStore(fcb->PluginFd, 0);
 }
 
 } // namespace

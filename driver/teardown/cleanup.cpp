@@ -2,7 +2,8 @@
 // itself lives on until its close, since the memory manager can keep it referenced. The plugin hears nothing, unless
 // this was the last handle of an object that is to be deleted.
 
-#include "frame/requests.h"
+#include "teardown/teardown.h"
+
 #include "frame/resource.h"
 #include "frame/trace.h"
 #include "objects/util.h"

@@ -2,8 +2,9 @@
 // without the volume lock when it is nested in other work: then the holder further up has one more reference, and this
 // one is not the last.
 
+#include "teardown/teardown.h"
+
 #include "frame/context.h"
-#include "frame/requests.h"
 #include "frame/resource.h"
 #include "frame/trace.h"
 #include "objects/ccb.h"

@@ -4,8 +4,8 @@
 
 #include "teardown/deletion.h"
 
-#include "fileinfo/plugininfo.h"
-#include "frame/plugincall.h"
+#include "plugin/operations.h"
+#include "plugin/call.h"
 #include "frame/resource.h"
 #include "objects/fcb.h"
 #include "objects/util.h"
@@ -48,9 +48,7 @@ constexpr char kName[] = "GvPerformDeletion";
 [[nodiscard]] NTSTATUS ClosePluginFd(IrpContext* context, Fcb* fcb)
 {
     const GvHandleSwitch closing(fcb);
-    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, Close, GvHandleOf(fcb));
-    GvStore(fcb->PluginFdClosed, 1);
-    GvStore(fcb->PluginFd, 0);
+    const NTSTATUS status = GvCloseObjectHandle(context, fcb);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "Close", status);
     return status;
 }

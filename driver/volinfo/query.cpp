@@ -1,9 +1,10 @@
 // IRP_MJ_QUERY_VOLUME_INFORMATION. What is true of the contents comes from the plugin at each query, and so every
 // class, also one that is answered from constants, needs a plugin that answers. Under Vcb.Resource, shared.
 
-#include "frame/plugincall.h"
+#include "volinfo/volinfo.h"
+
+#include "plugin/call.h"
 #include "frame/pool.h"
-#include "frame/requests.h"
 #include "frame/resource.h"
 
 namespace {

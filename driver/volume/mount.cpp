@@ -4,10 +4,11 @@
 #include "frame/driver.h"
 #include "frame/guard.h"
 #include "frame/handle.h"
-#include "frame/plugincall.h"
+#include "frame/objecttype.h"
+#include "plugin/call.h"
 #include "objects/fcb.h"
 #include "objects/util.h"
-#include "volume/control.h"
+#include "volume/device.h"
 #include "volume/volume.h"
 #include "volume/workers.h"
 
@@ -93,7 +94,7 @@ NTSTATUS MountAttempt::HoldBackingObject(PUNICODE_STRING path)
         return status;
     }
     PVOID object = nullptr;
-    status = ObReferenceObjectByHandle(handle.Get(), 0, *IoFileObjectType, KernelMode, &object, nullptr);
+    status = ObReferenceObjectByHandle(handle.Get(), 0, GvObjectType(IoFileObjectType), KernelMode, &object, nullptr);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED_AS("GvMount", "ObReferenceObjectByHandle", status);
         return status;

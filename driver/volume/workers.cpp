@@ -4,11 +4,13 @@
 
 #include "volume/workers.h"
 
+#include "frame/complete.h"
 #include "frame/context.h"
-#include "frame/driver.h"
 #include "frame/handle.h"
+#include "frame/objecttype.h"
 #include "frame/pool.h"
-#include "frame/requests.h"
+#include "frame/row.h"
+#include "frame/toplevel.h"
 #include "frame/trace.h"
 
 namespace {
@@ -25,9 +27,9 @@ IrpContext* GvMovePendedIrpContextToWorkQueue(Vcb* vcb, GvLane lane)
 
 NTSTATUS ServePended(IrpContext* context, GvOutcome* outcome)
 {
-    const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
-    const GvDispatchRow* const row = GvRowOf(stack->MajorFunction);
-    if (!row || !row->MayPend) {
+    const GvDispatchRow* const row = context->Row;
+    if (!row->MayPend) {
+        const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
         GV_TRACE_AS("FspDispatchPendedIrp", GvTraceError, "irp: mj: 0x%x, mn: 0x%x is not supported by FSP\n",
                     stack->MajorFunction, stack->MinorFunction);
         return STATUS_NOT_SUPPORTED;
@@ -127,7 +129,8 @@ VOID NTAPI FspWorkerThread(PVOID startContext)
 [[nodiscard]] NTSTATUS WaitForEnd(HANDLE handle)
 {
     PVOID thread;
-    NTSTATUS status = ObReferenceObjectByHandle(handle, SYNCHRONIZE, *PsThreadType, KernelMode, &thread, nullptr);
+    NTSTATUS status =
+        ObReferenceObjectByHandle(handle, SYNCHRONIZE, GvObjectType(PsThreadType), KernelMode, &thread, nullptr);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED_AS("FspStopWorkerThreads", "ObReferenceObjectByHandle", status);
         return status;

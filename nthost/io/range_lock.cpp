@@ -17,6 +17,7 @@ namespace nthost::io {
 
 namespace {
 
+// Both are unsigned to whoever keeps the locks: a whole file is locked by the greatest length there is.
 struct Range {
     LARGE_INTEGER Offset;
     LARGE_INTEGER Length;
@@ -24,10 +25,8 @@ struct Range {
 
 [[nodiscard]] NTSTATUS CaptureRange(PLARGE_INTEGER offset, PLARGE_INTEGER length, KPROCESSOR_MODE mode, Range* range)
 {
-    NTSTATUS status = zw::ReadUser(offset, &range->Offset, mode);
-    if (NT_SUCCESS(status)) status = zw::ReadUser(length, &range->Length, mode);
-    if (!NT_SUCCESS(status)) return status;
-    return range->Offset.QuadPart < 0 || range->Length.QuadPart < 0 ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS;
+    const NTSTATUS status = zw::ReadUser(offset, &range->Offset, mode);
+    return NT_SUCCESS(status) ? zw::ReadUser(length, &range->Length, mode) : status;
 }
 
 // True if the driver has answered, with the service's status.
@@ -51,7 +50,7 @@ bool LockFast(Request& request, const char* name, Slot _FAST_IO_DISPATCH::*slot,
 {
     const NTSTATUS status = request.Open(caller, file, 0, service);
     if (!NT_SUCCESS(status)) return status;
-    return request.Granted() & (FILE_READ_DATA | FILE_WRITE_DATA) ? STATUS_SUCCESS : STATUS_ACCESS_DENIED;
+    return request.RequireAny(FILE_READ_DATA | FILE_WRITE_DATA);
 }
 
 [[nodiscard]] NTSTATUS IssueLock(Request& request, UCHAR minor, UCHAR flags, const Range& range, ULONG key)

@@ -265,7 +265,7 @@ TEST_F(FastIo, LastHandleOfAProcessUnlocksAll)
         const auto duplicate = [&] {
             HANDLE copy, process;
             EXPECT_EQ(ObOpenObjectByPointer(other.Object(), OBJ_KERNEL_HANDLE, nullptr, PROCESS_DUP_HANDLE,
-                                            *PsProcessType, KernelMode, &process),
+                                            PsProcessType, KernelMode, &process),
                       STATUS_SUCCESS);
             EXPECT_EQ(ZwDuplicateObject(NtCurrentProcess(), opened.Handle, process, &copy, 0, 0, DUPLICATE_SAME_ACCESS),
                       STATUS_SUCCESS);

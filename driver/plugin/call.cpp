@@ -1,6 +1,6 @@
 // What of the plugin protocol is not a template.
 
-#include "frame/plugincall.h"
+#include "plugin/call.h"
 
 NTSTATUS GvCheckPluginOpsVersion(const PluginOps* operations)
 {
