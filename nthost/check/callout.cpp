@@ -21,7 +21,7 @@ std::string HeldText(_ETHREAD* thread)
 ThreadState CaptureThreadState()
 {
     _ETHREAD* const thread = ke::CurrentThread();
-    return {thread->Irql, thread->ApcDisable, thread->TopLevelIrp, ke::HeldBy(thread).size()};
+    return {thread->Irql, thread->ApcDisable, thread->GuardedRegions, thread->TopLevelIrp, ke::HeldBy(thread).size()};
 }
 
 void CompareThreadState(const ThreadState& before, const char* what)
@@ -32,6 +32,9 @@ void CompareThreadState(const ThreadState& before, const char* what)
     if (thread->ApcDisable != before.ApcDisable)
         ReportFinding("critical-region-left-open",
                       Format("%s: critical regions %u before, %u after", what, before.ApcDisable, thread->ApcDisable));
+    if (thread->GuardedRegions != before.GuardedRegions)
+        ReportFinding("guarded-region-left-open", Format("%s: guarded regions %u before, %u after", what,
+                                                         before.GuardedRegions, thread->GuardedRegions));
     if (thread->TopLevelIrp != before.TopLevelIrp)
         ReportFinding("top-level-irp-left",
                       Format("%s: %p before, %p after", what, before.TopLevelIrp, thread->TopLevelIrp));
@@ -40,6 +43,7 @@ void CompareThreadState(const ThreadState& before, const char* what)
                       Format("%s: %zu locks before, %zu after:", what, before.HeldCount, held) + HeldText(thread));
     thread->Irql = before.Irql;
     thread->ApcDisable = before.ApcDisable;
+    thread->GuardedRegions = before.GuardedRegions;
     thread->TopLevelIrp = before.TopLevelIrp;
 }
 

@@ -10,8 +10,8 @@
 
 namespace nthost {
 
-// What must be the same after a dispatch routine, work item or callback returns: IRQL, critical regions, top-level
-// request, locks held.
+// What must be the same after a dispatch routine, work item or callback returns: IRQL, critical and guarded
+// regions, top-level request, locks held.
 enum class MustRestore {
     Everything,
     Nothing // DriverEntry of another, acquire and release callbacks, a thread's start routine
@@ -20,12 +20,14 @@ enum class MustRestore {
 struct ThreadState {
     KIRQL Irql;
     uint32_t ApcDisable;
+    uint32_t GuardedRegions;
     PIRP TopLevelIrp;
     size_t HeldCount;
 };
 
 ThreadState CaptureThreadState();
-// Reports "irql-changed", "critical-region-left-open", "top-level-irp-left", "lock-held-at-return", naming `what`.
+// Reports "irql-changed", "critical-region-left-open", "guarded-region-left-open", "top-level-irp-left",
+// "lock-held-at-return", naming `what`.
 void CompareThreadState(const ThreadState& before, const char* what);
 
 template <typename Routine, typename... Args>

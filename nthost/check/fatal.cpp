@@ -24,13 +24,24 @@ std::string FormatList(const char* format, va_list arguments)
     return text;
 }
 
+const char* KindText(HeldLock::Kind kind)
+{
+    switch (kind) {
+    case HeldLock::Kind::Resource: return "resource";
+    case HeldLock::Kind::SpinLock: return "spin lock";
+    case HeldLock::Kind::Mutex: return "mutex";
+    case HeldLock::Kind::FastMutex: return "fast mutex";
+    case HeldLock::Kind::GuardedMutex: return "guarded mutex";
+    }
+    return "lock";
+}
+
 // Straight from the record: draining what others posted takes a lock.
 void DescribeHeld(const _ETHREAD& thread, std::string& text)
 {
     for (const HeldLock& held : thread.Held)
-        text += Format("  holds %s %p shared %u exclusive %u, taken at %s\n",
-                       held.LockKind == HeldLock::Kind::Resource ? "resource" : "spin lock", held.Address, held.Shared,
-                       held.Exclusive, FrameText(held.Where).c_str());
+        text += Format("  holds %s %p shared %u exclusive %u, taken at %s\n", KindText(held.LockKind), held.Address,
+                       held.Shared, held.Exclusive, FrameText(held.Where).c_str());
 }
 
 [[noreturn]] void Die(const std::string& message)

@@ -11,7 +11,7 @@
 #include "check/fatal.h"
 #include "check/lock_order.h"
 #include "check/text.h"
-#include "ex/live_resources.h"
+#include "ex/live.h"
 #include "ex/pool_block.h"
 #include "ke/thread.h"
 
@@ -200,7 +200,7 @@ VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag)
         FatalFinding("pool-wrong-tag", "freed with tag " + TagText(Tag) + ": " + Describe(header));
     CheckGuards(header);
     if (NTHOST_CHECKS) {
-        ex::CheckNoResourceIn(P, header->Size);
+        ex::CheckNothingLiveIn(P, header->Size);
         ForgetLocksIn(P, header->Size);
         memset(P, 0xdd, header->Size);
     }

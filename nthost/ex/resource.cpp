@@ -8,7 +8,7 @@
 #include "check/fatal.h"
 #include "check/lock_order.h"
 #include "check/text.h"
-#include "ex/live_resources.h"
+#include "ex/live.h"
 #include "ke/held.h"
 #include "ke/wait.h"
 #include "ke/word_lock.h"
@@ -192,7 +192,7 @@ void CheckAcquire(PERESOURCE resource, _ETHREAD* thread)
     CheckAlive(resource);
     if (thread->Irql > APC_LEVEL)
         ReportFinding("resource-above-apc-level", Format("resource %p at IRQL %u", resource, thread->Irql));
-    if (!thread->IsSystemThread && thread->ApcDisable == 0 && thread->Irql < APC_LEVEL)
+    if (!thread->IsSystemThread && thread->Irql < APC_LEVEL && !ke::AreApcsDisabled(thread))
         ReportFinding("resource-outside-critical-region",
                       "resource " + LockText(resource) + ": the thread could be suspended while it holds it");
 }
@@ -244,7 +244,7 @@ NTSTATUS NTAPI ExInitializeResourceLite(PERESOURCE Resource)
     *Resource = {};
     InitializeListHead(&Resource->SystemResourcesList);
     if (NTHOST_CHECKS) ForgetLocksIn(Resource, sizeof(ERESOURCE));
-    if (NTHOST_CHECKS) ex::NoteResource(Resource);
+    if (NTHOST_CHECKS) ex::NoteLiveObject(ex::LiveKind::Resource, Resource);
     return STATUS_SUCCESS;
 }
 
@@ -256,7 +256,7 @@ NTSTATUS NTAPI ExDeleteResourceLite(PERESOURCE Resource)
         ReportFinding("resource-deleted-owned",
                       Format("resource %p is held %u times", Resource, static_cast<unsigned>(Count(state))));
     std::erase_if(ke::HeldBy(ke::CurrentThread()), [&](const HeldLock& held) { return held.Address == Resource; });
-    ex::ForgetResource(Resource);
+    ex::ForgetLiveObject(Resource);
     ForgetLocksIn(Resource, sizeof(ERESOURCE));
     RtlFillMemory(Resource, sizeof(ERESOURCE), 0xdd);
     return STATUS_SUCCESS;

@@ -1,22 +1,17 @@
 // Calls the acquire and release callbacks, or takes the resources in their place. Holds nothing of its own.
 #include "fsrtl/acquire.h"
 
-#include <cstddef>
-
 #include "check/callout.h"
+#include "io/fast_io.h"
 
 namespace nthost::fsrtl {
 
 namespace {
 
-// Null if the driver's table does not reach to the slot, or has nothing there.
 template <typename Slot>
 Slot CallbackOf(PFILE_OBJECT file, Slot _FAST_IO_DISPATCH::*slot)
 {
-    const FAST_IO_DISPATCH* const table = IoGetRelatedDeviceObject(file)->DriverObject->FastIoDispatch;
-    if (!table) return nullptr;
-    const auto end = reinterpret_cast<const char*>(&(table->*slot) + 1) - reinterpret_cast<const char*>(table);
-    return static_cast<size_t>(end) <= table->SizeOfFastIoDispatch ? table->*slot : nullptr;
+    return io::FastIoRoutine(IoGetRelatedDeviceObject(file), slot);
 }
 
 const FSRTL_COMMON_FCB_HEADER* HeaderOf(PFILE_OBJECT file)

@@ -1,6 +1,8 @@
-// Device and file-system control: the code says how the buffers travel and which access the handle must have.
+// Device and file-system control: the code says how the buffers travel and which access the handle must have. A driver
+// that offers fast device control is asked that way first.
 #include <nthost/faults.h>
 
+#include "io/fast_io.h"
 #include "io/request.h"
 #include "io/service.h"
 #include "zw/capture.h"
@@ -60,6 +62,26 @@ void FillControl(PIO_STACK_LOCATION location, const ControlArguments& arguments)
     parameters.OutputBufferLength = arguments.OutputLength;
 }
 
+// The driver gets the caller's addresses. True if it has answered, with the service's status.
+bool ControlFast(Request& request, const ControlArguments& arguments, NTSTATUS* status)
+{
+    PDEVICE_OBJECT const device = request.Device();
+    if (!request.MayBeFast() || !FastIoRoutine(device, &_FAST_IO_DISPATCH::FastIoDeviceControl)) return false;
+    // What a packet would have locked is to be good here too.
+    if (arguments.Method() == METHOD_OUT_DIRECT) {
+        *status = zw::ProbeUserForWrite(arguments.Output, arguments.OutputLength, 1, arguments.Mode);
+        if (!NT_SUCCESS(*status)) return true;
+    }
+    request.LockFile();
+    IO_STATUS_BLOCK result{};
+    if (!DoneFast(device, "FastIoDeviceControl", &_FAST_IO_DISPATCH::FastIoDeviceControl, &result, request.File(),
+                  BOOLEAN{TRUE}, arguments.Input, arguments.InputLength, arguments.Output, arguments.OutputLength,
+                  arguments.Code))
+        return false;
+    *status = request.EndFast(result);
+    return true;
+}
+
 NTSTATUS Control(UCHAR major, ControlArguments arguments, const ServiceCaller& caller, HANDLE file)
 {
     NTSTATUS status = ProbeBuffers(&arguments);
@@ -67,6 +89,7 @@ NTSTATUS Control(UCHAR major, ControlArguments arguments, const ServiceCaller& c
     Request request;
     status = request.Open(caller, file, arguments.Access(), Service::Asynchronous);
     if (!NT_SUCCESS(status)) return status;
+    if (major == IRP_MJ_DEVICE_CONTROL && ControlFast(request, arguments, &status)) return status;
     status = request.Build(major);
     if (!NT_SUCCESS(status)) return status;
     FillControl(request.Location(), arguments);

@@ -10,6 +10,7 @@
 #include "ex/pool_block.h"
 #include "io/device.h"
 #include "io/finish.h"
+#include "io/range_lock.h"
 #include "io/request.h"
 #include "ke/thread.h"
 
@@ -36,9 +37,14 @@ void SendCleanup(PFILE_OBJECT file)
     if (synchronous) UnlockFileObject(file);
 }
 
-void CloseFile(PEPROCESS, void* body, ACCESS_MASK, ULONG, ULONG remaining)
+// A process's locks go with its last handle; those of the last process with the cleanup.
+void CloseFile(PEPROCESS process, void* body, ACCESS_MASK, ULONG processRemaining, ULONG remaining)
 {
-    if (remaining == 0) SendCleanup(static_cast<PFILE_OBJECT>(body));
+    auto* const file = static_cast<PFILE_OBJECT>(body);
+    if (remaining == 0)
+        SendCleanup(file);
+    else if (processRemaining == 0)
+        UnlockAllOf(file, process);
 }
 
 void DeleteFile(void* body)
@@ -50,6 +56,7 @@ void DeleteFile(void* body)
         SendClosing(file, IRP_MJ_CLOSE);
     }
     if (file->FileName.Buffer) ExFreePoolWithTag(file->FileName.Buffer, 0);
+    UnbindPort(file);
     UncountOpen(file->DeviceObject);
 }
 

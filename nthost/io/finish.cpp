@@ -1,5 +1,5 @@
-// The end of a request. Whether the caller is told through its status block and event follows one rule (TellsCaller);
-// the rest is giving back what the request owned. Takes the lists' locks, one after the other.
+// The end of a request. Whether the caller is told, through status block, event, APC or port, follows one rule
+// (TellsCaller); the rest is giving back what the request owned. Takes the lists' locks, one after the other.
 #include "io/finish.h"
 
 #include <algorithm>
@@ -8,6 +8,7 @@
 #include <nthost/check.h>
 #include <nthost/process.h>
 
+#include "check/callout.h"
 #include "check/lock_order.h"
 #include "check/text.h"
 #include "io/file.h"
@@ -66,7 +67,7 @@ void SignalFile(PIRP irp)
 {
     PFILE_OBJECT const file = irp->Tail.Overlay.OriginalFileObject;
     file->FinalStatus = irp->IoStatus.Status;
-    KeSetEvent(&file->Event, IO_NO_INCREMENT, FALSE);
+    if (!(file->Flags & FO_SKIP_SET_EVENT)) KeSetEvent(&file->Event, IO_NO_INCREMENT, FALSE);
 }
 
 void TellCaller(PIRP irp, Pended pended)
@@ -83,6 +84,53 @@ void TellCaller(PIRP irp, Pended pended)
     }
 }
 
+void DiscardApc(ke::Apc* apc) { ReleaseRecord(CONTAINING_RECORD(apc, IrpRecord, Apc)); }
+
+// The packet has ended, but what was asked for still stands in it.
+void DeliverApc(ke::Apc* apc)
+{
+    const IRP& irp = CONTAINING_RECORD(apc, IrpRecord, Apc)->Irp;
+    const auto call = irp.Overlay.AsynchronousParameters;
+    PIO_STATUS_BLOCK const block = irp.UserIosb;
+    const bool isDrivers = irp.RequestorMode == KernelMode;
+    DiscardApc(apc);
+    if (isDrivers)
+        CallDriver(MustRestore::Everything, "APC routine", call.UserApcRoutine, call.UserApcContext, block, ULONG{0});
+    else
+        call.UserApcRoutine(call.UserApcContext, block, 0);
+}
+
+void ReleasePacket(CompletionPacket* packet) { ReleaseRecord(CONTAINING_RECORD(packet, IrpRecord, Packet)); }
+
+void PostApc(IrpRecord* record)
+{
+    const IRP& irp = record->Irp;
+    record->Apc = {{}, DeliverApc, DiscardApc};
+    HoldRecord(record);
+    if (!ke::QueueApc(irp.Tail.Overlay.Thread, irp.RequestorMode, &record->Apc)) ReleaseRecord(record);
+}
+
+void PostToPort(IrpRecord* record, const IO_COMPLETION_CONTEXT& port)
+{
+    const IRP& irp = record->Irp;
+    record->Packet = {{}, {port.Key, irp.Overlay.AsynchronousParameters.UserApcContext, irp.IoStatus}, ReleasePacket};
+    HoldRecord(record);
+    QueuePacket(static_cast<CompletionPort*>(port.Port), &record->Packet);
+}
+
+// An APC if one was asked for, else a packet if the file object has a port; after the events, before the request is off
+// its thread's list, which keeps the thread.
+void PostEnd(IrpRecord* record, Pended pended)
+{
+    PIRP const irp = &record->Irp;
+    if (!TellsCaller(irp, pended)) return;
+    const auto& asked = irp->Overlay.AsynchronousParameters;
+    if (asked.UserApcRoutine) return PostApc(record);
+    const IO_COMPLETION_CONTEXT* const port = PortOf(record->File);
+    const Inline how = pended == Pended::Yes ? Inline::No : Inline::Yes;
+    if (port && asked.UserApcContext && TellsPort(record->File, irp->IoStatus.Status, how)) PostToPort(record, *port);
+}
+
 // Buffers, caller, lists. The file reference of an asynchronous request is left to the caller of this.
 NTSTATUS EndRequest(IrpRecord* record, Pended pended, IO_STATUS_BLOCK* result)
 {
@@ -90,7 +138,10 @@ NTSTATUS EndRequest(IrpRecord* record, Pended pended, IO_STATUS_BLOCK* result)
     EndBuffers(record);
     const NTSTATUS status = irp->IoStatus.Status;
     if (result) *result = irp->IoStatus;
-    if (record->File) TellCaller(irp, pended); // what the I/O manager asks for itself concerns no caller's event
+    if (record->File) { // what the I/O manager asks for itself concerns no caller
+        TellCaller(irp, pended);
+        PostEnd(record, pended);
+    }
     // After the caller was told: a thread that cancels its requests and waits for their end finds its status blocks
     // filled.
     Delist(record);
@@ -156,6 +207,7 @@ void Disown(IrpRecord* record)
     DetachFromThread(record); // which would wait for it at its end
     record->How = Issue::Asynchronous;
     irp->UserIosb = nullptr;
+    irp->Overlay.AsynchronousParameters = {};
     irp->Flags &= ~IRP_INPUT_OPERATION;
 }
 
@@ -174,13 +226,24 @@ void NoteQueueWait(PDEVICE_OBJECT device, const IrpRecord* record)
     NoteLockOrder(thread, queue);
 }
 
+// On a file object that was opened for alertable I/O, an alert or an APC for the thread cancels the request.
+void AwaitDone(IrpRecord* record)
+{
+    PIRP const irp = &record->Irp;
+    const bool alertable = OnSynchronousFile(irp) && (irp->Tail.Overlay.OriginalFileObject->Flags & FO_ALERTABLE_IO);
+    const KPROCESSOR_MODE mode = alertable ? irp->RequestorMode : static_cast<KPROCESSOR_MODE>(KernelMode);
+    if (KeWaitForSingleObject(&record->Done, Executive, mode, alertable, nullptr) == STATUS_SUCCESS) return;
+    IoCancelIrp(irp);
+    (void)KeWaitForSingleObject(&record->Done, Executive, KernelMode, FALSE, nullptr);
+}
+
 // True when the request has come to its end and is the caller's; false when an asynchronous one is still out.
 bool AwaitEnd(PDEVICE_OBJECT device, IrpRecord* record)
 {
     if (record->How == Issue::Asynchronous) return LeaveDispatch(record);
     if (NTHOST_CHECKS) NoteQueueWait(device, record);
     KeInitializeEvent(&record->Done, NotificationEvent, FALSE);
-    if (!LeaveDispatch(record)) KeWaitForSingleObject(&record->Done, Executive, KernelMode, FALSE, nullptr);
+    if (!LeaveDispatch(record)) AwaitDone(record);
     return true;
 }
 

@@ -10,6 +10,8 @@
 #include <ntifs.h>
 
 #include "check/stack.h"
+#include "io/completion_port.h"
+#include "ke/apc.h"
 
 namespace nthost::io {
 
@@ -58,6 +60,9 @@ struct IrpRecord {
     ULONG OutputLength;                 // room in UserBuffer for a buffered request's output
     std::atomic<const void*> Queue;     // the semaphore that it was pended with, if that is known; with checks on
     WORK_QUEUE_ITEM Drop;
+    // How the caller is told of the end beyond its events: one of the two. The record is held until it has been.
+    ke::Apc Apc;
+    CompletionPacket Packet;
     LocationTrace Trace[TracedLocations];
 
     alignas(16) IRP Irp; // the stack locations follow

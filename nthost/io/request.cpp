@@ -8,6 +8,7 @@
 
 #include <nthost/faults.h>
 
+#include "io/completion_port.h"
 #include "io/file.h"
 #include "io/finish.h"
 #include "io/outstanding.h"
@@ -63,10 +64,10 @@ NTSTATUS Request::Open(const ServiceCaller& caller, HANDLE file, ACCESS_MASK acc
     mode_ = caller.Mode;
     service_ = service;
     statusBlock_ = caller.StatusBlock;
+    apcRoutine_ = caller.ApcRoutine;
     apcContext_ = caller.ApcContext;
     NTSTATUS status = zw::ProbeUser(statusBlock_, mode_);
     if (!NT_SUCCESS(status)) return status;
-    if (caller.ApcRoutine) return STATUS_NOT_SUPPORTED;
 
     void* object;
     OBJECT_HANDLE_INFORMATION information;
@@ -75,6 +76,8 @@ NTSTATUS Request::Open(const ServiceCaller& caller, HANDLE file, ACCESS_MASK acc
     file_ = static_cast<PFILE_OBJECT>(object);
     granted_ = information.GrantedAccess;
     device_ = IoGetRelatedDeviceObject(file_);
+    // One of the two would never be told.
+    if (mode_ != KernelMode && apcRoutine_ && PortOf(file_)) return STATUS_INVALID_PARAMETER;
     return ReferenceEvent(caller.Event);
 }
 
@@ -83,13 +86,27 @@ NTSTATUS Request::RequireAny(ACCESS_MASK access) const
     return mode_ == KernelMode || (granted_ & access) ? STATUS_SUCCESS : STATUS_ACCESS_DENIED;
 }
 
+void Request::LockFile()
+{
+    if (fileLocked_ || !(file_->Flags & FO_SYNCHRONOUS_IO)) return;
+    LockFileObject(file_);
+    fileLocked_ = true;
+}
+
+NTSTATUS Request::EndFast(const IO_STATUS_BLOCK& result)
+{
+    result_ = result;
+    const NTSTATUS written = zw::WriteUser(statusBlock_, result, mode_);
+    if (event_ && !(file_->Flags & FO_SKIP_SET_FAST_IO)) KeSetEvent(event_, IO_NO_INCREMENT, FALSE);
+    if (const auto* const port = PortOf(file_); port && apcContext_ && TellsPort(file_, result.Status, Inline::Yes))
+        (void)PostPacket(static_cast<CompletionPort*>(port->Port), port->Key, apcContext_, result);
+    return NT_SUCCESS(written) ? result.Status : written;
+}
+
 NTSTATUS Request::Build(UCHAR major, UCHAR minor)
 {
     const bool synchronousFile = file_->Flags & FO_SYNCHRONOUS_IO;
-    if (synchronousFile) {
-        LockFileObject(file_);
-        fileLocked_ = true;
-    }
+    LockFile();
     if (event_) KeClearEvent(event_);
     const bool waitsApart = service_ == Service::AlwaysWaits && !synchronousFile;
     if (!waitsApart) KeClearEvent(&file_->Event);
@@ -102,6 +119,7 @@ NTSTATUS Request::Build(UCHAR major, UCHAR minor)
     irp->RequestorMode = mode_;
     irp->UserIosb = statusBlock_;
     irp->UserEvent = event_;
+    irp->Overlay.AsynchronousParameters.UserApcRoutine = apcRoutine_;
     irp->Overlay.AsynchronousParameters.UserApcContext = apcContext_;
     Location()->MinorFunction = minor;
     return STATUS_SUCCESS;

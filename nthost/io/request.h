@@ -29,13 +29,20 @@ public:
     Request& operator=(const Request&) = delete;
 
     // Probes the status block and references file and event. The handle must have all of `access`; a service with
-    // another rule asks Granted. STATUS_NOT_SUPPORTED for an APC routine: there are no user APCs here.
+    // another rule asks Granted. STATUS_INVALID_PARAMETER for a user-mode caller's APC on a file object with a port.
     [[nodiscard]] NTSTATUS Open(const ServiceCaller& caller, HANDLE file, ACCESS_MASK access, Service service);
     PFILE_OBJECT File() const { return file_; }
     PDEVICE_OBJECT Device() const { return device_; }
     ACCESS_MASK Granted() const { return granted_; }
     // For rights of which one is enough; kernel-mode callers need none.
     [[nodiscard]] NTSTATUS RequireAny(ACCESS_MASK access) const;
+
+    // --- fast I/O, between Open and Build. An APC that was asked for needs a packet to come with.
+    bool MayBeFast() const { return !apcRoutine_; }
+    // For a file object for synchronous I/O; Build does it too.
+    void LockFile();
+    // The driver has done it without a packet: tells the caller. The service's status.
+    [[nodiscard]] NTSTATUS EndFast(const IO_STATUS_BLOCK& result);
 
     // Takes the file object's lock if it is for synchronous I/O, clears the events, makes the packet.
     [[nodiscard]] NTSTATUS Build(UCHAR major, UCHAR minor = 0);
@@ -65,6 +72,7 @@ private:
     KPROCESSOR_MODE mode_ = KernelMode;
     Service service_ = Service::AlwaysWaits;
     PIO_STATUS_BLOCK statusBlock_ = nullptr;
+    PIO_APC_ROUTINE apcRoutine_ = nullptr;
     PVOID apcContext_ = nullptr;
     PFILE_OBJECT file_ = nullptr;
     PDEVICE_OBJECT device_ = nullptr;

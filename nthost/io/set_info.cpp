@@ -1,5 +1,6 @@
-// Changes of file information. Mode and, on a file object for synchronous I/O, position are the file object's own and
-// never reach the driver. A rename or link to a path comes with the target directory opened.
+// Changes of file information. Mode, completion port and, on a file object for synchronous I/O, position are the file
+// object's own and never reach the driver. A rename or link to a path comes with the target directory opened.
+#include "io/completion_port.h"
 #include "io/file.h"
 #include "io/info_class.h"
 #include "io/rename_target.h"
@@ -26,6 +27,8 @@ constexpr InfoClass Classes[] = {
     {FileObjectIdInformation, 72, 8, FILE_WRITE_DATA},
     {FileValidDataLengthInformation, sizeof(FILE_VALID_DATA_LENGTH_INFORMATION), 8, FILE_WRITE_DATA},
     {FileShortNameInformation, sizeof(FILE_NAME_INFORMATION), 4, DELETE},
+    {FileCompletionInformation, sizeof(FILE_COMPLETION_INFORMATION), 8, 0},
+    {FileIoCompletionNotificationInformation, sizeof(FILE_IO_COMPLETION_NOTIFICATION_INFORMATION), 4, 0},
 };
 
 struct Change {
@@ -94,6 +97,31 @@ NTSTATUS SetMode(const Change& change, PFILE_OBJECT file)
     return AnswerDone(change);
 }
 
+NTSTATUS SetPort(const Change& change, PFILE_OBJECT file)
+{
+    FILE_COMPLETION_INFORMATION binding;
+    NTSTATUS status =
+        zw::ReadUser(static_cast<const FILE_COMPLETION_INFORMATION*>(change.Buffer), &binding, change.Mode);
+    if (NT_SUCCESS(status)) status = BindPort(file, binding, change.Mode);
+    return NT_SUCCESS(status) ? AnswerDone(change) : status;
+}
+
+NTSTATUS SetNotification(const Change& change, PFILE_OBJECT file)
+{
+    constexpr ULONG Known =
+        FILE_SKIP_COMPLETION_PORT_ON_SUCCESS | FILE_SKIP_SET_EVENT_ON_HANDLE | FILE_SKIP_SET_USER_EVENT_ON_FAST_IO;
+    FILE_IO_COMPLETION_NOTIFICATION_INFORMATION wanted;
+    const NTSTATUS status = zw::ReadUser(static_cast<const FILE_IO_COMPLETION_NOTIFICATION_INFORMATION*>(change.Buffer),
+                                         &wanted, change.Mode);
+    if (!NT_SUCCESS(status)) return status;
+    if ((wanted.Flags & ~Known) || (file->Flags & FO_SYNCHRONOUS_IO)) return STATUS_INVALID_PARAMETER;
+    // Nobody takes them back: a request on its way may count on what it saw.
+    if (wanted.Flags & FILE_SKIP_COMPLETION_PORT_ON_SUCCESS) SetFlag(file, FO_SKIP_COMPLETION_PORT, true);
+    if (wanted.Flags & FILE_SKIP_SET_EVENT_ON_HANDLE) SetFlag(file, FO_SKIP_SET_EVENT, true);
+    if (wanted.Flags & FILE_SKIP_SET_USER_EVENT_ON_FAST_IO) SetFlag(file, FO_SKIP_SET_FAST_IO, true);
+    return AnswerDone(change);
+}
+
 bool NameFits(const FILE_RENAME_INFORMATION& info, ULONG length)
 {
     return info.FileNameLength % sizeof(WCHAR) == 0 &&
@@ -133,6 +161,8 @@ NTSTATUS Apply(const Change& change, Request& request)
 {
     PFILE_OBJECT const file = request.File();
     if (change.Class == FileModeInformation) return SetMode(change, file);
+    if (change.Class == FileCompletionInformation) return SetPort(change, file);
+    if (change.Class == FileIoCompletionNotificationInformation) return SetNotification(change, file);
     const bool isPosition = change.Class == FilePositionInformation && (file->Flags & FO_SYNCHRONOUS_IO);
     return isPosition ? SetPosition(change, file) : AskDriver(change, request);
 }

@@ -1,5 +1,6 @@
 // Reading and writing: access, position and alignment rules. How the data travels is the device's choice. The file
 // object's own position is taken under its lock, which the request holds from Build on; the file system moves it.
+#include "io/fast_io.h"
 #include "io/request.h"
 #include "io/service.h"
 #include "zw/capture.h"
@@ -95,6 +96,11 @@ bool IsAligned(const Transfer& transfer, const Position& position, const Request
                                            : request.Input(transfer.Buffer, transfer.Length);
 }
 
+LARGE_INTEGER OffsetOf(const Position& position, PFILE_OBJECT file)
+{
+    return position.Base == Position::From::Current ? file->CurrentByteOffset : position.Offset;
+}
+
 template <typename Parameters>
 void Fill(Parameters& parameters, const Transfer& transfer, ULONG key, LARGE_INTEGER offset)
 {
@@ -107,7 +113,7 @@ void FillRequest(Request& request, const Transfer& transfer, ULONG key, const Po
 {
     PFILE_OBJECT const file = request.File();
     // Under the file object's lock: two requests do not get the same bytes.
-    const LARGE_INTEGER offset = position.Base == Position::From::Current ? file->CurrentByteOffset : position.Offset;
+    const LARGE_INTEGER offset = OffsetOf(position, file);
     PIO_STACK_LOCATION const location = request.Location();
     request.Irp()->Flags |= IRP_DEFER_IO_COMPLETION;
     if (file->Flags & FO_NO_INTERMEDIATE_BUFFERING) request.Irp()->Flags |= IRP_NOCACHE;
@@ -119,6 +125,34 @@ void FillRequest(Request& request, const Transfer& transfer, ULONG key, const Po
         if (file->Flags & FO_WRITE_THROUGH) location->Flags = SL_WRITE_THROUGH;
         Fill(location->Parameters.Write, transfer, key, offset);
     }
+}
+
+// A read's and a write's routine have one type.
+constexpr PFAST_IO_READ _FAST_IO_DISPATCH::*FastSlots[] = {&_FAST_IO_DISPATCH::FastIoRead,
+                                                           &_FAST_IO_DISPATCH::FastIoWrite};
+
+// Outcomes that count; any other is the packet's to find out again.
+bool IsFinal(NTSTATUS status, Direction way)
+{
+    if (status == STATUS_SUCCESS) return true;
+    return way == Direction::Read && (status == STATUS_BUFFER_OVERFLOW || status == STATUS_END_OF_FILE);
+}
+
+// From and to a cache, which the file system says with PrivateCacheMap that there is; and only for synchronous I/O. The
+// driver gets the caller's address, and moves the position.
+bool MoveFast(Request& request, const Transfer& transfer, ULONG key, const Position& position, NTSTATUS* status)
+{
+    PFILE_OBJECT const file = request.File();
+    if (!request.MayBeFast() || !(file->Flags & FO_SYNCHRONOUS_IO) || !file->PrivateCacheMap) return false;
+    request.LockFile();
+    LARGE_INTEGER offset = OffsetOf(position, file);
+    IO_STATUS_BLOCK result{};
+    const bool reads = transfer.Way == Direction::Read;
+    const bool done = DoneFast(request.Device(), reads ? "FastIoRead" : "FastIoWrite", FastSlots[reads ? 0 : 1],
+                               &result, file, &offset, transfer.Length, BOOLEAN{TRUE}, key, transfer.Buffer);
+    if (!done || !IsFinal(result.Status, transfer.Way)) return false;
+    *status = request.EndFast(result);
+    return true;
 }
 
 [[nodiscard]] NTSTATUS IssueTransfer(Request& request, const Transfer& transfer, ULONG key, const Position& position)
@@ -143,6 +177,7 @@ NTSTATUS Move(const Transfer& transfer, const ServiceCaller& caller, HANDLE file
     status = CapturePosition(transfer, request, &position);
     if (!NT_SUCCESS(status)) return status;
     if (!IsAligned(transfer, position, request)) return STATUS_INVALID_PARAMETER;
+    if (MoveFast(request, transfer, key, position, &status)) return status;
     return IssueTransfer(request, transfer, key, position);
 }
 

@@ -4,8 +4,9 @@
 #include <nthost/pool.h>
 
 #include "check/lock_order.h"
-#include "ex/live_resources.h"
+#include "ex/live.h"
 #include "ex/work.h"
+#include "ke/clock.h"
 #include "ps/threads.h"
 
 namespace nthost::ke {
@@ -21,14 +22,21 @@ void Boot(unsigned systemWorkers)
     allocationsAtBoot = PoolAllocations();
     ps::BootProcesses();
     ex::BootWorkers(systemWorkers);
+    StartClock();
 }
 
-void StopWorkers() { ex::ShutdownWorkers(); }
+// Work may wait for timers, and deferred calls may queue work: the clock stops when nothing is left of the first.
+void StopWorkers()
+{
+    ex::DrainWorkItems();
+    StopClock();
+    ex::ShutdownWorkers();
+}
 
 void Shutdown(std::vector<std::string>& leaks)
 {
     ps::ShutdownProcesses(leaks);
-    ex::ReportLiveResources(leaks);
+    ex::ReportLive(leaks);
     for (const PoolBlock& block : LivePoolBlocks(allocationsAtBoot)) leaks.push_back(PoolBlockText(block));
     ForgetAllLocks();
 }

@@ -6,13 +6,14 @@
 
 namespace nthost::ke {
 
-// Makes the system process and the first user process, attaches the calling thread to the latter, starts the workers.
+// Makes the system process and the first user process, attaches the calling thread to the latter, starts the workers
+// and the clock.
 void Boot(unsigned systemWorkers);
-// Runs out the work queues and ends the workers; after it no work item may be queued. The calling thread stays
-// attached.
+// Runs out the work queues, ends the clock and the workers; after it no work item may be queued. The calling thread
+// stays attached.
 void StopWorkers();
-// Reports system threads that still run, resources not deleted and live pool blocks, closes the first user process and
-// the system process with their handles, and detaches the calling thread.
+// Reports system threads that still run, resources and the like not deleted and live pool blocks, closes the first user
+// process and the system process with their handles, and detaches the calling thread.
 void Shutdown(std::vector<std::string>& leaks);
 
 } // namespace nthost::ke

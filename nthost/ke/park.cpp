@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <ctime>
 #include <linux/futex.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -32,6 +33,8 @@ bool ParkOnAddress(std::atomic<uint32_t>* word, uint32_t expected, int64_t deadl
 }
 
 void UnparkAddress(std::atomic<uint32_t>* word, unsigned count) { syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, count); }
+
+void GiveWay() { sched_yield(); }
 
 void LockWordContended(std::atomic<uint32_t>& word)
 {

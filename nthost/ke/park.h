@@ -13,5 +13,7 @@ constexpr int64_t NoDeadline = INT64_MAX;
 // only when the deadline has passed.
 bool ParkOnAddress(std::atomic<uint32_t>* word, uint32_t expected, int64_t deadline = NoDeadline);
 void UnparkAddress(std::atomic<uint32_t>* word, unsigned count);
+// Lets another thread run that can.
+void GiveWay();
 
 } // namespace nthost::ke

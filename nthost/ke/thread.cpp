@@ -8,6 +8,7 @@
 
 #include "check/fatal.h"
 #include "check/text.h"
+#include "ke/apc.h"
 #include "ke/current.h"
 #include "ke/wait.h"
 
@@ -40,6 +41,16 @@ int64_t SystemTimeNow() { return Nanoseconds(CLOCK_REALTIME) / 100 + kUnixEpoch;
 
 using namespace nthost;
 
+static void Leave(uint32_t _ETHREAD::*depth, const char* kind)
+{
+    _ETHREAD* const thread = ke::CurrentThread();
+    if (thread->*depth)
+        --(thread->*depth);
+    else if (NTHOST_CHECKS)
+        ReportFinding(Format("%s-region-underflow", kind), Format("a %s region is left that was not entered", kind));
+    ke::AllowKernelApcs(thread);
+}
+
 PKTHREAD NTAPI KeGetCurrentThread(VOID) { return ke::CurrentThread(); }
 
 KIRQL NTAPI KeGetCurrentIrql(VOID) { return ke::CurrentThread()->Irql; }
@@ -60,19 +71,32 @@ VOID NTAPI KeLowerIrql(KIRQL NewIrql)
     if (NTHOST_CHECKS && NewIrql > thread->Irql)
         ReportFinding("irql-not-lowered", Format("lowering from %u to %u", thread->Irql, NewIrql));
     thread->Irql = NewIrql;
+    ke::AllowKernelApcs(thread);
 }
 
 VOID NTAPI KeEnterCriticalRegion(VOID) { ++ke::CurrentThread()->ApcDisable; }
 
-VOID NTAPI KeLeaveCriticalRegion(VOID)
+VOID NTAPI KeLeaveCriticalRegion(VOID) { Leave(&_ETHREAD::ApcDisable, "critical"); }
+
+VOID NTAPI KeEnterGuardedRegion(VOID) { ++ke::CurrentThread()->GuardedRegions; }
+
+VOID NTAPI KeLeaveGuardedRegion(VOID) { Leave(&_ETHREAD::GuardedRegions, "guarded"); }
+
+BOOLEAN NTAPI KeAreApcsDisabled(VOID) { return ke::AreApcsDisabled(ke::CurrentThread()); }
+
+BOOLEAN NTAPI KeAreAllApcsDisabled(VOID)
 {
-    _ETHREAD* const thread = ke::CurrentThread();
-    if (thread->ApcDisable)
-        --thread->ApcDisable;
-    else if (NTHOST_CHECKS)
-        ReportFinding("critical-region-underflow", "a critical region is left that was not entered");
+    const _ETHREAD* const thread = ke::CurrentThread();
+    return thread->GuardedRegions != 0 || thread->Irql >= APC_LEVEL;
 }
 
-BOOLEAN NTAPI KeAreApcsDisabled(VOID) { return ke::CurrentThread()->ApcDisable != 0; }
-
 VOID NTAPI KeQuerySystemTime(PLARGE_INTEGER CurrentTime) { CurrentTime->QuadPart = ke::SystemTimeNow(); }
+
+LARGE_INTEGER NTAPI KeQueryPerformanceCounter(PLARGE_INTEGER PerformanceFrequency)
+{
+    constexpr LONGLONG Frequency = 10000000;
+    LARGE_INTEGER ticks;
+    if (PerformanceFrequency) PerformanceFrequency->QuadPart = Frequency;
+    ticks.QuadPart = ke::MonotonicNow() / (1000000000 / Frequency);
+    return ticks;
+}

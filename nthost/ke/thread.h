@@ -16,10 +16,13 @@ class HandleTable;
 namespace se {
 struct Token;
 }
+namespace ke {
+struct WaitRecord;
+}
 
 // A lock that the current thread holds: what it is, how often, in which mode, since where.
 struct HeldLock {
-    enum class Kind : uint8_t { Resource, SpinLock };
+    enum class Kind : uint8_t { Resource, SpinLock, Mutex, FastMutex, GuardedMutex };
     void* Address;
     Kind LockKind;
     uint32_t Shared;    // times held shared
@@ -44,9 +47,10 @@ struct _ETHREAD {
     KPROCESSOR_MODE PreviousMode;
     bool IsSystemThread;
     KIRQL Irql;
-    uint32_t ApcDisable; // nesting of critical regions
-    PIRP TopLevelIrp;    // a request or one of the FSRTL_..._TOP_LEVEL_IRP markers
-    PNT_GUARD Guard;     // innermost
+    uint32_t ApcDisable;     // nesting of critical regions
+    uint32_t GuardedRegions; // of guarded ones
+    PIRP TopLevelIrp;        // a request or one of the FSRTL_..._TOP_LEVEL_IRP markers
+    PNT_GUARD Guard;         // innermost
     NTSTATUS ExitStatus;
     std::vector<nthost::HeldLock> Held; // locks held now, in order of acquisition
     std::vector<const void*> AtWork;    // what else others wait for until it is done (check/lock_order.h)
@@ -67,6 +71,13 @@ struct _ETHREAD {
     std::vector<void*> Disowned;
     std::atomic<bool> HasDisowned;
     LIST_ENTRY LiveLink; // in ps's list of running threads
+    // Under the dispatcher lock:
+    nthost::ke::WaitRecord* Wait;    // what it is blocked in
+    LIST_ENTRY Apcs[MaximumMode];    // queued, by mode (ModeIndex)
+    bool Alerted[MaximumMode];       // by the mode of who alerted it
+    bool ApcsClosed;                 // it ends
+    std::atomic<bool> HasKernelApcs; // read without the lock
+    bool UserApcPending;             // the thread's own: its queue is run when its service returns to user mode
 };
 
 namespace nthost::ke {
@@ -76,6 +87,17 @@ namespace nthost::ke {
 extern constinit thread_local _ETHREAD* currentThread;
 
 [[noreturn]] void NotAttached();
+
+constexpr size_t ModeIndex(KPROCESSOR_MODE mode) { return mode == KernelMode ? 0 : 1; }
+
+// Whether normal kernel APCs stay away: in a critical or guarded region, with a mutex, at APC_LEVEL (fast mutexes).
+inline bool AreApcsDisabled(const _ETHREAD* thread)
+{
+    if (thread->ApcDisable || thread->GuardedRegions) return true;
+    for (const HeldLock& held : thread->Held)
+        if (held.LockKind == HeldLock::Kind::Mutex) return true;
+    return false;
+}
 
 // The current thread's record, or null for a thread that is not attached to a process.
 inline _ETHREAD* CurrentThreadOrNull() { return currentThread; }

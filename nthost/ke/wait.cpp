@@ -1,57 +1,88 @@
-// Dispatcher objects: events, semaphores, threads and processes, and the waits for them. One dispatcher lock guards
-// every signal state and every list of waiters, so that a wait for all of several objects takes them in one step.
-// A signal releases as many waiters as it satisfies and no more; each is woken once. There are no user APCs here: an
-// alertable wait is accepted and never ends early. An absolute timeout is turned into a relative one when the wait
-// begins, so setting the clock does not move it.
+// The waits: for one object or several, for nothing but time, alertable or not. A signal releases as many waiters as it
+// satisfies and no more; each is woken once. What is signalled already satisfies a wait before an alert or a queued APC
+// is looked at, and those come before a timeout of zero. An absolute timeout is turned into a relative one when the
+// wait begins, so setting the clock does not move it.
 #include "ke/wait.h"
 
-#include <ctime>
-#include <mutex>
+#include <utility>
 
 #include <nthost/check.h>
 
 #include "check/fatal.h"
 #include "check/lock_order.h"
+#include "ke/apc.h"
+#include "ke/dispatcher.h"
+#include "ke/held.h"
 #include "ke/word_lock.h"
 
 namespace nthost::ke {
 
-namespace {
-
 WordLock dispatcherLock;
 
-struct WaitRecord;
+// On the waiter's stack.
+struct WaitRecord {
+    _ETHREAD* Thread;
+    struct WaitBlock* Blocks;
+    ULONG Count;
+    WAIT_TYPE Type;
+    KPROCESSOR_MODE Mode;
+    bool Alertable;
+    bool TakesKernelApcs;
+    void* Where;        // return address, for the record of mutexes
+    bool Ended = false; // its blocks are out of every list; the wake-up has come or is on its way
+    NTSTATUS Result = STATUS_SUCCESS;
+    WaitRecord* NextToWake = nullptr;
+};
 
 // One object of one wait, in the object's list of waiters. On the waiter's stack.
 struct WaitBlock {
     LIST_ENTRY Link;
     DISPATCHER_HEADER* Object;
     WaitRecord* Record;
-    ULONG Index;
+    bool IsMutex; // other objects may be gone when the wait has ended
 };
 
-struct WaitRecord {
-    _ETHREAD* Thread;
-    WaitBlock* Blocks;
-    ULONG Count;
-    WAIT_TYPE Type;
-    bool Satisfied; // its blocks are out of every list; the wake-up has come or is on its way
-    NTSTATUS Result;
-    WaitRecord* NextToWake;
-};
+namespace {
 
-using WakeChain = WaitRecord*;
-
-void Consume(DISPATCHER_HEADER* object)
+// A mutex is there for its owner too.
+bool IsSignalled(const DISPATCHER_HEADER* object, const _ETHREAD* thread)
 {
-    if (object->Type == SynchronizationEvent) object->SignalState = 0;
-    if (object->Type == kSemaphoreObject) --object->SignalState;
+    if (object->SignalState > 0) return true;
+    return object->Type == kMutexObject && CONTAINING_RECORD(object, KMUTANT, Header)->OwnerThread == thread;
+}
+
+// States are read without the lock too.
+void SetState(DISPATCHER_HEADER* object, LONG state)
+{
+    __atomic_store_n(&object->SignalState, state, __ATOMIC_RELEASE);
+}
+
+// True if the mutex was left behind by an owner that ended.
+bool TakeMutex(DISPATCHER_HEADER* object, _ETHREAD* thread)
+{
+    auto* const mutex = CONTAINING_RECORD(object, KMUTANT, Header);
+    SetState(object, object->SignalState - 1);
+    mutex->OwnerThread = thread;
+    const bool abandoned = mutex->Abandoned;
+    mutex->Abandoned = FALSE;
+    return abandoned;
+}
+
+bool Consume(DISPATCHER_HEADER* object, _ETHREAD* thread)
+{
+    switch (object->Type) {
+    case SynchronizationEvent:
+    case kTimerObject + SynchronizationTimer: SetState(object, 0); return false;
+    case kSemaphoreObject: SetState(object, object->SignalState - 1); return false;
+    case kMutexObject: return TakeMutex(object, thread);
+    default: return false;
+    }
 }
 
 bool AllSignalled(const WaitRecord& wait)
 {
     for (ULONG i = 0; i < wait.Count; ++i)
-        if (wait.Blocks[i].Object->SignalState <= 0) return false;
+        if (!IsSignalled(wait.Blocks[i].Object, wait.Thread)) return false;
     return true;
 }
 
@@ -60,14 +91,15 @@ bool TrySatisfy(WaitRecord& wait)
 {
     if (wait.Type == WaitAll) {
         if (!AllSignalled(wait)) return false;
-        for (ULONG i = 0; i < wait.Count; ++i) Consume(wait.Blocks[i].Object);
-        wait.Result = STATUS_WAIT_0;
+        bool abandoned = false;
+        for (ULONG i = 0; i < wait.Count; ++i) abandoned |= Consume(wait.Blocks[i].Object, wait.Thread);
+        wait.Result = abandoned ? STATUS_ABANDONED_WAIT_0 : STATUS_WAIT_0;
         return true;
     }
     for (ULONG i = 0; i < wait.Count; ++i) {
-        if (wait.Blocks[i].Object->SignalState <= 0) continue;
-        Consume(wait.Blocks[i].Object);
-        wait.Result = STATUS_WAIT_0 + static_cast<NTSTATUS>(i);
+        if (!IsSignalled(wait.Blocks[i].Object, wait.Thread)) continue;
+        const bool abandoned = Consume(wait.Blocks[i].Object, wait.Thread);
+        wait.Result = (abandoned ? STATUS_ABANDONED_WAIT_0 : STATUS_WAIT_0) + static_cast<NTSTATUS>(i);
         return true;
     }
     return false;
@@ -76,61 +108,30 @@ bool TrySatisfy(WaitRecord& wait)
 void Enqueue(WaitRecord& wait)
 {
     for (ULONG i = 0; i < wait.Count; ++i) InsertTailList(&wait.Blocks[i].Object->WaitListHead, &wait.Blocks[i].Link);
+    wait.Thread->Wait = &wait;
 }
 
 void Dequeue(WaitRecord& wait)
 {
     for (ULONG i = 0; i < wait.Count; ++i) RemoveEntryList(&wait.Blocks[i].Link);
+    wait.Thread->Wait = nullptr;
 }
 
-// Hands the object's new state to waiters, first come first served. Waits for all that lack another object are passed
-// over. A waiter that leaves may have had several blocks in this very list, so the walk begins anew after each.
-WakeChain ReleaseWaiters(DISPATCHER_HEADER* object)
+// True, with the status, if an alertable wait must not begin.
+bool Alerted(WaitRecord& wait)
 {
-    WakeChain first = nullptr;
-    WakeChain* last = &first;
-    LIST_ENTRY* entry = object->WaitListHead.Flink;
-    while (entry != &object->WaitListHead && object->SignalState > 0) {
-        WaitRecord& wait = *CONTAINING_RECORD(entry, WaitBlock, Link)->Record;
-        entry = entry->Flink;
-        if (!TrySatisfy(wait)) continue;
-        Dequeue(wait);
-        wait.Satisfied = true;
-        wait.NextToWake = nullptr;
-        *last = &wait;
-        last = &wait.NextToWake;
-        entry = object->WaitListHead.Flink;
-    }
-    return first;
-}
-
-// Without the lock: the woken may free the objects, and their own records, at once.
-void WakeAll(WakeChain chain)
-{
-    while (chain) {
-        WaitRecord* const next = chain->NextToWake;
-        Wake(chain->Thread);
-        chain = next;
-    }
-}
-
-// Sets the state and releases whom it satisfies; returns the state before.
-LONG Signal(DISPATCHER_HEADER* object, LONG state)
-{
-    std::unique_lock lock(dispatcherLock);
-    const LONG before = object->SignalState;
-    __atomic_store_n(&object->SignalState, state, __ATOMIC_RELEASE);
-    if (IsListEmpty(&object->WaitListHead)) return before;
-    const WakeChain chain = ReleaseWaiters(object);
-    lock.unlock();
-    WakeAll(chain);
-    return before;
-}
-
-LONG Reset(DISPATCHER_HEADER* object)
-{
-    std::lock_guard lock(dispatcherLock);
-    return __atomic_exchange_n(&object->SignalState, 0, __ATOMIC_RELEASE);
+    if (!wait.Alertable) return false;
+    _ETHREAD* const thread = wait.Thread;
+    const bool hasApcs = wait.Mode != KernelMode && !IsListEmpty(&thread->Apcs[UserMode]);
+    if (std::exchange(thread->Alerted[ModeIndex(wait.Mode)], false))
+        wait.Result = STATUS_ALERTED;
+    else if (hasApcs)
+        wait.Result = STATUS_USER_APC;
+    else if (std::exchange(thread->Alerted[KernelMode], false))
+        wait.Result = STATUS_ALERTED;
+    else
+        return false;
+    return true;
 }
 
 int64_t DeadlineOf(const LARGE_INTEGER* timeout)
@@ -151,66 +152,144 @@ void CheckMayBlock(const _ETHREAD* thread)
         ReportFinding("wait-above-apc-level", "a wait that may block, at IRQL " + std::to_string(thread->Irql));
 }
 
+void NoteMutexOrder(const WaitRecord& wait)
+{
+    for (ULONG i = 0; i < wait.Count; ++i)
+        if (wait.Blocks[i].IsMutex && !FindHeld(wait.Thread, wait.Blocks[i].Object))
+            NoteLockOrder(wait.Thread, wait.Blocks[i].Object);
+}
+
+// The thread's own record of what it took; whoever signalled could not write there.
+void NoteMutexes(const WaitRecord& wait)
+{
+    const auto index = static_cast<ULONG>(wait.Result & ~STATUS_ABANDONED_WAIT_0);
+    for (ULONG i = 0; i < wait.Count; ++i)
+        if (wait.Blocks[i].IsMutex && (wait.Type == WaitAll || i == index))
+            NoteHeld(wait.Thread, wait.Blocks[i].Object, HeldLock::Kind::Mutex, HoldMode::Exclusive, wait.Where);
+}
+
+bool TookObjects(NTSTATUS result) { return (result & ~STATUS_ABANDONED_WAIT_0) < MAXIMUM_WAIT_OBJECTS; }
+
 NTSTATUS Block(WaitRecord& wait, int64_t deadline)
 {
     if (AwaitWake(wait.Thread, deadline)) return wait.Result;
     {
         std::lock_guard lock(dispatcherLock);
-        if (!wait.Satisfied) {
+        if (!wait.Ended) {
             Dequeue(wait);
             return STATUS_TIMEOUT;
         }
     }
-    // Satisfied just as the time ran out: the waker still reads this record, on this stack.
+    // Ended just as the time ran out: the waker still reads this record, on this stack.
     AwaitWake(wait.Thread);
     return wait.Result;
 }
 
-NTSTATUS WaitUnnoted(WaitBlock* blocks, PVOID* objects, ULONG count, WAIT_TYPE type, const LARGE_INTEGER* timeout)
+NTSTATUS WaitOnce(WaitRecord& wait, bool onlyTests, int64_t deadline)
 {
-    WaitRecord wait{CurrentThread(), blocks, count, type, false, STATUS_SUCCESS, nullptr};
-    if (NTHOST_CHECKS && !OnlyTests(timeout)) CheckMayBlock(wait.Thread);
-    for (ULONG i = 0; i < count; ++i) {
-        blocks[i].Object = static_cast<DISPATCHER_HEADER*>(objects[i]);
-        blocks[i].Record = &wait;
-        blocks[i].Index = i;
-    }
     {
         std::lock_guard lock(dispatcherLock);
-        if (TrySatisfy(wait)) return wait.Result;
-        if (OnlyTests(timeout)) return STATUS_TIMEOUT;
+        if (wait.TakesKernelApcs && !IsListEmpty(&wait.Thread->Apcs[KernelMode])) return STATUS_KERNEL_APC;
+        if (TrySatisfy(wait) || Alerted(wait)) return wait.Result;
+        if (onlyTests) return STATUS_TIMEOUT;
         ArmWake(wait.Thread);
+        wait.Ended = false;
         Enqueue(wait);
     }
-    return Block(wait, DeadlineOf(timeout));
+    return Block(wait, deadline);
+}
+
+NTSTATUS WaitUnnoted(WaitRecord& wait, PVOID* objects, const LARGE_INTEGER* timeout)
+{
+    const bool onlyTests = OnlyTests(timeout);
+    if (NTHOST_CHECKS && !onlyTests) CheckMayBlock(wait.Thread);
+    for (ULONG i = 0; i < wait.Count; ++i) {
+        auto* const object = static_cast<DISPATCHER_HEADER*>(objects[i]);
+        wait.Blocks[i] = {{}, object, &wait, object->Type == kMutexObject};
+    }
+    if (NTHOST_CHECKS && !onlyTests) NoteMutexOrder(wait);
+    wait.TakesKernelApcs = wait.Thread->Irql < APC_LEVEL && !AreApcsDisabled(wait.Thread);
+    const int64_t deadline = onlyTests ? 0 : DeadlineOf(timeout);
+    NTSTATUS status;
+    while ((status = WaitOnce(wait, onlyTests, deadline)) == STATUS_KERNEL_APC) DeliverKernelApcs(wait.Thread);
+    if (TookObjects(status)) NoteMutexes(wait);
+    // The objects may be gone by now, the thread is here.
+    if (status == STATUS_USER_APC) wait.Thread->UserApcPending = true;
+    return status;
 }
 
 // A thread of a driver's own that comes for a permit is done with the work of the one before, and who gets one has
 // work. What is looked at after the wait is addresses: the objects may be gone.
-NTSTATUS WaitForWork(WaitBlock* blocks, PVOID* objects, ULONG count, WAIT_TYPE type, const LARGE_INTEGER* timeout)
+NTSTATUS WaitForWork(WaitRecord& wait, PVOID* objects, const LARGE_INTEGER* timeout)
 {
-    _ETHREAD* const thread = CurrentThread();
     bool isQueue[MAXIMUM_WAIT_OBJECTS];
-    for (ULONG i = 0; i < count; ++i) {
+    for (ULONG i = 0; i < wait.Count; ++i) {
         isQueue[i] = static_cast<DISPATCHER_HEADER*>(objects[i])->Type == kSemaphoreObject;
-        if (isQueue[i]) NoteDone(thread, objects[i]);
+        if (isQueue[i]) NoteDone(wait.Thread, objects[i]);
     }
-    const NTSTATUS status = WaitUnnoted(blocks, objects, count, type, timeout);
-    for (ULONG i = 0; i < count; ++i) {
+    const WAIT_TYPE type = wait.Type;
+    const NTSTATUS status = WaitUnnoted(wait, objects, timeout);
+    for (ULONG i = 0; i < wait.Count; ++i) {
         const bool taken =
             type == WaitAll ? status == STATUS_WAIT_0 : status == STATUS_WAIT_0 + static_cast<NTSTATUS>(i);
-        if (isQueue[i] && taken) NoteAtWork(thread, objects[i]);
+        if (isQueue[i] && taken) NoteAtWork(wait.Thread, objects[i]);
     }
     return status;
 }
 
-NTSTATUS Wait(WaitBlock* blocks, PVOID* objects, ULONG count, WAIT_TYPE type, const LARGE_INTEGER* timeout)
+NTSTATUS Wait(WaitRecord& wait, PVOID* objects, const LARGE_INTEGER* timeout)
 {
-    const bool noted = NTHOST_CHECKS && CurrentThread()->TakesWork;
-    return (noted ? WaitForWork : WaitUnnoted)(blocks, objects, count, type, timeout);
+    const bool noted = NTHOST_CHECKS && wait.Thread->TakesWork;
+    return (noted ? WaitForWork : WaitUnnoted)(wait, objects, timeout);
 }
 
 } // namespace
+
+// A waiter that leaves may have had several blocks in this very list, so the walk begins anew after each. Waits for all
+// that lack another object are passed over. First come, first served.
+WakeChain ReleaseWaiters(DISPATCHER_HEADER* object)
+{
+    WakeChain first = nullptr;
+    WakeChain* last = &first;
+    LIST_ENTRY* entry = object->WaitListHead.Flink;
+    while (entry != &object->WaitListHead && object->SignalState > 0) {
+        WaitRecord& wait = *CONTAINING_RECORD(entry, WaitBlock, Link)->Record;
+        entry = entry->Flink;
+        if (!TrySatisfy(wait)) continue;
+        *last = EndWait(&wait, wait.Result);
+        last = &wait.NextToWake;
+        entry = object->WaitListHead.Flink;
+    }
+    return first;
+}
+
+WakeChain EndWait(WaitRecord* wait, NTSTATUS status)
+{
+    Dequeue(*wait);
+    wait->Ended = true;
+    wait->Result = status;
+    wait->NextToWake = nullptr;
+    return wait;
+}
+
+void WakeAll(WakeChain chain)
+{
+    while (chain) {
+        WaitRecord* const next = chain->NextToWake;
+        Wake(chain->Thread);
+        chain = next;
+    }
+}
+
+bool WaitsForUserApcs(const WaitRecord* wait) { return wait && wait->Alertable && wait->Mode == UserMode; }
+
+bool WaitsForKernelApcs(const WaitRecord* wait) { return wait && wait->TakesKernelApcs; }
+
+// A kernel-mode alert ends a user-mode wait too.
+bool WaitsForAlerts(const WaitRecord* wait, KPROCESSOR_MODE mode)
+{
+    return wait && wait->Alertable && mode <= wait->Mode;
+}
 
 // WakeWord: 0 not woken, 1 woken, 2 not woken and parked, so that waking a thread that has not parked costs no system
 // call.
@@ -230,87 +309,56 @@ void Wake(_ETHREAD* thread)
     if (word->exchange(1, std::memory_order_acq_rel) == 2) UnparkAddress(word, 1);
 }
 
-void InitializeHeader(DISPATCHER_HEADER* header, UCHAR type, LONG state)
-{
-    *header = {};
-    header->Type = type;
-    header->SignalState = state;
-    InitializeListHead(&header->WaitListHead);
-}
-
-void SignalHeader(DISPATCHER_HEADER* header) { Signal(header, 1); }
-
-LONG ReleaseSemaphore(PRKSEMAPHORE semaphore, LONG adjustment)
-{
-    DISPATCHER_HEADER* const header = &semaphore->Header;
-    LONG before;
-    WakeChain chain = nullptr;
-    bool passesLimit;
-    {
-        std::lock_guard lock(dispatcherLock);
-        before = header->SignalState;
-        passesLimit = adjustment <= 0 || adjustment > semaphore->Limit - before;
-        if (!passesLimit) {
-            __atomic_store_n(&header->SignalState, before + adjustment, __ATOMIC_RELEASE);
-            chain = ReleaseWaiters(header);
-        }
-    }
-    // Raised with nothing held: no destructor runs on the way to the guard.
-    if (passesLimit) ExRaiseStatus(STATUS_SEMAPHORE_LIMIT_EXCEEDED);
-    WakeAll(chain);
-    return before;
-}
-
 } // namespace nthost::ke
 
 using namespace nthost;
 using namespace nthost::ke;
 
-VOID NTAPI KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State)
-{
-    InitializeHeader(&Event->Header, static_cast<UCHAR>(Type), State ? 1 : 0);
-    Event->Header.Size = sizeof(KEVENT) / sizeof(ULONG);
-}
-
-VOID NTAPI KeClearEvent(PRKEVENT Event) { Reset(&Event->Header); }
-
-LONG NTAPI KeResetEvent(PRKEVENT Event) { return Reset(&Event->Header); }
-
-// Wait TRUE announces that a wait follows at once; nothing is gained from it here.
-LONG NTAPI KeSetEvent(PRKEVENT Event, KPRIORITY, BOOLEAN) { return Signal(&Event->Header, 1); }
-
-LONG NTAPI KeReadStateEvent(PRKEVENT Event) { return __atomic_load_n(&Event->Header.SignalState, __ATOMIC_ACQUIRE); }
-
-VOID NTAPI KeInitializeSemaphore(PRKSEMAPHORE Semaphore, LONG Count, LONG Limit)
-{
-    if (NTHOST_CHECKS) ForgetLocksIn(Semaphore, sizeof(KSEMAPHORE));
-    InitializeHeader(&Semaphore->Header, kSemaphoreObject, Count);
-    Semaphore->Header.Size = sizeof(KSEMAPHORE) / sizeof(ULONG);
-    Semaphore->Limit = Limit;
-}
-
-LONG NTAPI KeReleaseSemaphore(PRKSEMAPHORE Semaphore, KPRIORITY, LONG Adjustment, BOOLEAN)
-{
-    if (_ETHREAD* const thread = NTHOST_CHECKS ? CurrentThreadOrNull() : nullptr) thread->ReleasedSemaphore = Semaphore;
-    return ReleaseSemaphore(Semaphore, Adjustment);
-}
-
-LONG NTAPI KeReadStateSemaphore(PRKSEMAPHORE Semaphore)
-{
-    return __atomic_load_n(&Semaphore->Header.SignalState, __ATOMIC_ACQUIRE);
-}
-
-NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON, KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER Timeout)
+NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON, KPROCESSOR_MODE WaitMode, BOOLEAN Alertable,
+                                     PLARGE_INTEGER Timeout)
 {
     WaitBlock block;
-    return Wait(&block, &Object, 1, WaitAny, Timeout);
+    WaitRecord wait{.Thread = CurrentThread(),
+                    .Blocks = &block,
+                    .Count = 1,
+                    .Type = WaitAny,
+                    .Mode = WaitMode,
+                    .Alertable = Alertable != FALSE,
+                    .TakesKernelApcs = false,
+                    .Where = __builtin_return_address(0)};
+    return Wait(wait, &Object, Timeout);
 }
 
-NTSTATUS NTAPI KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE WaitType, KWAIT_REASON, KPROCESSOR_MODE,
-                                        BOOLEAN, PLARGE_INTEGER Timeout, PKWAIT_BLOCK WaitBlockArray)
+NTSTATUS NTAPI KeWaitForMultipleObjects(ULONG Count, PVOID Object[], WAIT_TYPE WaitType, KWAIT_REASON,
+                                        KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Timeout,
+                                        PKWAIT_BLOCK WaitBlockArray)
 {
     if (Count == 0 || Count > (WaitBlockArray ? MAXIMUM_WAIT_OBJECTS : THREAD_WAIT_OBJECTS))
         Fatal("KeWaitForMultipleObjects: %u objects %s wait blocks", Count, WaitBlockArray ? "with" : "without");
     WaitBlock blocks[MAXIMUM_WAIT_OBJECTS];
-    return Wait(blocks, Object, Count, WaitType, Timeout);
+    WaitRecord wait{.Thread = CurrentThread(),
+                    .Blocks = blocks,
+                    .Count = Count,
+                    .Type = WaitType,
+                    .Mode = WaitMode,
+                    .Alertable = Alertable != FALSE,
+                    .TakesKernelApcs = false,
+                    .Where = __builtin_return_address(0)};
+    return Wait(wait, Object, Timeout);
+}
+
+// A wait for nothing, which only time, an alert or an APC ends.
+NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Interval)
+{
+    WaitRecord wait{.Thread = CurrentThread(),
+                    .Blocks = nullptr,
+                    .Count = 0,
+                    .Type = WaitAny,
+                    .Mode = WaitMode,
+                    .Alertable = Alertable != FALSE,
+                    .TakesKernelApcs = false,
+                    .Where = nullptr};
+    const NTSTATUS status = Wait(wait, nullptr, Interval);
+    if (OnlyTests(Interval)) GiveWay();
+    return status == STATUS_TIMEOUT ? STATUS_SUCCESS : status;
 }

@@ -19,10 +19,15 @@ void InitializeHeader(DISPATCHER_HEADER* header, UCHAR type, LONG state);
 void SignalHeader(DISPATCHER_HEADER* header);
 // KeReleaseSemaphore for the host's own use, where no request of the caller's waits for a permit.
 LONG ReleaseSemaphore(PRKSEMAPHORE semaphore, LONG adjustment);
+// The thread ends: mutexes that it still owns become free, and the next owners are told.
+void AbandonMutexes(_ETHREAD* thread);
 
+// DISPATCHER_HEADER.Type; events have the numbers of EVENT_TYPE, timers those of TIMER_TYPE above kTimerObject.
+constexpr UCHAR kMutexObject = 2;
 constexpr UCHAR kProcessObject = 3;
 constexpr UCHAR kSemaphoreObject = 5;
 constexpr UCHAR kThreadObject = 6;
+constexpr UCHAR kTimerObject = 8;
 
 int64_t MonotonicNow();  // CLOCK_MONOTONIC nanoseconds
 int64_t SystemTimeNow(); // 100 ns since 1601

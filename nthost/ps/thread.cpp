@@ -8,6 +8,7 @@
 #include "check/fatal.h"
 #include "check/stack.h"
 #include "check/text.h"
+#include "ke/apc.h"
 #include "ke/current.h"
 #include "ke/wait.h"
 #include "ob/object.h"
@@ -66,6 +67,7 @@ _ETHREAD* NewThread(PEPROCESS process, KPROCESSOR_MODE mode)
     thread->PreviousMode = mode;
     thread->Held.reserve(8);
     InitializeListHead(&thread->IrpList);
+    for (LIST_ENTRY& queue : thread->Apcs) InitializeListHead(&queue);
     return thread;
 }
 
@@ -82,6 +84,9 @@ void PrepareToLeave()
 {
     if (NTHOST_CHECKS) CompareThreadState({}, "the thread's end");
     if (const ThreadExitHook hook = exitHook.load()) hook(ke::CurrentThread());
+    // Requests that ended have queued their APCs by now.
+    ke::RundownApcs(ke::CurrentThread());
+    ke::AbandonMutexes(ke::CurrentThread());
 }
 
 void LeaveThread(NTSTATUS exitStatus)

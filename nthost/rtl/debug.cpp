@@ -108,6 +108,16 @@ ULONG DbgPrint(PCSTR Format, ...)
     return STATUS_SUCCESS;
 }
 
+ULONG DbgPrintEx(ULONG, ULONG, PCSTR Format, ...)
+{
+    if (!nthost::DebugOutputWanted()) return STATUS_SUCCESS;
+    va_list arguments;
+    va_start(arguments, Format);
+    nthost::Print(Format, arguments);
+    va_end(arguments);
+    return STATUS_SUCCESS;
+}
+
 VOID NTAPI RtlAssert(PVOID FailedAssertion, PVOID FileName, ULONG LineNumber, PSTR Message)
 {
     char text[512];

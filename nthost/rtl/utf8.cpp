@@ -1,4 +1,4 @@
-// Conversions between 16-bit text and UTF-8. Pure functions.
+// Characters of 16-bit text and of UTF-8. Pure functions.
 
 #include "rtl/utf8.h"
 
@@ -24,25 +24,36 @@ size_t SequenceLength(char lead)
     return byte < 0xe0 ? 2 : byte < 0xf0 ? 3 : byte < 0xf5 ? 4 : 0;
 }
 
-// Overlong forms, surrogates and what lies beyond the last plane are refused: one bad byte is taken off.
-char32_t DecodeUtf8(std::string_view text, size_t* used)
+// Overlong forms, surrogates and what lies beyond the last plane show in the second byte already.
+bool MayFollow(char lead, char second)
 {
-    constexpr char32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
-    *used = 1;
-    const size_t length = SequenceLength(text[0]);
-    if (length == 1) return static_cast<unsigned char>(text[0]);
-    if (length == 0 || length > text.size()) return kReplacement;
-    char32_t c = static_cast<unsigned char>(text[0]) & (0x7fu >> length);
-    for (size_t i = 1; i < length; ++i) {
-        if (!IsContinuation(text[i])) return kReplacement;
-        c = c << 6 | (static_cast<unsigned char>(text[i]) & 0x3f);
+    const auto byte = static_cast<unsigned char>(second);
+    switch (static_cast<unsigned char>(lead)) {
+    case 0xe0: return byte >= 0xa0 && IsContinuation(second);
+    case 0xed: return byte < 0xa0 && IsContinuation(second);
+    case 0xf0: return byte >= 0x90 && IsContinuation(second);
+    case 0xf4: return byte < 0x90 && IsContinuation(second);
+    default: return IsContinuation(second);
     }
-    if (c < least[length] || c > 0x10ffff || IsHighSurrogate(c) || IsLowSurrogate(c)) return kReplacement;
-    *used = length;
-    return c;
 }
 
 } // namespace
+
+char32_t DecodeUtf8(std::string_view text, size_t* used)
+{
+    *used = 1;
+    const size_t length = SequenceLength(text[0]);
+    if (length == 1) return static_cast<unsigned char>(text[0]);
+    if (length == 0) return kReplacement;
+    char32_t c = static_cast<unsigned char>(text[0]) & (0x7fu >> length);
+    for (; *used < length; ++*used) {
+        if (*used == text.size()) return kReplacement;
+        const char next = text[*used];
+        if (!(*used == 1 ? MayFollow(text[0], next) : IsContinuation(next))) return kReplacement;
+        c = c << 6 | (static_cast<unsigned char>(next) & 0x3f);
+    }
+    return c;
+}
 
 char32_t DecodeUtf16(const WCHAR* text, size_t units, size_t* used)
 {

@@ -1,5 +1,6 @@
 // Event objects and the services on them. An event's state is the wait core's; here are its handles and names. A named
 // event keeps its name as long as a handle is open.
+#include "io/service.h"
 #include "ob/handle.h"
 #include "zw/capture.h"
 #include "zw/named.h"
@@ -66,34 +67,10 @@ using namespace nthost::zw;
 
 POBJECT_TYPE ExEventObjectType = &g_eventType;
 
-NTSTATUS NTAPI NtCreateEvent(PHANDLE EventHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
-                             EVENT_TYPE EventType, BOOLEAN InitialState)
-{
-    return CreateEvent(ExGetPreviousMode(), EventHandle, DesiredAccess, ObjectAttributes, EventType, InitialState);
-}
-
-NTSTATUS NTAPI ZwCreateEvent(PHANDLE EventHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
-                             EVENT_TYPE EventType, BOOLEAN InitialState)
-{
-    return CreateEvent(KernelMode, EventHandle, DesiredAccess, ObjectAttributes, EventType, InitialState);
-}
-
-NTSTATUS NTAPI NtSetEvent(HANDLE EventHandle, PLONG PreviousState)
-{
-    return ChangeEvent(ExGetPreviousMode(), EventHandle, PreviousState, Set);
-}
-
-NTSTATUS NTAPI ZwSetEvent(HANDLE EventHandle, PLONG PreviousState)
-{
-    return ChangeEvent(KernelMode, EventHandle, PreviousState, Set);
-}
-
-NTSTATUS NTAPI NtResetEvent(HANDLE EventHandle, PLONG PreviousState)
-{
-    return ChangeEvent(ExGetPreviousMode(), EventHandle, PreviousState, Reset);
-}
-
-NTSTATUS NTAPI ZwResetEvent(HANDLE EventHandle, PLONG PreviousState)
-{
-    return ChangeEvent(KernelMode, EventHandle, PreviousState, Reset);
-}
+NTHOST_SERVICE_PAIR(CreateEvent, CreateEvent,
+                    (PHANDLE EventHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
+                     EVENT_TYPE EventType, BOOLEAN InitialState),
+                    EventHandle, DesiredAccess, ObjectAttributes, EventType, InitialState)
+NTHOST_SERVICE_PAIR(SetEvent, ChangeEvent, (HANDLE EventHandle, PLONG PreviousState), EventHandle, PreviousState, Set)
+NTHOST_SERVICE_PAIR(ResetEvent, ChangeEvent, (HANDLE EventHandle, PLONG PreviousState), EventHandle, PreviousState,
+                    Reset)

@@ -1,5 +1,5 @@
 // The services on handles of any type: closing and duplicating.
-#include "ke/thread.h"
+#include "ke/apc.h"
 #include "ob/handle.h"
 #include "zw/capture.h"
 
@@ -92,15 +92,19 @@ NTSTATUS DuplicateObject(KPROCESSOR_MODE mode, HANDLE sourceProcess, HANDLE sour
 
 using namespace nthost;
 
-NTSTATUS NTAPI NtClose(HANDLE Handle) { return ob::CloseHandle(PsGetCurrentProcess(), Handle, ExGetPreviousMode()); }
+NTSTATUS NTAPI NtClose(HANDLE Handle)
+{
+    return ke::LeaveService(ob::CloseHandle(PsGetCurrentProcess(), Handle, ExGetPreviousMode()));
+}
 
 NTSTATUS NTAPI ZwClose(HANDLE Handle) { return ob::CloseHandle(PsGetCurrentProcess(), Handle, KernelMode); }
 
 NTSTATUS NTAPI NtDuplicateObject(HANDLE SourceProcessHandle, HANDLE SourceHandle, HANDLE TargetProcessHandle,
                                  PHANDLE TargetHandle, ACCESS_MASK DesiredAccess, ULONG HandleAttributes, ULONG Options)
 {
-    return zw::DuplicateObject(ExGetPreviousMode(), SourceProcessHandle, SourceHandle, TargetProcessHandle,
-                               {nullptr, TargetHandle, DesiredAccess, HandleAttributes, Options});
+    return ke::LeaveService(zw::DuplicateObject(ExGetPreviousMode(), SourceProcessHandle, SourceHandle,
+                                                TargetProcessHandle,
+                                                {nullptr, TargetHandle, DesiredAccess, HandleAttributes, Options}));
 }
 
 NTSTATUS NTAPI ZwDuplicateObject(HANDLE SourceProcessHandle, HANDLE SourceHandle, HANDLE TargetProcessHandle,

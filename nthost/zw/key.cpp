@@ -4,6 +4,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "ke/apc.h"
 #include "ob/handle.h"
 #include "zw/capture.h"
 #include "zw/registry.h"
@@ -178,7 +179,7 @@ using namespace nthost::zw;
 
 NTSTATUS NTAPI NtOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes)
 {
-    return OpenKey(ExGetPreviousMode(), KeyHandle, DesiredAccess, ObjectAttributes);
+    return nthost::ke::LeaveService(OpenKey(ExGetPreviousMode(), KeyHandle, DesiredAccess, ObjectAttributes));
 }
 
 NTSTATUS NTAPI ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes)
@@ -191,8 +192,8 @@ NTSTATUS NTAPI NtQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
                                KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass, PVOID KeyValueInformation,
                                ULONG Length, PULONG ResultLength)
 {
-    return QueryValueKey(ExGetPreviousMode(), KeyHandle, ValueName, KeyValueInformationClass, KeyValueInformation,
-                         Length, ResultLength);
+    return nthost::ke::LeaveService(QueryValueKey(ExGetPreviousMode(), KeyHandle, ValueName, KeyValueInformationClass,
+                                                  KeyValueInformation, Length, ResultLength));
 }
 
 NTSTATUS NTAPI ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,

@@ -2,6 +2,7 @@
 // meanwhile.
 #include <cstring>
 
+#include "io/service.h"
 #include "ob/object.h"
 #include "zw/capture.h"
 
@@ -98,26 +99,8 @@ NTSTATUS WaitForMultiple(KPROCESSOR_MODE mode, ULONG count, const HANDLE* userHa
 
 } // namespace nthost::zw
 
-using namespace nthost::zw;
-
-NTSTATUS NTAPI NtWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout)
-{
-    return WaitForSingle(ExGetPreviousMode(), Handle, Alertable, Timeout);
-}
-
-NTSTATUS NTAPI ZwWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout)
-{
-    return WaitForSingle(KernelMode, Handle, Alertable, Timeout);
-}
-
-NTSTATUS NTAPI NtWaitForMultipleObjects(ULONG Count, HANDLE Handles[], WAIT_TYPE WaitType, BOOLEAN Alertable,
-                                        PLARGE_INTEGER Timeout)
-{
-    return WaitForMultiple(ExGetPreviousMode(), Count, Handles, WaitType, Alertable, Timeout);
-}
-
-NTSTATUS NTAPI ZwWaitForMultipleObjects(ULONG Count, HANDLE Handles[], WAIT_TYPE WaitType, BOOLEAN Alertable,
-                                        PLARGE_INTEGER Timeout)
-{
-    return WaitForMultiple(KernelMode, Count, Handles, WaitType, Alertable, Timeout);
-}
+NTHOST_SERVICE_PAIR(WaitForSingleObject, nthost::zw::WaitForSingle,
+                    (HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout), Handle, Alertable, Timeout)
+NTHOST_SERVICE_PAIR(WaitForMultipleObjects, nthost::zw::WaitForMultiple,
+                    (ULONG Count, HANDLE Handles[], WAIT_TYPE WaitType, BOOLEAN Alertable, PLARGE_INTEGER Timeout),
+                    Count, Handles, WaitType, Alertable, Timeout)

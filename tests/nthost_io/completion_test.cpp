@@ -250,10 +250,6 @@ TEST_F(Completion, ControlNeedsTheAccessItsCodeNames)
     EXPECT_EQ(control(FILE_READ_ACCESS), STATUS_SUCCESS);
     EXPECT_EQ(control(FILE_WRITE_ACCESS), STATUS_ACCESS_DENIED);
     EXPECT_EQ(control(FILE_READ_ACCESS | FILE_WRITE_ACCESS), STATUS_ACCESS_DENIED);
-    const PIO_APC_ROUTINE apc = [](PVOID, PIO_STATUS_BLOCK, ULONG) {};
-    EXPECT_EQ(NtDeviceIoControlFile(opened.Handle, nullptr, apc, nullptr, &block, Code(METHOD_NEITHER), nullptr, 0,
-                                    nullptr, 0),
-              STATUS_NOT_SUPPORTED);
     NtClose(opened.Handle);
 }
 

@@ -84,7 +84,7 @@ TEST_F(Information, ChangesDemandLengthAlignmentAndAccessByClass)
     for (const ClassRow& row : rows) ExpectDemands(NtSetInformationFile, row, &block);
     const Opened opened = Open();
     char buffer[256];
-    for (const int unknown : {0, 5, 8, 18, 34, 41})
+    for (const int unknown : {0, 5, 8, 18, 34, 42})
         EXPECT_EQ(NtSetInformationFile(opened.Handle, &block, buffer, sizeof buffer,
                                        static_cast<FILE_INFORMATION_CLASS>(unknown)),
                   STATUS_INVALID_INFO_CLASS)

@@ -110,6 +110,30 @@ TEST_F(Loader, UnloadReportsWhatTheDriverLeft)
     ObDereferenceObject(driver);
 }
 
+#if NTHOST_CHECKS
+
+// And no timer of it comes afterwards.
+TEST_F(Loader, UnloadReportsTimersAndLookasideLists)
+{
+    static KTIMER timer;
+    static PAGED_LOOKASIDE_LIST list;
+    Driver().Unload = [](PDRIVER_OBJECT) {
+        LARGE_INTEGER never;
+        never.QuadPart = INT64_MIN;
+        KeInitializeTimer(&timer);
+        KeSetTimer(&timer, never, nullptr);
+        ExInitializePagedLookasideList(&list, nullptr, nullptr, 0, 32, 'tseT', 0);
+        DeleteUsualDevice();
+    };
+    std::vector<std::string> leaks;
+    EXPECT_EQ(Unload(&leaks), STATUS_SUCCESS);
+    EXPECT_EQ(leaks.size(), 2u);
+    for (const char* const part : {"timer", "lookaside list"}) EXPECT_TRUE(Mentions(leaks, part)) << part;
+    EXPECT_FALSE(KeCancelTimer(&timer));
+}
+
+#endif
+
 // One driver's entry may run another's code, so whose a block is can be said only when nobody is left who may want it.
 TEST_F(Loader, WithTwoDriversPoolIsHeldToAccountWithTheLast)
 {

@@ -99,3 +99,5 @@ typedef enum _WORK_QUEUE_TYPE {
 NTKERNELAPI VOID NTAPI ExQueueWorkItem(PWORK_QUEUE_ITEM WorkItem, WORK_QUEUE_TYPE QueueType);
 
 NT_EXTERN_C_END
+
+#include "lookaside.h"

@@ -120,7 +120,8 @@ typedef enum _FILE_INFORMATION_CLASS {
     FileIdBothDirectoryInformation,
     FileIdFullDirectoryInformation,
     FileValidDataLengthInformation,
-    FileShortNameInformation
+    FileShortNameInformation,
+    FileIoCompletionNotificationInformation
 } FILE_INFORMATION_CLASS,
     *PFILE_INFORMATION_CLASS;
 

@@ -92,6 +92,22 @@ typedef struct _FILE_VALID_DATA_LENGTH_INFORMATION {
     LARGE_INTEGER ValidDataLength;
 } FILE_VALID_DATA_LENGTH_INFORMATION, *PFILE_VALID_DATA_LENGTH_INFORMATION;
 
+// The completion port that the ends of requests on the file object are told to, and what they are told with. Once and
+// for all, and not on one for synchronous I/O.
+typedef struct _FILE_COMPLETION_INFORMATION {
+    HANDLE Port;
+    PVOID Key;
+} FILE_COMPLETION_INFORMATION, *PFILE_COMPLETION_INFORMATION;
+
+#define FILE_SKIP_COMPLETION_PORT_ON_SUCCESS 0x1u // no packet for a request that succeeds before its service returns
+#define FILE_SKIP_SET_EVENT_ON_HANDLE        0x2u // the file object itself is not signalled
+#define FILE_SKIP_SET_USER_EVENT_ON_FAST_IO  0x4u
+
+// Set once, a flag stays.
+typedef struct _FILE_IO_COMPLETION_NOTIFICATION_INFORMATION {
+    ULONG Flags;
+} FILE_IO_COMPLETION_NOTIFICATION_INFORMATION, *PFILE_IO_COMPLETION_NOTIFICATION_INFORMATION;
+
 typedef struct _FILE_NETWORK_OPEN_INFORMATION {
     LARGE_INTEGER CreationTime;
     LARGE_INTEGER LastAccessTime;

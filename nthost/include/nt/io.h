@@ -132,6 +132,9 @@ NT_EXTERN_C_BEGIN
 #define FO_OPENED_CASE_SENSITIVE     0x00020000
 #define FO_HANDLE_CREATED            0x00040000
 #define FO_VOLUME_OPEN               0x00400000
+#define FO_SKIP_COMPLETION_PORT      0x02000000
+#define FO_SKIP_SET_EVENT            0x04000000
+#define FO_SKIP_SET_FAST_IO          0x08000000
 
 #define CTL_CODE(DeviceType, Function, Method, Access) \
     (((ULONG)(DeviceType) << 16) | ((Access) << 14) | ((Function) << 2) | (Method))
@@ -213,6 +216,36 @@ typedef VOID(NTAPI* PIO_WORKITEM_ROUTINE)(PDEVICE_OBJECT DeviceObject, PVOID Con
 typedef BOOLEAN(NTAPI* PFAST_IO_CHECK_IF_POSSIBLE)(PFILE_OBJECT FileObject, PLARGE_INTEGER FileOffset, ULONG Length,
                                                    BOOLEAN Wait, ULONG LockKey, BOOLEAN CheckForReadOperation,
                                                    PIO_STATUS_BLOCK IoStatus, PDEVICE_OBJECT DeviceObject);
+// Asked before a request packet is made. FALSE: not this way, and the packet goes out. TRUE: done, with the outcome in
+// IoStatus. Buffers are the caller's addresses, those of information the system's.
+typedef BOOLEAN(NTAPI* PFAST_IO_READ)(PFILE_OBJECT FileObject, PLARGE_INTEGER FileOffset, ULONG Length, BOOLEAN Wait,
+                                      ULONG LockKey, PVOID Buffer, PIO_STATUS_BLOCK IoStatus,
+                                      PDEVICE_OBJECT DeviceObject);
+typedef BOOLEAN(NTAPI* PFAST_IO_WRITE)(PFILE_OBJECT FileObject, PLARGE_INTEGER FileOffset, ULONG Length, BOOLEAN Wait,
+                                       ULONG LockKey, PVOID Buffer, PIO_STATUS_BLOCK IoStatus,
+                                       PDEVICE_OBJECT DeviceObject);
+typedef BOOLEAN(NTAPI* PFAST_IO_QUERY_BASIC_INFO)(PFILE_OBJECT FileObject, BOOLEAN Wait, PFILE_BASIC_INFORMATION Buffer,
+                                                  PIO_STATUS_BLOCK IoStatus, PDEVICE_OBJECT DeviceObject);
+typedef BOOLEAN(NTAPI* PFAST_IO_QUERY_STANDARD_INFO)(PFILE_OBJECT FileObject, BOOLEAN Wait,
+                                                     PFILE_STANDARD_INFORMATION Buffer, PIO_STATUS_BLOCK IoStatus,
+                                                     PDEVICE_OBJECT DeviceObject);
+typedef BOOLEAN(NTAPI* PFAST_IO_QUERY_NETWORK_OPEN_INFO)(PFILE_OBJECT FileObject, BOOLEAN Wait,
+                                                         PFILE_NETWORK_OPEN_INFORMATION Buffer,
+                                                         PIO_STATUS_BLOCK IoStatus, PDEVICE_OBJECT DeviceObject);
+typedef BOOLEAN(NTAPI* PFAST_IO_LOCK)(PFILE_OBJECT FileObject, PLARGE_INTEGER FileOffset, PLARGE_INTEGER Length,
+                                      PEPROCESS ProcessId, ULONG Key, BOOLEAN FailImmediately, BOOLEAN ExclusiveLock,
+                                      PIO_STATUS_BLOCK IoStatus, PDEVICE_OBJECT DeviceObject);
+typedef BOOLEAN(NTAPI* PFAST_IO_UNLOCK_SINGLE)(PFILE_OBJECT FileObject, PLARGE_INTEGER FileOffset,
+                                               PLARGE_INTEGER Length, PEPROCESS ProcessId, ULONG Key,
+                                               PIO_STATUS_BLOCK IoStatus, PDEVICE_OBJECT DeviceObject);
+typedef BOOLEAN(NTAPI* PFAST_IO_UNLOCK_ALL)(PFILE_OBJECT FileObject, PEPROCESS ProcessId, PIO_STATUS_BLOCK IoStatus,
+                                            PDEVICE_OBJECT DeviceObject);
+typedef BOOLEAN(NTAPI* PFAST_IO_UNLOCK_ALL_BY_KEY)(PFILE_OBJECT FileObject, PVOID ProcessId, ULONG Key,
+                                                   PIO_STATUS_BLOCK IoStatus, PDEVICE_OBJECT DeviceObject);
+typedef BOOLEAN(NTAPI* PFAST_IO_DEVICE_CONTROL)(PFILE_OBJECT FileObject, BOOLEAN Wait, PVOID InputBuffer,
+                                                ULONG InputBufferLength, PVOID OutputBuffer, ULONG OutputBufferLength,
+                                                ULONG IoControlCode, PIO_STATUS_BLOCK IoStatus,
+                                                PDEVICE_OBJECT DeviceObject);
 typedef VOID(NTAPI* PFAST_IO_ACQUIRE_FILE)(PFILE_OBJECT FileObject);
 typedef VOID(NTAPI* PFAST_IO_RELEASE_FILE)(PFILE_OBJECT FileObject);
 typedef NTSTATUS(NTAPI* PFAST_IO_ACQUIRE_FOR_MOD_WRITE)(PFILE_OBJECT FileObject, PLARGE_INTEGER EndingOffset,
@@ -226,19 +259,19 @@ typedef NTSTATUS(NTAPI* PFAST_IO_RELEASE_FOR_CCFLUSH)(PFILE_OBJECT FileObject, P
 typedef struct _FAST_IO_DISPATCH {
     ULONG SizeOfFastIoDispatch;
     PFAST_IO_CHECK_IF_POSSIBLE FastIoCheckIfPossible;
-    PVOID FastIoRead;
-    PVOID FastIoWrite;
-    PVOID FastIoQueryBasicInfo;
-    PVOID FastIoQueryStandardInfo;
-    PVOID FastIoLock;
-    PVOID FastIoUnlockSingle;
-    PVOID FastIoUnlockAll;
-    PVOID FastIoUnlockAllByKey;
-    PVOID FastIoDeviceControl;
+    PFAST_IO_READ FastIoRead;
+    PFAST_IO_WRITE FastIoWrite;
+    PFAST_IO_QUERY_BASIC_INFO FastIoQueryBasicInfo;
+    PFAST_IO_QUERY_STANDARD_INFO FastIoQueryStandardInfo;
+    PFAST_IO_LOCK FastIoLock;
+    PFAST_IO_UNLOCK_SINGLE FastIoUnlockSingle;
+    PFAST_IO_UNLOCK_ALL FastIoUnlockAll;
+    PFAST_IO_UNLOCK_ALL_BY_KEY FastIoUnlockAllByKey;
+    PFAST_IO_DEVICE_CONTROL FastIoDeviceControl;
     PFAST_IO_ACQUIRE_FILE AcquireFileForNtCreateSection;
     PFAST_IO_RELEASE_FILE ReleaseFileForNtCreateSection;
     PVOID FastIoDetachDevice;
-    PVOID FastIoQueryNetworkOpenInfo;
+    PFAST_IO_QUERY_NETWORK_OPEN_INFO FastIoQueryNetworkOpenInfo;
     PFAST_IO_ACQUIRE_FOR_MOD_WRITE AcquireForModWrite;
     PVOID MdlRead;
     PVOID MdlReadComplete;

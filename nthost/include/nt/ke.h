@@ -62,7 +62,13 @@ NTKERNELAPI VOID NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql);
 // Keep kernel APCs off the current thread; nested.
 NTKERNELAPI VOID NTAPI KeEnterCriticalRegion(VOID);
 NTKERNELAPI VOID NTAPI KeLeaveCriticalRegion(VOID);
+// Guarded regions keep all APCs off; nested.
+NTKERNELAPI VOID NTAPI KeEnterGuardedRegion(VOID);
+NTKERNELAPI VOID NTAPI KeLeaveGuardedRegion(VOID);
+// In a critical or guarded region, or with a mutex (KMUTEX).
 NTKERNELAPI BOOLEAN NTAPI KeAreApcsDisabled(VOID);
+// In a guarded region, or at or above APC_LEVEL.
+NTKERNELAPI BOOLEAN NTAPI KeAreAllApcsDisabled(VOID);
 
 NTKERNELAPI VOID NTAPI KeInitializeEvent(PRKEVENT Event, EVENT_TYPE Type, BOOLEAN State);
 NTKERNELAPI VOID NTAPI KeClearEvent(PRKEVENT Event);
@@ -77,7 +83,10 @@ NTKERNELAPI VOID NTAPI KeInitializeSemaphore(PRKSEMAPHORE Semaphore, LONG Count,
 NTKERNELAPI LONG NTAPI KeReleaseSemaphore(PRKSEMAPHORE Semaphore, KPRIORITY Increment, LONG Adjustment, BOOLEAN Wait);
 NTKERNELAPI LONG NTAPI KeReadStateSemaphore(PRKSEMAPHORE Semaphore);
 
-// Timeout: null waits for ever; negative is relative, positive absolute, both in 100 ns; zero only tests.
+// An alertable wait in user mode ends with STATUS_USER_APC when a user APC is queued to the thread, which is called
+// when the service returns to user mode; any alertable one ends with STATUS_ALERTED. A wait that takes a mutex whose
+// owner ended without releasing it gives STATUS_ABANDONED_WAIT_0 plus the index. Timeout: null waits for ever; negative
+// is relative, positive absolute, both in 100 ns; zero only tests.
 NTKERNELAPI NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON WaitReason, KPROCESSOR_MODE WaitMode,
                                                  BOOLEAN Alertable, PLARGE_INTEGER Timeout);
 // WaitAny reports STATUS_WAIT_0 plus the lowest satisfied index.
@@ -86,8 +95,15 @@ NTKERNELAPI NTSTATUS NTAPI KeWaitForMultipleObjects(ULONG Count, PVOID Object[],
                                                     BOOLEAN Alertable, PLARGE_INTEGER Timeout,
                                                     PKWAIT_BLOCK WaitBlockArray);
 
+// STATUS_SUCCESS when the time is over, else STATUS_USER_APC or STATUS_ALERTED. An interval of zero gives way.
+NTKERNELAPI NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable, PLARGE_INTEGER Interval);
+
 NTKERNELAPI PKTHREAD NTAPI KeGetCurrentThread(VOID);
 // 100 ns intervals since 1601-01-01 UTC.
 NTKERNELAPI VOID NTAPI KeQuerySystemTime(PLARGE_INTEGER CurrentTime);
+// A clock that only goes forward; its ticks a second go to *PerformanceFrequency, which may be null.
+NTKERNELAPI LARGE_INTEGER NTAPI KeQueryPerformanceCounter(PLARGE_INTEGER PerformanceFrequency);
 
 NT_EXTERN_C_END
+
+#include "kesync.h"

@@ -40,12 +40,31 @@ NTSYSAPI VOID NTAPI RtlFreeUnicodeString(PUNICODE_STRING UnicodeString);
 NTSYSAPI NTSTATUS NTAPI RtlUnicodeStringToInteger(PCUNICODE_STRING String, ULONG Base, PULONG Value);
 NTSYSAPI NTSTATUS NTAPI RtlIntegerToUnicodeString(ULONG Value, ULONG Base, PUNICODE_STRING String);
 
+// Without a destination only the byte count is told. STATUS_SOME_NOT_MAPPED where what is no text became U+FFFD;
+// STATUS_BUFFER_TOO_SMALL with as many whole characters as fit; STATUS_INVALID_PARAMETER without destination and count
+// (from Unicode: without a count), _4 without a source, _5 for half a unit at the end of the source.
+NTSYSAPI NTSTATUS NTAPI RtlUTF8ToUnicodeN(PWSTR UnicodeStringDestination, ULONG UnicodeStringMaxByteCount,
+                                          PULONG UnicodeStringActualByteCount, PCSTR UTF8StringSource,
+                                          ULONG UTF8StringByteCount);
+NTSYSAPI NTSTATUS NTAPI RtlUnicodeToUTF8N(PSTR UTF8StringDestination, ULONG UTF8StringMaxByteCount,
+                                          PULONG UTF8StringActualByteCount, PCWSTR UnicodeStringSource,
+                                          ULONG UnicodeStringByteCount);
+
 NTSYSAPI SIZE_T NTAPI RtlCompareMemory(const VOID* Source1, const VOID* Source2, SIZE_T Length);
 
 // Debug output goes to nthost's sink (nthost/debug.h), which costs a load and a branch when nobody listens. Formats:
 // flags, width and precision as in C; %d %i %u %x %X %o %c %C %s %S %ws %ls %hs %Z %wZ %p, with the size prefixes h, l,
 // ll, I64, I32, I. %S and %ws take 16-bit text, %Z and %wZ counted strings.
 NTSYSAPI ULONG DbgPrint(PCSTR Format, ...);
+#define DPFLTR_DEFAULT_ID    101
+#define DPFLTR_IHVDRIVER_ID  77
+#define DPFLTR_ERROR_LEVEL   0
+#define DPFLTR_WARNING_LEVEL 1
+#define DPFLTR_TRACE_LEVEL   2
+#define DPFLTR_INFO_LEVEL    3
+#define DPFLTR_MASK          0x80000000u
+// Nothing is filtered: all components and levels go to the sink.
+NTSYSAPI ULONG DbgPrintEx(ULONG ComponentId, ULONG Level, PCSTR Format, ...);
 
 NT_EXTERN_C_END
 

@@ -1,5 +1,7 @@
 // The front door: native system services. Nt forms act for the mode the thread last came from (user mode unless it is a
-// system thread or runs a driver's code); Zw forms act for kernel mode: no probing, kernel handles reachable.
+// system thread or runs a driver's code); Zw forms act for kernel mode: no probing, kernel handles reachable. An
+// ApcRoutine is called on the calling thread when the request has ended: for a user-mode caller in an alertable wait of
+// the thread, for a kernel-mode one as soon as its APCs are not disabled.
 #pragma once
 
 #include "base.h"
@@ -56,7 +58,22 @@ typedef struct _KEY_VALUE_PARTIAL_INFORMATION {
 #define EVENT_MODIFY_STATE 0x0002u
 #define EVENT_ALL_ACCESS   (STANDARD_RIGHTS_REQUIRED | SYNCHRONIZE | 0x3u)
 
+#define IO_COMPLETION_QUERY_STATE  0x0001u
+#define IO_COMPLETION_MODIFY_STATE 0x0002u
+#define IO_COMPLETION_ALL_ACCESS   (STANDARD_RIGHTS_REQUIRED | SYNCHRONIZE | 0x3u)
+
+typedef struct _FILE_IO_COMPLETION_INFORMATION {
+    PVOID KeyContext;
+    PVOID ApcContext;
+    IO_STATUS_BLOCK IoStatusBlock;
+} FILE_IO_COMPLETION_INFORMATION, *PFILE_IO_COMPLETION_INFORMATION;
+
 #define PROCESS_DUP_HANDLE 0x0040u
+
+#define THREAD_ALERT       0x0004u
+#define THREAD_SET_CONTEXT 0x0010u
+
+typedef VOID(NTAPI* PPS_APC_ROUTINE)(PVOID ApcArgument1, PVOID ApcArgument2, PVOID ApcArgument3);
 
 #define NtCurrentProcess() ((HANDLE)(LONG_PTR)-1)
 #define NtCurrentThread()  ((HANDLE)(LONG_PTR)-2)
@@ -71,6 +88,12 @@ NT_SERVICE(CreateFile,
             ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer, ULONG EaLength));
 NT_SERVICE(OpenFile, (PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
                       PIO_STATUS_BLOCK IoStatusBlock, ULONG ShareAccess, ULONG OpenOptions));
+// Opens with DELETE and FILE_DELETE_ON_CLOSE, and closes.
+NT_SERVICE(DeleteFile, (POBJECT_ATTRIBUTES ObjectAttributes));
+// Open, ask, close. A reparse point is the file that is asked about.
+NT_SERVICE(QueryAttributesFile, (POBJECT_ATTRIBUTES ObjectAttributes, PFILE_BASIC_INFORMATION FileInformation));
+NT_SERVICE(QueryFullAttributesFile,
+           (POBJECT_ATTRIBUTES ObjectAttributes, PFILE_NETWORK_OPEN_INFORMATION FileInformation));
 NT_SERVICE(Close, (HANDLE Handle));
 NT_SERVICE(DeviceIoControlFile, (HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
                                  PIO_STATUS_BLOCK IoStatusBlock, ULONG IoControlCode, PVOID InputBuffer,
@@ -130,6 +153,18 @@ NT_SERVICE(CancelIoFile, (HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock));
 // Cancels any thread's requests of this process on the file, or only the one with the given status block.
 // STATUS_NOT_FOUND if there was none.
 NT_SERVICE(CancelIoFileEx, (HANDLE FileHandle, PIO_STATUS_BLOCK IoRequestToCancel, PIO_STATUS_BLOCK IoStatusBlock));
+// A completion port: packets in order of arrival, each for one of those that remove. Count is not looked at: as many
+// threads run as there are packets.
+NT_SERVICE(CreateIoCompletion,
+           (PHANDLE IoCompletionHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes, ULONG Count));
+NT_SERVICE(SetIoCompletion, (HANDLE IoCompletionHandle, PVOID KeyContext, PVOID ApcContext, NTSTATUS IoStatus,
+                             ULONG_PTR IoStatusInformation));
+// STATUS_TIMEOUT; STATUS_ABANDONED_WAIT_0 when the last handle on the port is closed meanwhile.
+NT_SERVICE(RemoveIoCompletion, (HANDLE IoCompletionHandle, PVOID* KeyContext, PVOID* ApcContext,
+                                PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER Timeout));
+// Up to Count at once: waits for the first, and takes what else is there. Alertable, STATUS_USER_APC or STATUS_ALERTED.
+NT_SERVICE(RemoveIoCompletionEx, (HANDLE IoCompletionHandle, PFILE_IO_COMPLETION_INFORMATION IoCompletionInformation,
+                                  ULONG Count, PULONG NumEntriesRemoved, PLARGE_INTEGER Timeout, BOOLEAN Alertable));
 NT_SERVICE(CreateEvent, (PHANDLE EventHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
                          EVENT_TYPE EventType, BOOLEAN InitialState));
 NT_SERVICE(SetEvent, (HANDLE EventHandle, PLONG PreviousState));
@@ -137,6 +172,15 @@ NT_SERVICE(ResetEvent, (HANDLE EventHandle, PLONG PreviousState));
 NT_SERVICE(WaitForSingleObject, (HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout));
 NT_SERVICE(WaitForMultipleObjects,
            (ULONG Count, HANDLE Handles[], WAIT_TYPE WaitType, BOOLEAN Alertable, PLARGE_INTEGER Timeout));
+// STATUS_SUCCESS when the time is over, STATUS_USER_APC, STATUS_ALERTED.
+NT_SERVICE(DelayExecution, (BOOLEAN Alertable, PLARGE_INTEGER DelayInterval));
+// STATUS_ALERTED if the thread was alerted. User APCs that are queued to it run before the service returns.
+NT_SERVICE(TestAlert, (VOID));
+// Ends the thread's alertable wait, or the next one at once.
+NT_SERVICE(AlertThread, (HANDLE ThreadHandle));
+// A user APC. STATUS_INVALID_HANDLE for a system thread, STATUS_UNSUCCESSFUL for one that has ended.
+NT_SERVICE(QueueApcThread, (HANDLE ThreadHandle, PPS_APC_ROUTINE ApcRoutine, PVOID ApcArgument1, PVOID ApcArgument2,
+                            PVOID ApcArgument3));
 NT_SERVICE(DuplicateObject, (HANDLE SourceProcessHandle, HANDLE SourceHandle, HANDLE TargetProcessHandle,
                              PHANDLE TargetHandle, ACCESS_MASK DesiredAccess, ULONG HandleAttributes, ULONG Options));
 #define DUPLICATE_CLOSE_SOURCE 0x1u

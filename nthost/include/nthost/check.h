@@ -22,7 +22,7 @@ struct Finding {
 void ReportFinding(std::string rule, std::string detail);
 std::vector<Finding> TakeFindings();
 
-// Puts a lock (resource or spin lock, already initialised) into a class for the lock-order check: orders seen on
+// Puts a lock (resource, spin lock, mutex; already initialised) into a class for the lock-order check: orders seen on
 // different locks of two classes then count together. Forgotten with the lock.
 void NameLock(void* lock, const char* className);
 

@@ -1,0 +1,18 @@
+// The thread that lets timers expire and runs deferred procedure calls.
+#pragma once
+
+#include <cstddef>
+
+#include <ntifs.h>
+
+namespace nthost::ke {
+
+void StartClock();
+// Timers that are still set stay so, but do not come any more.
+void StopClock();
+
+// The memory goes away: timers in it that are set are taken out of the queue.
+void ForgetTimersIn(const void* memory, size_t size);
+void ForgetAllTimers();
+
+} // namespace nthost::ke
