@@ -10,13 +10,12 @@ namespace opening {
 
 using support::HandMade;
 using support::InsideOtherWork;
+using support::Lock;
+using support::Outcome;
+using support::Read;
 using support::ReadText;
 using support::Request;
-
-struct Outcome {
-    NTSTATUS Status;
-    ULONG_PTR Information;
-};
+using support::Unlock;
 
 // The two kinds of handle that most rules must hold for.
 struct HandleKind {
@@ -27,16 +26,6 @@ inline const HandleKind kHandleKinds[] = {
     {"synchronous", {.Access = FILE_READ_DATA | SYNCHRONIZE}},
     {"asynchronous", {.Access = FILE_READ_DATA, .Options = 0}},
 };
-
-Outcome Read(HANDLE file, void* buffer, ULONG length, LONGLONG offset);
-
-struct Range {
-    LONGLONG Offset;
-    LONGLONG Length;
-};
-// Fails at once when the range is held.
-NTSTATUS Lock(HANDLE file, Range range, Request::Lock kind = Request::Lock::Exclusive);
-NTSTATUS Unlock(HANDLE file, Range range);
 
 struct Query {
     FILE_INFORMATION_CLASS Class = FileNamesInformation;
