@@ -33,6 +33,7 @@ void Text::Point(size_t characters)
         const std::string shown = nthost::ToUtf8(text_.data(), 40);
         throw std::length_error("a name is longer than NT can carry: " + shown + "...");
     }
+    text_.reserve(1); // an empty text has an address too
     string_ = {static_cast<USHORT>(characters * sizeof(WCHAR)), static_cast<USHORT>(text_.size() * sizeof(WCHAR)),
                text_.data()};
 }

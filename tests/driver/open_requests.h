@@ -10,12 +10,10 @@ namespace opening {
 
 using support::HandMade;
 using support::InsideOtherWork;
-using support::Lock;
 using support::Outcome;
 using support::Read;
 using support::ReadText;
 using support::Request;
-using support::Unlock;
 
 // The two kinds of handle that most rules must hold for.
 struct HandleKind {
@@ -26,6 +24,17 @@ inline const HandleKind kHandleKinds[] = {
     {"synchronous", {.Access = FILE_READ_DATA | SYNCHRONIZE}},
     {"asynchronous", {.Access = FILE_READ_DATA, .Options = 0}},
 };
+
+struct Range {
+    LONGLONG Offset;
+    LONGLONG Length;
+};
+// Fails at once when the range is held.
+inline NTSTATUS Lock(HANDLE file, Range range, Request::Lock kind = Request::Lock::Exclusive)
+{
+    return support::Lock(file, range.Offset, range.Length, kind == Request::Lock::Exclusive);
+}
+inline NTSTATUS Unlock(HANDLE file, Range range) { return support::Unlock(file, range.Offset, range.Length); }
 
 struct Query {
     FILE_INFORMATION_CLASS Class = FileNamesInformation;
