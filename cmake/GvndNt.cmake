@@ -46,6 +46,8 @@ function(gvnd_nt_image name directory)
     install(FILES ${PROJECT_BINARY_DIR}/${name}.sys ${PROJECT_BINARY_DIR}/${name}.pdb DESTINATION drivers)
     add_test(NAME nt.${name}.ImageIsSound
         COMMAND ${PROJECT_SOURCE_DIR}/packaging/nt/check_image.py $<TARGET_FILE:${name}>)
+    add_test(NAME nt.${name}.DamagedImagesAreRefused
+        COMMAND ${PROJECT_SOURCE_DIR}/tests/scripts/check_image.py $<TARGET_FILE:${name}>)
 endfunction()
 
 enable_testing()

@@ -120,20 +120,4 @@ TEST_F(Pool, FaultsHitDriverCodeOnlyAndSweepsEnd)
     EXPECT_EQ(failures, 2u);
 }
 
-TEST_F(Pool, NamedRoutinesFailOnDemand)
-{
-    AsDriver([] {
-        ERESOURCE resource;
-        HANDLE thread = nullptr;
-        const nthost::FaultPlan resources("ExInitializeResourceLite", 1), threads("PsCreateSystemThread", 1);
-        EXPECT_EQ(ExInitializeResourceLite(&resource), STATUS_INSUFFICIENT_RESOURCES);
-        EXPECT_EQ(PsCreateSystemThread(
-                      &thread, 0, nullptr, nullptr, nullptr, [](PVOID) {}, nullptr),
-                  STATUS_INSUFFICIENT_RESOURCES);
-        EXPECT_EQ(thread, nullptr);
-        EXPECT_EQ(ExInitializeResourceLite(&resource), STATUS_SUCCESS);
-        ExDeleteResourceLite(&resource);
-    });
-}
-
 } // namespace
