@@ -66,8 +66,7 @@ TEST_F(Information, ChangesDemandLengthAlignmentAndAccessByClass)
     constexpr ClassRow rows[] = {
         {FileRenameInformation, 24, 8, DELETE},
         {FileDispositionInformation, 1, 1, DELETE},
-        {FilePositionInformation, 8, 8, FILE_READ_DATA},
-        {FilePositionInformation, 8, 8, FILE_WRITE_DATA},
+        {FilePositionInformation, 8, 8, 0},
         {FileEndOfFileInformation, 8, 8, FILE_WRITE_DATA},
     };
     IO_STATUS_BLOCK block;
