@@ -68,11 +68,11 @@ TEST(RtlString, AppendIsAllOrNothing)
     EXPECT_EQ(RtlAppendUnicodeToString(destination, L"?"), STATUS_BUFFER_TOO_SMALL);
 
     // A counted string without text leaves even the terminator alone; a terminated one does not.
-    Text fresh = Text::Room(3);
+    Text fresh = Room(3);
     EXPECT_EQ(RtlAppendUnicodeStringToString(fresh, Text("")), STATUS_SUCCESS);
-    EXPECT_EQ(fresh.Whole(), "###");
+    EXPECT_EQ(Whole(fresh), "###");
     EXPECT_EQ(RtlAppendUnicodeToString(fresh, L""), STATUS_SUCCESS);
-    EXPECT_EQ(fresh.Whole(), "\0##"s);
+    EXPECT_EQ(Whole(fresh), "\0##"s);
 }
 
 struct CompareRow {
