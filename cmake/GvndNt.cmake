@@ -62,5 +62,8 @@ endif()
 
 add_test(NAME nt.ImageCheckRefusesWrongReads
     COMMAND ${PROJECT_SOURCE_DIR}/packaging/nt/check_image_test.py)
+# On the smaller of the two, since each damage means another disassembly.
+add_test(NAME nt.DamagedImagesAreRefused
+    COMMAND ${PROJECT_SOURCE_DIR}/tests/scripts/check_image.py $<TARGET_FILE:gvmemfs>)
 add_test(NAME nt.ImagesAreReproducible
     COMMAND ${PROJECT_SOURCE_DIR}/packaging/nt/check_reproducible.sh ${PROJECT_BINARY_DIR})

@@ -35,33 +35,6 @@ TEST_F(Deletion, WaitsForTheLastHandle)
     EXPECT_EQ(FcbCount(), 0u);
 }
 
-TEST_F(Deletion, CanBeTakenBackByAnybody)
-{
-    Handle first = OpenOrFail("\\file", kDelete);
-    Handle second = OpenOrFail("\\file", kDelete);
-    EXPECT_STATUS(STATUS_SUCCESS, SetDelete(first.Get(), true));
-    EXPECT_STATUS(STATUS_SUCCESS, SetDelete(second.Get(), false));
-    EXPECT_STATUS(STATUS_SUCCESS, SetDelete(second.Get(), false)); // nothing to take back: no matter
-    first.Close();
-    second.Close();
-    EXPECT_TRUE(Exists("\\file"));
-}
-
-TEST_F(Deletion, OnCloseActsAtThatHandlesCleanup)
-{
-    for (const bool deleterFirst : {true, false}) {
-        SCOPED_TRACE(deleterFirst);
-        MakeFile("\\victim", "v");
-        Handle deleter = OpenOrFail("\\victim", kDeleteOnClose);
-        Handle other = OpenOrFail("\\victim", kDelete);
-        EXPECT_STATUS(STATUS_SUCCESS, SetDelete(other.Get(), false)); // does not reach the other handle's wish
-        (deleterFirst ? deleter : other).Close();
-        EXPECT_STATUS(deleterFirst ? STATUS_DELETE_PENDING : STATUS_SUCCESS, Open("\\victim").Status);
-        (deleterFirst ? other : deleter).Close();
-        EXPECT_FALSE(Exists("\\victim"));
-    }
-}
-
 TEST_F(Deletion, IsRefused)
 {
     struct Row {
@@ -97,18 +70,6 @@ TEST_F(Deletion, IsRefused)
     TakeCalls();
     EXPECT_STATUS(STATUS_UNSUCCESSFUL, SetDelete(directory.Get(), true)); // the child lives: the plugin is not asked
     EXPECT_EQ(TakeCalls(), Lines{"GetInfo"});
-}
-
-TEST_F(Deletion, OfADirectoryShutsItToNewObjects)
-{
-    Handle directory = OpenOrFail("\\empty", kDelete);
-    TakeCalls();
-    EXPECT_STATUS(STATUS_SUCCESS, SetDelete(directory.Get(), true));
-    const OpenRequest create = {.Access = FILE_GENERIC_WRITE, .Disposition = FILE_CREATE};
-    EXPECT_STATUS(STATUS_DELETE_PENDING, Open("\\empty\\new", create).Status);
-    directory.Close();
-    EXPECT_FALSE(Exists("\\empty"));
-    EXPECT_STATUS(STATUS_OBJECT_PATH_NOT_FOUND, Open("\\empty\\new", create).Status);
 }
 
 TEST_F(Deletion, TakesAReadOnlyAttributeOff)

@@ -235,8 +235,7 @@ TEST_F(Hangs, ANestedCloseOfTheVolumeLetsARequestedUnmountGoOn)
     InterlockedDecrement(&volume->HandleCount);
     ObReferenceObject(device);
     EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(device));
-    EXPECT_TRUE(
-        Trace().Contains("unmount waits, pins: 0, plugin calls: 0, objects: 0, deleted: 0, volume opens: 1\n"));
+    EXPECT_TRUE(Trace().Contains("unmount waits, pins: 0, plugin calls: 0, objects: 0, deleted: 0, volume opens: 1\n"));
     ForgetDevice();
     {
         HandMade close(device, &file, IRP_MJ_CLOSE);

@@ -1,6 +1,8 @@
 // Names that would stand for two things: empty components, separators in a new name, another spelling of the root or of
 // a live object, a directory as its own child. And what a name's owner keeps when the name cannot be had.
 
+#include <cstring>
+
 #include <nthost/process.h>
 #include <nthost/sections.h>
 

@@ -37,9 +37,6 @@ TEST_F(NewObjects, AreRefusedWithoutAWordToThePlugin)
         {"\\new", With(kCreate, FILE_DELETE_ON_CLOSE | FILE_DIRECTORY_FILE, FILE_ATTRIBUTE_READONLY),
          STATUS_CANNOT_DELETE},
         {"\\new", noDelete, STATUS_INVALID_PARAMETER},
-        {"\\new", {.Disposition = FILE_OPEN}, STATUS_OBJECT_NAME_NOT_FOUND},
-        {"\\new", {.Disposition = FILE_OVERWRITE}, STATUS_OBJECT_NAME_NOT_FOUND},
-        {"\\none\\new", kCreate, STATUS_OBJECT_PATH_NOT_FOUND},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.Path);
@@ -202,16 +199,6 @@ TEST_F(Overwrites, NeedWriteAccessThatTheHandleDoesNotGet)
     Handle overwriter = OpenOrFail("\\file", Overwrite(FILE_ATTRIBUTE_READONLY));
     EXPECT_STATUS(STATUS_ACCESS_DENIED, support::Write(overwriter.Get(), "x").Status); // a reader all the same
     EXPECT_STATUS(STATUS_ACCESS_DENIED, Open("\\file", {.Access = FILE_GENERIC_WRITE}).Status);
-}
-
-TEST_F(Overwrites, RespectShareModesForWriting)
-{
-    Handle reader = OpenOrFail("\\file", {.Share = FILE_SHARE_READ});
-    EXPECT_STATUS(STATUS_SHARING_VIOLATION, Open("\\file", Overwrite()).Status);
-    NTSTATUS status;
-    EXPECT_EQ(
-        support::QueryAs<FILE_STANDARD_INFORMATION>(reader.Get(), FileStandardInformation, &status).EndOfFile.QuadPart,
-        10);
 }
 
 TEST_F(Overwrites, LeaveTheFileCutWhenALaterStepFails)

@@ -171,7 +171,11 @@ VOID NTAPI UnlockRoutine(PVOID context, PFILE_LOCK_INFO lock)
 
 class LockCallbacks : public LockWait {
 protected:
-    LockCallbacks() { FsRtlInitializeFileLock(&Lock_, CompleteRoutine, UnlockRoutine); }
+    void SetUp() override
+    {
+        LockWait::SetUp();
+        FsRtlInitializeFileLock(&Lock_, CompleteRoutine, UnlockRoutine);
+    }
 };
 
 TEST_F(LockCallbacks, TheRoutineCompletesAndUnlocksAreReportedOnce)

@@ -41,9 +41,9 @@ void ExpectDemands(VolumeService service, const ClassRow& row)
 TEST_F(Volume, ClassesDemandLengthAlignmentAndAccess)
 {
     constexpr ClassRow queries[] = {
-        {FileFsVolumeInformation, 24, 8, 0},   {FileFsSizeInformation, 24, 8, 0},
-        {FileFsDeviceInformation, 8, 4, 0},    {FileFsAttributeInformation, 16, 4, 0},
-        {FileFsFullSizeInformation, 32, 8, 0}, {FileFsControlInformation, 48, 8, FILE_READ_DATA},
+        {FileFsVolumeInformation, 24, 8, 0},
+        {FileFsDeviceInformation, 8, 4, 0},
+        {FileFsControlInformation, 48, 8, FILE_READ_DATA},
     };
     for (const ClassRow& row : queries) ExpectDemands(NtQueryVolumeInformationFile, row);
     ExpectDemands(NtSetVolumeInformationFile, {FileFsLabelInformation, 8, 4, FILE_WRITE_DATA});

@@ -4,7 +4,6 @@
 #include "check/callout.h"
 #include "fixture.h"
 #include "mm/guarded.h"
-#include <nthost/faults.h>
 #include <nthost/routines.h>
 #include <nthost/user_memory.h>
 
@@ -200,23 +199,6 @@ void AsDriver(Body body)
 }
 
 } // namespace
-
-TEST_F(MemoryTest, InjectedFailures)
-{
-    UserMemory memory(PAGE_SIZE);
-    {
-        const FaultPlan plan("IoAllocateMdl", 1);
-        AsDriver([&] { EXPECT_EQ(IoAllocateMdl(memory.Address(), 1, FALSE, FALSE, nullptr), nullptr); });
-    }
-    Range range(memory.Address(), 1);
-    ASSERT_EQ(range.Lock(IoReadAccess), STATUS_SUCCESS);
-    {
-        const FaultPlan plan("MmMapLockedPagesSpecifyCache", 1);
-        AsDriver([&] { EXPECT_EQ(range.Map(), nullptr); });
-    }
-    EXPECT_NE(range.Map(), nullptr);
-    MmUnlockPages(range.Get());
-}
 
 TEST_F(MemoryTest, SystemRoutinesByName)
 {
