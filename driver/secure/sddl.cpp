@@ -28,7 +28,7 @@ public:
         if (IsTerminated(text)) return STATUS_SUCCESS;
         copy_.Reset(static_cast<WCHAR*>(GvAllocate(PagedPool, text->Length + sizeof(WCHAR), SecTextTag)));
         if (!copy_) return GV_REFUSE_AS("SecSddlToSecurityDescriptor", STATUS_INSUFFICIENT_RESOURCES, "out-of-mem\n");
-        RtlCopyMemory(copy_.Get(), text->Buffer, text->Length); // the block is zeroed
+        if (text->Length) RtlCopyMemory(copy_.Get(), text->Buffer, text->Length); // the block is zeroed
         text_ = copy_.Get();
         return STATUS_SUCCESS;
     }
