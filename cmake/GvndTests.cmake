@@ -1,7 +1,7 @@
 # Tests and benchmarks. tests/<name>/ becomes the executable <name>_tests; if the name begins with a component's, the
-# tests see that component's private headers too. Three directories are special: support is linked into all of them,
-# layout is compiled only (its assertions are the test), and outsider is a project of its own that uses the installed
-# package.
+# tests see that component's private headers too. Four directories are special: support is linked into all of them,
+# layout is compiled only (its assertions are the test), outsider is a project of its own that uses the installed
+# package, and mounted has a program that uses a mount from outside.
 
 find_package(GTest REQUIRED)
 include(GoogleTest)
@@ -66,7 +66,7 @@ endfunction()
 
 file(GLOB GVND_TEST_DIRS CONFIGURE_DEPENDS LIST_DIRECTORIES true RELATIVE ${PROJECT_SOURCE_DIR}/tests
     ${PROJECT_SOURCE_DIR}/tests/*)
-list(REMOVE_ITEM GVND_TEST_DIRS support layout outsider)
+list(REMOVE_ITEM GVND_TEST_DIRS support layout outsider mounted)
 if(TARGET gvnd_nthost)
     foreach(directory IN LISTS GVND_TEST_DIRS)
         if(IS_DIRECTORY ${PROJECT_SOURCE_DIR}/tests/${directory})
@@ -103,6 +103,15 @@ endif()
 if(TARGET gvnd)
     add_test(NAME tool.CommandLine COMMAND ${PROJECT_SOURCE_DIR}/tests/tool/run.sh $<TARGET_FILE:gvnd> ${PROJECT_SOURCE_DIR})
     set_tests_properties(tool.CommandLine PROPERTIES TIMEOUT 300)
+endif()
+
+# The tool's mount, by programs that know nothing of it.
+if(TARGET gvnd)
+    add_executable(mount_exerciser tests/mounted/exerciser.cpp)
+    target_compile_options(mount_exerciser PRIVATE ${GVND_WARNING_FLAGS})
+    add_test(NAME tool.Mount COMMAND ${PROJECT_SOURCE_DIR}/tests/tool/mount.sh $<TARGET_FILE:gvnd>
+        $<TARGET_FILE:mount_exerciser>)
+    set_tests_properties(tool.Mount PROPERTIES TIMEOUT 300 SKIP_RETURN_CODE 77)
 endif()
 
 # The installed package, used by a stranger. One build kind is enough to prove it, and a sanitized one would need the

@@ -109,6 +109,7 @@ private:
     bool RemoveFile(OpenFile* file);
     void RemoveHidden(Node* node);
     int ReadEntries(Node* directory, Listing* listing);
+    int ReplyAttributes(fuse_req_t request, fuse_ino_t node, const Facts& facts);
     int OpenFor(fuse_ino_t node, ACCESS_MASK access, Handle* handle);
 
     Session& session_;

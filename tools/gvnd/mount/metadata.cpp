@@ -51,15 +51,22 @@ NTSTATUS SetUnix(HANDLE handle, const struct stat& values, int which)
     const ULONG attributes =
         readOnly ? facts.Attributes | FILE_ATTRIBUTE_READONLY
                  : facts.Attributes & ~static_cast<ULONG>(facts.IsDirectory() ? 0 : FILE_ATTRIBUTE_READONLY);
+    const auto setAttributes = [&] {
+        FILE_BASIC_INFORMATION info = {};
+        info.FileAttributes = attributes ? attributes : FILE_ATTRIBUTE_NORMAL;
+        return Set(handle, FileBasicInformation, info);
+    };
+    // A file that is read-only may take no extended attributes either.
+    if (facts.IsReadOnly() && !readOnly && !facts.IsDirectory()) {
+        if (status = setAttributes(); !NT_SUCCESS(status)) return status;
+        facts.Attributes = attributes;
+    }
     std::vector<uint64_t> list = EaList({{std::string(kUnixEa), UnixEaValue(wanted, attributes)}});
     status = SetEas(handle, &list);
     const bool cannotKeep = status == STATUS_EAS_NOT_SUPPORTED || status == STATUS_NOT_SUPPORTED;
     if (cannotKeep && (wanted.Uid != facts.Unix.Uid || wanted.Gid != facts.Unix.Gid)) return STATUS_PRIVILEGE_NOT_HELD;
     if (!NT_SUCCESS(status) && !cannotKeep) return status;
-    if (attributes == facts.Attributes) return STATUS_SUCCESS;
-    FILE_BASIC_INFORMATION info = {};
-    info.FileAttributes = attributes ? attributes : FILE_ATTRIBUTE_NORMAL;
-    return Set(handle, FileBasicInformation, info);
+    return attributes == facts.Attributes ? STATUS_SUCCESS : setAttributes();
 }
 
 } // namespace
@@ -69,6 +76,13 @@ int Bridge::OpenFor(fuse_ino_t node, ACCESS_MASK access, Handle* handle)
     NtName path;
     if (const int error = FindPath(node, &path)) return error;
     return ErrorOf(mount::Open(path, {.Access = access}, handle));
+}
+
+int Bridge::ReplyAttributes(fuse_req_t request, fuse_ino_t id, const Facts& facts)
+{
+    const struct stat info = StatOf(facts, id);
+    fuse_reply_attr(request, &info, options_.Timeout);
+    return 0;
 }
 
 int Bridge::GetAttributes(fuse_req_t request, fuse_ino_t id, fuse_file_info* file)
@@ -84,9 +98,7 @@ int Bridge::GetAttributes(fuse_req_t request, fuse_ino_t id, fuse_file_info* fil
         status = DescribePath(links_, path, &facts);
     }
     if (!NT_SUCCESS(status)) return ErrorOf(status);
-    const struct stat info = StatOf(facts, id);
-    fuse_reply_attr(request, &info, options_.Timeout);
-    return 0;
+    return ReplyAttributes(request, id, facts);
 }
 
 int Bridge::SetAttributes(fuse_req_t request, fuse_ino_t id, struct stat* values, int which, fuse_file_info* file)
@@ -95,7 +107,8 @@ int Bridge::SetAttributes(fuse_req_t request, fuse_ino_t id, struct stat* values
     NtName path;
     if (const int error = FindPath(id, &path)) return error;
     Facts facts;
-    if (links_.Describe(path, &facts)) return EOPNOTSUPP; // nothing of a link itself can be set
+    // Nothing of a link itself can be set. Programs that copy trees try it, and would take a refusal for a failed copy.
+    if (links_.Describe(path, &facts)) return ReplyAttributes(request, id, facts);
     NTSTATUS status = STATUS_SUCCESS;
     if (which & FUSE_SET_ATTR_SIZE) {
         OpenFile* const opened = FileOf(file);
@@ -116,9 +129,7 @@ int Bridge::SetAttributes(fuse_req_t request, fuse_ino_t id, struct stat* values
     if (NT_SUCCESS(status) && (which & kTimes)) status = SetTimes(handle.Get(), *values, which);
     if (NT_SUCCESS(status)) status = QueryFacts(handle.Get(), &facts);
     if (!NT_SUCCESS(status)) return ErrorOf(status);
-    const struct stat info = StatOf(facts, id);
-    fuse_reply_attr(request, &info, options_.Timeout);
-    return 0;
+    return ReplyAttributes(request, id, facts);
 }
 
 int Bridge::StatVolume(fuse_req_t request)
