@@ -10,6 +10,7 @@
 
 #include "gvnd/demo.h"
 #include "gvnd/mount/mount.h"
+#include "gvnd/plugins.h"
 #include "gvnd/session.h"
 #include "gvnd/shell.h"
 #include "gvnd/status.h"
@@ -86,7 +87,9 @@ int RunTransfer(const Options& options, CopyTotals (*transfer)(Session&, const s
 
 void AddVolumeOptions(CLI::App* command, Options& options)
 {
-    command->add_option("-p,--plugin", options.Volume.Plugin, "memfs, or hostfs:DIR to serve a directory")
+    command
+        ->add_option("-p,--plugin", options.Volume.Plugin,
+                     "memfs, hostfs:DIR to serve a directory, or so:PATH[:ARGUMENTS]; see `plugins`")
         ->capture_default_str();
     command->add_flag("--read-only", options.Volume.ReadOnly, "refuse every change of the directory (hostfs)");
     command->add_option("--capacity", options.Capacity, "size of memfs in bytes, or as 512M or 4G (1G)");
@@ -122,6 +125,9 @@ int Main(int argc, char** argv)
     AddVolumeOptions(exporter, options);
     exporter->add_option("from", options.From, "path in the volume, / for all")->required();
     exporter->add_option("to", options.To, "directory of this machine, made if missing")->required();
+    std::vector<std::string> sharedObjects;
+    CLI::App* const plugins = app.add_subcommand("plugins", "what -p can name, with the arguments of each");
+    plugins->add_option("shared-object", sharedObjects, "plugins to look at");
     MountOptions mount;
     CLI::App* const mounter =
         app.add_subcommand("mount", "a volume as a file system of this machine; docs/mount.md says what differs");
@@ -143,6 +149,10 @@ int Main(int argc, char** argv)
     if (*shell) return RunShell(options);
     if (*importer) return RunTransfer(options, ImportTree);
     if (*exporter) return RunTransfer(options, ExportTree);
+    if (*plugins) {
+        PrintPlugins(sharedObjects);
+        return ExitSuccess;
+    }
     if (*mounter) {
         mount.Volume = ChoiceOf(options);
         mount.Trace = options.Trace;

@@ -26,10 +26,12 @@ public:
         const std::lock_guard lock(mutex_);
         errands_[request] = errand;
     }
-    void Remove(fuse_req_t request)
+    // A request that has been answered is gone, and its address may be another one's by now.
+    void Remove(fuse_req_t request, const Errand* errand)
     {
         const std::lock_guard lock(mutex_);
-        errands_.erase(request);
+        const auto found = errands_.find(request);
+        if (found != errands_.end() && found->second == errand) errands_.erase(found);
     }
     void Cancel(fuse_req_t request)
     {
@@ -94,7 +96,7 @@ void Serve(fuse_req_t request, const char* name, const Body& body, fmt::format_s
         errands.Add(request, &errand);
         fuse_req_interrupt_func(request, OnInterrupt, &server);
         error = Contained(what, [&] { return body(server.Files); });
-        errands.Remove(request);
+        errands.Remove(request, &errand);
     }
     if (error) fuse_reply_err(request, error);
     if (server.Debug) TraceAnswer(server, what, error);
