@@ -28,6 +28,7 @@ struct BridgeOptions {
 };
 
 struct Listing; // of an open directory; listing.cpp
+struct Answer;  // to a reader of one
 
 class Bridge {
 public:
@@ -109,6 +110,8 @@ private:
     bool RemoveFile(OpenFile* file);
     void RemoveHidden(Node* node);
     int ReadEntries(Node* directory, Listing* listing);
+    int FillAnswer(fuse_ino_t id, Listing* listing, off_t offset, bool plus, Answer* answer,
+                   std::vector<fuse_ino_t>* given);
     int ReplyAttributes(fuse_req_t request, fuse_ino_t node, const Facts& facts);
     int OpenFor(fuse_ino_t node, ACCESS_MASK access, Handle* handle);
 

@@ -34,6 +34,8 @@ mode_t TypeOf(ULONG attributes)
     return attributes & FILE_ATTRIBUTE_DIRECTORY ? S_IFDIR : S_IFREG;
 }
 
+} // namespace
+
 // The kernel's buffer while it fills.
 struct Answer {
     fuse_req_t Request;
@@ -63,8 +65,6 @@ private:
         return true;
     }
 };
-
-} // namespace
 
 int Bridge::OpenDirectory(fuse_req_t request, fuse_ino_t, fuse_file_info* file)
 {
@@ -109,20 +109,18 @@ int Bridge::ReadEntries(Node* directory, Listing* listing)
     return listing->Read ? 0 : ErrorOf(status);
 }
 
-int Bridge::ReadDirectory(fuse_req_t request, fuse_ino_t id, size_t size, off_t offset, fuse_file_info* file, bool plus)
+// The entries from offset on, as many as there is room for. What each has been looked up for goes to given.
+int Bridge::FillAnswer(fuse_ino_t id, Listing* listing, off_t offset, bool plus, Answer* answer,
+                       std::vector<fuse_ino_t>* given)
 {
-    const std::shared_lock names(nodes_.Namespace);
-    Listing& listing = *ListingOf(file);
-    const std::lock_guard lock(listing.Mutex);
+    const std::lock_guard lock(listing->Mutex);
     Node* const directory = nodes_.Find(id);
     if (!directory) return ESTALE;
-    if (offset == 0 || !listing.Read) {
-        if (const int error = ReadEntries(directory, &listing)) return error;
+    if (offset == 0 || !listing->Read) {
+        if (const int error = ReadEntries(directory, listing)) return error;
     }
-    Answer answer = {.Request = request, .Bytes = std::vector<char>(size)};
-    std::vector<fuse_ino_t> given;
-    for (auto at = static_cast<size_t>(offset); at < listing.Entries.size(); ++at) {
-        const Listing::Entry& entry = listing.Entries[at];
+    for (auto at = static_cast<size_t>(offset); at < listing->Entries.size(); ++at) {
+        const Listing::Entry& entry = listing->Entries[at];
         const auto next = static_cast<off_t>(at + 1);
         fuse_entry_param param = {};
         const bool self = at < 2; // "." and "..", which the kernel does not want a look-up of
@@ -135,11 +133,22 @@ int Bridge::ReadDirectory(fuse_req_t request, fuse_ino_t id, size_t size, off_t 
             param.attr.st_mode = entry.Type;
             param.attr.st_ino = 0xffffffff;
         }
-        const bool room = plus ? answer.AddPlus(entry, param, next) : answer.Add(entry, next);
+        const bool room = plus ? answer->AddPlus(entry, param, next) : answer->Add(entry, next);
         if (!room && param.ino) nodes_.Forget(param.ino, 1);
         if (!room) break;
-        if (param.ino) given.push_back(param.ino);
+        if (param.ino) given->push_back(param.ino);
     }
+    return 0;
+}
+
+// Once it has the answer, the kernel may release the directory, on another thread: so nothing of the listing, not even
+// its mutex, is touched any more by then.
+int Bridge::ReadDirectory(fuse_req_t request, fuse_ino_t id, size_t size, off_t offset, fuse_file_info* file, bool plus)
+{
+    const std::shared_lock names(nodes_.Namespace);
+    Answer answer = {.Request = request, .Bytes = std::vector<char>(size)};
+    std::vector<fuse_ino_t> given;
+    if (const int error = FillAnswer(id, ListingOf(file), offset, plus, &answer, &given)) return error;
     if (fuse_reply_buf(request, answer.Bytes.data(), answer.Used) == -ENOENT) {
         for (const fuse_ino_t each : given) nodes_.Forget(each, 1);
     }

@@ -41,12 +41,15 @@ int Bridge::ClearTheWay(const Place& target, const Facts& source, bool mayReplac
     *replaces = false;
     Facts there;
     const NTSTATUS status = DescribePath(links_, target.Path, &there);
-    if (status == STATUS_OBJECT_NAME_NOT_FOUND) return 0;
+    Node* const node = nodes_.FindChild(target.Parent, target.Name);
+    if (status == STATUS_OBJECT_NAME_NOT_FOUND) {
+        if (node) nodes_.Remove(node); // it went without the kernel's knowledge
+        return 0;
+    }
     if (!NT_SUCCESS(status)) return ErrorOf(status);
     if (!mayReplace) return EEXIST;
     if (there.IsDirectory() != source.IsDirectory()) return there.IsDirectory() ? EISDIR : ENOTDIR;
 
-    Node* const node = nodes_.FindChild(target.Parent, target.Name);
     if (node && !node->Files.empty()) return Hide(node, target.Path);
     if (there.IsDirectory() || there.IsLink() || source.IsLink()) {
         const ULONG type = there.IsDirectory() ? FILE_DIRECTORY_FILE : FILE_NON_DIRECTORY_FILE;
