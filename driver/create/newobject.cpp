@@ -5,7 +5,8 @@
 #include "create/create.h"
 
 #include "ea/ea.h"
-#include "frame/plugincall.h"
+#include "plugin/operations.h"
+#include "frame/resource.h"
 
 namespace {
 
@@ -76,7 +77,7 @@ constexpr char kName[] = "GvCreateNewFileOrDir"; // whose steps the routines bel
     if (type != GvFile || parameters.AllocationSize == 0) return STATUS_SUCCESS;
     LONGLONG size = 0;
     const LONGLONG* const allocation = &parameters.AllocationSize;
-    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, SetFileSize, fd, &size, allocation);
+    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, SetFileSize, GvBareHandle(fd), &size, allocation);
     if (!NT_SUCCESS(status)) GV_TRACE_AS(kName, GvTraceError, "Plugin SetFileSize(): 0x%x\n", status);
     return status;
 }
@@ -92,7 +93,7 @@ constexpr char kName[] = "GvCreateNewFileOrDir"; // whose steps the routines bel
     } else {
         attributes |= FILE_ATTRIBUTE_DIRECTORY;
     }
-    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, SetAttr, fd, attributes);
+    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, SetAttr, GvBareHandle(fd), attributes);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kName, GvTraceError, "Plugin SetAttr(): 0x%x\n", status);
         return status;
@@ -107,7 +108,7 @@ constexpr char kName[] = "GvCreateNewFileOrDir"; // whose steps the routines bel
     if (parameters.EaLength == 0) return STATUS_SUCCESS;
     ULONG errorOffset;
     const NTSTATUS status =
-        GvSetFullEaInfo(context, nullptr, fd, parameters.EaBuffer, parameters.EaLength, &errorOffset);
+        GvSetFullEaInfo(context, GvBareHandle(fd), parameters.EaBuffer, parameters.EaLength, &errorOffset);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "GvSetFullEaInfo", status);
     return status;
 }
@@ -130,17 +131,12 @@ constexpr char kName[] = "GvCreateNewFileOrDir"; // whose steps the routines bel
     return status;
 }
 
-void CloseNewHandle(IrpContext* context, PluginFd fd)
-{
-    const NTSTATUS closed = GV_CALL_PLUGIN(context, nullptr, Close, fd);
-    if (!NT_SUCCESS(closed)) GV_TRACE_FAILED_AS(kName, "Close", closed);
-}
-
 } // namespace
 
 NTSTATUS GvCreateNewFileOrDir(IrpContext* context, const CreateParameters& parameters, const ResolvedPaths& paths,
                               Fcb* parent, NTSTATUS lookupStatus, ULONG* information)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     ULONG type;
     NTSTATUS status = CheckRules(parameters, paths, parent, lookupStatus, &type);
     if (!NT_SUCCESS(status)) return status;
@@ -169,7 +165,7 @@ NTSTATUS GvCreateNewFileOrDir(IrpContext* context, const CreateParameters& param
         status = EnterObject(context, parameters, fullPath, state, &fcb);
     }
     if (!NT_SUCCESS(status)) {
-        CloseNewHandle(context, fd);
+        GvCloseBareHandle(kName, context, fd);
         return status;
     }
     status = GvInitSharedFileObj(__func__, parameters.FileObject, fcb, parameters.DeleteOnClose);

@@ -5,7 +5,7 @@
 #include "create/create.h"
 
 #include "frame/driver.h"
-#include "frame/plugincall.h"
+#include "plugin/call.h"
 
 namespace {
 
@@ -35,6 +35,10 @@ constexpr char kName[] = "GvHandleReparsePoint"; // whose steps the routines bel
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kName, GvTraceError, "plugin->ReadLink(): 0x%x\n", status);
         return status;
+    }
+    if (*target) {
+        const NTSTATUS checked = GvCheckPluginName("ReadLink", (*target)->Buffer, (*target)->Length);
+        if (!NT_SUCCESS(checked)) return checked;
     }
     if (!*target || (*target)->Length < sizeof(WCHAR) || (*target)->Buffer[0] != L'\\') {
         GV_TRACE_AS(kName, GvTraceError, "ERR: 'resolved target path' not found\n");

@@ -4,32 +4,14 @@
 
 #include "create/create.h"
 
-#include "frame/plugincall.h"
+#include "plugin/operations.h"
+#include "frame/resource.h"
 
 namespace {
 
 constexpr char kName[] = "GvResolveName"; // whose steps most routines below are
 
-bool HasNonAscii(PCUNICODE_STRING path)
-{
-    for (ULONG i = 0; i < path->Length / sizeof(WCHAR); ++i)
-        if (path->Buffer[i] >= 0x80) return true;
-    return false;
-}
-
 bool BeginsWithBackslash(PCUNICODE_STRING path) { return path->Length >= sizeof(WCHAR) && path->Buffer[0] == L'\\'; }
-
-[[nodiscard]] NTSTATUS GvEnsurePathCharsAreLegal(PCUNICODE_STRING path)
-{
-    for (ULONG i = 0; i < path->Length / sizeof(WCHAR); ++i) {
-        const WCHAR character = path->Buffer[i];
-        if (character >= 0x80 || character == L'\\') continue;
-        if (FsRtlLegalAnsiCharacterArray[character] & FSRTL_NTFS_LEGAL) continue;
-        GV_TRACE(GvTraceError, "FsRtlIsAnsiCharacterLegalNtfs(): failed, char: 0x%x\n", character);
-        return STATUS_OBJECT_NAME_INVALID;
-    }
-    return STATUS_SUCCESS;
-}
 
 // The destination has room: its capacity was worked out from the same parts.
 void Append(PUNICODE_STRING path, PCUNICODE_STRING tail)
@@ -174,25 +156,15 @@ void StripTrailing(ResolvedPaths* paths)
 
 } // namespace
 
-NTSTATUS GvPnGetNormalizedPathFromPlugin(IrpContext* context, PCUNICODE_STRING path, PUNICODE_STRING* normalized)
-{
-    if (!HasNonAscii(path)) return STATUS_NOT_SUPPORTED;
-    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, GetNormalizedPath, path, normalized);
-    if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GetNormalizedPath", status);
-    return status;
-}
-
 NTSTATUS GvResolveName(IrpContext* context, PFILE_OBJECT fileObject, ResolvedPaths* paths)
 {
-    GvString normalized;
-    bool useNormalized = false;
-    if (fileObject->FileName.Length != 0) {
-        const NTSTATUS status = GvPnGetNormalizedPathFromPlugin(context, &fileObject->FileName, normalized.Out());
-        if (!NT_SUCCESS(status) && status != STATUS_NOT_SUPPORTED) {
-            GV_TRACE_FAILED("GvPnGetNormalizedPathFromPlugin", status);
-            return status;
-        }
-        useNormalized = NT_SUCCESS(status) && normalized;
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
+    GvString holder;
+    PCUNICODE_STRING name = nullptr;
+    const NTSTATUS status = GvNormalizedOrGiven(context, &fileObject->FileName, &holder, &name);
+    if (!NT_SUCCESS(status)) {
+        GV_TRACE_FAILED("GvPnGetNormalizedPathFromPlugin", status);
+        return status;
     }
-    return BuildPaths(context, fileObject, useNormalized ? normalized.Get() : &fileObject->FileName, paths);
+    return BuildPaths(context, fileObject, name, paths);
 }

@@ -5,52 +5,8 @@
 
 #include "create/create.h"
 
-#include "frame/plugincall.h"
-
-NTSTATUS GvPerformLookupOnPlugin(IrpContext* context, PCUNICODE_STRING path, GvBlock<PluginFileInfo>* info,
-                                 PluginAccessMask* maxAccess)
-{
-    PluginAccessMask access = 0;
-    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, Lookup, path, info->Out(), &access);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE(GvTraceError, "plugin->Lookup() failed: 0x%x\n", status);
-        return status;
-    }
-    if (!*info) {
-        GV_TRACE(GvTraceError, "plugin->Lookup() gave no record\n");
-        return STATUS_UNSUCCESSFUL;
-    }
-    const bool isDirectory = ((*info)->FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-    *maxAccess = access & (isDirectory ? GVND_ACCESS_ALL & ~GVND_ACCESS_EXECUTE : GVND_ACCESS_ALL);
-    return status;
-}
-
-NTSTATUS GvOpenFileFromPlugin(IrpContext* context, PCUNICODE_STRING path, PluginAccessMask access, PluginFd* fd)
-{
-    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, Open, path, access, fd);
-    if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "plugin->Open() failed: 0x%x\n", status);
-    return status;
-}
-
-NTSTATUS GvOpenDirFromPlugin(IrpContext* context, PCUNICODE_STRING path, PluginAccessMask access, PluginFd* fd)
-{
-    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, OpenDir, path, access, fd);
-    if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "plugin->OpenDir() failed: 0x%x\n", status);
-    return status;
-}
-
-NTSTATUS GvOpenFromPlugin(const char* function, IrpContext* context, ULONG type, PCUNICODE_STRING path,
-                          PluginAccessMask access, PluginFd* fd)
-{
-    if (type == GvFile) {
-        const NTSTATUS status = GvOpenFileFromPlugin(context, path, access, fd);
-        if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(function, "GvOpenFileFromPlugin", status);
-        return status;
-    }
-    const NTSTATUS status = GvOpenDirFromPlugin(context, path, access, fd);
-    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(function, "GvOpenDirFromPlugin", status);
-    return status;
-}
+#include "plugin/operations.h"
+#include "frame/resource.h"
 
 namespace {
 
@@ -84,14 +40,11 @@ PluginAccessMask FirstAccess(ULONG type, PluginAccessMask maxAccess)
 {
     NTSTATUS status =
         GvOpenFromPlugin(kGetOrAlloc, context, state.Type, path, state.PluginFdCurrentAccess, &state.PluginFd);
-    if (!NT_SUCCESS(status)) return status; // whatever a failed open has written is no handle
+    if (!NT_SUCCESS(status)) return status;
     status = GvFcbCreateNewFcb(context->Vcb->FcbTables, path, state, fcb);
     if (NT_SUCCESS(status)) return status;
     GV_TRACE_FAILED_AS(kGetOrAlloc, "GvFcbCreateNewFcb", status);
-    if (state.PluginFd) {
-        const NTSTATUS closed = GV_CALL_PLUGIN(context, nullptr, Close, state.PluginFd);
-        if (!NT_SUCCESS(closed)) GV_TRACE_FAILED_AS(kGetOrAlloc, "Close", closed);
-    }
+    if (state.PluginFd) GvCloseBareHandle(kGetOrAlloc, context, state.PluginFd);
     return status;
 }
 
@@ -184,6 +137,7 @@ bool TakeComponent(ResolvedPaths* paths)
 
 NTSTATUS GvFullyOpenPath(IrpContext* context, PFILE_OBJECT fileObject, ResolvedPaths* paths, WalkResult* result)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     GvFcbReference current(context);
     NTSTATUS status = StartOfWalk(context, fileObject, paths, &current);
     if (status != STATUS_SUCCESS) return status;

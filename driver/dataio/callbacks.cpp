@@ -4,7 +4,7 @@
 #include "dataio/callbacks.h"
 
 #include "frame/context.h"
-#include "frame/driver.h"
+#include "frame/toplevel.h"
 #include "frame/trace.h"
 
 namespace {

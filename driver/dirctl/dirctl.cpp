@@ -2,7 +2,6 @@
 
 #include "dirctl/dirctl.h"
 
-#include "frame/requests.h"
 #include "frame/trace.h"
 
 namespace {

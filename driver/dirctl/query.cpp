@@ -3,9 +3,10 @@
 
 #include "dirctl/dirctl.h"
 
-#include "create/create.h"
 #include "dirctl/records.h"
-#include "frame/plugincall.h"
+#include "objects/util.h"
+#include "plugin/operations.h"
+#include "frame/buffer.h"
 #include "frame/resource.h"
 
 namespace {
@@ -50,23 +51,13 @@ DirectoryQuery ReadQuery(PIRP irp)
     return status;
 }
 
-// The name in the form that is matched: the plugin's, or as it stands. holder owns what the plugin gave.
-[[nodiscard]] NTSTATUS NormalizedName(IrpContext* context, PCUNICODE_STRING name, GvString* holder,
-                                      PCUNICODE_STRING* result)
-{
-    const NTSTATUS status = GvPnGetNormalizedPathFromPlugin(context, name, holder->Out());
-    if (!NT_SUCCESS(status) && status != STATUS_NOT_SUPPORTED) return status;
-    *result = NT_SUCCESS(status) && *holder ? holder->Get() : name;
-    return STATUS_SUCCESS;
-}
-
 // Once set, a pattern stays for the life of the handle.
 [[nodiscard]] NTSTATUS InstallPattern(IrpContext* context, const DirectoryQuery& query, bool* installed)
 {
     if (!query.FileName || query.Ccb->DirSearchPattern) return STATUS_SUCCESS;
     GvString normalized;
     PCUNICODE_STRING name = nullptr;
-    NTSTATUS status = NormalizedName(context, query.FileName, &normalized, &name);
+    NTSTATUS status = GvNormalizedOrGiven(context, query.FileName, &normalized, &name);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kName, GvTraceError, "GvPnGetNormalizedPathFromPlugin(): failed: 0x%x\n", status);
         return status;
@@ -88,26 +79,25 @@ DirectoryQuery ReadQuery(PIRP irp)
 }
 
 // Indexes are ordinals: a deletion below the current one would make a plain resume skip an entry, so the scan starts
-// over.
-void PositionScan(const DirectoryQuery& query)
+// over. From here on the query counts by itself, and leaves behind where it has ended: two at once on one handle may
+// list an entry twice, but lose none between them.
+ULONG StartOfScan(const DirectoryQuery& query)
 {
     Ccb* const ccb = query.Ccb;
     const LONG generation = GvLoad(query.Directory->ChildDeleteCount);
+    auto index = static_cast<ULONG>(GvLoad(ccb->DirScanIndex));
     bool reset = false;
-    if (GvLoad(ccb->DirScanIndex) == 0) {
+    if (index == 0) {
         GvStore(ccb->DirGeneration, generation);
     } else if (GvLoad(ccb->DirGeneration) != generation) {
         GvStore(ccb->DirGeneration, generation);
-        GvStore(ccb->DirScanIndex, 0);
+        index = 0;
         reset = true;
         GV_TRACE_AS(kName, GvTraceNotable,
                     "entries deleted from dir, during dir-list, resetting dir-list scan-index\n");
     }
-    if (query.Flags & SL_RESTART_SCAN) {
-        GvStore(ccb->DirScanIndex, 0);
-    } else if ((query.Flags & SL_INDEX_SPECIFIED) && !reset) {
-        GvStore(ccb->DirScanIndex, query.FileIndex + 1);
-    }
+    if (query.Flags & SL_RESTART_SCAN) return 0;
+    return (query.Flags & SL_INDEX_SPECIFIED) && !reset ? query.FileIndex + 1 : index;
 }
 
 // Ignoring case, the match may need memory for the name in upper case, and raises when there is none.
@@ -136,7 +126,7 @@ void PositionScan(const DirectoryQuery& query)
     const UNICODE_STRING plain = {length, length, const_cast<PWCH>(entry->FileName)};
     GvString normalized;
     PCUNICODE_STRING name = nullptr;
-    if (const NTSTATUS status = NormalizedName(context, &plain, &normalized, &name); !NT_SUCCESS(status)) {
+    if (const NTSTATUS status = GvNormalizedOrGiven(context, &plain, &normalized, &name); !NT_SUCCESS(status)) {
         GV_TRACE(GvTraceError, "GvPnGetNormalizedPathFromPlugin(): failed: 0x%x\n", status);
         return STATUS_SUCCESS;
     }
@@ -150,6 +140,7 @@ struct Listing {
     UCHAR* Buffer;
     UCHAR* Previous; // last record placed, or null
     ULONG Remaining;
+    ULONG Index; // of the entry that comes next
 };
 
 enum class Placed { Yes, NoRoom, Faulted };
@@ -159,12 +150,11 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
     const ULONGLONG size = GvDirEntrySize(query.Class, entry);
     if (listing->Remaining < size) return Placed::NoRoom;
     UCHAR* const destination = listing->Buffer + (query.Length - listing->Remaining);
-    const auto index = static_cast<ULONG>(GvLoad(query.Ccb->DirScanIndex));
-    if (!GvGuarded([&] { GvFillDirEntryInfo(query.Class, entry, index, listing->Previous, destination); })) {
+    if (!GvGuarded([&] { GvFillDirEntryInfo(query.Class, entry, listing->Index, listing->Previous, destination); })) {
         GV_TRACE_AS(kName, GvTraceError, "EXCEPTION: 0x%x, (2) bad user-buffer\n", STATUS_ACCESS_VIOLATION);
         return Placed::Faulted;
     }
-    InterlockedIncrement(&query.Ccb->DirScanIndex);
+    ++listing->Index;
     listing->Remaining -= static_cast<ULONG>(size);
     listing->Previous = destination;
     return Placed::Yes;
@@ -181,13 +171,12 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
 [[nodiscard]] NTSTATUS FillListing(IrpContext* context, const DirectoryQuery& query, bool patternInstalled,
                                    Listing* listing)
 {
+    GV_ASSERT_HELD(query.Directory->Header.Resource);
     NTSTATUS status = STATUS_SUCCESS;
     GvBlock<PluginDirEntry> entry;
     while (listing->Remaining != 0) {
-        status = GV_CALL_PLUGIN(context, query.Directory, ReadDirEntry, query.Directory->PluginFd,
-                                static_cast<ULONG>(GvLoad(query.Ccb->DirScanIndex)), entry.Out());
+        status = GvReadDirEntryFromPlugin(context, query.Directory, listing->Index, &entry);
         if (status == STATUS_NO_MORE_FILES) return EndOfListing(*listing, patternInstalled);
-        if (NT_SUCCESS(status) && !entry) status = STATUS_UNSUCCESSFUL;
         if (!NT_SUCCESS(status)) {
             GV_TRACE_AS(kName, GvTraceFlow, "ReadDirEntry(): 0x%x\n", status);
             return status;
@@ -196,7 +185,7 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
         status = GvDoesDirEntryMatchQuery(context, query.Ccb, entry.Get(), &matches);
         if (!NT_SUCCESS(status)) return status;
         if (!matches) {
-            InterlockedIncrement(&query.Ccb->DirScanIndex);
+            ++listing->Index;
             continue;
         }
         switch (Place(query, entry.Get(), listing)) {
@@ -211,8 +200,9 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
 
 [[nodiscard]] NTSTATUS GvPerformQueryDir(IrpContext* context, const DirectoryQuery& query, ULONG* information)
 {
+    GV_ASSERT_HELD(&context->Vcb->Resource);
     *information = 0;
-    Listing listing = {.Buffer = nullptr, .Previous = nullptr, .Remaining = query.Length};
+    Listing listing = {.Buffer = nullptr, .Previous = nullptr, .Remaining = query.Length, .Index = 0};
     void* buffer = nullptr;
     NTSTATUS status = MapBuffer(query, &buffer);
     if (!NT_SUCCESS(status)) return status;
@@ -225,8 +215,11 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
     bool patternInstalled = false;
     status = InstallPattern(context, query, &patternInstalled);
     if (!NT_SUCCESS(status)) return status;
-    PositionScan(query);
+    listing.Index = StartOfScan(query);
+    const LONG generation = GvLoad(query.Ccb->DirGeneration);
     status = FillListing(context, query, patternInstalled, &listing);
+    // Unless another query has started the scan over meanwhile: its place is the right one then.
+    if (GvLoad(query.Ccb->DirGeneration) == generation) GvStore(query.Ccb->DirScanIndex, listing.Index);
     *information = query.Length - listing.Remaining;
     return status;
 }

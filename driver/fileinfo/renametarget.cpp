@@ -3,7 +3,7 @@
 
 #include "fileinfo/rename.h"
 
-#include "fileinfo/plugininfo.h"
+#include "plugin/operations.h"
 #include "frame/resource.h"
 #include "objects/coherence.h"
 #include "objects/fcb.h"
@@ -33,8 +33,8 @@ constexpr char kName[] = "GvCheckRenameDestination"; // whose steps the checks b
         GV_TRACE_AS(kName, GvTraceError, "ERR: MmFlushImageSection(): failed\n");
         return STATUS_ACCESS_DENIED;
     }
-    // Not flushed: the data is about to die.
-    GvUtlFlushAndPurgeMm(fcb, nullptr, 0, MmFlush::No);
+    // Flushed as well: the deletion that follows can still be refused, and the data would be gone.
+    GvUtlFlushAndPurgeMm(fcb, nullptr, 0, MmFlush::Yes);
     *replaced = true;
     GV_TRACE_AS(kName, GvTraceFlow, "dest exists in fcb name-tree, but can be renamed over\n");
     return STATUS_SUCCESS;
@@ -49,26 +49,16 @@ public:
     ~Probe()
     {
         if (fd_ == 0) return;
-        [[maybe_unused]] const NTSTATUS dropped = GV_CALL_PLUGIN(context_, nullptr, Close, fd_);
+        [[maybe_unused]] const NTSTATUS dropped = GV_CALL_PLUGIN(context_, nullptr, Close, GvBareHandle(fd_));
     }
 
-    bool OpensAsFile(PCUNICODE_STRING path)
+    bool OpensAs(ULONG type, PCUNICODE_STRING path)
     {
-        return Keep(GV_CALL_PLUGIN(context_, nullptr, Open, path, GVND_ACCESS_READ, &fd_));
-    }
-    bool OpensAsDirectory(PCUNICODE_STRING path)
-    {
-        return Keep(GV_CALL_PLUGIN(context_, nullptr, OpenDir, path, GVND_ACCESS_READ, &fd_));
+        return NT_SUCCESS(GvOpenByType(context_, type, path, GVND_ACCESS_READ, &fd_));
     }
     ::PluginFd PluginFd() const { return fd_; }
 
 private:
-    bool Keep(NTSTATUS status)
-    {
-        if (!NT_SUCCESS(status)) fd_ = 0; // a failed open hands over nothing
-        return NT_SUCCESS(status);
-    }
-
     IrpContext* context_;
     ::PluginFd fd_ = 0;
 };
@@ -76,7 +66,7 @@ private:
 [[nodiscard]] NTSTATUS CheckProbedFile(IrpContext* context, PluginFd fd)
 {
     GvBlock<PluginFileInfo> info;
-    const NTSTATUS status = GvGetInfoFromPlugin(context, nullptr, fd, &info);
+    const NTSTATUS status = GvGetInfoFromPlugin(context, GvBareHandle(fd), &info);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kName, GvTraceError, "plugin GetInfo(): 0x%x\n", status);
         return status;
@@ -93,8 +83,8 @@ private:
 [[nodiscard]] NTSTATUS CheckOnPlugin(IrpContext* context, PCUNICODE_STRING path, bool replaceIfExists, bool* replaced)
 {
     Probe probe(context);
-    if (!probe.OpensAsFile(path)) {
-        if (probe.OpensAsDirectory(path)) {
+    if (!probe.OpensAs(GvFile, path)) {
+        if (probe.OpensAs(GvDirectory, path)) {
             GV_TRACE_AS(kName, GvTraceError, "ERR: dest exists on plugin and is a dir\n");
             return STATUS_OBJECT_NAME_COLLISION;
         }
@@ -112,33 +102,9 @@ private:
     return STATUS_SUCCESS;
 }
 
-// The caller's tokens, held still while they are used.
-class LockedSubject {
-public:
-    LockedSubject()
-    {
-        SeCaptureSubjectContext(&subject_);
-        SeLockSubjectContext(&subject_);
-    }
-    LockedSubject(const LockedSubject&) = delete;
-    LockedSubject& operator=(const LockedSubject&) = delete;
-    ~LockedSubject()
-    {
-        SeUnlockSubjectContext(&subject_);
-        SeReleaseSubjectContext(&subject_);
-    }
-    void* Token() const { return subject_.ClientToken ? subject_.ClientToken : subject_.PrimaryToken; }
-
-private:
-    SECURITY_SUBJECT_CONTEXT subject_;
-};
-
-// A plugin without a decision of its own allows it.
 [[nodiscard]] NTSTATUS CheckMayDelete(IrpContext* context, PCUNICODE_STRING path, void* token)
 {
-    if (!context->Vcb->PluginOps->AccessCheck) return STATUS_SUCCESS;
-    constexpr ULONG kConstant = 2;
-    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, AccessCheck, path, kConstant, GVND_ACCESS_WRITE, &token);
+    const NTSTATUS status = GvAskAccess(context, path, GVND_ACCESS_WRITE, token);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS("GvDeleteRenameTarget", GvTraceError, "plugin AccessCheck('delete'): 0x%x\n", status);
     }
@@ -149,6 +115,7 @@ private:
 
 NTSTATUS GvCheckRenameDestination(IrpContext* context, bool replaceIfExists, GvRenameDestination* destination)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     const PCUNICODE_STRING path = destination->Normalized.Get();
     const GvFcbReference live(context, GvFcbGetExistingFcb(context->Vcb->FcbTables, path));
     if (live) return CheckLive(live.Get(), replaceIfExists, &destination->TargetReplaced);
@@ -158,7 +125,7 @@ NTSTATUS GvCheckRenameDestination(IrpContext* context, bool replaceIfExists, GvR
 NTSTATUS GvDeleteRenameTarget(IrpContext* context, PCUNICODE_STRING destination)
 {
     GV_TRACE(GvTraceFlow, "attempting to delete file for rename: %wZ\n", destination);
-    const LockedSubject subject;
+    const GvCallerSubject subject(context);
     NTSTATUS status = CheckMayDelete(context, destination, subject.Token());
     if (!NT_SUCCESS(status)) return status;
     status = GV_CALL_PLUGIN(context, nullptr, Delete, destination);

@@ -2,8 +2,7 @@
 // which proves that the plugin's handle is alive and tells the sizes that the object has now.
 
 #include "fileinfo/fileinfo.h"
-#include "fileinfo/plugininfo.h"
-#include "frame/requests.h"
+#include "plugin/operations.h"
 #include "frame/resource.h"
 
 namespace {
@@ -44,8 +43,9 @@ constexpr SetClass kClasses[] = {
 
 [[nodiscard]] NTSTATUS SetWithRecord(IrpContext* context, const IO_STACK_LOCATION* stack, Fcb* fcb)
 {
+    GV_ASSERT_HELD_OR_NESTED(context, fcb->Header.Resource);
     GvBlock<PluginFileInfo> record;
-    const NTSTATUS status = GvGetInfoFromPlugin(context, fcb, GvLoad(fcb->PluginFd), &record);
+    const NTSTATUS status = GvGetInfoFromPlugin(context, GvHandleOf(fcb), &record);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED_AS(kName, "GetInfo", status);
         return status;

@@ -1,5 +1,5 @@
-// Control blocks: their life, their references, the pair of trees. Trees change under Vcb.Resource, held exclusively;
-// the counts are atomic, since a close that is not top-level gives its reference back with no lock.
+// Control blocks: their life, their references, the pair of trees. Trees change under Vcb.Resource, exclusive; the
+// counts are atomic, since a close that is not top-level gives its reference back with no lock.
 #pragma once
 
 #include "frame/records.h"
@@ -37,7 +37,7 @@ NTSTATUS GvFcbDerefFcbAndParentChain(IrpContext* context, Fcb* fcb);
 // A copy for the caller to free. STATUS_INVALID_PARAMETER for a deleted object, which has no name.
 [[nodiscard]] NTSTATUS GvFcbGetName(FcbTables* tables, Fcb* fcb, PUNICODE_STRING* name);
 // Moves a deleted object to the deletion tree and gives back its count on the parent. After a failure behind the
-// removal the object is on no tree; its last release says so and leaves the record.
+// removal the object is on no tree, and holds its parent, and so the volume, until its last release.
 NTSTATUS GvFcbMarkFcbAsDeleted(IrpContext* context, Fcb* fcb);
 // Re-enters the object under its new path, below target's object if a target is given.
 [[nodiscard]] NTSTATUS GvFcbMoveFcbForRename(IrpContext* context, Fcb* fcb, PFILE_OBJECT target,
@@ -54,7 +54,7 @@ void GvFcbSetFileSize(Fcb* fcb, const LONGLONG* size);
 
 inline void GvFcbAddReference(Fcb* fcb) { InterlockedIncrement(&fcb->RefCount); }
 
-// Owns one reference until the end of the scope. Vcb.Resource is held exclusively there.
+// Owns one reference until the end of the scope, which is under Vcb.Resource, exclusive.
 class GvFcbReference {
 public:
     explicit GvFcbReference(IrpContext* context, Fcb* fcb = nullptr) : context_(context), fcb_(fcb) {}

@@ -100,3 +100,37 @@ NTSTATUS GvUtlDoesPathHaveComponent(PCUNICODE_STRING path, const WCHAR* componen
     *found = HasWholeComponent(copy.Get(), component);
     return STATUS_SUCCESS;
 }
+
+NTSTATUS GvEnsurePathCharsAreLegal(PCUNICODE_STRING path)
+{
+    for (ULONG i = 0; i < path->Length / sizeof(WCHAR); ++i) {
+        const WCHAR character = path->Buffer[i];
+        if (character >= 0x80 || character == L'\\') continue;
+        if (FsRtlLegalAnsiCharacterArray[character] & FSRTL_NTFS_LEGAL) continue;
+        GV_TRACE(GvTraceError, "FsRtlIsAnsiCharacterLegalNtfs(): failed, char: 0x%x\n", character);
+        return STATUS_OBJECT_NAME_INVALID;
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS GvCheckLeaf(PCUNICODE_STRING leaf)
+{
+    const ULONG length = leaf->Length / sizeof(WCHAR);
+    bool dots = length == 1 || length == 2;
+    bool separator = length == 0 || leaf->Length % sizeof(WCHAR) != 0;
+    for (ULONG i = 0; i < length; ++i) {
+        dots &= leaf->Buffer[i] == L'.';
+        separator |= leaf->Buffer[i] == L'\\';
+    }
+    if (dots) {
+        GV_TRACE(GvTraceError, "ERR: the new name is '.' or '..'\n");
+        return STATUS_OBJECT_PATH_SYNTAX_BAD;
+    }
+    if (separator) {
+        GV_TRACE(GvTraceError, "ERR: the new name is not one component\n");
+        return STATUS_OBJECT_NAME_INVALID;
+    }
+    const NTSTATUS status = GvEnsurePathCharsAreLegal(leaf);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvEnsurePathCharsAreLegal", status);
+    return status;
+}

@@ -1,8 +1,9 @@
 // IRP_MJ_SET_VOLUME_INFORMATION: the label, which goes straight to the plugin. Through a handle of the volume itself,
 // under Vcb.Resource, exclusive.
 
-#include "frame/plugincall.h"
-#include "frame/requests.h"
+#include "volinfo/volinfo.h"
+
+#include "plugin/call.h"
 #include "frame/resource.h"
 
 namespace {

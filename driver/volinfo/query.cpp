@@ -1,9 +1,10 @@
 // IRP_MJ_QUERY_VOLUME_INFORMATION. What is true of the contents comes from the plugin at each query, and so every
 // class, also one that is answered from constants, needs a plugin that answers. Under Vcb.Resource, shared.
 
-#include "frame/plugincall.h"
+#include "volinfo/volinfo.h"
+
+#include "plugin/call.h"
 #include "frame/pool.h"
-#include "frame/requests.h"
 #include "frame/resource.h"
 
 namespace {
@@ -108,6 +109,9 @@ constexpr VolumeClass kClasses[] = {
 {
     NTSTATUS status = GV_CALL_PLUGIN(context, fcb, GetVolInfo, record->Out());
     if (NT_SUCCESS(status) && !*record) status = STATUS_UNSUCCESSFUL;
+    if (NT_SUCCESS(status)) {
+        status = GvCheckPluginName("GetVolInfo", (*record)->VolumeLabel, (*record)->VolumeLabelLength);
+    }
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED_AS(kName, "GetVolInfo", status);
         return status;
@@ -144,5 +148,6 @@ NTSTATUS GvDoQueryVolInfo(IrpContext* context, GvOutcome* outcome)
         .Buffer = context->Irp->AssociatedIrp.SystemBuffer,
         .Length = stack->Parameters.QueryVolume.Length,
     };
+    if (query.Length) RtlZeroMemory(query.Buffer, query.Length); // padding goes out with the answer
     return Answer(stack->Parameters.QueryVolume.FsInformationClass, query, &outcome->Information);
 }

@@ -1,9 +1,9 @@
 // Making a device together with its symbolic link.
 
-#include "volume/control.h"
+#include "volume/device.h"
 
 #include "frame/trace.h"
-#include "volume/secure.h"
+#include "secure/secure.h"
 
 namespace {
 

@@ -4,10 +4,11 @@
 #include "frame/driver.h"
 #include "frame/guard.h"
 #include "frame/handle.h"
-#include "frame/plugincall.h"
+#include "frame/objecttype.h"
+#include "plugin/call.h"
 #include "objects/fcb.h"
 #include "objects/util.h"
-#include "volume/control.h"
+#include "volume/device.h"
 #include "volume/volume.h"
 #include "volume/workers.h"
 
@@ -93,7 +94,7 @@ NTSTATUS MountAttempt::HoldBackingObject(PUNICODE_STRING path)
         return status;
     }
     PVOID object = nullptr;
-    status = ObReferenceObjectByHandle(handle.Get(), 0, *IoFileObjectType, KernelMode, &object, nullptr);
+    status = ObReferenceObjectByHandle(handle.Get(), 0, GvObjectType(IoFileObjectType), KernelMode, &object, nullptr);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED_AS("GvMount", "ObReferenceObjectByHandle", status);
         return status;
@@ -119,10 +120,10 @@ NTSTATUS MountAttempt::InitState(const PluginOps* operations) GV_NO_ANALYSIS
         return status;
     }
     KeInitializeSpinLock(&vcb_->PinLock.Lock);
-    InitializeListHead(&vcb_->PendedList);
+    for (LIST_ENTRY& list : vcb_->PendedList) InitializeListHead(&list);
     InitializeListHead(&vcb_->ActiveList);
     KeInitializeSpinLock(&vcb_->QueueLock.Lock);
-    KeInitializeSemaphore(&vcb_->WorkSemaphore, 0, GvMaximumPended);
+    for (KSEMAPHORE& semaphore : vcb_->WorkSemaphore) KeInitializeSemaphore(&semaphore, 0, GvMaximumPended);
     KeInitializeEvent(&vcb_->StopEvent, NotificationEvent, FALSE);
     return STATUS_SUCCESS;
 }
@@ -164,7 +165,7 @@ void MountAttempt::Undo()
 {
     if (!vcb_) return;
     if (vcb_->WorkerCount) {
-        FspStopWorkerThreads(&vcb_->StopEvent, vcb_->WorkerCount, vcb_->WorkerThreads);
+        FspStopWorkerThreads(&vcb_->StopEvent, vcb_->WorkerCount + GvReservedWorkers, vcb_->WorkerThreads);
         GvFree(vcb_->WorkerThreads);
     }
     if (vcb_->BackingFileObject) ObDereferenceObject(vcb_->BackingFileObject);

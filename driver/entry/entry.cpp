@@ -1,17 +1,15 @@
 // Load and unload: the globals, the control device, the dispatch table and the fast-I/O table. Runs alone, by the rules
 // of the I/O manager.
 
-#include "frame/driver.h"
+#include "entry/entry.h"
 
 #include "dataio/callbacks.h"
-#include "frame/requests.h"
+#include "entry/control.h"
+#include "entry/requests.h"
+#include "frame/driver.h"
 #include "frame/trace.h"
-#include "volume/control.h"
-#include "volume/secure.h"
-
-PIO_REPLACE_FILE_OBJECT_NAME GvIoReplaceFileObjectName;
-PDRIVER_OBJECT GvDriverObject;
-ULONG GvVcbThreadPoolSize;
+#include "volume/device.h"
+#include "secure/secure.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // copies and the result are paged pool; nothing is left after a failure.
 
 #include "frame/trace.h"
-#include "volume/secureparse.h"
+#include "secure/parse.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 // semicolons before the first is read, so the ACL is allocated once, unless SIDs are longer than expected.
 
 #include "frame/trace.h"
-#include "volume/secureparse.h"
+#include "secure/parse.h"
 
 namespace {
 

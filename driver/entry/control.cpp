@@ -1,10 +1,11 @@
 // Requests on the control device. No lock: the table is constant and the device is made before any request can come.
 
-#include "volume/control.h"
+#include "entry/control.h"
 
+#include "frame/complete.h"
 #include "frame/context.h"
-#include "frame/dispatch.h"
 #include "frame/trace.h"
+#include "volume/volume.h"
 
 PDEVICE_OBJECT GvCtrlDevice;
 
