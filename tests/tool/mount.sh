@@ -4,6 +4,7 @@
 set -u
 gvnd=$1
 exerciser=$2
+here=$(cd "$(dirname "$0")" && pwd)
 if ! (exec 3<>/dev/fuse) 2>/dev/null || ! command -v fusermount3 >/dev/null; then
     echo "skipped: /dev/fuse cannot be opened, or there is no fusermount3"
     exit 77
@@ -48,7 +49,7 @@ stop()
 
 programs()
 {
-    python3 "$(dirname "$0")/mount_semantics.py" || fail "semantics"
+    python3 "$here/mount_semantics.py" || fail "semantics"
     cp -a "$work/tree" tree && diff -r --no-dereference "$work/tree" tree || fail "cp"
     [ "$(stat -c %a tree/d1/script)" = 755 ] || fail "a mode was lost"
     tar -cf t.tar tree && mkdir out && tar -C out -xpf t.tar && tar -C out -df t.tar || fail "tar"
@@ -65,7 +66,7 @@ for d in "$work"/tree/d*; do
     printf '#!/bin/sh\necho ran\n' >"$d/script"
     chmod 755 "$d/script"
     chmod 444 "$d/file 3"
-    ln -s "../d1/file 1" "$d/link"
+    ln -s "file 1" "$d/link"
 done
 
 mkdir "$work/served"

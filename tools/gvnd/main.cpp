@@ -136,7 +136,7 @@ int Main(int argc, char** argv)
     mounter
         ->add_option("-o", mount.Words,
                      "ro, allow_other, share=LETTERS of r, w and d, writeback, nocache, or options of the kernel's")
-        ->take_all();
+        ->allow_extra_args(false);
     mounter->add_flag("-f,--foreground", mount.Foreground, "stay in the foreground; Ctrl-C unmounts");
     mounter->add_flag("-d,--debug", mount.Debug, "print each request and the plugin's operations; implies -f");
     app.require_subcommand(0, 1);

@@ -337,43 +337,45 @@ void LockWhole(fuse_req_t request, fuse_ino_t node, fuse_file_info* file, int op
 
 const fuse_lowlevel_ops& Operations()
 {
-    static const fuse_lowlevel_ops operations = {
-        .init = Init,
-        .lookup = Lookup,
-        .forget = Forget,
-        .getattr = GetAttributes,
-        .setattr = SetAttributes,
-        .readlink = ReadLink,
-        .mknod = MakeNode,
-        .mkdir = MakeDirectory,
-        .unlink = Unlink,
-        .rmdir = RemoveDirectory,
-        .symlink = MakeSymlink,
-        .rename = Rename,
-        .link = Link,
-        .open = Open,
-        .read = Read,
-        .write = Write,
-        .flush = Flush,
-        .release = Release,
-        .fsync = Sync,
-        .opendir = OpenDirectory,
-        .readdir = ReadDirectory,
-        .releasedir = ReleaseDirectory,
-        .fsyncdir = SyncDirectory,
-        .statfs = StatVolume,
-        .setxattr = SetXattr,
-        .getxattr = GetXattr,
-        .listxattr = ListXattrs,
-        .removexattr = RemoveXattr,
-        .create = Create,
-        .getlk = GetLock,
-        .setlk = SetLock,
-        .forget_multi = ForgetMany,
-        .flock = LockWhole,
-        .fallocate = Allocate,
-        .readdirplus = ReadDirectoryPlus,
-    };
+    static const fuse_lowlevel_ops operations = [] {
+        fuse_lowlevel_ops made = {};
+        made.init = Init;
+        made.lookup = Lookup;
+        made.forget = Forget;
+        made.getattr = GetAttributes;
+        made.setattr = SetAttributes;
+        made.readlink = ReadLink;
+        made.mknod = MakeNode;
+        made.mkdir = MakeDirectory;
+        made.unlink = Unlink;
+        made.rmdir = RemoveDirectory;
+        made.symlink = MakeSymlink;
+        made.rename = Rename;
+        made.link = Link;
+        made.open = Open;
+        made.read = Read;
+        made.write = Write;
+        made.flush = Flush;
+        made.release = Release;
+        made.fsync = Sync;
+        made.opendir = OpenDirectory;
+        made.readdir = ReadDirectory;
+        made.releasedir = ReleaseDirectory;
+        made.fsyncdir = SyncDirectory;
+        made.statfs = StatVolume;
+        made.setxattr = SetXattr;
+        made.getxattr = GetXattr;
+        made.listxattr = ListXattrs;
+        made.removexattr = RemoveXattr;
+        made.create = Create;
+        made.getlk = GetLock;
+        made.setlk = SetLock;
+        made.forget_multi = ForgetMany;
+        made.flock = LockWhole;
+        made.fallocate = Allocate;
+        made.readdirplus = ReadDirectoryPlus;
+        return made;
+    }();
     return operations;
 }
 
