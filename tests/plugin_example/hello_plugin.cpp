@@ -37,10 +37,8 @@ NTSTATUS Find(PCUNICODE_STRING path, PluginFd* fd)
     return *fd ? STATUS_SUCCESS : STATUS_OBJECT_NAME_NOT_FOUND;
 }
 
-NTSTATUS NTAPI Lookup(void*, PKEVENT, PCUNICODE_STRING path, PluginFileInfo** info, PluginAccessMask* maxAccess)
+NTSTATUS NTAPI GetInfo(void*, PKEVENT, PluginFd fd, PluginFileInfo** info)
 {
-    PluginFd fd;
-    if (const NTSTATUS status = Find(path, &fd); !NT_SUCCESS(status)) return status;
     auto* const made = static_cast<PluginFileInfo*>(Allocate(sizeof(PluginFileInfo)));
     if (!made) return STATUS_INSUFFICIENT_RESOURCES;
     made->CreationTime = made->LastAccessTime = made->LastWriteTime = made->ChangeTime = kTime;
@@ -48,8 +46,16 @@ NTSTATUS NTAPI Lookup(void*, PKEVENT, PCUNICODE_STRING path, PluginFileInfo** in
     made->FileAttributes = fd == kFile ? FILE_ATTRIBUTE_READONLY : FILE_ATTRIBUTE_DIRECTORY;
     made->FileId = fd;
     *info = made;
-    *maxAccess = GVND_ACCESS_READ; // for more the driver asks once again, and then refuses
     return STATUS_SUCCESS;
+}
+
+NTSTATUS NTAPI Lookup(void* context, PKEVENT cancel, PCUNICODE_STRING path, PluginFileInfo** info,
+                      PluginAccessMask* maxAccess)
+{
+    PluginFd fd;
+    *maxAccess = GVND_ACCESS_READ; // for more the driver asks once again, and then refuses
+    if (const NTSTATUS status = Find(path, &fd); !NT_SUCCESS(status)) return status;
+    return GetInfo(context, cancel, fd, info);
 }
 
 // Open and OpenDir: the driver knows the type from Lookup and calls the right one.
@@ -96,6 +102,7 @@ NTSTATUS NTAPI CreateVolume(const char* arguments, PluginOps** ops)
     volume->Ops.Lookup = Lookup;
     volume->Ops.Open = volume->Ops.OpenDir = Open;
     volume->Ops.Read = Read;
+    volume->Ops.GetInfo = GetInfo;
     volume->Ops.ReadDirEntry = ReadDirEntry;
     *ops = &volume->Ops;
     return STATUS_SUCCESS;
