@@ -87,7 +87,8 @@ until grep -q 'open: /held' "$work/log"; do
     sleep 0.05
 done
 echo more >&4 || fail "a held file cannot be written"
-stop exec 4>&-
+exec 4>&-
+stop true
 
 # Read-only, and what only one opens at a time.
 plugin=hostfs:$work/served

@@ -43,11 +43,11 @@ Errand::~Errand() { current = nullptr; }
 
 Errand* Errand::Current() { return current; }
 
-// A cancel that comes before the driver has armed the request goes unheard, as on any NT machine.
+// A cancel that comes before the driver has armed the request, or between two, goes unheard, as on any NT machine: a
+// program whose timer rings would otherwise see changes fail that no other file system interrupts.
 void Errand::Cancel()
 {
     const std::lock_guard lock(mutex_);
-    cancelled_ = true;
     IO_STATUS_BLOCK statusBlock{};
     if (running_) (void)NtCancelIoFileEx(handle_, running_, &statusBlock);
 }
@@ -59,7 +59,6 @@ public:
     {
         if (!errand_) return;
         const std::lock_guard lock(errand_->mutex_);
-        cancelled_ = errand_->cancelled_;
         errand_->handle_ = handle;
         errand_->running_ = statusBlock;
     }
@@ -71,11 +70,9 @@ public:
     }
     Running(const Running&) = delete;
     Running& operator=(const Running&) = delete;
-    bool Cancelled() const { return cancelled_; }
 
 private:
-    Errand* errand_;
-    bool cancelled_ = false;
+    Errand* const errand_;
 };
 
 namespace {
@@ -85,7 +82,7 @@ template <typename Send>
 NTSTATUS Request(HANDLE handle, IO_STATUS_BLOCK* statusBlock, const Send& send)
 {
     const Running running(handle, statusBlock);
-    return running.Cancelled() ? STATUS_CANCELLED : send(statusBlock);
+    return send(statusBlock);
 }
 
 } // namespace

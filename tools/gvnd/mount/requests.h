@@ -23,8 +23,7 @@ UNICODE_STRING Counted(std::u16string_view text);
 // Attaches the calling thread, until it ends. Again and again is fine.
 void AttachThisThread();
 
-// What the thread does for one program. Another thread may cancel it: the NT request that runs is cancelled, and no
-// further one is sent.
+// What the thread does for one program. Another thread may cancel it: the NT request that runs is cancelled.
 class Errand {
 public:
     Errand();
@@ -42,7 +41,6 @@ private:
     std::mutex mutex_;
     HANDLE handle_ = nullptr;
     IO_STATUS_BLOCK* running_ = nullptr;
-    bool cancelled_ = false;
 };
 
 class Handle {
