@@ -6,6 +6,7 @@ find_package(Threads REQUIRED)
 gvnd_sources(GVND_NTHOST_SOURCES nthost)
 gvnd_sources(GVND_DRIVER_SOURCES driver)
 gvnd_sources(GVND_MEMFS_SOURCES plugins/memfs)
+gvnd_sources(GVND_ENTRY_SOURCES plugins/entry)
 gvnd_sources(GVND_HOSTFS_SOURCES plugins/hostfs)
 gvnd_sources(GVND_LAYER_SOURCES plugins/layer)
 gvnd_sources(GVND_WORKBENCH_SOURCES workbench)
@@ -21,6 +22,18 @@ target_include_directories(gvnd_plugin INTERFACE
     $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
     $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 install(TARGETS gvnd_plugin EXPORT gvndTargets)
+
+# <ntifs.h> without the host: for what is loaded into a program that has it.
+add_library(gvnd_ntifs INTERFACE)
+add_library(gvnd::ntifs ALIAS gvnd_ntifs)
+set_target_properties(gvnd_ntifs PROPERTIES EXPORT_NAME ntifs)
+target_include_directories(gvnd_ntifs INTERFACE
+    $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/nthost/include>
+    $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/gvnd-nthost>)
+# WCHAR is wchar_t in NT code, and has 16 bits there. A pool tag is written as a character constant of four.
+target_compile_options(gvnd_ntifs INTERFACE -fshort-wchar -Wno-multichar)
+target_compile_definitions(gvnd_ntifs INTERFACE NTHOST_CHECKS=$<BOOL:${GVND_CHECKS}>)
+install(TARGETS gvnd_ntifs EXPORT gvndTargets)
 
 if(GVND_NTHOST_SOURCES)
     gvnd_library(nthost SOURCES ${GVND_NTHOST_SOURCES})
@@ -46,14 +59,15 @@ if(TARGET gvnd_nthost AND GVND_DRIVER_SOURCES)
 endif()
 
 if(TARGET gvnd_nthost AND GVND_MEMFS_SOURCES)
-    gvnd_library(memfs KERNEL ENTRY GvMemfsDriverEntry SOURCES ${GVND_MEMFS_SOURCES})
+    gvnd_library(memfs KERNEL ENTRY GvMemfsDriverEntry PLUGIN GvMemfsPlugin
+        SOURCES ${GVND_MEMFS_SOURCES} ${GVND_ENTRY_SOURCES})
     target_include_directories(gvnd_memfs PRIVATE ${PROJECT_SOURCE_DIR}/plugins/memfs)
     target_link_libraries(gvnd_memfs PUBLIC gvnd_nthost gvnd_plugin)
     list(APPEND GVND_LIBRARIES memfs)
 endif()
 
 if(TARGET gvnd_nthost AND GVND_HOSTFS_SOURCES)
-    gvnd_library(hostfs ENTRY GvHostfsDriverEntry SOURCES ${GVND_HOSTFS_SOURCES})
+    gvnd_library(hostfs PLUGIN GvHostfsPlugin SOURCES ${GVND_HOSTFS_SOURCES})
     target_include_directories(gvnd_hostfs PRIVATE ${PROJECT_SOURCE_DIR}/plugins/hostfs)
     target_link_libraries(gvnd_hostfs PUBLIC gvnd_nthost gvnd_plugin)
     list(APPEND GVND_LIBRARIES hostfs)
@@ -94,12 +108,17 @@ if(GVND_BUILD_TOOL AND GVND_TOOL_SOURCES AND TARGET gvnd_driver)
     find_package(CLI11 REQUIRED)
     find_package(fmt REQUIRED)
     find_package(nlohmann_json REQUIRED)
+    find_package(PkgConfig REQUIRED)
+    pkg_check_modules(FUSE3 REQUIRED IMPORTED_TARGET fuse3>=3.12)
     find_library(GVND_READLINE readline REQUIRED)
     mark_as_advanced(GVND_READLINE)
     gvnd_executable(gvnd ${GVND_TOOL_SOURCES})
     target_include_directories(gvnd PRIVATE ${PROJECT_SOURCE_DIR}/tools)
-    target_link_libraries(gvnd PRIVATE ${GVND_LINK_ALL} CLI11::CLI11 fmt::fmt nlohmann_json::nlohmann_json
-        ${GVND_READLINE})
+    # A plugin that is loaded may use any routine of the host, also one that nobody here uses.
+    target_link_options(gvnd PRIVATE
+        LINKER:--whole-archive,$<TARGET_FILE:gvnd_nthost>,--no-whole-archive)
+    target_link_libraries(gvnd PRIVATE ${GVND_LINK_ALL} ${CMAKE_DL_LIBS} CLI11::CLI11 fmt::fmt nlohmann_json::nlohmann_json
+        PkgConfig::FUSE3 ${GVND_READLINE})
     set_target_properties(gvnd PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR})
     install(TARGETS gvnd)
 endif()

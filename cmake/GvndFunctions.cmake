@@ -8,7 +8,7 @@ endfunction()
 
 # A static library that is exported as gvnd::<name>.
 function(gvnd_library name)
-    cmake_parse_arguments(ARG "KERNEL" "ENTRY" "SOURCES" ${ARGN})
+    cmake_parse_arguments(ARG "KERNEL" "ENTRY;PLUGIN" "SOURCES" ${ARGN})
     set(target gvnd_${name})
     add_library(${target} STATIC ${ARG_SOURCES})
     add_library(gvnd::${name} ALIAS ${target})
@@ -18,8 +18,11 @@ function(gvnd_library name)
         target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:${GVND_KERNEL_FLAGS}>)
     endif()
     if(ARG_ENTRY)
-        # Several drivers stand side by side in one process, each with an entry of its own name.
+        # Several drivers and plugins stand side by side in one process, each with an entry of its own name.
         target_compile_definitions(${target} PRIVATE DriverEntry=${ARG_ENTRY})
+    endif()
+    if(ARG_PLUGIN)
+        target_compile_definitions(${target} PRIVATE GvndGetPlugin=${ARG_PLUGIN})
     endif()
     install(TARGETS ${target} EXPORT gvndTargets)
 endfunction()

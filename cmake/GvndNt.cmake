@@ -1,16 +1,9 @@
 # The kernel images: the sources of the hosted build, compiled for NT and linked by lld-link into gvnd.sys and
 # gvmemfs.sys, each with its PDB. Images carry no time and no path, so two builds anywhere are byte-identical.
 
-# -fasynchronous-unwind-tables: -ffreestanding turns the tables off, and a function that has no entry in .pdata unwinds
-# as a leaf, so an exception would miss its guard. -fno-jump-tables: they would stand between the functions, where
-# nothing tells them from code. The kernel's stack is small, hence the limit per frame. Two intrinsics would be defined
-# twice by the header set, hence the defines.
-set(GVND_NT_FLAGS
-    ${GVND_WARNING_FLAGS} ${GVND_KERNEL_FLAGS} -Wframe-larger-than=1024 -O2 -g -gcodeview
-    -ffreestanding -fasynchronous-unwind-tables -fms-extensions -mno-red-zone -fno-stack-protector
-    -fno-threadsafe-statics -fno-strict-aliasing -fno-jump-tables -fno-ident -fno-color-diagnostics
-    -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-compilation-dir=. -Wno-pragma-pack
-    -D__INTRINSIC_DEFINED_InterlockedBitTestAndSet -D__INTRINSIC_DEFINED_InterlockedBitTestAndReset)
+include(GvndNtFlags)
+set(GVND_NT_FLAGS ${GVND_WARNING_FLAGS} ${GVND_KERNEL_FLAGS} ${GVND_NT_COMPILE_FLAGS} -fno-threadsafe-statics
+    -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-compilation-dir=.)
 
 file(CREATE_LINK ${PROJECT_SOURCE_DIR} ${PROJECT_BINARY_DIR}/source SYMBOLIC)
 # Instead of the compiler cache, which would leave its mark on the recorded command line.
@@ -18,17 +11,19 @@ set(CMAKE_CXX_COMPILER_LAUNCHER ${PROJECT_SOURCE_DIR}/cmake/nt-compile.sh ${PROJ
 
 set(GVND_NT_SYSTEM_DIRS ${GVND_MINGW_DIR}/include ${GVND_MINGW_DIR}/include/ddk)
 
-# /lldmingw: the compiler ties the unwind data of an inline function to it by the section's name only, and the linker
-# reads that in this mode alone; without it those functions would lose their entries in .pdata. Data of the kernel must
-# be imported as such, since nothing at run time would mend it: hence /auto-import:no.
-# The PDB is named without a directory in the image, and paths inside of it start at a fixed root.
+list(JOIN GVND_NT_LINK_FLAGS " " link_flags)
+string(REPLACE "\\" "\\\\" link_flags "${link_flags}") # for the shell
 set(CMAKE_CXX_LINK_EXECUTABLE
-    "<GVND_LINKER> /nologo /driver /subsystem:native /entry:DriverEntry /nodefaultlib /lldmingw /auto-import:no /runtime-pseudo-reloc:no /dynamicbase /highentropyva /nxcompat /Brepro /debug /pdbaltpath:%_PDB% /pdbsourcepath:C:\\\\gvnd <LINK_FLAGS> /out:<TARGET> <OBJECTS> <LINK_LIBRARIES>")
+    "<GVND_LINKER> ${link_flags} <LINK_FLAGS> /out:<TARGET> <OBJECTS> <LINK_LIBRARIES>")
 string(REPLACE "<GVND_LINKER>" "${GVND_LLD_LINK}" CMAKE_CXX_LINK_EXECUTABLE "${CMAKE_CXX_LINK_EXECUTABLE}")
 
-# An image named <name>.sys from the sources below one directory.
+# An image named <name>.sys from the sources below the directories; private headers are found in the first.
 function(gvnd_nt_image name directory)
     gvnd_sources(sources ${directory})
+    foreach(other IN LISTS ARGN)
+        gvnd_sources(more ${other})
+        list(APPEND sources ${more})
+    endforeach()
     if(NOT sources)
         return()
     endif()
@@ -50,7 +45,7 @@ endfunction()
 
 enable_testing()
 gvnd_nt_image(gvnd driver)
-gvnd_nt_image(gvmemfs plugins/memfs)
+gvnd_nt_image(gvmemfs plugins/memfs plugins/entry)
 
 gvnd_sources(GVND_LAYOUT_SOURCES tests/layout)
 if(GVND_LAYOUT_SOURCES)

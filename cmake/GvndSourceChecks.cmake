@@ -22,7 +22,7 @@ foreach(header IN LISTS GVND_NTHOST_HEADERS GVND_BOUNDARY_HEADERS GVND_WORKBENCH
     list(APPEND GVND_PROBES ${probe})
 endforeach()
 # A plugin may be written in C.
-foreach(header gvnd/plugin.h ntifs.h workbench/workbench_c.h)
+foreach(header gvnd/plugin.h gvnd/plugin_entry.h ntifs.h workbench/workbench_c.h)
     if(${header} IN_LIST GVND_NTHOST_HEADERS OR ${header} IN_LIST GVND_BOUNDARY_HEADERS OR
        ${header} IN_LIST GVND_WORKBENCH_HEADERS)
         gvnd_header_probe(probe ${header} c)
@@ -41,6 +41,7 @@ endif()
 file(GLOB_RECURSE GVND_RULED_FILES CONFIGURE_DEPENDS
     ${PROJECT_SOURCE_DIR}/driver/*.h ${PROJECT_SOURCE_DIR}/driver/*.cpp
     ${PROJECT_SOURCE_DIR}/plugins/memfs/*.h ${PROJECT_SOURCE_DIR}/plugins/memfs/*.cpp
+    ${PROJECT_SOURCE_DIR}/plugins/entry/*.cpp
     ${PROJECT_SOURCE_DIR}/nthost/*.h ${PROJECT_SOURCE_DIR}/nthost/*.cpp)
 add_custom_command(
     OUTPUT ${PROJECT_BINARY_DIR}/check-includes.stamp

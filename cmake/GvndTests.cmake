@@ -1,7 +1,7 @@
 # Tests and benchmarks. tests/<name>/ becomes the executable <name>_tests; if the name begins with a component's, the
 # tests see that component's private headers too. Four directories are special: support is linked into all of them,
 # layout is compiled only (its assertions are the test), outsider is a project of its own that uses the installed
-# package, and scripts has the tests of scripts.
+# package, scripts has the tests of scripts, and mounted has a program that uses a mount from outside.
 
 find_package(GTest REQUIRED)
 include(GoogleTest)
@@ -66,7 +66,7 @@ endfunction()
 
 file(GLOB GVND_TEST_DIRS CONFIGURE_DEPENDS LIST_DIRECTORIES true RELATIVE ${PROJECT_SOURCE_DIR}/tests
     ${PROJECT_SOURCE_DIR}/tests/*)
-list(REMOVE_ITEM GVND_TEST_DIRS support layout outsider scripts)
+list(REMOVE_ITEM GVND_TEST_DIRS support layout outsider scripts mounted)
 if(TARGET gvnd_nthost)
     foreach(directory IN LISTS GVND_TEST_DIRS)
         if(IS_DIRECTORY ${PROJECT_SOURCE_DIR}/tests/${directory})
@@ -113,6 +113,15 @@ if(TARGET gvnd_workbench)
     gvnd_executable(hello_c_test tests/outsider/hello.c tests/outsider/hello_test.c)
     target_link_libraries(hello_c_test PRIVATE gvnd_workbench)
     add_test(NAME outsider.TestsAPluginInC COMMAND hello_c_test)
+endif()
+
+# The tool's mount, by programs that know nothing of it.
+if(TARGET gvnd)
+    add_executable(mount_exerciser tests/mounted/exerciser.cpp)
+    target_compile_options(mount_exerciser PRIVATE ${GVND_WARNING_FLAGS})
+    add_test(NAME tool.Mount COMMAND ${PROJECT_SOURCE_DIR}/tests/tool/mount.sh $<TARGET_FILE:gvnd>
+        $<TARGET_FILE:mount_exerciser>)
+    set_tests_properties(tool.Mount PROPERTIES TIMEOUT 300 SKIP_RETURN_CODE 77)
 endif()
 
 # The installed package, used by a stranger. One build kind is enough to prove it, and a sanitized one would need the

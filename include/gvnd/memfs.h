@@ -1,9 +1,9 @@
-// A file system in memory behind the plugin table. This is the whole interface of its core: driver.cpp mounts one from
+// A file system in memory behind the plugin table. This is the whole interface of its core: its entry makes one for
 // a kernel service, and a program that runs the driver inside its own process makes one directly and passes the table
 // to GvServices.Mount. PASSIVE_LEVEL throughout.
 #pragma once
 
-#include <gvnd/plugin.h>
+#include <gvnd/plugin_entry.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -31,9 +31,10 @@ VOID NTAPI MemFsWaitUntilUnmounted(PluginOps* ops);
 VOID NTAPI MemFsDestroy(PluginOps* ops);
 
 #ifndef _WIN32
-// The service's entry, for loading it into the process that hosts the driver. The values of its service key:
-// DeviceName, LinkName, BackingPath, Sddl, Label (REG_SZ), Capacity (REG_QWORD).
+// The service's entry, for loading it into the process that hosts the driver; plugins/entry/plugin_driver.cpp says what
+// its service key may hold. And the plugin's, with arguments "capacity=SIZE,label=TEXT".
 NTSTATUS NTAPI GvMemfsDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
+const GvndPlugin* NTAPI GvMemfsPlugin(VOID);
 #endif
 
 #ifdef __cplusplus

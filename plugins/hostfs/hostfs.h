@@ -6,7 +6,7 @@
 // The table may be used by any number of threads. Several volumes may serve the same directory.
 #pragma once
 
-#include <gvnd/plugin.h>
+#include <gvnd/plugin_entry.h>
 
 enum class HostFsResolver {
     Best, // one call per path where the kernel offers that, else Walk
@@ -32,3 +32,6 @@ void HostFsDestroy(PluginOps* operations);
 // holds the relative way from the one to the other. The target need not exist. STATUS_OBJECT_NAME_COLLISION if the name
 // is taken, STATUS_MEDIA_WRITE_PROTECTED on a volume that takes no changes.
 [[nodiscard]] NTSTATUS HostFsMakeLink(PluginOps* operations, PCUNICODE_STRING path, PCUNICODE_STRING target);
+
+// The plugin's entry, under the name that it has beside others in one process. Arguments: "[ro:]DIRECTORY".
+extern "C" const GvndPlugin* NTAPI GvHostfsPlugin(VOID);

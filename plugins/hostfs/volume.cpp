@@ -16,7 +16,9 @@ std::string LastComponent(const std::string& path) { return path.substr(path.fin
 Volume::Volume(std::unique_ptr<Beneath> root, const HostFsOptions& options)
     : operations_(MakeOperations(this)), root_(std::move(root)), readOnly_(options.ReadOnly),
       label_(options.Label && *options.Label ? options.Label : LastComponent(root_->RootPaths().front()))
-{}
+{
+    KeInitializeEvent(&unmounted_, NotificationEvent, FALSE);
+}
 
 PluginFd Volume::Add(OpenObjectRef object)
 {

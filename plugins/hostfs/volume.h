@@ -51,6 +51,9 @@ public:
     [[nodiscard]] const std::string& DefaultLabel() const { return label_; }
     [[nodiscard]] PluginOps* Operations() { return &operations_; }
 
+    void Unmounted() { KeSetEvent(&unmounted_, IO_NO_INCREMENT, FALSE); }
+    void WaitUntilUnmounted() { KeWaitForSingleObject(&unmounted_, Executive, KernelMode, FALSE, nullptr); }
+
     [[nodiscard]] PluginFd Add(OpenObjectRef object);
     // Null for a handle that is not open.
     [[nodiscard]] OpenObjectRef Find(PluginFd fd) const;
@@ -65,6 +68,7 @@ private:
     using Identity = std::pair<dev_t, ino_t>;
 
     PluginOps operations_;
+    KEVENT unmounted_;
     std::unique_ptr<Beneath> root_;
     bool readOnly_;
     std::string label_;

@@ -1,101 +1,98 @@
-// Reading the service key: DeviceName, LinkName, BackingPath, Sddl, Label (REG_SZ) and Capacity (REG_QWORD). Runs in
-// DriverEntry alone.
+// Reading the arguments: words of the form NAME=VALUE, separated by commas.
 
 #include "settings.h"
 
 namespace memfs {
 namespace {
 
-class OwnedKey {
-public:
-    OwnedKey() = default;
-    OwnedKey(const OwnedKey&) = delete;
-    OwnedKey& operator=(const OwnedKey&) = delete;
-    ~OwnedKey()
-    {
-        if (handle_) ZwClose(handle_);
+// Goes behind the name and its sign if the text begins with them.
+bool Skip(const char** text, const char* name)
+{
+    const char* at = *text;
+    for (; *name; ++name, ++at) {
+        if (*at != *name) return false;
     }
-    HANDLE Get() const { return handle_; }
-    HANDLE* Out() { return &handle_; }
-
-private:
-    HANDLE handle_ = nullptr;
-};
-
-// The value in a block for the caller to free; null, with success, if there is no such value.
-NTSTATUS QueryValue(HANDLE key, PCWSTR name, KEY_VALUE_PARTIAL_INFORMATION** value)
-{
-    UNICODE_STRING valueName;
-    RtlInitUnicodeString(&valueName, name);
-    ULONG length = 0;
-    *value = nullptr;
-    NTSTATUS status = ZwQueryValueKey(key, &valueName, KeyValuePartialInformation, nullptr, 0, &length);
-    if (status == STATUS_OBJECT_NAME_NOT_FOUND) return STATUS_SUCCESS;
-    if (status != STATUS_BUFFER_TOO_SMALL && status != STATUS_BUFFER_OVERFLOW) return status;
-
-    Block<KEY_VALUE_PARTIAL_INFORMATION> block(Allocate<KEY_VALUE_PARTIAL_INFORMATION>(PagedPool, length));
-    if (!block) return STATUS_INSUFFICIENT_RESOURCES;
-    status = ZwQueryValueKey(key, &valueName, KeyValuePartialInformation, block.Get(), length, &length);
-    if (NT_SUCCESS(status)) *value = block.Release();
-    return status;
+    *text = at;
+    return true;
 }
 
-USHORT TextBytes(const KEY_VALUE_PARTIAL_INFORMATION& value)
+bool ReadSize(const char** text, ULONGLONG* size)
 {
-    const WCHAR* const text = reinterpret_cast<const WCHAR*>(value.Data);
-    ULONG characters = value.DataLength / sizeof(WCHAR);
-    while (characters != 0 && text[characters - 1] == 0) --characters; // a REG_SZ ends in a NUL, or does not
-    return static_cast<USHORT>(characters * sizeof(WCHAR));
+    const char* at = *text;
+    ULONGLONG number = 0;
+    for (; *at >= '0' && *at <= '9'; ++at) {
+        if (number > (~0ull - 9) / 10) return false;
+        number = number * 10 + static_cast<ULONGLONG>(*at - '0');
+    }
+    if (at == *text) return false;
+    ULONG shift = 0;
+    switch (*at) {
+    case 'K': shift = 10; break;
+    case 'M': shift = 20; break;
+    case 'G': shift = 30; break;
+    case 'T': shift = 40; break;
+    }
+    if (shift != 0) ++at;
+    if (number > ~0ull >> shift) return false;
+    *size = number << shift;
+    *text = at;
+    return true;
 }
 
-NTSTATUS ReadNumber(HANDLE key, PCWSTR name, ULONGLONG* number)
+// One character of UTF-8; false for what is none.
+bool ReadCharacter(const char** text, ULONG* character)
 {
-    KEY_VALUE_PARTIAL_INFORMATION* value;
-    if (const NTSTATUS status = QueryValue(key, name, &value); !NT_SUCCESS(status)) return status;
-    if (!value) return STATUS_SUCCESS;
-    const Block<KEY_VALUE_PARTIAL_INFORMATION> block(value);
-    if (value->Type != REG_QWORD || value->DataLength != sizeof(*number)) return STATUS_OBJECT_TYPE_MISMATCH;
-    RtlCopyMemory(number, value->Data, sizeof(*number));
+    const auto* at = reinterpret_cast<const unsigned char*>(*text);
+    const ULONG lead = *at++;
+    const ULONG following = lead < 0x80 ? 0 : (lead & 0xe0) == 0xc0 ? 1 : (lead & 0xf0) == 0xe0 ? 2 : 3;
+    if ((lead >= 0x80 && lead < 0xc0) || lead >= 0xf8) return false;
+    ULONG value = following == 0 ? lead : lead & (0x3fu >> following);
+    for (ULONG i = 0; i < following; ++i) {
+        if ((*at & 0xc0) != 0x80) return false;
+        value = value << 6 | (*at++ & 0x3f);
+    }
+    *character = value;
+    *text = reinterpret_cast<const char*>(at);
+    return value <= 0x10ffff;
+}
+
+NTSTATUS ReadLabel(const char** text, Settings* settings)
+{
+    ULONG count = 0;
+    while (**text && **text != ',') {
+        ULONG character;
+        if (!ReadCharacter(text, &character)) return STATUS_INVALID_PARAMETER;
+        const bool isPair = character >= 0x10000;
+        if (count + (isPair ? 2 : 1) > kMaxLabelCharacters) return STATUS_INVALID_VOLUME_LABEL;
+        if (isPair) {
+            settings->LabelText[count++] = static_cast<WCHAR>(0xd7c0 + (character >> 10));
+            settings->LabelText[count++] = static_cast<WCHAR>(0xdc00 | (character & 0x3ff));
+        } else {
+            settings->LabelText[count++] = static_cast<WCHAR>(character);
+        }
+    }
+    settings->Label.Length = settings->Label.MaximumLength = static_cast<USHORT>(count * sizeof(WCHAR));
     return STATUS_SUCCESS;
 }
 
 } // namespace
 
-SettingString::SettingString(PCWSTR standard) { RtlInitUnicodeString(&text_, standard); }
-
-NTSTATUS SettingString::Read(HANDLE key, PCWSTR name)
+NTSTATUS ReadSettings(const char* arguments, Settings* settings)
 {
-    KEY_VALUE_PARTIAL_INFORMATION* value;
-    if (const NTSTATUS status = QueryValue(key, name, &value); !NT_SUCCESS(status) || !value) return status;
-    Block<KEY_VALUE_PARTIAL_INFORMATION> block(value);
-    if (value->Type != REG_SZ || value->DataLength > MAXUSHORT) return STATUS_OBJECT_TYPE_MISMATCH;
-    Free(block_);
-    block_ = block.Release();
-    const USHORT bytes = TextBytes(*block_);
-    text_ = {bytes, bytes, reinterpret_cast<WCHAR*>(block_->Data)};
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS ReadSettings(PUNICODE_STRING registryPath, Settings* settings)
-{
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, registryPath, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
-    OwnedKey key;
-    if (const NTSTATUS status = ZwOpenKey(key.Out(), KEY_QUERY_VALUE, &attributes); !NT_SUCCESS(status)) return status;
-    const struct {
-        PCWSTR Name;
-        SettingString* Setting;
-    } strings[] = {
-        {L"DeviceName", &settings->DeviceName},
-        {L"LinkName", &settings->LinkName},
-        {L"BackingPath", &settings->BackingPath},
-        {L"Sddl", &settings->Sddl},
-        {L"Label", &settings->Label},
-    };
-    for (const auto& string : strings) {
-        if (const NTSTATUS status = string.Setting->Read(key.Get(), string.Name); !NT_SUCCESS(status)) return status;
+    while (*arguments) {
+        if (Skip(&arguments, "capacity=")) {
+            if (!ReadSize(&arguments, &settings->Capacity)) return STATUS_INVALID_PARAMETER;
+        } else if (Skip(&arguments, "label=")) {
+            if (const NTSTATUS status = ReadLabel(&arguments, settings); !NT_SUCCESS(status)) return status;
+        } else {
+            return STATUS_INVALID_PARAMETER;
+        }
+        if (*arguments == ',')
+            ++arguments;
+        else if (*arguments)
+            return STATUS_INVALID_PARAMETER;
     }
-    return ReadNumber(key.Get(), L"Capacity", &settings->Capacity);
+    return STATUS_SUCCESS;
 }
 
 } // namespace memfs

@@ -111,8 +111,8 @@ TEST_F(ServiceTest, MountsUnderItsDefaultNames)
 {
     LoadControl();
     ASSERT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_SUCCESS);
-    EXPECT_EQ(g_mounted.Device, "\\Device\\GvMemfs");
-    EXPECT_EQ(g_mounted.Link, "\\??\\Memfs");
+    EXPECT_EQ(g_mounted.Device, "\\Device\\Gvmemfs");
+    EXPECT_EQ(g_mounted.Link, "\\??\\memfs");
     EXPECT_EQ(g_mounted.Backing, "\\Device\\Null");
     EXPECT_EQ(g_mounted.Sddl, "none");
     Unload(service);
@@ -122,14 +122,11 @@ TEST_F(ServiceTest, MountsUnderItsDefaultNames)
 TEST_F(ServiceTest, FollowsItsServiceKey)
 {
     LoadControl();
-    const ULONGLONG capacity = 7 * 4096;
     SetText("DeviceName", u"\\Device\\Other");
     SetText("LinkName", u"\\??\\Other");
     SetText("BackingPath", u"\\Device\\Backing");
     SetText("Sddl", u"D:P(A;;GA;;;SY)");
-    SetText("Label", u"Scratch");
-    ASSERT_EQ(nthost::SetRegistryValue(kServiceKey, "Capacity", REG_QWORD, &capacity, sizeof(capacity)),
-              STATUS_SUCCESS);
+    SetText("Arguments", u"capacity=28K,label=Scratch \u00fc \U0001f600");
     ASSERT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_SUCCESS);
     EXPECT_EQ(g_mounted.Device, "\\Device\\Other");
     EXPECT_EQ(g_mounted.Link, "\\??\\Other");
@@ -142,7 +139,7 @@ TEST_F(ServiceTest, FollowsItsServiceKey)
     ASSERT_EQ(g_mounted.Ops->GetVolInfo(g_mounted.Ops->PluginContext, &cancel, &block), STATUS_SUCCESS);
     const Owned<PluginVolInfo> info(block);
     EXPECT_EQ(info->TotalAllocationUnits, 7u);
-    EXPECT_EQ(nthost::ToUtf8(info->VolumeLabel, info->VolumeLabelLength / sizeof(WCHAR)), "Scratch");
+    EXPECT_EQ(nthost::ToUtf8(info->VolumeLabel, info->VolumeLabelLength / sizeof(WCHAR)), "Scratch \u00fc \U0001f600");
     Unload(service);
 }
 
@@ -156,7 +153,15 @@ TEST_F(ServiceTest, AFailedStartLeavesNothing)
     EXPECT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_OBJECT_NAME_COLLISION);
 
     g_mountStatus = STATUS_SUCCESS;
-    SetText("Capacity", u"7"); // not a number, but text
+    for (const char16_t* bad :
+         {u"capacity=", u"capacity=7Q", u"capacity=99999999999999999999", u"size=7", u"capacity=4K;"}) {
+        SetText("Arguments", bad);
+        EXPECT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_INVALID_PARAMETER);
+    }
+    SetText("Arguments", u"label=123456789012345678901234567890123");
+    EXPECT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_INVALID_VOLUME_LABEL);
+    const ULONG number = 7;
+    ASSERT_EQ(nthost::SetRegistryValue(kServiceKey, "Arguments", REG_DWORD, &number, sizeof number), STATUS_SUCCESS);
     EXPECT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_OBJECT_TYPE_MISMATCH);
     EXPECT_EQ(g_mounted.UnmountRequests, 0);
 }

@@ -1,7 +1,5 @@
-// The operations, the table, and the service around them. Everything here is constant once the volume is mounted, so
-// the operations need no lock.
-
-#include "hello_plugin.h"
+// A whole plugin: one read-only file. Everything here is constant, so the operations need no lock.
+#include <gvnd/plugin_entry.h>
 
 namespace {
 
@@ -17,12 +15,9 @@ constexpr PluginFd kRoot = 1;
 constexpr PluginFd kFile = 2;
 
 struct Volume {
+    PluginOps Ops; // first: the table's address is the volume's
     KEVENT Unmounted;
-    PDEVICE_OBJECT Device;
-    const GvServices* Services;
-    PluginOps Ops;
 };
-Volume volume;
 
 // What the driver gets by pointer is one block of pool memory, and the driver's to free.
 void* Allocate(SIZE_T bytes)
@@ -42,10 +37,8 @@ NTSTATUS Find(PCUNICODE_STRING path, PluginFd* fd)
     return *fd ? STATUS_SUCCESS : STATUS_OBJECT_NAME_NOT_FOUND;
 }
 
-NTSTATUS NTAPI Lookup(void*, PKEVENT, PCUNICODE_STRING path, PluginFileInfo** info, PluginAccessMask* maxAccess)
+NTSTATUS NTAPI GetInfo(void*, PKEVENT, PluginFd fd, PluginFileInfo** info)
 {
-    PluginFd fd;
-    if (const NTSTATUS status = Find(path, &fd); !NT_SUCCESS(status)) return status;
     auto* const made = static_cast<PluginFileInfo*>(Allocate(sizeof(PluginFileInfo)));
     if (!made) return STATUS_INSUFFICIENT_RESOURCES;
     made->CreationTime = made->LastAccessTime = made->LastWriteTime = made->ChangeTime = kTime;
@@ -53,8 +46,16 @@ NTSTATUS NTAPI Lookup(void*, PKEVENT, PCUNICODE_STRING path, PluginFileInfo** in
     made->FileAttributes = fd == kFile ? FILE_ATTRIBUTE_READONLY : FILE_ATTRIBUTE_DIRECTORY;
     made->FileId = fd;
     *info = made;
-    *maxAccess = GVND_ACCESS_READ; // for more the driver asks once again, and then refuses
     return STATUS_SUCCESS;
+}
+
+NTSTATUS NTAPI Lookup(void* context, PKEVENT cancel, PCUNICODE_STRING path, PluginFileInfo** info,
+                      PluginAccessMask* maxAccess)
+{
+    PluginFd fd;
+    *maxAccess = GVND_ACCESS_READ; // for more the driver asks once again, and then refuses
+    if (const NTSTATUS status = Find(path, &fd); !NT_SUCCESS(status)) return status;
+    return GetInfo(context, cancel, fd, info);
 }
 
 // Open and OpenDir: the driver knows the type from Lookup and calls the right one.
@@ -84,57 +85,40 @@ NTSTATUS NTAPI ReadDirEntry(void*, PKEVENT, PluginFd, ULONG index, PluginDirEntr
     return STATUS_SUCCESS;
 }
 
-VOID NTAPI OnUnmounted(void*) { KeSetEvent(&volume.Unmounted, IO_NO_INCREMENT, FALSE); }
+VOID NTAPI OnUnmounted(void* context) { KeSetEvent(&static_cast<Volume*>(context)->Unmounted, IO_NO_INCREMENT, FALSE); }
 
-void FillTable()
+// A volume: a table whose context is the volume itself.
+NTSTATUS NTAPI CreateVolume(const char* arguments, PluginOps** ops)
 {
-    volume.Ops.Version = GVND_PLUGIN_VERSION;
-    volume.Ops.OnUnmounted = OnUnmounted;
-    volume.Ops.Lookup = Lookup;
-    volume.Ops.Open = volume.Ops.OpenDir = Open;
-    volume.Ops.Read = Read;
-    volume.Ops.ReadDirEntry = ReadDirEntry;
+    *ops = nullptr;
+    if (*arguments) return STATUS_INVALID_PARAMETER; // it takes none
+    auto* const volume = static_cast<Volume*>(ExAllocatePoolWithTag(NonPagedPoolNx, sizeof(Volume), kTag));
+    if (!volume) return STATUS_INSUFFICIENT_RESOURCES;
+    RtlZeroMemory(volume, sizeof(Volume));
+    KeInitializeEvent(&volume->Unmounted, NotificationEvent, FALSE);
+    volume->Ops.Version = GVND_PLUGIN_VERSION;
+    volume->Ops.PluginContext = volume;
+    volume->Ops.OnUnmounted = OnUnmounted;
+    volume->Ops.Lookup = Lookup;
+    volume->Ops.Open = volume->Ops.OpenDir = Open;
+    volume->Ops.Read = Read;
+    volume->Ops.GetInfo = GetInfo;
+    volume->Ops.ReadDirEntry = ReadDirEntry;
+    *ops = &volume->Ops;
+    return STATUS_SUCCESS;
 }
 
-// The table of services outlives the handle it was fetched through.
-NTSTATUS FetchServices()
+VOID NTAPI WaitUntilUnmounted(PluginOps* ops)
 {
-    UNICODE_STRING name;
-    RtlInitUnicodeString(&name, GVND_CONTROL_DEVICE_NAME);
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
-    IO_STATUS_BLOCK result;
-    HANDLE device;
-    NTSTATUS status =
-        ZwCreateFile(&device, FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE, &attributes, &result, nullptr, 0,
-                     FILE_SHARE_READ | FILE_SHARE_WRITE, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0);
-    if (!NT_SUCCESS(status)) return status;
-    status = ZwDeviceIoControlFile(device, nullptr, nullptr, nullptr, &result, IOCTL_GVND_GET_SERVICE_TABLE, nullptr, 0,
-                                   &volume.Services, sizeof(volume.Services));
-    ZwClose(device);
-    return status;
+    KeWaitForSingleObject(&reinterpret_cast<Volume*>(ops)->Unmounted, Executive, KernelMode, FALSE, nullptr);
 }
 
-// The driver calls through the table until OnUnmounted has returned, so the image must not go before.
-VOID NTAPI Unload(PDRIVER_OBJECT)
-{
-    (void)volume.Services->UnmountRequest(volume.Device); // can only refuse above PASSIVE_LEVEL
-    KeWaitForSingleObject(&volume.Unmounted, Executive, KernelMode, FALSE, nullptr);
-}
+VOID NTAPI DestroyVolume(PluginOps* ops) { ExFreePoolWithTag(ops, kTag); }
+
+constexpr GvndPlugin kPlugin = {
+    GVND_PLUGIN_ENTRY_VERSION, 0, "Hello", "one read-only file", "", CreateVolume, WaitUntilUnmounted, DestroyVolume,
+};
 
 } // namespace
 
-extern "C" NTSTATUS NTAPI HelloDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING)
-{
-    volume = {};
-    KeInitializeEvent(&volume.Unmounted, NotificationEvent, FALSE);
-    FillTable();
-    if (const NTSTATUS status = FetchServices(); !NT_SUCCESS(status)) return status;
-    UNICODE_STRING backing, device, link;
-    RtlInitUnicodeString(&backing, L"\\Device\\Null");
-    RtlInitUnicodeString(&device, L"\\Device\\Hello");
-    RtlInitUnicodeString(&link, L"\\??\\Hello");
-    const NTSTATUS status = volume.Services->Mount(&backing, &device, &link, nullptr, &volume.Ops, &volume.Device);
-    if (NT_SUCCESS(status)) driver->DriverUnload = Unload;
-    return status;
-}
+extern "C" const GvndPlugin* NTAPI GvndGetPlugin(VOID) { return &kPlugin; }

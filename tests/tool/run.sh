@@ -50,7 +50,7 @@ expect "missing name" 1 'STATUS_OBJECT_NAME_NOT_FOUND \(0xc0000034\)' "$gvnd" sh
 expect "missing directory" 1 'STATUS_OBJECT_PATH_NOT_FOUND' "$gvnd" shell "${volume[@]}" -c 'cat /no/thing'
 expect "unknown command" 2 "unknown command 'frob'" "$gvnd" shell "${volume[@]}" -c 'frob'
 expect "open handles at unmount" 2 'close them first' "$gvnd" shell "${volume[@]}" -c 'open /hello.txt; unmount'
-expect "unknown plugin" 2 'memfs and hostfs:DIR' "$gvnd" shell -p nofs -c 'ls'
+expect "unknown plugin" 2 'memfs, hostfs, and so:PATH' "$gvnd" shell -p nofs -c 'ls'
 expect "missing root" 1 'STATUS_OBJECT_NAME_NOT_FOUND' "$gvnd" shell -p hostfs:/no/such/dir -c 'ls'
 expect "usage" 2 'Run with --help' "$gvnd" export
 expect "memfs is empty" 0 '^0 entries$' "$gvnd" shell -c 'ls -l'

@@ -10,6 +10,8 @@
 #include <unistd.h>
 
 #include "gvnd/demo.h"
+#include "gvnd/mount/mount.h"
+#include "gvnd/plugins.h"
 #include "gvnd/session.h"
 #include "gvnd/shell.h"
 #include "gvnd/status.h"
@@ -87,7 +89,9 @@ int RunTransfer(const Options& options, CopyTotals (*transfer)(Session&, const s
 
 void AddVolumeOptions(CLI::App* command, Options& options)
 {
-    command->add_option("-p,--plugin", options.Volume.Plugin, "memfs, or hostfs:DIR to serve a directory")
+    command
+        ->add_option("-p,--plugin", options.Volume.Plugin,
+                     "memfs, hostfs:DIR to serve a directory, or so:PATH[:ARGUMENTS]; see `plugins`")
         ->capture_default_str();
     command->add_flag("--read-only", options.Volume.ReadOnly, "refuse every change of the directory (hostfs)");
     command->add_option("--capacity", options.Capacity, "size of memfs in bytes, or as 512M or 4G (1G)");
@@ -107,6 +111,7 @@ int Main(int argc, char** argv)
                "  gvnd shell -p hostfs:DIR -c \"calls on; ls -l\"    a directory, with what each command asks of it\n"
                "  gvnd import -p hostfs:DIR HOST-DIR /PATH         copies a tree in, and compares it\n"
                "  gvnd export -p hostfs:DIR / HOST-DIR             copies a tree out, and compares it\n"
+               "  gvnd mount -p hostfs:DIR MOUNT-DIR               a directory, through the driver, for any program\n"
                "Exit codes: 0 success, 1 a request failed, 2 wrong usage, 3 copies disagree, 4 something leaked.");
     Options options;
     CLI::App* const shell = app.add_subcommand("shell", "commands on a volume; `help` inside lists them");
@@ -122,6 +127,20 @@ int Main(int argc, char** argv)
     AddVolumeOptions(exporter, options);
     exporter->add_option("from", options.From, "path in the volume, / for all")->required();
     exporter->add_option("to", options.To, "directory of this machine, made if missing")->required();
+    std::vector<std::string> sharedObjects;
+    CLI::App* const plugins = app.add_subcommand("plugins", "what -p can name, with the arguments of each");
+    plugins->add_option("shared-object", sharedObjects, "plugins to look at");
+    MountOptions mount;
+    CLI::App* const mounter =
+        app.add_subcommand("mount", "a volume as a file system of this machine; docs/mount.md says what differs");
+    AddVolumeOptions(mounter, options);
+    mounter->add_option("directory", mount.Directory, "where to mount, an existing directory")->required();
+    mounter
+        ->add_option("-o", mount.Words,
+                     "ro, allow_other, share=LETTERS of r, w and d, writeback, nocache, or options of the kernel's")
+        ->allow_extra_args(false);
+    mounter->add_flag("-f,--foreground", mount.Foreground, "stay in the foreground; Ctrl-C unmounts");
+    mounter->add_flag("-d,--debug", mount.Debug, "print each request and the plugin's operations; implies -f");
     app.require_subcommand(0, 1);
     try {
         app.parse(argc, argv);
@@ -132,6 +151,15 @@ int Main(int argc, char** argv)
     if (*shell) return RunShell(options);
     if (*importer) return RunTransfer(options, ImportTree);
     if (*exporter) return RunTransfer(options, ExportTree);
+    if (*plugins) {
+        PrintPlugins(sharedObjects);
+        return ExitSuccess;
+    }
+    if (*mounter) {
+        mount.Volume = ChoiceOf(options);
+        mount.Trace = options.Trace;
+        return RunMount(mount);
+    }
     return RunDemo();
 }
 

@@ -39,52 +39,22 @@ void Session::SetTrace(bool on) { workbench::PrintTrace(on); }
 
 uint64_t Session::Requests() const { return nthost::RequestsSent(); }
 
-void Session::MakeMemFs(const VolumeChoice& choice)
-{
-    MemFsOptions options{};
-    options.CapacityBytes = choice.Capacity;
-    Require("make an in-memory file system", MemFsCreate(&options, &operations_));
-    destroy_ = [](PluginOps* operations) { MemFsDestroy(operations); };
-    makeLink_ = [this](const std::string& path, const std::string& target) {
-        const Text text(target);
-        const std::string eas = EaList({{MEMFS_LINK_EA_NAME, std::string(text.Bytes())}});
-        OpenFile(NtPath(path), {.Access = FILE_WRITE_DATA | FILE_WRITE_EA | SYNCHRONIZE,
-                                .Disposition = FILE_CREATE,
-                                .Options = FILE_NON_DIRECTORY_FILE,
-                                .Eas = &eas});
-    };
-}
-
-void Session::MakeHostFs(const VolumeChoice& choice, const std::string& root)
-{
-    HostFsOptions options{};
-    options.Root = root.c_str();
-    options.ReadOnly = choice.ReadOnly;
-    Require(fmt::format("serve the directory '{}'", root), HostFsCreate(options, &operations_));
-    destroy_ = HostFsDestroy;
-    makeLink_ = [this](const std::string& path, const std::string& target) {
-        Text name(path);
-        Text text(target);
-        Require("make the link " + path, HostFsMakeLink(operations_, name.Get(), text.Get()));
-    };
-}
-
 void Session::MakePlugin(const VolumeChoice& choice)
 {
-    const std::string hostPrefix = "hostfs:";
-    if (choice.Plugin == "memfs") {
-        MakeMemFs(choice);
-    } else if (choice.Plugin.starts_with(hostPrefix)) {
-        MakeHostFs(choice, choice.Plugin.substr(hostPrefix.size()));
-    } else {
-        throw Usage(fmt::format("unknown plugin '{}'; there are memfs and hostfs:DIR", choice.Plugin));
+    plugin_ = ChoosePlugin(choice.Plugin);
+    std::string arguments = plugin_.Arguments;
+    if (plugin_.Plugin == GvMemfsPlugin() && choice.Capacity) {
+        if (!arguments.empty()) arguments += ',';
+        arguments += fmt::format("capacity={}", choice.Capacity);
     }
+    if (plugin_.Plugin == GvHostfsPlugin() && choice.ReadOnly) arguments = "ro:" + arguments;
+    Require(fmt::format("make a volume of {}", choice.Plugin), plugin_.Plugin->Create(arguments.c_str(), &operations_));
 }
 
 void Session::DestroyPlugin()
 {
     volume_.reset();
-    if (operations_) destroy_(operations_);
+    if (operations_) plugin_.Plugin->Destroy(operations_);
     operations_ = nullptr;
 }
 
@@ -110,9 +80,21 @@ std::string Session::NtPath(const std::string& path) const { return VolumeName()
 
 std::string Session::VolumeName() const { return std::string("\\??\\") + kName; }
 
+// The boundary knows how to follow links and not how to make them, so each plugin does it its own way: hostfs in its
+// directory, memfs by an extended attribute; others do not say.
 void Session::MakeLink(const std::string& path, const std::string& target)
 {
-    makeLink_(VolumePath(path), VolumePath(target));
+    Text text(VolumePath(target));
+    if (plugin_.Plugin == GvHostfsPlugin()) {
+        Text name(VolumePath(path));
+        return Require("make the link " + path, HostFsMakeLink(operations_, name.Get(), text.Get()));
+    }
+    if (plugin_.Plugin != GvMemfsPlugin()) throw Failure("make the link " + path, STATUS_NOT_SUPPORTED);
+    const std::string eas = EaList({{MEMFS_LINK_EA_NAME, std::string(text.Bytes())}});
+    OpenFile(NtPath(path), {.Access = FILE_WRITE_DATA | FILE_WRITE_EA | SYNCHRONIZE,
+                            .Disposition = FILE_CREATE,
+                            .Options = FILE_NON_DIRECTORY_FILE,
+                            .Eas = &eas});
 }
 
 std::string Session::ReadLink(const std::string& path)

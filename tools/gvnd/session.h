@@ -1,7 +1,6 @@
 // A booted host with the driver, and one mounted volume: what every command works on.
 #pragma once
 
-#include <functional>
 #include <string>
 
 #include <optional>
@@ -9,10 +8,12 @@
 #include <workbench/host.h>
 #include <workbench/volume.h>
 
+#include "gvnd/plugins.h"
+
 namespace tool {
 
 struct VolumeChoice {
-    std::string Plugin = "memfs"; // "memfs" or "hostfs:DIR"
+    std::string Plugin = "memfs"; // as ChoosePlugin takes it
     bool ReadOnly = false;
     uint64_t Capacity = 0; // of memfs, in bytes; 0 is its own default
     std::string Sddl = {}; // who may open the device; empty: everybody
@@ -40,8 +41,7 @@ public:
     std::string VolumeName() const;
 
     // Links. Every open follows them, so what is done with a link itself goes past the driver, which keeps nothing of
-    // a link between two requests. The boundary knows how to follow links and not how to make them, so each plugin does
-    // it its own way: memfs by an extended attribute, hostfs in its directory. All are paths of the volume.
+    // a link between two requests. All are paths of the volume.
     void MakeLink(const std::string& path, const std::string& target);
     std::string ReadLink(const std::string& path);
     void RemoveLink(const std::string& path);
@@ -58,14 +58,11 @@ public:
 
 private:
     void MakePlugin(const VolumeChoice& choice);
-    void MakeMemFs(const VolumeChoice& choice);
-    void MakeHostFs(const VolumeChoice& choice, const std::string& root);
     void DestroyPlugin();
 
     workbench::Host host_;
+    ChosenPlugin plugin_; // its code outlives what is below
     PluginOps* operations_ = nullptr;
-    void (*destroy_)(PluginOps*) = nullptr;
-    std::function<void(const std::string& path, const std::string& target)> makeLink_;
     std::optional<workbench::Volume> volume_;
 };
 
