@@ -151,7 +151,7 @@ NTSTATUS FspStartWorkerThreads(Vcb* vcb, PKEVENT stopEvent, ULONG count, HANDLE*
     if (!threads) return GV_REFUSE(STATUS_INSUFFICIENT_RESOURCES, "out-of-memory\n");
     for (UCHAR lane = 0; lane < GvLaneCount; ++lane) vcb->WorkerStart[lane] = {vcb, static_cast<GvLane>(lane)};
     for (ULONG i = 0; i < all; ++i) {
-        const ULONG lane = i < count ? GvLaneOrdinary : 1 + i - count;
+        const ULONG lane = i < count ? ULONG{GvLaneOrdinary} : 1 + i - count;
         const NTSTATUS status = StartOne(&vcb->WorkerStart[lane], &threads.Get()[i]);
         if (NT_SUCCESS(status)) continue;
         GV_TRACE_FAILED("PsCreateSystemThread", status);
