@@ -2,7 +2,7 @@
 
 #include "create/create.h"
 
-#include "frame/plugincall.h"
+#include "plugin/operations.h"
 
 namespace {
 
@@ -32,9 +32,7 @@ NTSTATUS GvCheckDesiredAccessWithFcbMaxAccess(ULONG type, ACCESS_MASK desired, P
 
 NTSTATUS GvAccessCheck(IrpContext* context, PCUNICODE_STRING path, ACCESS_MASK desired, void* token)
 {
-    if (!context->Vcb->PluginOps->AccessCheck) return STATUS_SUCCESS;
-    constexpr ULONG kConstant = 2;
-    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, AccessCheck, path, kConstant, MaskFor(desired), &token);
+    const NTSTATUS status = GvAskAccess(context, path, MaskFor(desired), token);
     if (!NT_SUCCESS(status)) GV_TRACE(GvTraceNotable, "AccessCheck(): 0x%x\n", status);
     return status;
 }

@@ -4,7 +4,6 @@
 #include "create/create.h"
 
 #include "frame/context.h"
-#include "frame/requests.h"
 #include "frame/resource.h"
 #include "frame/trace.h"
 #include "objects/ccb.h"
@@ -115,10 +114,9 @@ bool HasEmptyComponent(PCUNICODE_STRING path)
                                         const WalkResult& found, ResolvedPaths* paths)
 {
     if (!HasEmptyComponent(paths->FullPath.Get())) return STATUS_SUCCESS;
-    if (!found.Object || parameters.OpenTargetDirectory) {
-        GV_TRACE_AS("GvDoCreate", GvTraceError, "ERR: path has an empty component: %wZ\n", paths->FullPath.Get());
-        return STATUS_OBJECT_NAME_INVALID;
-    }
+    if (!found.Object || parameters.OpenTargetDirectory)
+        return GV_REFUSE_AS("GvDoCreate", STATUS_OBJECT_NAME_INVALID, "ERR: path has an empty component: %wZ\n",
+                            paths->FullPath.Get());
     const NTSTATUS status = GvFcbGetName(context->Vcb->FcbTables, found.Object, paths->FullPath.Out());
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvDoCreate", "GvFcbGetName", status);
     return status;
@@ -127,10 +125,7 @@ bool HasEmptyComponent(PCUNICODE_STRING path)
 [[nodiscard]] NTSTATUS OpenPath(IrpContext* context, const CreateParameters& parameters, ULONG* information)
 {
     ResolvedPaths paths = {};
-    if (const NTSTATUS status = GvResolveName(context, parameters.FileObject, &paths); !NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS("GvDoCreate", "GvResolveName", status);
-        return status;
-    }
+    GV_TRY_TRACED_AS("GvDoCreate", "GvResolveName", GvResolveName(context, parameters.FileObject, &paths));
     WalkResult found = {};
     const NTSTATUS status = FindOrWalk(context, parameters.FileObject, &paths, &found);
     // Released in reverse order of these two lines: the object, then its parent.
@@ -145,11 +140,9 @@ bool HasEmptyComponent(PCUNICODE_STRING path)
         if (!NT_SUCCESS(redirected)) GV_TRACE_FAILED_AS("GvDoCreate", "GvHandleReparsePoint", redirected);
         return redirected;
     }
-    if (object.Get() ? parent.Get() != nullptr : parent.Get() == nullptr) {
-        GV_TRACE_AS("GvDoCreate", GvTraceError, "ERR got both or neither FCB: 0x%x, parent-FCB: 0x%x\n", object.Get(),
-                    parent.Get());
-        return STATUS_UNSUCCESSFUL;
-    }
+    if (object.Get() ? parent.Get() != nullptr : parent.Get() == nullptr)
+        return GV_REFUSE_AS("GvDoCreate", STATUS_UNSUCCESSFUL, "ERR got both or neither FCB: 0x%x, parent-FCB: 0x%x\n",
+                            object.Get(), parent.Get());
     if (const NTSTATUS named = NameWhatWasFound(context, parameters, found, &paths); !NT_SUCCESS(named)) return named;
     return Finish(context, parameters, paths, found, information);
 }
@@ -159,23 +152,16 @@ bool HasEmptyComponent(PCUNICODE_STRING path)
 NTSTATUS GvDoCreate(IrpContext* context, GvOutcome* outcome)
 {
     if (KeGetCurrentIrql() != PASSIVE_LEVEL) return STATUS_UNSUCCESSFUL;
-    if (context->IsAsync || !context->IsTopLevel) {
-        GV_TRACE(GvTraceError, "Create async: %d, top-level: %d, err: 0x%x\n", context->IsAsync, context->IsTopLevel,
-                 STATUS_INVALID_PARAMETER);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (context->IsAsync || !context->IsTopLevel)
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "Create async: %d, top-level: %d, err: 0x%x\n", context->IsAsync,
+                         context->IsTopLevel, STATUS_INVALID_PARAMETER);
     const CreateParameters parameters = ReadParameters(context->Irp);
-    if (const NTSTATUS status = GvCheckUnsupportedParams(context->Irp); !NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvCheckUnsupportedParams", status);
-        return status;
-    }
+    GV_TRY_TRACED("GvCheckUnsupportedParams", GvCheckUnsupportedParams(context->Irp));
     const MountedPin pin(context->DeviceObject);
-    if (!pin.Held()) {
-        GV_TRACE(GvTraceError, "GvPinVcbIfMounted(): failed: 0x%x\n", STATUS_ACCESS_DENIED);
-        return STATUS_ACCESS_DENIED;
-    }
+    if (!pin.Held())
+        return GV_REFUSE(STATUS_ACCESS_DENIED, "GvPinVcbIfMounted(): failed: 0x%x\n", STATUS_ACCESS_DENIED);
     GvHeldResource lock;
-    if (const NTSTATUS status = lock.Exclusive(&context->Vcb->Resource); !NT_SUCCESS(status)) return status;
+    GV_TRY(lock.Exclusive(&context->Vcb->Resource));
 
     if (GvIsVolumeOpen(parameters.FileObject)) {
         const NTSTATUS status = GvPerformVolumeOpen(context, parameters, &outcome->Information);
@@ -188,10 +174,7 @@ NTSTATUS GvDoCreate(IrpContext* context, GvOutcome* outcome)
 NTSTATUS GvInitFileObj(PFILE_OBJECT fileObject, Fcb* fcb, bool deleteOnClose)
 {
     Ccb* ccb;
-    if (const NTSTATUS status = GvCcbCreateCcb(deleteOnClose, &ccb); !NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvCcbCreateCcb", status);
-        return status;
-    }
+    GV_TRY_TRACED("GvCcbCreateCcb", GvCcbCreateCcb(deleteOnClose, &ccb));
     fileObject->FsContext2 = ccb;
     fileObject->SectionObjectPointer = &fcb->SectionObjectPointers;
     fileObject->FsContext = fcb;

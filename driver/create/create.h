@@ -1,9 +1,12 @@
 // The open path: what one create asks for, the paths it works with, and the routines that end it. Everything here runs
-// under Vcb.Resource, held exclusively by GvDoCreate, at PASSIVE_LEVEL on the caller's thread.
+// under Vcb.Resource, which GvDoCreate takes exclusively, at PASSIVE_LEVEL on the caller's thread.
 #pragma once
 
+#include "frame/row.h"
 #include "objects/fcb.h"
 #include "objects/util.h"
+
+NTSTATUS GvDoCreate(IrpContext* context, GvOutcome* outcome);
 
 // What the request asks for; constant once read.
 struct CreateParameters {
@@ -35,13 +38,6 @@ struct ResolvedPaths {
 
 // STATUS_OBJECT_NAME_INVALID, STATUS_OBJECT_PATH_SYNTAX_BAD, STATUS_INSUFFICIENT_RESOURCES, or the plugin's own.
 [[nodiscard]] NTSTATUS GvResolveName(IrpContext* context, PFILE_OBJECT fileObject, ResolvedPaths* paths);
-// May this be the last component of a name? STATUS_OBJECT_NAME_INVALID for none at all, a separator or an illegal
-// character, STATUS_OBJECT_PATH_SYNTAX_BAD for a dot component.
-[[nodiscard]] NTSTATUS GvCheckLeaf(PCUNICODE_STRING leaf);
-// STATUS_NOT_SUPPORTED: use the name unchanged. The string is the caller's to free.
-[[nodiscard]] NTSTATUS GvPnGetNormalizedPathFromPlugin(IrpContext* context, PCUNICODE_STRING path,
-                                                       PUNICODE_STRING* normalized);
-
 // How a walk ended when it did not fail: at the object, or at its parent because the last component could not be
 // opened.
 struct WalkResult {
@@ -54,17 +50,6 @@ struct WalkResult {
 // follows.
 [[nodiscard]] NTSTATUS GvFullyOpenPath(IrpContext* context, PFILE_OBJECT fileObject, ResolvedPaths* paths,
                                        WalkResult* result);
-// The record is one block for the caller to free.
-[[nodiscard]] NTSTATUS GvPerformLookupOnPlugin(IrpContext* context, PCUNICODE_STRING path,
-                                               GvBlock<PluginFileInfo>* info, PluginAccessMask* maxAccess);
-[[nodiscard]] NTSTATUS GvOpenFileFromPlugin(IrpContext* context, PCUNICODE_STRING path, PluginAccessMask access,
-                                            PluginFd* fd);
-[[nodiscard]] NTSTATUS GvOpenDirFromPlugin(IrpContext* context, PCUNICODE_STRING path, PluginAccessMask access,
-                                           PluginFd* fd);
-// The first for GvFile, else the second; a failure is traced as function's step.
-[[nodiscard]] NTSTATUS GvOpenFromPlugin(const char* function, IrpContext* context, ULONG type, PCUNICODE_STRING path,
-                                        PluginAccessMask access, PluginFd* fd);
-
 // STATUS_ACCESS_DENIED if the mask does not cover the access. Execute is tested on files only.
 [[nodiscard]] NTSTATUS GvCheckDesiredAccessWithFcbMaxAccess(ULONG type, ACCESS_MASK desired, PluginAccessMask mask);
 // The plugin's own decision; a plugin without one allows everything.

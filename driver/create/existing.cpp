@@ -15,29 +15,24 @@ bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || di
 
 [[nodiscard]] NTSTATUS CheckDeleteOnClose(const CreateParameters& parameters, const Fcb* fcb)
 {
-    if (!(parameters.DesiredAccess & DELETE)) {
-        GV_TRACE_AS(kName, GvTraceError, "delete-on-close is requested, but not delete-access: 0x%x\n",
-                    STATUS_INVALID_PARAMETER);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (!(parameters.DesiredAccess & DELETE))
+        return GV_REFUSE_AS(kName, STATUS_INVALID_PARAMETER,
+                            "delete-on-close is requested, but not delete-access: 0x%x\n", STATUS_INVALID_PARAMETER);
     if (fcb->IsRootDir) { // by whatever path
-        GV_TRACE_AS(kName, GvTraceError, "not allowed to delete root-dir: 0x%x\n", STATUS_CANNOT_DELETE);
-        return STATUS_CANNOT_DELETE;
+        return GV_REFUSE_AS(kName, STATUS_CANNOT_DELETE, "not allowed to delete root-dir: 0x%x\n",
+                            STATUS_CANNOT_DELETE);
     }
-    if (fcb->FcbType == GvFile && !(fcb->MaxAllowedAccess & GVND_ACCESS_WRITE)) {
-        GV_TRACE_AS(kName, GvTraceError, "err, can't delete read-only file: 0x%x\n", STATUS_CANNOT_DELETE);
-        return STATUS_CANNOT_DELETE;
-    }
+    if (fcb->FcbType == GvFile && !(fcb->MaxAllowedAccess & GVND_ACCESS_WRITE))
+        return GV_REFUSE_AS(kName, STATUS_CANNOT_DELETE, "err, can't delete read-only file: 0x%x\n",
+                            STATUS_CANNOT_DELETE);
     return STATUS_SUCCESS;
 }
 
 [[nodiscard]] NTSTATUS CheckType(ULONG requested, ULONG actual)
 {
     if (requested == GvAnyType) return STATUS_SUCCESS;
-    if (requested != GvDirectory && requested != GvFile) {
-        GV_TRACE_AS(kName, GvTraceError, "invalid requested file-type: %d\n", requested);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (requested != GvDirectory && requested != GvFile)
+        return GV_REFUSE_AS(kName, STATUS_INVALID_PARAMETER, "invalid requested file-type: %d\n", requested);
     if (requested == actual) return STATUS_SUCCESS;
     GV_TRACE_AS(kName, GvTraceError, "requested file-type: %d != real file-type: %d\n", requested, actual);
     return actual == GvDirectory ? STATUS_FILE_IS_A_DIRECTORY : STATUS_NOT_A_DIRECTORY;
@@ -46,41 +41,26 @@ bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || di
 // The rules that neither the plugin nor other opens have a say in.
 [[nodiscard]] NTSTATUS CheckRules(const CreateParameters& parameters, const ResolvedPaths& paths, const Fcb* fcb)
 {
-    if (parameters.Disposition == FILE_CREATE) {
-        GV_TRACE_AS(kName, GvTraceError, "error disposition == create : 0x%x\n", STATUS_OBJECT_NAME_COLLISION);
-        return STATUS_OBJECT_NAME_COLLISION;
-    }
-    if (parameters.DeleteOnClose) {
-        const NTSTATUS status = CheckDeleteOnClose(parameters, fcb);
-        if (!NT_SUCCESS(status)) return status;
-    }
-    if (GvLoad(fcb->DeletePending)) {
-        GV_TRACE_AS(kName, GvTraceError, "FCB is pending deletion: 0x%x\n", STATUS_DELETE_PENDING);
-        return STATUS_DELETE_PENDING;
-    }
-    if (const NTSTATUS status = CheckType(parameters.RequestedFileType, fcb->FcbType); !NT_SUCCESS(status)) {
-        return status;
-    }
-    if (fcb->FcbType == GvFile && paths.TrailingBackslash) {
-        GV_TRACE_AS(kName, GvTraceError, "ERR: FCB is file, path has trailing bkslash\n");
-        return STATUS_OBJECT_NAME_INVALID;
-    }
-    if (fcb->FcbType == GvDirectory && IsOverwrite(parameters.Disposition)) {
-        GV_TRACE_AS(kName, GvTraceError, "can't overwrite dir, err: 0x%x\n", STATUS_OBJECT_NAME_COLLISION);
-        return STATUS_OBJECT_NAME_COLLISION;
-    }
+    if (parameters.Disposition == FILE_CREATE)
+        return GV_REFUSE_AS(kName, STATUS_OBJECT_NAME_COLLISION, "error disposition == create : 0x%x\n",
+                            STATUS_OBJECT_NAME_COLLISION);
+    if (parameters.DeleteOnClose) { GV_TRY(CheckDeleteOnClose(parameters, fcb)); }
+    if (GvLoad(fcb->DeletePending))
+        return GV_REFUSE_AS(kName, STATUS_DELETE_PENDING, "FCB is pending deletion: 0x%x\n", STATUS_DELETE_PENDING);
+    GV_TRY(CheckType(parameters.RequestedFileType, fcb->FcbType));
+    if (fcb->FcbType == GvFile && paths.TrailingBackslash)
+        return GV_REFUSE_AS(kName, STATUS_OBJECT_NAME_INVALID, "ERR: FCB is file, path has trailing bkslash\n");
+    if (fcb->FcbType == GvDirectory && IsOverwrite(parameters.Disposition))
+        return GV_REFUSE_AS(kName, STATUS_OBJECT_NAME_COLLISION, "can't overwrite dir, err: 0x%x\n",
+                            STATUS_OBJECT_NAME_COLLISION);
     return STATUS_SUCCESS;
 }
 
 [[nodiscard]] NTSTATUS CheckAccess(IrpContext* context, const CreateParameters& parameters, PCUNICODE_STRING path,
                                    Fcb* fcb, ACCESS_MASK effective)
 {
-    NTSTATUS status = GvReopenPluginFdIfRequired(context, fcb, effective);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS(kName, "GvReopenPluginFdIfRequired", status);
-        return status;
-    }
-    status = GvCheckDesiredAccessWithFcbMaxAccess(fcb->FcbType, effective, fcb->MaxAllowedAccess);
+    GV_TRY_TRACED_AS(kName, "GvReopenPluginFdIfRequired", GvReopenPluginFdIfRequired(context, fcb, effective));
+    NTSTATUS status = GvCheckDesiredAccessWithFcbMaxAccess(fcb->FcbType, effective, fcb->MaxAllowedAccess);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kName, GvTraceError,
                     "GvCheckDesiredAccessWithFcbMaxAccess(), desired: 0x%x, fcb-max: 0x%x, ns: 0x%x\n", effective,
@@ -144,33 +124,22 @@ bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || di
 NTSTATUS GvInitExistingFcb(IrpContext* context, const CreateParameters& parameters, const ResolvedPaths& paths,
                            Fcb* fcb, ULONG* information)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     GvHeldResource lock;
-    NTSTATUS status = lock.Exclusive(fcb->Header.Resource);
-    if (!NT_SUCCESS(status)) return status;
-    status = CheckRules(parameters, paths, fcb);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(lock.Exclusive(fcb->Header.Resource));
+    GV_TRY(CheckRules(parameters, paths, fcb));
 
     const bool overwrite = IsOverwrite(parameters.Disposition);
     const ACCESS_MASK effective = parameters.DesiredAccess | (overwrite ? FILE_WRITE_DATA | FILE_WRITE_ATTRIBUTES : 0);
-    status = CheckAccess(context, parameters, paths.FullPath.Get(), fcb, effective);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(CheckAccess(context, parameters, paths.FullPath.Get(), fcb, effective));
     if (GvLoad(fcb->OpenCount) != 0) {
-        status = IoCheckShareAccess(effective, parameters.ShareAccess, parameters.FileObject, &fcb->ShareAccess, FALSE);
-        if (!NT_SUCCESS(status)) {
-            GV_TRACE_FAILED("IoCheckShareAccess", status);
-            return status;
-        }
+        GV_TRY_TRACED("IoCheckShareAccess", IoCheckShareAccess(effective, parameters.ShareAccess, parameters.FileObject,
+                                                               &fcb->ShareAccess, FALSE));
     }
-    status = PrepareForWriting(parameters, fcb, effective);
-    if (!NT_SUCCESS(status)) return status;
-    if (overwrite) {
-        status = Overwrite(context, parameters, fcb);
-        if (!NT_SUCCESS(status)) return status;
-    }
-    status = RecordShareAccess(parameters, fcb, effective);
-    if (!NT_SUCCESS(status)) return status;
-    status = GvInitSharedFileObj(__func__, parameters.FileObject, fcb, parameters.DeleteOnClose);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(PrepareForWriting(parameters, fcb, effective));
+    if (overwrite) { GV_TRY(Overwrite(context, parameters, fcb)); }
+    GV_TRY(RecordShareAccess(parameters, fcb, effective));
+    GV_TRY(GvInitSharedFileObj(__func__, parameters.FileObject, fcb, parameters.DeleteOnClose));
     GvFcbAddReference(fcb); // the file object's
     *information = overwrite ? FILE_OVERWRITTEN : FILE_OPENED;
     return STATUS_SUCCESS;

@@ -5,7 +5,8 @@
 #include "create/create.h"
 
 #include "ea/ea.h"
-#include "frame/plugincall.h"
+#include "plugin/operations.h"
+#include "frame/resource.h"
 
 namespace {
 
@@ -18,25 +19,20 @@ constexpr char kName[] = "GvCreateNewFileOrDir"; // whose steps the routines bel
         return NT_SUCCESS(lookupStatus) ? STATUS_OBJECT_NAME_NOT_FOUND : lookupStatus;
     }
     const ULONG requested = parameters.RequestedFileType;
-    if (requested != GvAnyType && requested != GvDirectory && requested != GvFile) {
-        GV_TRACE_AS(kName, GvTraceError, "ERROR, bad requested file-type: %d\n", requested);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (requested != GvAnyType && requested != GvDirectory && requested != GvFile)
+        return GV_REFUSE_AS(kName, STATUS_INVALID_PARAMETER, "ERROR, bad requested file-type: %d\n", requested);
     return STATUS_SUCCESS;
 }
 
 [[nodiscard]] NTSTATUS CheckDeleteOnClose(const CreateParameters& parameters)
 {
     if (!parameters.DeleteOnClose) return STATUS_SUCCESS;
-    if (!(parameters.DesiredAccess & DELETE)) {
-        GV_TRACE_AS(kName, GvTraceError, "delete-on-close is requested, but not delete-access: 0x%x\n",
-                    STATUS_INVALID_PARAMETER);
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (parameters.FileAttributes & FILE_ATTRIBUTE_READONLY) {
-        GV_TRACE_AS(kName, GvTraceError, "ERR: can't create a read-only file and 'delete-on-close' it\n");
-        return STATUS_CANNOT_DELETE;
-    }
+    if (!(parameters.DesiredAccess & DELETE))
+        return GV_REFUSE_AS(kName, STATUS_INVALID_PARAMETER,
+                            "delete-on-close is requested, but not delete-access: 0x%x\n", STATUS_INVALID_PARAMETER);
+    if (parameters.FileAttributes & FILE_ATTRIBUTE_READONLY)
+        return GV_REFUSE_AS(kName, STATUS_CANNOT_DELETE,
+                            "ERR: can't create a read-only file and 'delete-on-close' it\n");
     return STATUS_SUCCESS;
 }
 
@@ -44,17 +40,14 @@ constexpr char kName[] = "GvCreateNewFileOrDir"; // whose steps the routines bel
 [[nodiscard]] NTSTATUS CheckRules(const CreateParameters& parameters, const ResolvedPaths& paths, const Fcb* parent,
                                   NTSTATUS lookupStatus, ULONG* type)
 {
-    if (const NTSTATUS status = CheckMayCreate(parameters, lookupStatus); !NT_SUCCESS(status)) return status;
+    GV_TRY(CheckMayCreate(parameters, lookupStatus));
     *type = parameters.RequestedFileType == GvDirectory ? GvDirectory : GvFile;
-    if (*type == GvFile && paths.TrailingBackslash) {
-        GV_TRACE_AS(kName, GvTraceError, "ERR: caller wants to create a 'file', but path has trailing bkslash\n");
-        return STATUS_OBJECT_NAME_INVALID;
-    }
-    if (const NTSTATUS status = CheckDeleteOnClose(parameters); !NT_SUCCESS(status)) return status;
-    if (GvLoad(parent->DeletePending)) {
-        GV_TRACE_AS(kName, GvTraceError, "parent-fcb delete-pending: 0x%x\n", STATUS_DELETE_PENDING);
-        return STATUS_DELETE_PENDING;
-    }
+    if (*type == GvFile && paths.TrailingBackslash)
+        return GV_REFUSE_AS(kName, STATUS_OBJECT_NAME_INVALID,
+                            "ERR: caller wants to create a 'file', but path has trailing bkslash\n");
+    GV_TRY(CheckDeleteOnClose(parameters));
+    if (GvLoad(parent->DeletePending))
+        return GV_REFUSE_AS(kName, STATUS_DELETE_PENDING, "parent-fcb delete-pending: 0x%x\n", STATUS_DELETE_PENDING);
     return STATUS_SUCCESS;
 }
 
@@ -130,33 +123,22 @@ constexpr char kName[] = "GvCreateNewFileOrDir"; // whose steps the routines bel
     return status;
 }
 
-void CloseNewHandle(IrpContext* context, PluginFd fd)
-{
-    const NTSTATUS closed = GV_CALL_PLUGIN(context, nullptr, Close, GvBareHandle(fd));
-    if (!NT_SUCCESS(closed)) GV_TRACE_FAILED_AS(kName, "Close", closed);
-}
-
 } // namespace
 
 NTSTATUS GvCreateNewFileOrDir(IrpContext* context, const CreateParameters& parameters, const ResolvedPaths& paths,
                               Fcb* parent, NTSTATUS lookupStatus, ULONG* information)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     ULONG type;
-    NTSTATUS status = CheckRules(parameters, paths, parent, lookupStatus, &type);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(CheckRules(parameters, paths, parent, lookupStatus, &type));
     const PCUNICODE_STRING fullPath = paths.FullPath.Get();
-    status = GvAccessCheck(context, fullPath, parameters.DesiredAccess, parameters.SubjectToken);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvAccessCheck", status);
-        return status;
-    }
+    GV_TRY_TRACED("GvAccessCheck", GvAccessCheck(context, fullPath, parameters.DesiredAccess, parameters.SubjectToken));
     PluginFd fd = 0;
-    status = CreateOnPlugin(context, type, paths.CasePreservedPath.Get(), &fd);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(CreateOnPlugin(context, type, paths.CasePreservedPath.Get(), &fd));
 
     PluginAccessMask access = 0;
     Fcb* fcb = nullptr;
-    status = Allocate(context, parameters, type, fd);
+    NTSTATUS status = Allocate(context, parameters, type, fd);
     if (NT_SUCCESS(status)) status = SetAttributes(context, parameters.FileAttributes, type, fd, &access);
     if (NT_SUCCESS(status)) status = SetEas(context, parameters, fd);
     if (NT_SUCCESS(status)) {
@@ -169,7 +151,7 @@ NTSTATUS GvCreateNewFileOrDir(IrpContext* context, const CreateParameters& param
         status = EnterObject(context, parameters, fullPath, state, &fcb);
     }
     if (!NT_SUCCESS(status)) {
-        CloseNewHandle(context, fd);
+        GvCloseBareHandle(kName, context, fd);
         return status;
     }
     status = GvInitSharedFileObj(__func__, parameters.FileObject, fcb, parameters.DeleteOnClose);

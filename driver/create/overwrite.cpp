@@ -4,7 +4,7 @@
 #include "create/create.h"
 
 #include "ea/ea.h"
-#include "fileinfo/plugininfo.h"
+#include "plugin/operations.h"
 #include "frame/resource.h"
 #include "objects/coherence.h"
 
@@ -17,8 +17,8 @@ constexpr char kName[] = "GvOverwriteExistingFcb"; // whose steps the routines b
 {
     constexpr ULONG kProtecting = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM;
     if (!(current & kProtecting & ~wanted)) return STATUS_SUCCESS;
-    GV_TRACE_AS(kName, GvTraceError, "ERR: attrs don't match!, cur: 0x%x, new: 0x%x\n", current, wanted);
-    return STATUS_ACCESS_DENIED;
+    return GV_REFUSE_AS(kName, STATUS_ACCESS_DENIED, "ERR: attrs don't match!, cur: 0x%x, new: 0x%x\n", current,
+                        wanted);
 }
 
 // Cached data is thrown away, not written.
@@ -27,10 +27,9 @@ constexpr char kName[] = "GvOverwriteExistingFcb"; // whose steps the routines b
     SECTION_OBJECT_POINTERS& sections = fcb->SectionObjectPointers;
     if (GvLoad(sections.DataSectionObject) || GvLoad(sections.ImageSectionObject)) {
         LARGE_INTEGER empty = {};
-        if (!MmCanFileBeTruncated(&sections, &empty)) {
-            GV_TRACE_AS(kName, GvTraceError, "tried to overwrite mapped-file: 0x%x\n", STATUS_USER_MAPPED_FILE);
-            return STATUS_USER_MAPPED_FILE;
-        }
+        if (!MmCanFileBeTruncated(&sections, &empty))
+            return GV_REFUSE_AS(kName, STATUS_USER_MAPPED_FILE, "tried to overwrite mapped-file: 0x%x\n",
+                                STATUS_USER_MAPPED_FILE);
     }
     GvUtlFlushAndPurgeMm(fcb, nullptr, 0, MmFlush::No);
     return STATUS_SUCCESS;

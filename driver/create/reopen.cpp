@@ -3,7 +3,7 @@
 
 #include "create/create.h"
 
-#include "frame/plugincall.h"
+#include "plugin/operations.h"
 #include "frame/resource.h"
 
 namespace {
@@ -24,27 +24,18 @@ void ReplaceHandle(IrpContext* context, Fcb* fcb, PluginFd fd)
 NTSTATUS GvReopenPluginFdIfRequired(IrpContext* context, Fcb* fcb, ACCESS_MASK desired)
 {
     GV_ASSERT_HELD_EXCLUSIVE(fcb->Header.Resource);
-    NTSTATUS status = GvCheckDesiredAccessWithFcbMaxAccess(fcb->FcbType, desired, fcb->PluginFdCurrentAccess);
+    const NTSTATUS status = GvCheckDesiredAccessWithFcbMaxAccess(fcb->FcbType, desired, fcb->PluginFdCurrentAccess);
     if (NT_SUCCESS(status) && !fcb->PluginFdRefreshNeeded) return STATUS_SUCCESS;
     GV_TRACE(GvTraceNotable, "re-opening plugin-fd, permission-check: 0x%x, refresh: %d\n", status,
              fcb->PluginFdRefreshNeeded);
 
     GvString path; // the object's own, however this open has spelled it
-    status = GvFcbGetName(context->Vcb->FcbTables, fcb, path.Out());
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvFcbGetName", status);
-        return status;
-    }
+    GV_TRY_TRACED("GvFcbGetName", GvFcbGetName(context->Vcb->FcbTables, fcb, path.Out()));
     GvBlock<PluginFileInfo> info;
     PluginAccessMask maxAccess;
-    status = GvPerformLookupOnPlugin(context, path.Get(), &info, &maxAccess);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvPerformLookupOnPlugin", status);
-        return status;
-    }
+    GV_TRY_TRACED("GvPerformLookupOnPlugin", GvPerformLookupOnPlugin(context, path.Get(), &info, &maxAccess));
     PluginFd fd = 0;
-    status = GvOpenFromPlugin(__func__, context, fcb->FcbType, path.Get(), maxAccess, &fd);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(GvOpenFromPlugin(__func__, context, fcb->FcbType, path.Get(), maxAccess, &fd));
     ReplaceHandle(context, fcb, fd);
 
     fcb->MaxAllowedAccess = maxAccess;

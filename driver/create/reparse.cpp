@@ -5,7 +5,7 @@
 #include "create/create.h"
 
 #include "frame/driver.h"
-#include "frame/plugincall.h"
+#include "plugin/call.h"
 
 namespace {
 
@@ -20,12 +20,12 @@ constexpr char kName[] = "GvHandleReparsePoint"; // whose steps the routines bel
         !parameters.OpenTargetDirectory) {
         return STATUS_SUCCESS;
     }
-    GV_TRACE_AS(kName, GvTraceError,
-                "access-denied via symlink path, access: 0x%x, disp: %d, del-on-close: %d, open-target-dir: %d, err: "
-                "0x%x\n",
-                parameters.DesiredAccess, parameters.Disposition, static_cast<ULONG>(parameters.DeleteOnClose),
-                static_cast<ULONG>(parameters.OpenTargetDirectory), STATUS_ACCESS_DENIED);
-    return STATUS_ACCESS_DENIED;
+    return GV_REFUSE_AS(
+        kName, STATUS_ACCESS_DENIED,
+        "access-denied via symlink path, access: 0x%x, disp: %d, del-on-close: %d, open-target-dir: %d, err: "
+        "0x%x\n",
+        parameters.DesiredAccess, parameters.Disposition, static_cast<ULONG>(parameters.DeleteOnClose),
+        static_cast<ULONG>(parameters.OpenTargetDirectory), STATUS_ACCESS_DENIED);
 }
 
 [[nodiscard]] NTSTATUS ReadTarget(IrpContext* context, PCUNICODE_STRING link, GvString* target)
@@ -40,10 +40,8 @@ constexpr char kName[] = "GvHandleReparsePoint"; // whose steps the routines bel
         const NTSTATUS checked = GvCheckPluginName("ReadLink", (*target)->Buffer, (*target)->Length);
         if (!NT_SUCCESS(checked)) return checked;
     }
-    if (!*target || (*target)->Length < sizeof(WCHAR) || (*target)->Buffer[0] != L'\\') {
-        GV_TRACE_AS(kName, GvTraceError, "ERR: 'resolved target path' not found\n");
-        return STATUS_OBJECT_PATH_SYNTAX_BAD;
-    }
+    if (!*target || (*target)->Length < sizeof(WCHAR) || (*target)->Buffer[0] != L'\\')
+        return GV_REFUSE_AS(kName, STATUS_OBJECT_PATH_SYNTAX_BAD, "ERR: 'resolved target path' not found\n");
     return STATUS_SUCCESS;
 }
 
@@ -53,10 +51,7 @@ constexpr char kName[] = "GvHandleReparsePoint"; // whose steps the routines bel
 {
     name->Reset(GvUtlAllocUnicodeString(PagedPool, static_cast<ULONG>(volume->Length) + remaining->Length +
                                                        target->Length + sizeof(WCHAR)));
-    if (!*name) {
-        GV_TRACE_AS(kName, GvTraceError, "GvUtlAllocUnicodeString() failed\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!*name) return GV_REFUSE_AS(kName, STATUS_INSUFFICIENT_RESOURCES, "GvUtlAllocUnicodeString() failed\n");
     // There is room: the capacity was worked out from the same parts.
     RtlCopyUnicodeString(name->Get(), volume);
     [[maybe_unused]] NTSTATUS status = RtlAppendUnicodeStringToString(name->Get(), target);
@@ -71,18 +66,13 @@ constexpr char kName[] = "GvHandleReparsePoint"; // whose steps the routines bel
 NTSTATUS GvHandleReparsePoint(IrpContext* context, const CreateParameters& parameters, const ResolvedPaths& paths)
 {
     const PCUNICODE_STRING remaining = paths.RemainingPath.Get();
-    if (const NTSTATUS status = CheckPlainOpen(parameters, remaining); !NT_SUCCESS(status)) return status;
+    GV_TRY(CheckPlainOpen(parameters, remaining));
     GvString target;
-    if (const NTSTATUS status = ReadTarget(context, paths.WalkedPath.Get(), &target); !NT_SUCCESS(status)) {
-        return status;
-    }
+    GV_TRY(ReadTarget(context, paths.WalkedPath.Get(), &target));
     GvString name;
     const NTSTATUS composed = Compose(context->Vcb->SymLinkName, target.Get(), remaining, &name);
     if (!NT_SUCCESS(composed)) return composed;
-    const NTSTATUS status = GvIoReplaceFileObjectName(parameters.FileObject, name->Buffer, name->Length);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("IoReplaceFileObjectName", status);
-        return status;
-    }
+    GV_TRY_TRACED("IoReplaceFileObjectName",
+                  GvIoReplaceFileObjectName(parameters.FileObject, name->Buffer, name->Length));
     return STATUS_REPARSE;
 }

@@ -4,32 +4,14 @@
 
 #include "create/create.h"
 
-#include "frame/plugincall.h"
+#include "plugin/operations.h"
+#include "frame/resource.h"
 
 namespace {
 
 constexpr char kName[] = "GvResolveName"; // whose steps most routines below are
 
-bool HasNonAscii(PCUNICODE_STRING path)
-{
-    for (ULONG i = 0; i < path->Length / sizeof(WCHAR); ++i)
-        if (path->Buffer[i] >= 0x80) return true;
-    return false;
-}
-
 bool BeginsWithBackslash(PCUNICODE_STRING path) { return path->Length >= sizeof(WCHAR) && path->Buffer[0] == L'\\'; }
-
-[[nodiscard]] NTSTATUS GvEnsurePathCharsAreLegal(PCUNICODE_STRING path)
-{
-    for (ULONG i = 0; i < path->Length / sizeof(WCHAR); ++i) {
-        const WCHAR character = path->Buffer[i];
-        if (character >= 0x80 || character == L'\\') continue;
-        if (FsRtlLegalAnsiCharacterArray[character] & FSRTL_NTFS_LEGAL) continue;
-        GV_TRACE(GvTraceError, "FsRtlIsAnsiCharacterLegalNtfs(): failed, char: 0x%x\n", character);
-        return STATUS_OBJECT_NAME_INVALID;
-    }
-    return STATUS_SUCCESS;
-}
 
 // The destination has room: its capacity was worked out from the same parts.
 void Append(PUNICODE_STRING path, PCUNICODE_STRING tail)
@@ -48,10 +30,7 @@ void AppendSeparator(PUNICODE_STRING path)
 {
     const ULONG relatedLength = related ? related->Length + sizeof(WCHAR) : 0;
     path->Reset(GvUtlAllocUnicodeString(PagedPool, fileObject->FileName.Length + relatedLength));
-    if (!*path) {
-        GV_TRACE(GvTraceError, "out-of-mem\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!*path) return GV_REFUSE(STATUS_INSUFFICIENT_RESOURCES, "out-of-mem\n");
     if (related) {
         Append(path->Get(), related);
         AppendSeparator(path->Get());
@@ -84,20 +63,11 @@ void GvStripTrailingBackslashes(PUNICODE_STRING path)
 [[nodiscard]] NTSTATUS AllocatePaths(ULONG capacity, ResolvedPaths* paths)
 {
     paths->FullPath.Reset(GvUtlAllocUnicodeString(PagedPool, capacity));
-    if (!paths->FullPath) {
-        GV_TRACE_AS(kName, GvTraceError, "out-of-mem 1\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!paths->FullPath) return GV_REFUSE_AS(kName, STATUS_INSUFFICIENT_RESOURCES, "out-of-mem 1\n");
     paths->WalkedPath.Reset(GvUtlAllocUnicodeString(PagedPool, capacity));
-    if (!paths->WalkedPath) {
-        GV_TRACE_AS(kName, GvTraceError, "out-of-mem 2\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!paths->WalkedPath) return GV_REFUSE_AS(kName, STATUS_INSUFFICIENT_RESOURCES, "out-of-mem 2\n");
     paths->RemainingPath.Reset(GvUtlAllocUnicodeString(PagedPool, capacity));
-    if (!paths->RemainingPath) {
-        GV_TRACE_AS(kName, GvTraceError, "out-of-mem 3\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!paths->RemainingPath) return GV_REFUSE_AS(kName, STATUS_INSUFFICIENT_RESOURCES, "out-of-mem 3\n");
     return STATUS_SUCCESS;
 }
 
@@ -107,18 +77,17 @@ void GvStripTrailingBackslashes(PUNICODE_STRING path)
 {
     if (!fileObject->RelatedFileObject) {
         if (BeginsWithBackslash(name)) return STATUS_SUCCESS;
-        GV_TRACE_AS(kName, GvTraceError, "bad absolute-name: 0x%x\n", STATUS_OBJECT_PATH_SYNTAX_BAD);
-        return STATUS_OBJECT_PATH_SYNTAX_BAD;
+        return GV_REFUSE_AS(kName, STATUS_OBJECT_PATH_SYNTAX_BAD, "bad absolute-name: 0x%x\n",
+                            STATUS_OBJECT_PATH_SYNTAX_BAD);
     }
-    if (BeginsWithBackslash(name)) {
-        GV_TRACE_AS(kName, GvTraceError, "bad relative-name: 0x%x\n", STATUS_OBJECT_PATH_SYNTAX_BAD);
-        return STATUS_OBJECT_PATH_SYNTAX_BAD;
-    }
+    if (BeginsWithBackslash(name))
+        return GV_REFUSE_AS(kName, STATUS_OBJECT_PATH_SYNTAX_BAD, "bad relative-name: 0x%x\n",
+                            STATUS_OBJECT_PATH_SYNTAX_BAD);
     Fcb* const fcb = GvFcbOf(fileObject->RelatedFileObject);
     if (fcb->FcbType == GvVolume) {
         // The volume is on no tree: it has no name that anything could be relative to.
-        GV_TRACE_AS(kName, GvTraceError, "bad relative-name: 0x%x\n", STATUS_OBJECT_PATH_SYNTAX_BAD);
-        return STATUS_OBJECT_PATH_SYNTAX_BAD;
+        return GV_REFUSE_AS(kName, STATUS_OBJECT_PATH_SYNTAX_BAD, "bad relative-name: 0x%x\n",
+                            STATUS_OBJECT_PATH_SYNTAX_BAD);
     }
     const NTSTATUS status = GvFcbGetName(context->Vcb->FcbTables, fcb, related->Out());
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "GvFcbGetName", status);
@@ -148,76 +117,28 @@ void StripTrailing(ResolvedPaths* paths)
 [[nodiscard]] NTSTATUS BuildPaths(IrpContext* context, PFILE_OBJECT fileObject, PCUNICODE_STRING name,
                                   ResolvedPaths* paths)
 {
-    NTSTATUS status = GvEnsurePathCharsAreLegal(name);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS(kName, "GvEnsurePathCharsAreLegal", status);
-        return status;
-    }
+    GV_TRY_TRACED_AS(kName, "GvEnsurePathCharsAreLegal", GvEnsurePathCharsAreLegal(name));
     GvString related;
-    status = GetRelatedName(context, fileObject, name, &related);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(GetRelatedName(context, fileObject, name, &related));
 
     const ULONG capacity = name->Length + (related ? related->Length + sizeof(WCHAR) : 0);
-    status = AllocatePaths(capacity, paths);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(AllocatePaths(capacity, paths));
     FillPaths(related.Get(), name, paths);
-    status = RefuseDotComponents(paths->FullPath.Get());
-    if (!NT_SUCCESS(status)) return status;
-    status = GvGetCasePreservedFullPath(fileObject, related.Get(), &paths->CasePreservedPath);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS(kName, "GvGetCasePreservedFullPath", status);
-        return status;
-    }
+    GV_TRY(RefuseDotComponents(paths->FullPath.Get()));
+    GV_TRY_TRACED_AS(kName, "GvGetCasePreservedFullPath",
+                     GvGetCasePreservedFullPath(fileObject, related.Get(), &paths->CasePreservedPath));
     StripTrailing(paths);
     return STATUS_SUCCESS;
 }
 
 } // namespace
 
-NTSTATUS GvCheckLeaf(PCUNICODE_STRING leaf)
-{
-    const ULONG length = leaf->Length / sizeof(WCHAR);
-    bool dots = length == 1 || length == 2;
-    bool separator = length == 0 || leaf->Length % sizeof(WCHAR) != 0;
-    for (ULONG i = 0; i < length; ++i) {
-        dots &= leaf->Buffer[i] == L'.';
-        separator |= leaf->Buffer[i] == L'\\';
-    }
-    if (dots) {
-        GV_TRACE(GvTraceError, "ERR: the new name is '.' or '..'\n");
-        return STATUS_OBJECT_PATH_SYNTAX_BAD;
-    }
-    if (separator) {
-        GV_TRACE(GvTraceError, "ERR: the new name is not one component\n");
-        return STATUS_OBJECT_NAME_INVALID;
-    }
-    const NTSTATUS status = GvEnsurePathCharsAreLegal(leaf);
-    if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvEnsurePathCharsAreLegal", status);
-    return status;
-}
-
-NTSTATUS GvPnGetNormalizedPathFromPlugin(IrpContext* context, PCUNICODE_STRING path, PUNICODE_STRING* normalized)
-{
-    if (!HasNonAscii(path)) return STATUS_NOT_SUPPORTED;
-    NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, GetNormalizedPath, path, normalized);
-    if (NT_SUCCESS(status) && *normalized) {
-        status = GvCheckPluginName("GetNormalizedPath", (*normalized)->Buffer, (*normalized)->Length);
-    }
-    if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GetNormalizedPath", status);
-    return status;
-}
-
 NTSTATUS GvResolveName(IrpContext* context, PFILE_OBJECT fileObject, ResolvedPaths* paths)
 {
-    GvString normalized;
-    bool useNormalized = false;
-    if (fileObject->FileName.Length != 0) {
-        const NTSTATUS status = GvPnGetNormalizedPathFromPlugin(context, &fileObject->FileName, normalized.Out());
-        if (!NT_SUCCESS(status) && status != STATUS_NOT_SUPPORTED) {
-            GV_TRACE_FAILED("GvPnGetNormalizedPathFromPlugin", status);
-            return status;
-        }
-        useNormalized = NT_SUCCESS(status) && normalized;
-    }
-    return BuildPaths(context, fileObject, useNormalized ? normalized.Get() : &fileObject->FileName, paths);
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
+    GvString holder;
+    PCUNICODE_STRING name = nullptr;
+    GV_TRY_TRACED("GvPnGetNormalizedPathFromPlugin",
+                  GvNormalizedOrGiven(context, &fileObject->FileName, &holder, &name));
+    return BuildPaths(context, fileObject, name, paths);
 }

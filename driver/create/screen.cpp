@@ -33,9 +33,8 @@ NTSTATUS GvCheckUnsupportedParams(PIRP irp)
         return STATUS_NOT_SUPPORTED;
     }
     const ACCESS_MASK desired = stack->Parameters.Create.SecurityContext->DesiredAccess;
-    if (desired & ~kSupportedAccess) {
-        GV_TRACE(GvTraceError, "ERR desired-access supported: 0x%x, got: 0x%x\n", kSupportedAccess, desired);
-        return STATUS_ACCESS_DENIED;
-    }
+    if (desired & ~kSupportedAccess)
+        return GV_REFUSE(STATUS_ACCESS_DENIED, "ERR desired-access supported: 0x%x, got: 0x%x\n", kSupportedAccess,
+                         desired);
     return STATUS_SUCCESS;
 }

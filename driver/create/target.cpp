@@ -29,25 +29,18 @@ SplitPath GvSplitLastComponent(PCUNICODE_STRING path)
 
 [[nodiscard]] NTSTATUS CheckRules(const CreateParameters& parameters, const Fcb* directory)
 {
-    if (parameters.Disposition != FILE_OPEN) {
-        GV_TRACE_AS(kName, GvTraceError, "illegal disposition: %d, err: 0x%x\n", parameters.Disposition,
-                    STATUS_INVALID_PARAMETER);
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (parameters.DeleteOnClose) {
-        GV_TRACE_AS(kName, GvTraceError, "delete-on-close not allowed, err: 0x%x\n", STATUS_INVALID_PARAMETER);
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (GvLoad(directory->DeletePending)) {
-        GV_TRACE_AS(kName, GvTraceError, "FCB is pending deletion: 0x%x\n", STATUS_DELETE_PENDING);
-        return STATUS_DELETE_PENDING;
-    }
-    if (directory->FcbType != GvDirectory || parameters.RequestedFileType == GvFile) {
-        GV_TRACE_AS(kName, GvTraceError,
-                    "FCB is not a dir, or type doesn't match, fcb-type: %d, req-type: %d, err: 0x%x\n",
-                    directory->FcbType, parameters.RequestedFileType, STATUS_INVALID_PARAMETER);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (parameters.Disposition != FILE_OPEN)
+        return GV_REFUSE_AS(kName, STATUS_INVALID_PARAMETER, "illegal disposition: %d, err: 0x%x\n",
+                            parameters.Disposition, STATUS_INVALID_PARAMETER);
+    if (parameters.DeleteOnClose)
+        return GV_REFUSE_AS(kName, STATUS_INVALID_PARAMETER, "delete-on-close not allowed, err: 0x%x\n",
+                            STATUS_INVALID_PARAMETER);
+    if (GvLoad(directory->DeletePending))
+        return GV_REFUSE_AS(kName, STATUS_DELETE_PENDING, "FCB is pending deletion: 0x%x\n", STATUS_DELETE_PENDING);
+    if (directory->FcbType != GvDirectory || parameters.RequestedFileType == GvFile)
+        return GV_REFUSE_AS(kName, STATUS_INVALID_PARAMETER,
+                            "FCB is not a dir, or type doesn't match, fcb-type: %d, req-type: %d, err: 0x%x\n",
+                            directory->FcbType, parameters.RequestedFileType, STATUS_INVALID_PARAMETER);
     return STATUS_SUCCESS;
 }
 
@@ -69,14 +62,10 @@ SplitPath GvSplitLastComponent(PCUNICODE_STRING path)
 [[nodiscard]] NTSTATUS CheckAccess(IrpContext* context, const CreateParameters& parameters, PCUNICODE_STRING path,
                                    Fcb* directory)
 {
-    NTSTATUS status = GvReopenPluginFdIfRequired(context, directory, parameters.DesiredAccess);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS(kName, "GvReopenPluginFdIfRequired", status);
-        return status;
-    }
-    status = CheckLimits(parameters.DesiredAccess, directory);
-    if (!NT_SUCCESS(status)) return status;
-    status = GvAccessCheck(context, path, parameters.DesiredAccess, parameters.SubjectToken);
+    GV_TRY_TRACED_AS(kName, "GvReopenPluginFdIfRequired",
+                     GvReopenPluginFdIfRequired(context, directory, parameters.DesiredAccess));
+    GV_TRY(CheckLimits(parameters.DesiredAccess, directory));
+    const NTSTATUS status = GvAccessCheck(context, path, parameters.DesiredAccess, parameters.SubjectToken);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "GvAccessCheck", status);
     return status;
 }
@@ -84,12 +73,9 @@ SplitPath GvSplitLastComponent(PCUNICODE_STRING path)
 [[nodiscard]] NTSTATUS OpenLocked(IrpContext* context, const CreateParameters& parameters, PCUNICODE_STRING path,
                                   Fcb* directory)
 {
-    NTSTATUS status = CheckRules(parameters, directory);
-    if (!NT_SUCCESS(status)) return status;
-    status = CheckAccess(context, parameters, path, directory);
-    if (!NT_SUCCESS(status)) return status;
-    status = GvJoinShareAccess(kName, parameters, directory);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(CheckRules(parameters, directory));
+    GV_TRY(CheckAccess(context, parameters, path, directory));
+    GV_TRY(GvJoinShareAccess(kName, parameters, directory));
     return GvInitSharedFileObj(kName, parameters.FileObject, directory, false);
 }
 
@@ -98,26 +84,21 @@ SplitPath GvSplitLastComponent(PCUNICODE_STRING path)
 NTSTATUS GvOpenTargetDirectory(IrpContext* context, const CreateParameters& parameters, const ResolvedPaths& paths,
                                const WalkResult& found, ULONG* information)
 {
-    if (GvUtlIsRootPath(paths.FullPath.Get())) {
-        GV_TRACE(GvTraceError, "can't open tgt-dir of root-dir, path: %wZ, err: 0x%x\n", paths.FullPath.Get(),
-                 STATUS_INVALID_PARAMETER);
-        return STATUS_INVALID_PARAMETER;
-    }
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
+    if (GvUtlIsRootPath(paths.FullPath.Get()))
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "can't open tgt-dir of root-dir, path: %wZ, err: 0x%x\n",
+                         paths.FullPath.Get(), STATUS_INVALID_PARAMETER);
     // The plugin knows directories by their normalised names; a new last component is spelled as the caller spells it.
     const UNICODE_STRING directoryPath = GvSplitLastComponent(paths.FullPath.Get()).Directory;
     const SplitPath split = GvSplitLastComponent(paths.CasePreservedPath.Get());
     UNICODE_STRING& name = parameters.FileObject->FileName;
-    if (name.MaximumLength < split.LastComponent.Length) {
-        GV_TRACE(GvTraceError, "ERR: FO name storage isn't enough, %d < %d\n", name.MaximumLength,
-                 split.LastComponent.Length);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (name.MaximumLength < split.LastComponent.Length)
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "ERR: FO name storage isn't enough, %d < %d\n", name.MaximumLength,
+                         split.LastComponent.Length);
     Fcb* const directory = found.Parent ? found.Parent : found.Object->ParentFcb;
     GvHeldResource lock;
-    NTSTATUS status = lock.Exclusive(directory->Header.Resource);
-    if (!NT_SUCCESS(status)) return status;
-    status = OpenLocked(context, parameters, &directoryPath, directory);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(lock.Exclusive(directory->Header.Resource));
+    GV_TRY(OpenLocked(context, parameters, &directoryPath, directory));
     GvFcbAddReference(directory); // the file object's
 
     RtlCopyMemory(name.Buffer, split.LastComponent.Buffer, split.LastComponent.Length);

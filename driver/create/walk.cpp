@@ -5,52 +5,8 @@
 
 #include "create/create.h"
 
-#include "frame/plugincall.h"
-
-NTSTATUS GvPerformLookupOnPlugin(IrpContext* context, PCUNICODE_STRING path, GvBlock<PluginFileInfo>* info,
-                                 PluginAccessMask* maxAccess)
-{
-    PluginAccessMask access = 0;
-    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, Lookup, path, info->Out(), &access);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE(GvTraceError, "plugin->Lookup() failed: 0x%x\n", status);
-        return status;
-    }
-    if (!*info) {
-        GV_TRACE(GvTraceError, "plugin->Lookup() gave no record\n");
-        return STATUS_UNSUCCESSFUL;
-    }
-    const bool isDirectory = ((*info)->FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
-    *maxAccess = access & (isDirectory ? GVND_ACCESS_ALL & ~GVND_ACCESS_EXECUTE : GVND_ACCESS_ALL);
-    return status;
-}
-
-NTSTATUS GvOpenFileFromPlugin(IrpContext* context, PCUNICODE_STRING path, PluginAccessMask access, PluginFd* fd)
-{
-    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, Open, path, access, fd);
-    if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "plugin->Open() failed: 0x%x\n", status);
-    return status;
-}
-
-NTSTATUS GvOpenDirFromPlugin(IrpContext* context, PCUNICODE_STRING path, PluginAccessMask access, PluginFd* fd)
-{
-    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, OpenDir, path, access, fd);
-    if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "plugin->OpenDir() failed: 0x%x\n", status);
-    return status;
-}
-
-NTSTATUS GvOpenFromPlugin(const char* function, IrpContext* context, ULONG type, PCUNICODE_STRING path,
-                          PluginAccessMask access, PluginFd* fd)
-{
-    if (type == GvFile) {
-        const NTSTATUS status = GvOpenFileFromPlugin(context, path, access, fd);
-        if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(function, "GvOpenFileFromPlugin", status);
-        return status;
-    }
-    const NTSTATUS status = GvOpenDirFromPlugin(context, path, access, fd);
-    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(function, "GvOpenDirFromPlugin", status);
-    return status;
-}
+#include "plugin/operations.h"
+#include "frame/resource.h"
 
 namespace {
 
@@ -75,23 +31,19 @@ PluginAccessMask FirstAccess(ULONG type, PluginAccessMask maxAccess)
     }
     *type = info.FileAttributes & FILE_ATTRIBUTE_DIRECTORY ? GvDirectory : GvFile;
     if (requestedType == GvAnyType || requestedType == *type) return STATUS_SUCCESS;
-    GV_TRACE_AS(kGetOrAlloc, GvTraceError, "ERR: requested file-type %d != lookup file-type: %d\n", requestedType,
-                *type);
-    return STATUS_OBJECT_PATH_SYNTAX_BAD;
+    return GV_REFUSE_AS(kGetOrAlloc, STATUS_OBJECT_PATH_SYNTAX_BAD,
+                        "ERR: requested file-type %d != lookup file-type: %d\n", requestedType, *type);
 }
 
 [[nodiscard]] NTSTATUS OpenAndEnter(IrpContext* context, PCUNICODE_STRING path, GvFcbInitialState state, Fcb** fcb)
 {
     NTSTATUS status =
         GvOpenFromPlugin(kGetOrAlloc, context, state.Type, path, state.PluginFdCurrentAccess, &state.PluginFd);
-    if (!NT_SUCCESS(status)) return status; // whatever a failed open has written is no handle
+    if (!NT_SUCCESS(status)) return status;
     status = GvFcbCreateNewFcb(context->Vcb->FcbTables, path, state, fcb);
     if (NT_SUCCESS(status)) return status;
     GV_TRACE_FAILED_AS(kGetOrAlloc, "GvFcbCreateNewFcb", status);
-    if (state.PluginFd) {
-        const NTSTATUS closed = GV_CALL_PLUGIN(context, nullptr, Close, GvBareHandle(state.PluginFd));
-        if (!NT_SUCCESS(closed)) GV_TRACE_FAILED_AS(kGetOrAlloc, "Close", closed);
-    }
+    if (state.PluginFd) GvCloseBareHandle(kGetOrAlloc, context, state.PluginFd);
     return status;
 }
 
@@ -104,13 +56,9 @@ PluginAccessMask FirstAccess(ULONG type, PluginAccessMask maxAccess)
 
     GvBlock<PluginFileInfo> info;
     PluginAccessMask maxAccess;
-    NTSTATUS status = GvPerformLookupOnPlugin(context, path, &info, &maxAccess);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvPerformLookupOnPlugin", status);
-        return status;
-    }
+    GV_TRY_TRACED("GvPerformLookupOnPlugin", GvPerformLookupOnPlugin(context, path, &info, &maxAccess));
     ULONG type;
-    status = TypeOf(*info, requestedType, &type);
+    const NTSTATUS status = TypeOf(*info, requestedType, &type);
     if (status != STATUS_SUCCESS) return status;
     const GvFcbInitialState state = {
         .Type = type,
@@ -167,10 +115,8 @@ bool TakeComponent(ResolvedPaths* paths)
                                        WalkResult* result)
 {
     if (status == STATUS_REPARSE) return status;
-    if (NT_SUCCESS(status)) {
-        GV_TRACE_AS("GvFullyOpenPath", GvTraceError, "unanticipated success code: 0x%x\n", status);
-        return STATUS_UNSUCCESSFUL;
-    }
+    if (NT_SUCCESS(status))
+        return GV_REFUSE_AS("GvFullyOpenPath", STATUS_UNSUCCESSFUL, "unanticipated success code: 0x%x\n", status);
     GV_TRACE_FAILED_AS("GvFullyOpenPath", "GvGetOrAllocFcbForExistingFile", status);
     if (remaining->Length != 0) {
         return status == STATUS_OBJECT_NAME_NOT_FOUND ? STATUS_OBJECT_PATH_NOT_FOUND : status;
@@ -184,6 +130,7 @@ bool TakeComponent(ResolvedPaths* paths)
 
 NTSTATUS GvFullyOpenPath(IrpContext* context, PFILE_OBJECT fileObject, ResolvedPaths* paths, WalkResult* result)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     GvFcbReference current(context);
     NTSTATUS status = StartOfWalk(context, fileObject, paths, &current);
     if (status != STATUS_SUCCESS) return status;

@@ -4,7 +4,7 @@
 #include "dataio/callbacks.h"
 
 #include "frame/context.h"
-#include "frame/driver.h"
+#include "frame/toplevel.h"
 #include "frame/trace.h"
 
 namespace {
@@ -49,7 +49,7 @@ VOID NTAPI GvReleaseFileForNtCreateSection(PFILE_OBJECT fileObject)
 NTSTATUS NTAPI GvAcquireForModWrite(PFILE_OBJECT fileObject, PLARGE_INTEGER, PERESOURCE* resourceToRelease,
                                     PDEVICE_OBJECT device)
 {
-    if (const NTSTATUS status = EnterForDevice(__func__, fileObject, device); !NT_SUCCESS(status)) return status;
+    GV_TRY(EnterForDevice(__func__, fileObject, device));
     const PERESOURCE lock = LockOf(fileObject);
     if (!ExAcquireResourceExclusiveLite(lock, FALSE)) return STATUS_CANT_WAIT;
     *resourceToRelease = lock;
@@ -58,7 +58,7 @@ NTSTATUS NTAPI GvAcquireForModWrite(PFILE_OBJECT fileObject, PLARGE_INTEGER, PER
 
 NTSTATUS NTAPI GvReleaseForModWrite(PFILE_OBJECT fileObject, PERESOURCE resourceToRelease, PDEVICE_OBJECT device)
 {
-    if (const NTSTATUS status = EnterForDevice(__func__, fileObject, device); !NT_SUCCESS(status)) return status;
+    GV_TRY(EnterForDevice(__func__, fileObject, device));
     ExReleaseResourceLite(resourceToRelease);
     return STATUS_SUCCESS;
 }
@@ -66,7 +66,7 @@ NTSTATUS NTAPI GvReleaseForModWrite(PFILE_OBJECT fileObject, PERESOURCE resource
 // Inside a file-system request the thread holds what it needs.
 NTSTATUS NTAPI GvAcquireForCcFlush(PFILE_OBJECT fileObject, PDEVICE_OBJECT device)
 {
-    if (const NTSTATUS status = EnterForDevice(__func__, fileObject, device); !NT_SUCCESS(status)) return status;
+    GV_TRY(EnterForDevice(__func__, fileObject, device));
     if (!GvUtlIsTopLevelIrp(CacheMarker())) return STATUS_SUCCESS;
     return ExAcquireResourceExclusiveLite(LockOf(fileObject), TRUE) ? STATUS_SUCCESS : STATUS_CANT_WAIT;
 }
@@ -74,7 +74,7 @@ NTSTATUS NTAPI GvAcquireForCcFlush(PFILE_OBJECT fileObject, PDEVICE_OBJECT devic
 // Undoes exactly what its twin did.
 NTSTATUS NTAPI GvReleaseForCcFlush(PFILE_OBJECT fileObject, PDEVICE_OBJECT device)
 {
-    if (const NTSTATUS status = EnterForDevice(__func__, fileObject, device); !NT_SUCCESS(status)) return status;
+    GV_TRY(EnterForDevice(__func__, fileObject, device));
     if (IoGetTopLevelIrp() != CacheMarker()) return STATUS_SUCCESS;
     ExReleaseResourceLite(LockOf(fileObject));
     GvUtlClearTopLevelIrp();

@@ -2,8 +2,9 @@
 // that file; through the volume or its root directory, every file of the volume and one FlushVol; through any other
 // directory, nothing.
 
-#include "frame/plugincall.h"
-#include "frame/requests.h"
+#include "dataio/dataio.h"
+
+#include "plugin/call.h"
 #include "frame/resource.h"
 #include "objects/coherence.h"
 #include "objects/fcb.h"
@@ -15,7 +16,7 @@ enum class CallPlugin : bool { No, Yes };
 [[nodiscard]] NTSTATUS GvFlushFcb(IrpContext* context, Fcb* fcb, CallPlugin callPlugin)
 {
     GvHeldResource lock;
-    if (const NTSTATUS status = lock.Exclusive(fcb->Header.Resource); !NT_SUCCESS(status)) return status;
+    GV_TRY(lock.Exclusive(fcb->Header.Resource));
     GvUtlFlushAndPurgeMm(fcb, nullptr, 0, MmFlush::Yes);
     if (callPlugin == CallPlugin::No) return STATUS_SUCCESS;
     const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, FlushFile, GvHandleOf(fcb));
@@ -28,7 +29,7 @@ enum class CallPlugin : bool { No, Yes };
 [[nodiscard]] NTSTATUS GvFlushVolume(IrpContext* context)
 {
     GvHeldResource lock;
-    if (const NTSTATUS status = lock.Exclusive(&context->Vcb->Resource); !NT_SUCCESS(status)) return status;
+    GV_TRY(lock.Exclusive(&context->Vcb->Resource));
     Fcb* list = nullptr;
     GvFcbGetReferencedFcbList(context->Vcb->FcbTables, GvFile, &list);
     while (Fcb* const fcb = GvFcbPopReferencedFcb(&list)) {
@@ -69,10 +70,9 @@ constexpr char kName[] = "GvDoFlushBuffers";
 NTSTATUS GvDoFlushBuffers(IrpContext* context, GvOutcome*)
 {
     if (KeGetCurrentIrql() != PASSIVE_LEVEL) return STATUS_UNSUCCESSFUL;
-    if (!context->IsTopLevel) {
-        GV_TRACE(GvTraceError, "flush-buf top-level: %d, err: 0x%x\n", context->IsTopLevel, STATUS_INVALID_PARAMETER);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (!context->IsTopLevel)
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "flush-buf top-level: %d, err: 0x%x\n", context->IsTopLevel,
+                         STATUS_INVALID_PARAMETER);
     Fcb* const fcb = GvFcbOf(IoGetCurrentIrpStackLocation(context->Irp)->FileObject);
     if (fcb->FcbType == GvDirectory && !fcb->IsRootDir) {
         GV_TRACE(GvTraceFlow, "ignoring flush for dir\n");
@@ -84,8 +84,7 @@ NTSTATUS GvDoFlushBuffers(IrpContext* context, GvOutcome*)
     case GvVolume:
     case GvDirectory: return FlushVolume(context, fcb);
     default:
-        GV_TRACE(GvTraceError, "unsupported fcb type: 0x%x for flush, err: 0x%x\n", fcb->FcbType,
-                 STATUS_INVALID_PARAMETER);
-        return STATUS_INVALID_PARAMETER;
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "unsupported fcb type: 0x%x for flush, err: 0x%x\n", fcb->FcbType,
+                         STATUS_INVALID_PARAMETER);
     }
 }

@@ -1,8 +1,10 @@
 // IRP_MJ_READ: one plugin call, straight into the caller's memory, whoever asks. A paging read differs in two ways:
 // byte-range locks do not apply to it, and it does not move the file position. End of file is the plugin's decision.
 
-#include "frame/plugincall.h"
-#include "frame/requests.h"
+#include "dataio/dataio.h"
+
+#include "plugin/call.h"
+#include "frame/buffer.h"
 #include "frame/resource.h"
 #include "objects/util.h"
 
@@ -57,15 +59,12 @@ void TraceParameters(const ReadRequest& read)
 {
     GV_ASSERT_HELD_OR_NESTED(context, read.File->Header.Resource);
     if (GvLoad(read.File->Deleted)) return STATUS_END_OF_FILE;
-    if (!read.IsPaging && !FsRtlCheckLockForReadAccess(&read.File->FileLock, read.Irp)) {
-        GV_TRACE_AS("GvDoRead", GvTraceError, "FsRtlCheckLockForReadAccess(): failed\n");
-        return STATUS_FILE_LOCK_CONFLICT;
-    }
+    if (!read.IsPaging && !FsRtlCheckLockForReadAccess(&read.File->FileLock, read.Irp))
+        return GV_REFUSE_AS("GvDoRead", STATUS_FILE_LOCK_CONFLICT, "FsRtlCheckLockForReadAccess(): failed\n");
     void* buffer = nullptr;
-    NTSTATUS status = GetBuffer(read.Irp, *length, &buffer);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(GetBuffer(read.Irp, *length, &buffer));
     const ULONG asked = *length;
-    status = GV_CALL_PLUGIN(context, read.File, Read, GvHandleOf(read.File), read.Offset, length, buffer);
+    NTSTATUS status = GV_CALL_PLUGIN(context, read.File, Read, GvHandleOf(read.File), read.Offset, length, buffer);
     if (NT_SUCCESS(status)) status = GvCheckPluginCount("Read", *length, asked);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED_AS("GvDoRead", "Read", status);
@@ -88,19 +87,13 @@ NTSTATUS GvDoRead(IrpContext* context, GvOutcome* outcome)
 
     const ReadRequest read = ReadParameters(context->Irp);
     TraceParameters(read);
-    if (read.File->FcbType != GvFile) {
-        GV_TRACE(GvTraceError, "ERROR: FO: 0x%x is not a 'file'\n", read.FileObject);
-        return STATUS_OBJECT_TYPE_MISMATCH;
-    }
-    if (read.IsMdl) {
-        GV_TRACE(GvTraceError, "ERROR: IRP_MN_MDL not supported\n");
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (read.File->FcbType != GvFile)
+        return GV_REFUSE(STATUS_OBJECT_TYPE_MISMATCH, "ERROR: FO: 0x%x is not a 'file'\n", read.FileObject);
+    if (read.IsMdl) return GV_REFUSE(STATUS_INVALID_PARAMETER, "ERROR: IRP_MN_MDL not supported\n");
     GvHeldResource lock;
     if (context->IsTopLevel) {
         const PERESOURCE resource = read.File->Header.Resource;
-        const NTSTATUS status = read.IsPaging ? lock.SharedForPaging(resource) : lock.Shared(resource);
-        if (!NT_SUCCESS(status)) return status;
+        GV_TRY(read.IsPaging ? lock.SharedForPaging(resource) : lock.Shared(resource));
     }
     ULONG length = IoGetCurrentIrpStackLocation(context->Irp)->Parameters.Read.Length;
     const NTSTATUS status = ReadLocked(context, read, &length);

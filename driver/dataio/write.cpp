@@ -3,9 +3,11 @@
 // brings the file's section in line, then hands the data over piece by piece. Under the object's lock, exclusive, but
 // for the first of these; a request nested in work that may hold it goes without.
 
+#include "dataio/dataio.h"
+
+#include "frame/buffer.h"
 #include "frame/guard.h"
-#include "frame/plugincall.h"
-#include "frame/requests.h"
+#include "plugin/call.h"
 #include "frame/resource.h"
 #include "objects/coherence.h"
 #include "objects/fcb.h"
@@ -58,8 +60,7 @@ LONGLONG EndOf(const WriteRequest& write)
 
 [[nodiscard]] NTSTATUS BadUserBuffer()
 {
-    GV_TRACE_AS(kName, GvTraceError, "EXCEPTION: 0x%x, bad user-buffer\n", STATUS_ACCESS_VIOLATION);
-    return STATUS_ACCESS_VIOLATION;
+    return GV_REFUSE_AS(kName, STATUS_ACCESS_VIOLATION, "EXCEPTION: 0x%x, bad user-buffer\n", STATUS_ACCESS_VIOLATION);
 }
 
 [[nodiscard]] NTSTATUS GetBuffer(const WriteRequest& write, const UCHAR** buffer)
@@ -206,14 +207,13 @@ bool CallerData::Take(const UCHAR* buffer, ULONG offset, ULONG size)
 [[nodiscard]] NTSTATUS WriteFromCaller(IrpContext* context, WriteRequest* write, CallerData* data, LONGLONG oldSize)
 {
     const UCHAR* buffer = nullptr;
-    NTSTATUS status = GetBuffer(*write, &buffer);
-    if (!NT_SUCCESS(status)) return status;
-    if (status = data->Allocate(write->Length); !NT_SUCCESS(status)) {
+    GV_TRY(GetBuffer(*write, &buffer));
+    if (NTSTATUS status = data->Allocate(write->Length); !NT_SUCCESS(status)) {
         GV_TRACE_AS(kName, GvTraceError, "ERR allocating chunk buf: out-of-mem\n");
         return status;
     }
     bool faulted = false;
-    status = GvPerformChunkedTopLevelWrite(context, write, buffer, data, &faulted);
+    const NTSTATUS status = GvPerformChunkedTopLevelWrite(context, write, buffer, data, &faulted);
     if (!NT_SUCCESS(status)) {
         if (!faulted) GV_TRACE_FAILED_AS(kName, "GvPerformChunkedTopLevelWrite", status);
         return status;
@@ -230,10 +230,8 @@ bool CallerData::Take(const UCHAR* buffer, ULONG offset, ULONG size)
 // What other views have written goes out first; then their pages go, so that a later touch reads what is written now.
 [[nodiscard]] NTSTATUS PrepareFile(WriteRequest* write, LONGLONG oldSize)
 {
-    if (!FsRtlCheckLockForWriteAccess(&write->File->FileLock, write->Irp)) {
-        GV_TRACE_AS(kName, GvTraceError, "FsRtlCheckLockForWriteAccess(): failed\n");
-        return STATUS_FILE_LOCK_CONFLICT;
-    }
+    if (!FsRtlCheckLockForWriteAccess(&write->File->FileLock, write->Irp))
+        return GV_REFUSE_AS(kName, STATUS_FILE_LOCK_CONFLICT, "FsRtlCheckLockForWriteAccess(): failed\n");
     constexpr LONGLONG kWriteToEndOfFile = -1;
     if (write->Offset == kWriteToEndOfFile) write->Offset = oldSize;
     if (GvLoad(write->File->SectionObjectPointers.DataSectionObject)) {
@@ -245,11 +243,11 @@ bool CallerData::Take(const UCHAR* buffer, ULONG offset, ULONG size)
 [[nodiscard]] NTSTATUS WritePages(IrpContext* context, WriteRequest* write)
 {
     const UCHAR* buffer = nullptr;
-    NTSTATUS status = GetBuffer(*write, &buffer);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(GetBuffer(*write, &buffer));
     const void* const data = buffer;
     const ULONG asked = write->Length;
-    status = GV_CALL_PLUGIN(context, write->File, Write, GvHandleOf(write->File), write->Offset, &write->Length, data);
+    NTSTATUS status =
+        GV_CALL_PLUGIN(context, write->File, Write, GvHandleOf(write->File), write->Offset, &write->Length, data);
     if (NT_SUCCESS(status)) status = GvCheckPluginCount("Write", write->Length, asked);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "Write", status);
     return status;
@@ -279,20 +277,13 @@ NTSTATUS GvDoWrite(IrpContext* context, GvOutcome* outcome)
 
     WriteRequest write = WriteParameters(context->Irp);
     TraceParameters(write);
-    if (write.File->FcbType != GvFile) {
-        GV_TRACE(GvTraceError, "ERROR: FO: 0x%x is not a 'file'\n", write.FileObject);
-        return STATUS_OBJECT_TYPE_MISMATCH;
-    }
-    if (write.IsMdl) {
-        GV_TRACE(GvTraceError, "ERROR: IRP_MN_MDL not supported\n");
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (write.File->FcbType != GvFile)
+        return GV_REFUSE(STATUS_OBJECT_TYPE_MISMATCH, "ERROR: FO: 0x%x is not a 'file'\n", write.FileObject);
+    if (write.IsMdl) return GV_REFUSE(STATUS_INVALID_PARAMETER, "ERROR: IRP_MN_MDL not supported\n");
     CallerData data;
     if (!write.IsPaging) data.Fetch(write);
     GvHeldResource lock;
-    if (context->IsTopLevel) {
-        if (const NTSTATUS status = lock.Exclusive(write.File->Header.Resource); !NT_SUCCESS(status)) return status;
-    }
+    if (context->IsTopLevel) { GV_TRY(lock.Exclusive(write.File->Header.Resource)); }
     const NTSTATUS status = WriteLocked(context, &write, &data);
     if (!NT_SUCCESS(status)) return status;
     if (write.IsSynchronous && !write.IsPaging) write.FileObject->CurrentByteOffset.QuadPart = EndOf(write);

@@ -2,7 +2,6 @@
 
 #include "dirctl/dirctl.h"
 
-#include "frame/requests.h"
 #include "frame/trace.h"
 
 namespace {
@@ -17,10 +16,8 @@ namespace {
 
 [[nodiscard]] NTSTATUS Serve(IrpContext* context, const IO_STACK_LOCATION* stack, GvOutcome* outcome)
 {
-    if (GvFcbOf(stack->FileObject)->FcbType != GvDirectory) {
-        GV_TRACE_AS("GvDoDirControl", GvTraceError, "non dir FO: 0x%x\n", stack->FileObject);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (GvFcbOf(stack->FileObject)->FcbType != GvDirectory)
+        return GV_REFUSE_AS("GvDoDirControl", STATUS_INVALID_PARAMETER, "non dir FO: 0x%x\n", stack->FileObject);
     switch (stack->MinorFunction) {
     case IRP_MN_QUERY_DIRECTORY: return GvDoQueryDirectory(context, &outcome->Information);
     case IRP_MN_NOTIFY_CHANGE_DIRECTORY: return GvDoNotifyChangeDirectory(outcome);
@@ -36,12 +33,10 @@ NTSTATUS GvDoDirControl(IrpContext* context, GvOutcome* outcome)
 {
     if (KeGetCurrentIrql() > APC_LEVEL) return STATUS_UNSUCCESSFUL;
     GV_TRACE(GvTraceFlow, "entry, dev: 0x%x, Irp: 0x%x\n", context->DeviceObject, context->Irp);
-    if (!context->IsTopLevel || KeGetCurrentIrql() != PASSIVE_LEVEL) {
-        GV_TRACE(GvTraceError,
-                 "ERR: dir-control must be a top-level request,and at IRQL == PASSIVE_LEVEL, cur-irql: %d\n",
-                 KeGetCurrentIrql());
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (!context->IsTopLevel || KeGetCurrentIrql() != PASSIVE_LEVEL)
+        return GV_REFUSE(STATUS_INVALID_PARAMETER,
+                         "ERR: dir-control must be a top-level request,and at IRQL == PASSIVE_LEVEL, cur-irql: %d\n",
+                         KeGetCurrentIrql());
     if (context->IsAsync) GV_TRACE(GvTraceNotable, "treating async dir-ctrl as sync\n");
     const NTSTATUS status = Serve(context, IoGetCurrentIrpStackLocation(context->Irp), outcome);
     GV_TRACE(GvTraceFlow, "exit: 0x%x\n", status);

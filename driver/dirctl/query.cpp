@@ -3,9 +3,10 @@
 
 #include "dirctl/dirctl.h"
 
-#include "create/create.h"
 #include "dirctl/records.h"
-#include "frame/plugincall.h"
+#include "objects/util.h"
+#include "plugin/operations.h"
+#include "frame/buffer.h"
 #include "frame/resource.h"
 
 namespace {
@@ -50,38 +51,21 @@ DirectoryQuery ReadQuery(PIRP irp)
     return status;
 }
 
-// The name in the form that is matched: the plugin's, or as it stands. holder owns what the plugin gave.
-[[nodiscard]] NTSTATUS NormalizedName(IrpContext* context, PCUNICODE_STRING name, GvString* holder,
-                                      PCUNICODE_STRING* result)
-{
-    const NTSTATUS status = GvPnGetNormalizedPathFromPlugin(context, name, holder->Out());
-    if (!NT_SUCCESS(status) && status != STATUS_NOT_SUPPORTED) return status;
-    *result = NT_SUCCESS(status) && *holder ? holder->Get() : name;
-    return STATUS_SUCCESS;
-}
-
 // Once set, a pattern stays for the life of the handle.
 [[nodiscard]] NTSTATUS InstallPattern(IrpContext* context, const DirectoryQuery& query, bool* installed)
 {
     if (!query.FileName || query.Ccb->DirSearchPattern) return STATUS_SUCCESS;
     GvString normalized;
     PCUNICODE_STRING name = nullptr;
-    NTSTATUS status = NormalizedName(context, query.FileName, &normalized, &name);
+    const NTSTATUS status = GvNormalizedOrGiven(context, query.FileName, &normalized, &name);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kName, GvTraceError, "GvPnGetNormalizedPathFromPlugin(): failed: 0x%x\n", status);
         return status;
     }
     GvStore(query.Ccb->DirScanIndex, 0);
     GvString pattern(GvUtlAllocUnicodeString(PagedPool, name->Length));
-    if (!pattern) {
-        GV_TRACE_AS(kName, GvTraceError, "out-of-mem\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    status = RtlUpcaseUnicodeString(pattern.Get(), name, FALSE);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS(kName, "RtlUpcaseUnicodeString", status);
-        return status;
-    }
+    if (!pattern) return GV_REFUSE_AS(kName, STATUS_INSUFFICIENT_RESOURCES, "out-of-mem\n");
+    GV_TRY_TRACED_AS(kName, "RtlUpcaseUnicodeString", RtlUpcaseUnicodeString(pattern.Get(), name, FALSE));
     query.Ccb->DirSearchPattern = pattern.Release();
     *installed = true;
     return STATUS_SUCCESS;
@@ -135,10 +119,8 @@ ULONG StartOfScan(const DirectoryQuery& query)
     const UNICODE_STRING plain = {length, length, const_cast<PWCH>(entry->FileName)};
     GvString normalized;
     PCUNICODE_STRING name = nullptr;
-    if (const NTSTATUS status = NormalizedName(context, &plain, &normalized, &name); !NT_SUCCESS(status)) {
-        GV_TRACE(GvTraceError, "GvPnGetNormalizedPathFromPlugin(): failed: 0x%x\n", status);
-        return STATUS_SUCCESS;
-    }
+    if (const NTSTATUS status = GvNormalizedOrGiven(context, &plain, &normalized, &name); !NT_SUCCESS(status))
+        return GV_REFUSE(STATUS_SUCCESS, "GvPnGetNormalizedPathFromPlugin(): failed: 0x%x\n", status);
     const NTSTATUS status = Matches(pattern, name, matches);
     if (NT_SUCCESS(status)) GV_TRACE(GvTraceFlow, "%wZ %S %wZ\n", pattern, *matches ? L"==" : L"!=", &plain);
     return status;
@@ -191,8 +173,7 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
             return status;
         }
         bool matches;
-        status = GvDoesDirEntryMatchQuery(context, query.Ccb, entry.Get(), &matches);
-        if (!NT_SUCCESS(status)) return status;
+        GV_TRY(GvDoesDirEntryMatchQuery(context, query.Ccb, entry.Get(), &matches));
         if (!matches) {
             ++listing->Index;
             continue;
@@ -209,23 +190,21 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
 
 [[nodiscard]] NTSTATUS GvPerformQueryDir(IrpContext* context, const DirectoryQuery& query, ULONG* information)
 {
+    GV_ASSERT_HELD(&context->Vcb->Resource);
     *information = 0;
     Listing listing = {.Buffer = nullptr, .Previous = nullptr, .Remaining = query.Length, .Index = 0};
     void* buffer = nullptr;
-    NTSTATUS status = MapBuffer(query, &buffer);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(MapBuffer(query, &buffer));
     listing.Buffer = static_cast<UCHAR*>(buffer);
 
     GvHeldResource lock;
-    status = query.FileName ? lock.Exclusive(query.Directory->Header.Resource)
-                            : lock.Shared(query.Directory->Header.Resource);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(query.FileName ? lock.Exclusive(query.Directory->Header.Resource)
+                          : lock.Shared(query.Directory->Header.Resource));
     bool patternInstalled = false;
-    status = InstallPattern(context, query, &patternInstalled);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(InstallPattern(context, query, &patternInstalled));
     listing.Index = StartOfScan(query);
     const LONG generation = GvLoad(query.Ccb->DirGeneration);
-    status = FillListing(context, query, patternInstalled, &listing);
+    const NTSTATUS status = FillListing(context, query, patternInstalled, &listing);
     // Unless another query has started the scan over meanwhile: its place is the right one then.
     if (GvLoad(query.Ccb->DirGeneration) == generation) GvStore(query.Ccb->DirScanIndex, listing.Index);
     *information = query.Length - listing.Remaining;
@@ -255,11 +234,8 @@ NTSTATUS GvDoQueryDirectory(IrpContext* context, ULONG* information)
         static_cast<ULONG>(IoGetCurrentIrpStackLocation(context->Irp)->Parameters.QueryDirectory.FileInformationClass);
     TraceQuery(query, infoClass);
     GvHeldResource lock;
-    if (const NTSTATUS status = lock.Shared(&context->Vcb->Resource); !NT_SUCCESS(status)) return status;
-    if (!query.Class) {
-        GV_TRACE(GvTraceError, "unsupported info-class: %d\n", infoClass);
-        return STATUS_INVALID_INFO_CLASS;
-    }
+    GV_TRY(lock.Shared(&context->Vcb->Resource));
+    if (!query.Class) return GV_REFUSE(STATUS_INVALID_INFO_CLASS, "unsupported info-class: %d\n", infoClass);
     const NTSTATUS status = GvPerformQueryDir(context, query, information);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvPerformQueryDir", status);
     return status;

@@ -4,7 +4,7 @@
 #include "ea/ea.h"
 
 #include "ea/record.h"
-#include "frame/plugincall.h"
+#include "plugin/call.h"
 
 NTSTATUS GvListEaFromPlugin(IrpContext* context, GvHandle handle, GvEaNames* names)
 {
@@ -48,17 +48,13 @@ NTSTATUS GvGetFullEaInfoTotalLen(IrpContext* context, const Fcb* fcb, ULONG* len
 {
     GvEaNames names;
     const GvHandle handle = GvHandleOf(fcb);
-    NTSTATUS status = GvListEaFromPlugin(context, handle, &names);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvListEaFromPlugin", status);
-        return status;
-    }
+    GV_TRY_TRACED("GvListEaFromPlugin", GvListEaFromPlugin(context, handle, &names));
     ULONG total = 0;
     const char* name = names.Names.Get();
     for (ULONG i = 0; i < names.Count; ++i) {
         // Only for its length: the plugin has no cheaper way to tell it.
         GvEaValue value;
-        status = GvGetEaFromPlugin(context, handle, name, &value);
+        const NTSTATUS status = GvGetEaFromPlugin(context, handle, name, &value);
         if (!NT_SUCCESS(status)) {
             GV_TRACE(GvTraceError, "GvGetEaFromPlugin(%d): 0x%x\n", i, status);
             return status;
@@ -75,13 +71,8 @@ NTSTATUS GvGetFullEaInfoTotalLen(IrpContext* context, const Fcb* fcb, ULONG* len
 NTSTATUS GvScreenEaRequest(const IrpContext* context, const Fcb* fcb, const char* function, const char* nestedText)
 {
     if (KeGetCurrentIrql() != PASSIVE_LEVEL) return STATUS_UNSUCCESSFUL;
-    if (!context->IsTopLevel) {
-        GV_TRACE_AS(function, GvTraceError, nestedText);
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (fcb->FcbType != GvDirectory && fcb->FcbType != GvFile) {
-        GV_TRACE_AS(function, GvTraceError, "ERR: bad fcb type: %d\n", fcb->FcbType);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (!context->IsTopLevel) return GV_REFUSE_AS(function, STATUS_INVALID_PARAMETER, nestedText);
+    if (fcb->FcbType != GvDirectory && fcb->FcbType != GvFile)
+        return GV_REFUSE_AS(function, STATUS_INVALID_PARAMETER, "ERR: bad fcb type: %d\n", fcb->FcbType);
     return STATUS_SUCCESS;
 }

@@ -2,8 +2,12 @@
 // cross byte for byte and are compared by nobody here. No lock is taken: whatever the caller holds, at PASSIVE_LEVEL.
 #pragma once
 
-#include "frame/plugincall.h"
+#include "frame/row.h"
+#include "plugin/call.h"
 #include "frame/pool.h"
+
+NTSTATUS GvDoQueryEa(IrpContext* context, GvOutcome* outcome);
+NTSTATUS GvDoSetEa(IrpContext* context, GvOutcome* outcome);
 
 // What ListEa hands back: Count NUL-terminated names, back to back.
 struct GvEaNames {

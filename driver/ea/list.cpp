@@ -31,19 +31,12 @@ void LinkRecord(UCHAR* previous, const UCHAR* record)
 NTSTATUS GvAppendEaNameValueToFullEaInfo(const char* name, ULONG nameLength, const void* value, ULONG valueLength,
                                          GvEaList* list)
 {
-    if (nameLength > GvMaximumEaName) {
-        GV_TRACE(GvTraceError, "ea-name is too long, ea: %s, name-len: %d\n", name, nameLength);
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (valueLength > GvMaximumEaValue) {
-        GV_TRACE(GvTraceError, "ea-value is too long, ea: %s, val-len: %d\n", name, valueLength);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (nameLength > GvMaximumEaName)
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "ea-name is too long, ea: %s, name-len: %d\n", name, nameLength);
+    if (valueLength > GvMaximumEaValue)
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "ea-value is too long, ea: %s, val-len: %d\n", name, valueLength);
     const ULONG size = GvEaRecordSize(nameLength, valueLength);
-    if (list->Remaining < size) {
-        GV_TRACE(GvTraceError, "not enough room, ea: %s\n", name);
-        return STATUS_BUFFER_OVERFLOW;
-    }
+    if (list->Remaining < size) return GV_REFUSE(STATUS_BUFFER_OVERFLOW, "not enough room, ea: %s\n", name);
     UCHAR* const record = list->Cursor;
     WriteRecord(record, name, nameLength, value, valueLength);
     list->Remaining -= size;
@@ -52,10 +45,7 @@ NTSTATUS GvAppendEaNameValueToFullEaInfo(const char* name, ULONG nameLength, con
 
     // A record that leaves not one byte behind its alignment is in the list, and yet ends it.
     const ULONG padding = GvEaPadding(size);
-    if (list->Remaining <= padding) {
-        GV_TRACE(GvTraceError, "output buf too small\n");
-        return STATUS_BUFFER_OVERFLOW;
-    }
+    if (list->Remaining <= padding) return GV_REFUSE(STATUS_BUFFER_OVERFLOW, "output buf too small\n");
     list->Cursor += size + padding;
     list->Remaining -= padding;
     return STATUS_SUCCESS;

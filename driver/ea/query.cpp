@@ -4,9 +4,9 @@
 
 #include "ea/ea.h"
 
+#include "frame/buffer.h"
 #include "frame/guard.h"
-#include "frame/plugincall.h"
-#include "frame/requests.h"
+#include "plugin/call.h"
 #include "frame/resource.h"
 #include "objects/util.h"
 
@@ -45,23 +45,18 @@ ULONG Placed(const char* function, const EaQuery& query, const GvEaList& list)
     *query.Faulted = !GvGuarded(
         [&] { status = GvAppendEaNameValueToFullEaInfo(name, nameLength, value.Value.Get(), value.Length, list); });
     if (!*query.Faulted) return status;
-    GV_TRACE_AS(kName, GvTraceError, "EXCEPTION, EXCEPTION!!!, err: 0x%x\n", STATUS_UNSUCCESSFUL);
-    return STATUS_UNSUCCESSFUL;
+    return GV_REFUSE_AS(kName, STATUS_UNSUCCESSFUL, "EXCEPTION, EXCEPTION!!!, err: 0x%x\n", STATUS_UNSUCCESSFUL);
 }
 
 [[nodiscard]] NTSTATUS CheckIndex(const Fcb* fcb, ULONG index, ULONG count)
 {
-    if (count == 0) {
-        GV_TRACE_AS(kByIndex, GvTraceError, "no ea's on file: 0x%x\n", fcb);
-        return STATUS_NO_EAS_ON_FILE;
-    }
+    if (count == 0) return GV_REFUSE_AS(kByIndex, STATUS_NO_EAS_ON_FILE, "no ea's on file: 0x%x\n", fcb);
     if (index <= count) return STATUS_SUCCESS;
     if (index == count + 1) {
         GV_TRACE_AS(kByIndex, GvTraceNotable, "done traversing ea's, index: %d\n", index);
         return STATUS_NO_MORE_EAS;
     }
-    GV_TRACE_AS(kByIndex, GvTraceError, "bad ea-index %d specified\n", index);
-    return STATUS_NONEXISTENT_EA_ENTRY;
+    return GV_REFUSE_AS(kByIndex, STATUS_NONEXISTENT_EA_ENTRY, "bad ea-index %d specified\n", index);
 }
 
 // The attributes from index on, whose first name is given. The position moves past each record that went through.
@@ -95,18 +90,10 @@ ULONG Placed(const char* function, const EaQuery& query, const GvEaList& list)
 
 [[nodiscard]] NTSTATUS GvQueryEaByIndex(IrpContext* context, const EaQuery& query, ULONG index, ULONG* information)
 {
-    if (index == 0) {
-        GV_TRACE(GvTraceError, "bad ea-index 0 specified\n");
-        return STATUS_NONEXISTENT_EA_ENTRY;
-    }
+    if (index == 0) return GV_REFUSE(STATUS_NONEXISTENT_EA_ENTRY, "bad ea-index 0 specified\n");
     GvEaNames names;
-    NTSTATUS status = GvListEaFromPlugin(context, GvHandleOf(query.Object), &names);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvQueryEaListFromPlugin", status);
-        return status;
-    }
-    status = CheckIndex(query.Object, index, names.Count);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY_TRACED("GvQueryEaListFromPlugin", GvListEaFromPlugin(context, GvHandleOf(query.Object), &names));
+    GV_TRY(CheckIndex(query.Object, index, names.Count));
     const char* name = names.Names.Get();
     for (ULONG i = kFirstIndex; i < index; ++i) name += GvEaNameLength(name) + 1;
     GvStore(query.Ccb->EaScanIndex, index);
@@ -137,22 +124,16 @@ constexpr char kByList[] = "GvQueryEaByUserEaList";
 [[nodiscard]] NTSTATUS CheckRoomForEntry(const NameList& list)
 {
     if (list.Left() >= NameList::kLeast) return STATUS_SUCCESS;
-    GV_TRACE_AS(kByList, GvTraceError, "get-ea-info buf too small\n");
-    return STATUS_INVALID_PARAMETER;
+    return GV_REFUSE_AS(kByList, STATUS_INVALID_PARAMETER, "get-ea-info buf too small\n");
 }
 
 [[nodiscard]] NTSTATUS CopyName(const NameList& list, GvBlock<char>* name)
 {
     const ULONG length = list.NameLength();
-    if (length == 0 || length > list.Left() - NameList::kNameOffset) {
-        GV_TRACE_AS(kByList, GvTraceError, "malformed 'get-ea-info', bad name-len: %d\n", length);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (length == 0 || length > list.Left() - NameList::kNameOffset)
+        return GV_REFUSE_AS(kByList, STATUS_INVALID_PARAMETER, "malformed 'get-ea-info', bad name-len: %d\n", length);
     name->Reset(static_cast<char*>(GvAllocate(PagedPool, length + 1)));
-    if (!*name) {
-        GV_TRACE_AS(kByList, GvTraceError, "out-of-mem\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!*name) return GV_REFUSE_AS(kByList, STATUS_INSUFFICIENT_RESOURCES, "out-of-mem\n");
     RtlCopyMemory(name->Get(), list.Name(), length);
     return STATUS_SUCCESS;
 }
@@ -161,10 +142,9 @@ constexpr char kByList[] = "GvQueryEaByUserEaList";
 [[nodiscard]] NTSTATUS AppendEntry(IrpContext* context, const EaQuery& query, const NameList& entry, GvEaList* output)
 {
     GvBlock<char> name;
-    NTSTATUS status = CopyName(entry, &name);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(CopyName(entry, &name));
     GvEaValue value;
-    status = GvGetEaFromPlugin(context, GvHandleOf(query.Object), name.Get(), &value);
+    NTSTATUS status = GvGetEaFromPlugin(context, GvHandleOf(query.Object), name.Get(), &value);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kByList, GvTraceNotable, "unable to query ea: %s, 0x%x\n", name.Get(), status);
         value.Value.Reset();
@@ -179,10 +159,7 @@ constexpr char kByList[] = "GvQueryEaByUserEaList";
 [[nodiscard]] NTSTATUS MoveToNext(NameList* list)
 {
     const ULONG next = list->NextEntryOffset();
-    if (next >= list->Left()) {
-        GV_TRACE_AS(kByList, GvTraceError, "get-ea-info buffer overrun\n");
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (next >= list->Left()) return GV_REFUSE_AS(kByList, STATUS_INVALID_PARAMETER, "get-ea-info buffer overrun\n");
     list->Entry += next;
     return CheckRoomForEntry(*list);
 }
@@ -191,10 +168,7 @@ constexpr char kByList[] = "GvQueryEaByUserEaList";
 [[nodiscard]] NTSTATUS GvQueryEaByUserEaList(IrpContext* context, const EaQuery& query, const void* eaList,
                                              ULONG eaListLength, ULONG* information)
 {
-    if (eaListLength == 0) {
-        GV_TRACE(GvTraceError, "bad get-ea-info buf len: %d\n", eaListLength);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (eaListLength == 0) return GV_REFUSE(STATUS_INVALID_PARAMETER, "bad get-ea-info buf len: %d\n", eaListLength);
     const auto* const start = static_cast<const UCHAR*>(eaList);
     NameList list = {.Entry = start, .End = start + eaListLength};
     GvEaList output = StartOf(query);
@@ -214,14 +188,11 @@ constexpr char kByList[] = "GvQueryEaByUserEaList";
 [[nodiscard]] NTSTATUS MapBuffer(PIRP irp, ULONG length, void** buffer)
 {
     const NTSTATUS status = GvUtlMapProbedBuffer(irp, length, IoWriteAccess, buffer);
-    if (status == STATUS_ACCESS_VIOLATION) {
-        GV_TRACE_AS(kName, GvTraceError, "EXCEPTION, EXCEPTION!!!, err: 0x%x\n", STATUS_UNSUCCESSFUL);
-        return STATUS_UNSUCCESSFUL;
-    }
+    if (status == STATUS_ACCESS_VIOLATION)
+        return GV_REFUSE_AS(kName, STATUS_UNSUCCESSFUL, "EXCEPTION, EXCEPTION!!!, err: 0x%x\n", STATUS_UNSUCCESSFUL);
     if (NT_SUCCESS(status)) return status;
     // A query without any buffer is told that its buffer is too small.
-    GV_TRACE_AS(kName, GvTraceError, "GvUtlMapBufferForIo(): failed: 0x%x\n", STATUS_BUFFER_OVERFLOW);
-    return STATUS_BUFFER_OVERFLOW;
+    return GV_REFUSE_AS(kName, STATUS_BUFFER_OVERFLOW, "GvUtlMapBufferForIo(): failed: 0x%x\n", STATUS_BUFFER_OVERFLOW);
 }
 
 [[nodiscard]] NTSTATUS QueryInForm(IrpContext* context, const IO_STACK_LOCATION* stack, const EaQuery& query,
@@ -249,17 +220,14 @@ NTSTATUS GvDoQueryEa(IrpContext* context, GvOutcome* outcome)
 {
     const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
     Fcb* const fcb = GvFcbOf(stack->FileObject);
-    NTSTATUS status = GvScreenEaRequest(context, fcb, __func__, "ERR: query-ea must be a top-level request\n");
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(GvScreenEaRequest(context, fcb, __func__, "ERR: query-ea must be a top-level request\n"));
     if (context->IsAsync) return GvPendIrpContext(context);
 
     GvHeldResource lock;
-    status = lock.Shared(fcb->Header.Resource);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(lock.Shared(fcb->Header.Resource));
     const ULONG length = stack->Parameters.QueryEa.Length;
     void* buffer = nullptr;
-    status = MapBuffer(context->Irp, length, &buffer);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(MapBuffer(context->Irp, length, &buffer));
     bool faulted = false;
     const EaQuery query = {
         .Object = fcb,
@@ -269,7 +237,7 @@ NTSTATUS GvDoQueryEa(IrpContext* context, GvOutcome* outcome)
         .ReturnSingleEntry = (stack->Flags & SL_RETURN_SINGLE_ENTRY) != 0,
         .Faulted = &faulted,
     };
-    status = QueryInForm(context, stack, query, &outcome->Information);
+    const NTSTATUS status = QueryInForm(context, stack, query, &outcome->Information);
     if (!NT_SUCCESS(status) && !faulted) GV_TRACE(GvTraceError, "GvQueryEaByXx(): failed 0x%x\n", status);
     return status;
 }

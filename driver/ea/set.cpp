@@ -4,9 +4,9 @@
 
 #include "ea/ea.h"
 
+#include "frame/buffer.h"
 #include "frame/guard.h"
-#include "frame/plugincall.h"
-#include "frame/requests.h"
+#include "plugin/call.h"
 #include "frame/resource.h"
 #include "objects/util.h"
 
@@ -61,16 +61,12 @@ NTSTATUS GvSetFullEaInfo(IrpContext* context, GvHandle handle, void* buffer, ULO
 {
     *errorOffset = 0;
     auto* const first = static_cast<PFILE_FULL_EA_INFORMATION>(buffer);
-    NTSTATUS status = IoCheckEaBufferValidity(first, length, errorOffset);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("IoCheckEaBufferValidity", status);
-        return status;
-    }
+    GV_TRY_TRACED("IoCheckEaBufferValidity", IoCheckEaBufferValidity(first, length, errorOffset));
     // Names and flags are looked at just before each record is applied; only the structure was checked in advance.
     for (ULONG offset = 0;;) {
         const auto* const record =
             reinterpret_cast<const FILE_FULL_EA_INFORMATION*>(static_cast<const UCHAR*>(buffer) + offset);
-        status = CheckRecord(record, offset);
+        NTSTATUS status = CheckRecord(record, offset);
         if (!NT_SUCCESS(status)) {
             *errorOffset = offset;
             return status;
@@ -87,25 +83,22 @@ constexpr char kName[] = "GvDoSetEa";
 
 [[nodiscard]] NTSTATUS BadUserBuffer()
 {
-    GV_TRACE_AS(kName, GvTraceError, "EXCEPTION EXCEPTION!! error: 0x%x\n", STATUS_INVALID_PARAMETER);
-    return STATUS_INVALID_PARAMETER;
+    return GV_REFUSE_AS(kName, STATUS_INVALID_PARAMETER, "EXCEPTION EXCEPTION!! error: 0x%x\n",
+                        STATUS_INVALID_PARAMETER);
 }
 
 // The list that is validated must be the list that is applied, and no caller's address is touched under a lock.
 [[nodiscard]] NTSTATUS CopyList(PIRP irp, ULONG length, GvBlock<void>* copy)
 {
     void* buffer = nullptr;
-    NTSTATUS status = GvUtlMapProbedBuffer(irp, length, IoReadAccess, &buffer);
+    const NTSTATUS status = GvUtlMapProbedBuffer(irp, length, IoReadAccess, &buffer);
     if (status == STATUS_ACCESS_VIOLATION) return BadUserBuffer();
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kName, GvTraceError, "GvUtlMapBufferForIo(): failed: 0x%x\n", status);
         return status;
     }
     copy->Reset(GvAllocate(PagedPool, length ? length : 1));
-    if (!*copy) {
-        GV_TRACE_AS(kName, GvTraceError, "out-of-mem\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!*copy) return GV_REFUSE_AS(kName, STATUS_INSUFFICIENT_RESOURCES, "out-of-mem\n");
     void* const destination = copy->Get();
     if (!GvGuarded([=] { RtlCopyMemory(destination, buffer, length); })) return BadUserBuffer();
     return STATUS_SUCCESS;
@@ -117,18 +110,15 @@ NTSTATUS GvDoSetEa(IrpContext* context, GvOutcome* outcome)
 {
     const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
     Fcb* const fcb = GvFcbOf(stack->FileObject);
-    NTSTATUS status = GvScreenEaRequest(context, fcb, __func__, "ERR: set-ea must be a top-level request\n");
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(GvScreenEaRequest(context, fcb, __func__, "ERR: set-ea must be a top-level request\n"));
     if (context->IsAsync) return GvPendIrpContext(context);
 
     const ULONG length = stack->Parameters.SetEa.Length;
     GvBlock<void> copy;
-    status = CopyList(context->Irp, length, &copy);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(CopyList(context->Irp, length, &copy));
     GvHeldResource lock;
-    status = lock.Exclusive(fcb->Header.Resource);
-    if (!NT_SUCCESS(status)) return status;
-    status = GvSetFullEaInfo(context, GvHandleOf(fcb), copy.Get(), length, &outcome->Information);
+    GV_TRY(lock.Exclusive(fcb->Header.Resource));
+    const NTSTATUS status = GvSetFullEaInfo(context, GvHandleOf(fcb), copy.Get(), length, &outcome->Information);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED("GvSetFullEaInfo", status);
         return status;

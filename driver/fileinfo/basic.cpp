@@ -3,7 +3,7 @@
 
 #include "fileinfo/fileinfo.h"
 
-#include "frame/plugincall.h"
+#include "plugin/call.h"
 #include "objects/util.h"
 
 namespace {
@@ -97,10 +97,8 @@ NTSTATUS GvSetBasicInfo(const GvSetRequest& set)
         .LastWrite = TimeToSet(info->LastWriteTime),
         .Change = TimeToSet(info->ChangeTime),
     };
-    if (times.Any()) {
-        if (const NTSTATUS status = SetTimes(set, times); !NT_SUCCESS(status)) return status;
-    }
-    if (const NTSTATUS status = SetAttributes(set, info); !NT_SUCCESS(status)) return status;
+    if (times.Any()) { GV_TRY(SetTimes(set, times)); }
+    GV_TRY(SetAttributes(set, info));
     GvUtlReportChange(set.Context->Vcb, set.Object, ChangesOf(times, info->FileAttributes), FILE_ACTION_MODIFIED);
     return STATUS_SUCCESS;
 }

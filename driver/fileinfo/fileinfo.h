@@ -2,7 +2,11 @@
 // length per class the I/O manager has checked.
 #pragma once
 
+#include "frame/row.h"
 #include "frame/records.h"
+
+NTSTATUS GvDoQueryInfo(IrpContext* context, GvOutcome* outcome);
+NTSTATUS GvDoSetInfo(IrpContext* context, GvOutcome* outcome);
 
 struct GvSetRequest {
     IrpContext* Context;

@@ -2,9 +2,10 @@
 // record, and a failing GetInfo fails it. Under the object's lock, shared, and for the classes that tell the name under
 // Vcb.Resource too; a nested query takes neither.
 
+#include "fileinfo/fileinfo.h"
+
 #include "ea/ea.h"
-#include "fileinfo/plugininfo.h"
-#include "frame/requests.h"
+#include "plugin/operations.h"
 #include "frame/resource.h"
 #include "frame/trace.h"
 #include "objects/fcb.h"
@@ -91,10 +92,7 @@ NTSTATUS GvQueryNameInfo(const InfoQuery& query, void* buffer, ULONG* length)
 {
     GvString name;
     FcbTables* const tables = GvVcbOf(query.FileObject->DeviceObject)->FcbTables;
-    if (const NTSTATUS status = GvFcbGetName(tables, query.Object, name.Out()); !NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvFcbGetName", status);
-        return status;
-    }
+    GV_TRY_TRACED("GvFcbGetName", GvFcbGetName(tables, query.Object, name.Out()));
     if (*length < sizeof(ULONG)) return STATUS_BUFFER_TOO_SMALL;
     auto* const info = static_cast<PFILE_NAME_INFORMATION>(buffer);
     info->FileNameLength = name->Length;
@@ -130,7 +128,7 @@ NTSTATUS QueryUnansweredInfo(const InfoQuery&, void*, ULONG*) { return STATUS_NO
 // free; the access, mode and alignment that share a stage are the I/O manager's to fill.
 NTSTATUS QueryEaAndAccess(const InfoQuery& query, void* buffer, ULONG* length)
 {
-    if (const NTSTATUS status = GvQueryEaInfo(query, buffer, length); !NT_SUCCESS(status)) return status;
+    GV_TRY(GvQueryEaInfo(query, buffer, length));
     static_cast<PFILE_ACCESS_INFORMATION>(static_cast<void*>(static_cast<UCHAR*>(buffer) + sizeof(FILE_EA_INFORMATION)))
         ->AccessFlags = 0;
     return STATUS_SUCCESS;
@@ -163,8 +161,7 @@ constexpr Stage kStages[] = {
     for (const Stage& stage : kStages) {
         if (*free < stage.Size) return STATUS_BUFFER_TOO_SMALL;
         ULONG written = *free;
-        const NTSTATUS status = stage.Worker(query, buffer + stage.Offset, &written);
-        if (!NT_SUCCESS(status)) return status;
+        GV_TRY(stage.Worker(query, buffer + stage.Offset, &written));
         *free -= stage.Size;
     }
     return STATUS_SUCCESS;
@@ -211,9 +208,8 @@ constexpr InfoClass kClasses[] = {
     const ULONG type = GvFcbOf(fileObject)->FcbType;
     const bool isDirectory = (record->FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
     if (isDirectory == (type == GvDirectory)) return STATUS_SUCCESS;
-    GV_TRACE(GvTraceError, "ERR fo: 0x%x, type: 0x%x, has plugin-attr: 0x%x\n", fileObject, type,
-             record->FileAttributes);
-    return STATUS_INVALID_PARAMETER;
+    return GV_REFUSE(STATUS_INVALID_PARAMETER, "ERR fo: 0x%x, type: 0x%x, has plugin-attr: 0x%x\n", fileObject, type,
+                     record->FileAttributes);
 }
 
 bool TellsName(FILE_INFORMATION_CLASS requested)
@@ -228,11 +224,9 @@ NTSTATUS GvDoQueryInfo(IrpContext* context, GvOutcome* outcome)
     if (KeGetCurrentIrql() != PASSIVE_LEVEL) return STATUS_UNSUCCESSFUL;
     const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
     Fcb* const fcb = GvFcbOf(stack->FileObject);
-    if (fcb->FcbType == GvVolume) {
-        GV_TRACE(GvTraceError, "rejecting query-info on fcb-type: %d, err: 0x%x\n", fcb->FcbType,
-                 STATUS_INVALID_PARAMETER);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (fcb->FcbType == GvVolume)
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "rejecting query-info on fcb-type: %d, err: 0x%x\n", fcb->FcbType,
+                         STATUS_INVALID_PARAMETER);
     if (context->IsAsync) return GvPendIrpContext(context);
 
     const FILE_INFORMATION_CLASS requested = stack->Parameters.QueryFile.FileInformationClass;
@@ -245,16 +239,8 @@ NTSTATUS GvDoQueryInfo(IrpContext* context, GvOutcome* outcome)
         if (!NT_SUCCESS(status)) return status;
     }
     GvBlock<PluginFileInfo> record;
-    NTSTATUS status = GvGetInfoFromPlugin(context, GvHandleOf(fcb), &record);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GetInfo", status);
-        return status;
-    }
-    status = GvValidatePluginFileInfo(stack->FileObject, record.Get());
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvValidatePluginFileInfo", status);
-        return status;
-    }
+    GV_TRY_TRACED("GetInfo", GvGetInfoFromPlugin(context, GvHandleOf(fcb), &record));
+    GV_TRY_TRACED("GvValidatePluginFileInfo", GvValidatePluginFileInfo(stack->FileObject, record.Get()));
     const InfoQuery query = {
         .Context = context, .FileObject = stack->FileObject, .Object = fcb, .Record = record.Get()};
     outcome->Information = stack->Parameters.QueryFile.Length;

@@ -5,9 +5,8 @@
 
 #include "fileinfo/rename.h"
 
-#include "create/create.h"
 #include "fileinfo/fileinfo.h"
-#include "frame/plugincall.h"
+#include "plugin/operations.h"
 #include "frame/resource.h"
 #include "objects/coherence.h"
 #include "objects/fcb.h"
@@ -48,11 +47,10 @@ bool HasChildren(const Fcb* fcb)
         return STATUS_SUCCESS;
     }
     GV_TRACE(GvTraceFlow, "src-FCB has children open underneath, attempting flush/purge\n");
-    if (const NTSTATUS status = FlushAndPurgeAllFiles(context); !NT_SUCCESS(status)) return status;
+    GV_TRY(FlushAndPurgeAllFiles(context));
     if (!HasChildren(fcb)) return STATUS_SUCCESS;
-    GV_TRACE(GvTraceError,
-             "ERR: flush/purge failed, there are either handles open, or files are mmap'd, denying rename\n");
-    return STATUS_ACCESS_DENIED;
+    return GV_REFUSE(STATUS_ACCESS_DENIED,
+                     "ERR: flush/purge failed, there are either handles open, or files are mmap'd, denying rename\n");
 }
 
 [[nodiscard]] bool GvAreSrcAndDestNamesEqual(PCUNICODE_STRING sourcePath, PCUNICODE_STRING destinationLeaf)
@@ -73,10 +71,7 @@ bool HasChildren(const Fcb* fcb)
 [[nodiscard]] NTSTATUS JoinPath(PCUNICODE_STRING directory, ULONG separatorRoom, PCUNICODE_STRING leaf, GvString* path)
 {
     path->Reset(GvUtlAllocUnicodeString(PagedPool, directory->Length + leaf->Length + separatorRoom));
-    if (!*path) {
-        GV_TRACE_AS("GvGetDestPathForRename", GvTraceError, "out-of-mem 1\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!*path) return GV_REFUSE_AS("GvGetDestPathForRename", STATUS_INSUFFICIENT_RESOURCES, "out-of-mem 1\n");
     // There is room: the capacity was worked out from the same parts.
     RtlCopyUnicodeString(path->Get(), directory);
     if (!GvUtlEndsInBackslash(path->Get())) {
@@ -91,18 +86,11 @@ bool HasChildren(const Fcb* fcb)
 {
     if (target) {
         GvString directory;
-        const NTSTATUS status = GvFcbGetName(context->Vcb->FcbTables, GvFcbOf(target), directory.Out());
-        if (!NT_SUCCESS(status)) {
-            GV_TRACE_FAILED("GvFcbGetName", status);
-            return status;
-        }
+        GV_TRY_TRACED("GvFcbGetName", GvFcbGetName(context->Vcb->FcbTables, GvFcbOf(target), directory.Out()));
         return JoinPath(directory.Get(), sizeof(WCHAR), leaf, path);
     }
     USHORT separator;
-    if (const NTSTATUS status = GvUtlUniStrRChr(sourcePath, L'\\', &separator); !NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvUtlUniStrRChr", status);
-        return status;
-    }
+    GV_TRY_TRACED("GvUtlUniStrRChr", GvUtlUniStrRChr(sourcePath, L'\\', &separator));
     const auto prefix = static_cast<USHORT>((separator + 1) * sizeof(WCHAR));
     const UNICODE_STRING directory = {prefix, prefix, sourcePath->Buffer};
     return JoinPath(&directory, 0, leaf, path);
@@ -118,10 +106,8 @@ bool HasChildren(const Fcb* fcb)
         return STATUS_SUCCESS;
     }
     auto* const info = static_cast<PFILE_RENAME_INFORMATION>(irp->AssociatedIrp.SystemBuffer);
-    if (info->FileNameLength >= 0xffff) {
-        GV_TRACE_AS(kName, GvTraceError, "ERR: file-name too long: %d\n", info->FileNameLength);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (info->FileNameLength >= 0xffff)
+        return GV_REFUSE_AS(kName, STATUS_INVALID_PARAMETER, "ERR: file-name too long: %d\n", info->FileNameLength);
     // The name must lie in the request's buffer, whoever filled it.
     const ULONG offset = FIELD_OFFSET(FILE_RENAME_INFORMATION, FileName);
     if (parameters.Length < offset || info->FileNameLength > parameters.Length - offset) {
@@ -142,13 +128,9 @@ struct Names {
 
 [[nodiscard]] NTSTATUS GetLeaf(IrpContext* context, Names* names)
 {
-    if (const NTSTATUS status = GivenLeaf(context->Irp, &names->Given); !NT_SUCCESS(status)) return status;
-    const NTSTATUS status = GvPnGetNormalizedPathFromPlugin(context, &names->Given, names->FromPlugin.Out());
-    if (!NT_SUCCESS(status) && status != STATUS_NOT_SUPPORTED) {
-        GV_TRACE_FAILED_AS(kName, "GvPnGetNormalizedPathFromPlugin", status);
-        return status;
-    }
-    names->Normalized = NT_SUCCESS(status) && names->FromPlugin ? names->FromPlugin.Get() : &names->Given;
+    GV_TRY(GivenLeaf(context->Irp, &names->Given));
+    GV_TRY_TRACED_AS(kName, "GvPnGetNormalizedPathFromPlugin",
+                     GvNormalizedOrGiven(context, &names->Given, &names->FromPlugin, &names->Normalized));
     // Before anything is closed: the plugin could only refuse it, and every opener would lose the handle. A name with a
     // separator in it would stand in the tree for an object that it does not name.
     NTSTATUS checked = GvCheckLeaf(names->Normalized);
@@ -159,14 +141,11 @@ struct Names {
 
 [[nodiscard]] NTSTATUS GetPaths(IrpContext* context, Fcb* fcb, Names* names)
 {
-    NTSTATUS status = GvFcbGetName(context->Vcb->FcbTables, fcb, names->SourcePath.Out());
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS(kName, "GvFcbGetName", status);
-        return status;
-    }
+    GV_TRY_TRACED_AS(kName, "GvFcbGetName", GvFcbGetName(context->Vcb->FcbTables, fcb, names->SourcePath.Out()));
     GvRenameDestination& destination = names->Destination;
     const PCUNICODE_STRING source = names->SourcePath.Get();
-    status = GvGetDestPathForRename(context, source, destination.Target, names->Normalized, &destination.Normalized);
+    NTSTATUS status =
+        GvGetDestPathForRename(context, source, destination.Target, names->Normalized, &destination.Normalized);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kName, GvTraceError, "GvGetDestPathForRename() normalized: 0x%x\n", status);
         return status;
@@ -182,35 +161,23 @@ constexpr char kNotify[] = "GvNotifyPluginForRename";
 
 [[nodiscard]] NTSTATUS ClosePluginFd(IrpContext* context, Fcb* fcb)
 {
-    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, Close, GvHandleOf(fcb));
-    GvStore(fcb->PluginFdClosed, 1);
-    GvStore(fcb->PluginFd, 0);
+    const NTSTATUS status = GvCloseObjectHandle(context, fcb);
     if (!NT_SUCCESS(status)) GV_TRACE_AS(kNotify, GvTraceError, "plugin Close(): 0x%x\n", status);
     return status;
-}
-
-[[nodiscard]] NTSTATUS OpenWith(IrpContext* context, const Fcb* fcb, PCUNICODE_STRING path, PluginAccessMask access,
-                                PluginFd* fd)
-{
-    *fd = 0;
-    return fcb->FcbType == GvDirectory ? GV_CALL_PLUGIN(context, nullptr, OpenDir, path, access, fd)
-                                       : GV_CALL_PLUGIN(context, nullptr, Open, path, access, fd);
 }
 
 // With all that the object's opens were ever allowed, so that the new handle serves each of them: also those that were
 // there when it became read-only, if the plugin still gives that much.
 [[nodiscard]] NTSTATUS OpenUnderNewName(IrpContext* context, Fcb* fcb, PCUNICODE_STRING path)
 {
-    if (fcb->FcbType != GvDirectory && fcb->FcbType != GvFile) {
-        GV_TRACE_AS(kNotify, GvTraceError, "unknown FCB type: %d\n", fcb->FcbType);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (fcb->FcbType != GvDirectory && fcb->FcbType != GvFile)
+        return GV_REFUSE_AS(kNotify, STATUS_INVALID_PARAMETER, "unknown FCB type: %d\n", fcb->FcbType);
     PluginFd fd = 0;
     PluginAccessMask access = fcb->MaxAllowedAccess | fcb->PluginFdGranted;
-    NTSTATUS status = OpenWith(context, fcb, path, access, &fd);
+    NTSTATUS status = GvOpenByType(context, fcb->FcbType, path, access, &fd);
     if (!NT_SUCCESS(status) && access != fcb->MaxAllowedAccess) {
         access = fcb->MaxAllowedAccess;
-        status = OpenWith(context, fcb, path, access, &fd);
+        status = GvOpenByType(context, fcb->FcbType, path, access, &fd);
     }
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kNotify, GvTraceError, "cumulative OpenDir/Open(type: %d): perm: 0x%x, 0x%x\n", fcb->FcbType,
@@ -227,17 +194,13 @@ constexpr char kNotify[] = "GvNotifyPluginForRename";
                                                PCUNICODE_STRING destination)
 {
     GvHeldResource lock;
-    NTSTATUS status = lock.Exclusive(fcb->Header.Resource);
-    if (!NT_SUCCESS(status)) return status;
-    if (!context->Vcb->PluginOps->Rename) {
-        GV_TRACE(GvTraceError, "ERR: plugin does not support Rename()\n");
-        return STATUS_NOT_SUPPORTED;
-    }
+    GV_TRY(lock.Exclusive(fcb->Header.Resource));
+    if (!context->Vcb->PluginOps->Rename)
+        return GV_REFUSE(STATUS_NOT_SUPPORTED, "ERR: plugin does not support Rename()\n");
     // From the close of the old handle to the new one.
     const GvHandleSwitch moving(fcb);
-    status = ClosePluginFd(context, fcb);
-    if (!NT_SUCCESS(status)) return status;
-    status = GV_CALL_PLUGIN(context, nullptr, Rename, sourcePath, destination);
+    GV_TRY(ClosePluginFd(context, fcb));
+    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, Rename, sourcePath, destination);
     if (!NT_SUCCESS(status)) {
         GV_TRACE(GvTraceError, "plugin Rename(): 0x%x\n", status);
         return status;
@@ -272,10 +235,9 @@ void ReportNewName(Vcb* vcb, Fcb* fcb, const GvRenameDestination& destination)
 [[nodiscard]] NTSTATUS GvChangeNameTreeForRename(IrpContext* context, Fcb* fcb, const GvRenameDestination& destination)
 {
     GvHeldResource lock;
-    NTSTATUS status = lock.Exclusive(fcb->Header.Resource);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(lock.Exclusive(fcb->Header.Resource));
     ReportOldName(context->Vcb, fcb, destination);
-    status = GvFcbMoveFcbForRename(context, fcb, destination.Target, destination.Normalized.Get());
+    const NTSTATUS status = GvFcbMoveFcbForRename(context, fcb, destination.Target, destination.Normalized.Get());
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED("GvFcbMoveFcb", status);
         return status;
@@ -296,25 +258,14 @@ void CountLostEntries(const Fcb* fcb, const GvRenameDestination& destination)
 [[nodiscard]] NTSTATUS Move(IrpContext* context, Fcb* fcb, bool replaceIfExists, Names* names)
 {
     GvRenameDestination& destination = names->Destination;
-    NTSTATUS status = GvCheckRenameDestination(context, replaceIfExists, &destination);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS(kName, "GvCheckRenameTarget", status);
-        return status;
-    }
+    GV_TRY_TRACED_AS(kName, "GvCheckRenameTarget", GvCheckRenameDestination(context, replaceIfExists, &destination));
     if (destination.TargetReplaced) {
-        status = GvDeleteRenameTarget(context, destination.Normalized.Get());
-        if (!NT_SUCCESS(status)) {
-            GV_TRACE_FAILED_AS(kName, "GvDeleteRenameTarget", status);
-            return status;
-        }
+        GV_TRY_TRACED_AS(kName, "GvDeleteRenameTarget", GvDeleteRenameTarget(context, destination.Normalized.Get()));
     }
-    status = GvNotifyPluginForRename(context, fcb, names->SourcePath.Get(), destination.CasePreserved.Get());
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS(kName, "GvNotifyPluginForRename", status);
-        return status;
-    }
+    GV_TRY_TRACED_AS(kName, "GvNotifyPluginForRename",
+                     GvNotifyPluginForRename(context, fcb, names->SourcePath.Get(), destination.CasePreserved.Get()));
     CountLostEntries(fcb, destination);
-    status = GvChangeNameTreeForRename(context, fcb, destination);
+    const NTSTATUS status = GvChangeNameTreeForRename(context, fcb, destination);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "GvChangeNameTreeForRename", status);
     return status;
 }
@@ -324,26 +275,17 @@ void CountLostEntries(const Fcb* fcb, const GvRenameDestination& destination)
 NTSTATUS GvSetRenameInfo(IrpContext* context, Fcb* fcb)
 {
     GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
-    if (fcb->IsRootDir) {
-        GV_TRACE(GvTraceError, "ERR: can't rename the root-dir\n");
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (fcb->FcbType == GvDirectory) {
-        if (const NTSTATUS status = GvCanSrcDirBeRenamed(context, fcb); !NT_SUCCESS(status)) {
-            GV_TRACE_FAILED("GvCanDirBeRenamed", status);
-            return status;
-        }
-    }
+    if (fcb->IsRootDir) return GV_REFUSE(STATUS_INVALID_PARAMETER, "ERR: can't rename the root-dir\n");
+    if (fcb->FcbType == GvDirectory) { GV_TRY_TRACED("GvCanDirBeRenamed", GvCanSrcDirBeRenamed(context, fcb)); }
     Names names = {};
-    if (const NTSTATUS status = GetLeaf(context, &names); !NT_SUCCESS(status)) return status;
+    GV_TRY(GetLeaf(context, &names));
     const PFILE_OBJECT target = IoGetCurrentIrpStackLocation(context->Irp)->Parameters.SetFile.FileObject;
     names.Destination.Target = target;
     if (target && GvFcbOf(target) == fcb) {
         // As for any directory below it, which has kept it from moving.
-        GV_TRACE(GvTraceError, "ERR: a directory can't become its own child\n");
-        return STATUS_ACCESS_DENIED;
+        return GV_REFUSE(STATUS_ACCESS_DENIED, "ERR: a directory can't become its own child\n");
     }
-    if (const NTSTATUS status = GetPaths(context, fcb, &names); !NT_SUCCESS(status)) return status;
+    GV_TRY(GetPaths(context, fcb, &names));
 
     names.Destination.CrossDirectory = target && GvFcbOf(target) != fcb->ParentFcb;
     if (!names.Destination.CrossDirectory && GvAreSrcAndDestNamesEqual(names.SourcePath.Get(), names.Normalized)) {

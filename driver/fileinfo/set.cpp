@@ -2,8 +2,7 @@
 // which proves that the plugin's handle is alive and tells the sizes that the object has now.
 
 #include "fileinfo/fileinfo.h"
-#include "fileinfo/plugininfo.h"
-#include "frame/requests.h"
+#include "plugin/operations.h"
 #include "frame/resource.h"
 
 namespace {
@@ -33,10 +32,8 @@ constexpr SetClass kClasses[] = {
 [[nodiscard]] NTSTATUS Rename(IrpContext* context, Fcb* fcb)
 {
     GV_TRACE_AS(kName, GvTraceFlow, "performing rename\n");
-    if (!context->IsTopLevel) {
-        GV_TRACE_AS(kName, GvTraceError, "ERR: rename must be a top-level request\n");
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (!context->IsTopLevel)
+        return GV_REFUSE_AS(kName, STATUS_INVALID_PARAMETER, "ERR: rename must be a top-level request\n");
     const NTSTATUS status = GvSetRenameInfo(context, fcb);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "GvSetRenameInfo", status);
     return status;
@@ -46,11 +43,7 @@ constexpr SetClass kClasses[] = {
 {
     GV_ASSERT_HELD_OR_NESTED(context, fcb->Header.Resource);
     GvBlock<PluginFileInfo> record;
-    const NTSTATUS status = GvGetInfoFromPlugin(context, GvHandleOf(fcb), &record);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS(kName, "GetInfo", status);
-        return status;
-    }
+    GV_TRY_TRACED_AS(kName, "GetInfo", GvGetInfoFromPlugin(context, GvHandleOf(fcb), &record));
     const GvSetRequest set = {
         .Context = context,
         .FileObject = stack->FileObject,
@@ -68,11 +61,9 @@ NTSTATUS GvDoSetInfo(IrpContext* context, GvOutcome*)
     if (KeGetCurrentIrql() != PASSIVE_LEVEL) return STATUS_UNSUCCESSFUL;
     const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
     Fcb* const fcb = GvFcbOf(stack->FileObject);
-    if (fcb->FcbType == GvVolume) {
-        GV_TRACE(GvTraceError, "rejecting set-info on fcb-type: %d, err: 0x%x\n", fcb->FcbType,
-                 STATUS_INVALID_PARAMETER);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (fcb->FcbType == GvVolume)
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "rejecting set-info on fcb-type: %d, err: 0x%x\n", fcb->FcbType,
+                         STATUS_INVALID_PARAMETER);
     if (context->IsAsync) return GvPendIrpContext(context);
 
     const FILE_INFORMATION_CLASS requested = stack->Parameters.SetFile.FileInformationClass;
@@ -83,22 +74,18 @@ NTSTATUS GvDoSetInfo(IrpContext* context, GvOutcome*)
     const bool isRename = requested == FileRenameInformation;
     GvHeldResource volumeLock;
     if (context->IsTopLevel && (isRename || requested == FileDispositionInformation)) {
-        if (const NTSTATUS status = volumeLock.Exclusive(&context->Vcb->Resource); !NT_SUCCESS(status)) return status;
+        GV_TRY(volumeLock.Exclusive(&context->Vcb->Resource));
     }
     if (isRename) return Rename(context, fcb);
     GvHeldResource lock;
-    if (context->IsTopLevel) {
-        if (const NTSTATUS status = lock.Exclusive(fcb->Header.Resource); !NT_SUCCESS(status)) return status;
-    }
+    if (context->IsTopLevel) { GV_TRY(lock.Exclusive(fcb->Header.Resource)); }
     return SetWithRecord(context, stack, fcb);
 }
 
 NTSTATUS GvSetPositionInfo(const GvSetRequest& set)
 {
-    if (set.Object->FcbType != GvFile) {
-        GV_TRACE(GvTraceError, "ERR: attempted on a dir, fo: 0x%x\n", set.FileObject);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (set.Object->FcbType != GvFile)
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "ERR: attempted on a dir, fo: 0x%x\n", set.FileObject);
     set.FileObject->CurrentByteOffset = static_cast<PFILE_POSITION_INFORMATION>(set.Buffer)->CurrentByteOffset;
     return STATUS_SUCCESS;
 }

@@ -3,7 +3,7 @@
 
 #include "fileinfo/fileinfo.h"
 
-#include "frame/plugincall.h"
+#include "plugin/call.h"
 #include "objects/coherence.h"
 #include "objects/fcb.h"
 #include "objects/util.h"
@@ -13,8 +13,7 @@ namespace {
 [[nodiscard]] NTSTATUS CheckIsFile(const char* function, const Fcb* fcb)
 {
     if (fcb->FcbType == GvFile) return STATUS_SUCCESS;
-    GV_TRACE_AS(function, GvTraceError, "ERROR not allowed on dir\n");
-    return STATUS_INVALID_DEVICE_REQUEST;
+    return GV_REFUSE_AS(function, STATUS_INVALID_DEVICE_REQUEST, "ERROR not allowed on dir\n");
 }
 
 // What a view still shows must not be cut off, and what it has changed goes out before the cut.
@@ -22,11 +21,9 @@ namespace {
 {
     LARGE_INTEGER size;
     size.QuadPart = newEof;
-    if (!MmCanFileBeTruncated(&fcb->SectionObjectPointers, &size)) {
-        GV_TRACE_AS("GvSetAllocationSizeOrEof", GvTraceError, "MmCanFileBeTruncated(): 0x%x\n",
-                    STATUS_USER_MAPPED_FILE);
-        return STATUS_USER_MAPPED_FILE;
-    }
+    if (!MmCanFileBeTruncated(&fcb->SectionObjectPointers, &size))
+        return GV_REFUSE_AS("GvSetAllocationSizeOrEof", STATUS_USER_MAPPED_FILE, "MmCanFileBeTruncated(): 0x%x\n",
+                            STATUS_USER_MAPPED_FILE);
     if (GvLoad(fcb->SectionObjectPointers.DataSectionObject)) GvUtlFlushAndPurgeMm(fcb, nullptr, 0, MmFlush::Yes);
     return STATUS_SUCCESS;
 }
@@ -35,15 +32,9 @@ namespace {
 {
     Fcb* const fcb = set.Object;
     const LONGLONG currentEof = set.Record->EndOfFile;
-    if (newEof < currentEof) {
-        if (const NTSTATUS status = PrepareToShrink(fcb, newEof); !NT_SUCCESS(status)) return status;
-    }
+    if (newEof < currentEof) { GV_TRY(PrepareToShrink(fcb, newEof)); }
     const LONGLONG* const allocation = &newAllocation;
-    const NTSTATUS status = GV_CALL_PLUGIN(set.Context, fcb, SetFileSize, GvHandleOf(fcb), &newEof, allocation);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("SetFileSize", status);
-        return status;
-    }
+    GV_TRY_TRACED("SetFileSize", GV_CALL_PLUGIN(set.Context, fcb, SetFileSize, GvHandleOf(fcb), &newEof, allocation));
     GvFcbSetFileSize(fcb, &newEof); // as the plugin left it
     if (newEof != currentEof) {
         GvCcbOf(set.FileObject)->LastWriteChanged = 1;
@@ -56,7 +47,7 @@ namespace {
 
 NTSTATUS GvSetAllocationInfo(const GvSetRequest& set)
 {
-    if (const NTSTATUS status = CheckIsFile(__func__, set.Object); !NT_SUCCESS(status)) return status;
+    GV_TRY(CheckIsFile(__func__, set.Object));
     const LONGLONG allocation = static_cast<PFILE_ALLOCATION_INFORMATION>(set.Buffer)->AllocationSize.QuadPart;
     const LONGLONG eof = set.Record->EndOfFile < allocation ? set.Record->EndOfFile : allocation;
     return GvSetAllocationSizeOrEof(set, eof, allocation);
@@ -64,7 +55,7 @@ NTSTATUS GvSetAllocationInfo(const GvSetRequest& set)
 
 NTSTATUS GvSetEndOfFileInfo(const GvSetRequest& set)
 {
-    if (const NTSTATUS status = CheckIsFile(__func__, set.Object); !NT_SUCCESS(status)) return status;
+    GV_TRY(CheckIsFile(__func__, set.Object));
     const LONGLONG eof = static_cast<PFILE_END_OF_FILE_INFORMATION>(set.Buffer)->EndOfFile.QuadPart;
     const LONGLONG allocation = set.Record->AllocationSize > eof ? set.Record->AllocationSize : eof;
     return GvSetAllocationSizeOrEof(set, eof, allocation);

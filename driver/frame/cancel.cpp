@@ -3,8 +3,8 @@
 // (nothing to do). All of it is ordered by Vcb.QueueLock; the global cancel lock is given up first and never held
 // together with it.
 
+#include "frame/complete.h"
 #include "frame/context.h"
-#include "frame/dispatch.h"
 
 void GvArmCancelForPluginCall(Vcb* vcb, IrpContext* context)
 {

@@ -11,8 +11,7 @@ NTSTATUS GvUtlCheckFileObject(PDEVICE_OBJECT device, PFILE_OBJECT fileObject)
 {
     const PDEVICE_OBJECT opened = fileObject ? fileObject->DeviceObject : nullptr;
     if (opened == device) return STATUS_SUCCESS;
-    GV_TRACE(GvTraceError, "dev-obj's don't match: 0x%x != 0x%x\n", opened, device);
-    return STATUS_INVALID_PARAMETER;
+    return GV_REFUSE(STATUS_INVALID_PARAMETER, "dev-obj's don't match: 0x%x != 0x%x\n", opened, device);
 }
 
 bool GvUtlIsEntryOnList(const LIST_ENTRY* head, const LIST_ENTRY* entry)
@@ -25,16 +24,9 @@ bool GvUtlIsEntryOnList(const LIST_ENTRY* head, const LIST_ENTRY* entry)
 
 NTSTATUS GvAllocIrpContext(PDEVICE_OBJECT device, PIRP irp, bool isTopLevel, IrpContext** result)
 {
-    const NTSTATUS status = GvUtlCheckFileObject(device, IoGetCurrentIrpStackLocation(irp)->FileObject);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvUtlCheckFileObject", status);
-        return status;
-    }
+    GV_TRY_TRACED("GvUtlCheckFileObject", GvUtlCheckFileObject(device, IoGetCurrentIrpStackLocation(irp)->FileObject));
     auto* const context = GvAllocate<IrpContext>(NonPagedPool);
-    if (!context) {
-        GV_TRACE(GvTraceError, "out-of-mem\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!context) return GV_REFUSE(STATUS_INSUFFICIENT_RESOURCES, "out-of-mem\n");
     context->DeviceObject = device;
     context->Irp = irp;
     context->Vcb = GvVcbOf(device);
@@ -67,8 +59,7 @@ NTSTATUS GvFreeIrpContext(IrpContext* context)
     }
     if (queued) {
         // Freeing it would leave the list with a link into freed memory; a leaked context is the lesser harm.
-        GV_TRACE(GvTraceError, "ERR: Irp: 0x%x is queued\n", context->Irp);
-        return STATUS_UNSUCCESSFUL;
+        return GV_REFUSE(STATUS_UNSUCCESSFUL, "ERR: Irp: 0x%x is queued\n", context->Irp);
     }
     if (context->HasSubject) SeReleaseSubjectContext(&context->Subject);
     GvFree(context);

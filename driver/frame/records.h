@@ -156,7 +156,8 @@ struct Ccb {
 // One per request in service. Non-paged, zeroed. Owned by the routine that allocated it until GvPendIrpContext
 // succeeds, then by the worker that takes it, or by the cancel routine while it waits.
 struct IrpContext {
-    LIST_ENTRY Link; // Vcb.PendedList or Vcb.ActiveList, under Vcb.QueueLock; idle while on neither
+    const struct GvDispatchRow* Row; // what kind of request it is
+    LIST_ENTRY Link;                 // Vcb.PendedList or Vcb.ActiveList, under Vcb.QueueLock; idle while on neither
     PDEVICE_OBJECT DeviceObject;
     PIRP Irp;
     ::Vcb* Vcb;

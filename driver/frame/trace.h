@@ -57,10 +57,37 @@ void GvTracePrefix(const char* function);
 #define GV_TRACE_FAILED_AS(function, callee, status) GV_TRACE_AS(function, GvTraceError, callee "(): 0x%x\n", status)
 #define GV_TRACE_FAILED(callee, status)              GV_TRACE_FAILED_AS(__func__, callee, status)
 
+// A refusal: traces why, and is the status.
+#define GV_REFUSE_AS(function, status, ...) \
+    (GvTraceWanted(GvTraceError) ? GvTraceLine(function, __VA_ARGS__) : static_cast<void>(0), (status))
+#define GV_REFUSE(status, ...) GV_REFUSE_AS(__func__, status, __VA_ARGS__)
+
+// Leaves the routine with the status of a step that failed: silently, or with the trace of a callee that failed. Not in
+// a body under a guard, where nothing may be left behind.
+#define GV_TRY(...)                                                                          \
+    do {                                                                                     \
+        if (const NTSTATUS gvStatus = (__VA_ARGS__); !NT_SUCCESS(gvStatus)) return gvStatus; \
+    } while (0)
+#define GV_TRY_TRACED_AS(function, callee, ...)                               \
+    do {                                                                      \
+        if (const NTSTATUS gvStatus = (__VA_ARGS__); !NT_SUCCESS(gvStatus)) { \
+            GV_TRACE_FAILED_AS(function, callee, gvStatus);                   \
+            return gvStatus;                                                  \
+        }                                                                     \
+    } while (0)
+#define GV_TRY_TRACED(callee, ...) GV_TRY_TRACED_AS(__func__, callee, __VA_ARGS__)
+
 template <typename... Arguments>
 void GvTraceMessage(const char* format, Arguments... arguments)
 {
     DbgPrint(format, GvTraceArgument(arguments)...);
+}
+
+template <typename... Arguments>
+void GvTraceLine(const char* function, const char* format, Arguments... arguments)
+{
+    GvTracePrefix(function);
+    GvTraceMessage(format, arguments...);
 }
 
 // The closing trace of a request; ends in two line feeds, which separate requests in a log.

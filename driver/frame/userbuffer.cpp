@@ -52,10 +52,7 @@ NTSTATUS GvLockUserBufferIrpContext(IrpContext* context, bool* locked)
         return STATUS_SUCCESS;
     }
     if (irp->MdlAddress) return STATUS_SUCCESS;
-    if (!irp->UserBuffer) {
-        GV_TRACE(GvTraceError, "user buffer NULL for IRP: 0x%x\n", irp);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (!irp->UserBuffer) return GV_REFUSE(STATUS_INVALID_PARAMETER, "user buffer NULL for IRP: 0x%x\n", irp);
     // Nothing of it will be touched, and no list describes no pages.
     if (LengthOf(stack) == 0) return STATUS_SUCCESS;
     const PMDL mdl = IoAllocateMdl(irp->UserBuffer, LengthOf(stack), FALSE, TRUE, irp);

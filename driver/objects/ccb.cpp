@@ -8,10 +8,7 @@
 NTSTATUS GvCcbCreateCcb(bool deleteOnClose, Ccb** result)
 {
     auto* const ccb = GvAllocate<Ccb>(NonPagedPool);
-    if (!ccb) {
-        GV_TRACE(GvTraceError, "out-of-mem\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!ccb) return GV_REFUSE(STATUS_INSUFFICIENT_RESOURCES, "out-of-mem\n");
     ccb->EaScanIndex = 1;
     ccb->DeleteOnClose = deleteOnClose;
     *result = ccb;

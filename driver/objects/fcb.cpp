@@ -2,7 +2,7 @@
 
 #include "objects/fcb.h"
 
-#include "frame/plugincall.h"
+#include "plugin/operations.h"
 #include "frame/pool.h"
 #include "frame/resource.h"
 #include "frame/trace.h"
@@ -12,14 +12,8 @@
 NTSTATUS GvFcbInit(FcbTables** result)
 {
     GvBlock<FcbTables> tables(GvAllocate<FcbTables>(NonPagedPool));
-    if (!tables) {
-        GV_TRACE(GvTraceError, "out of memory\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    if (const NTSTATUS status = GvTreeInit(&tables->NameTree); !NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvTreeInit", status);
-        return status;
-    }
+    if (!tables) return GV_REFUSE(STATUS_INSUFFICIENT_RESOURCES, "out of memory\n");
+    GV_TRY_TRACED("GvTreeInit", GvTreeInit(&tables->NameTree));
     if (const NTSTATUS status = GvTreeInit(&tables->DeletionTree); !NT_SUCCESS(status)) {
         GV_TRACE(GvTraceError, "GvTreeInit(2): 0x%x\n", status);
         [[maybe_unused]] const NTSTATUS undone = GvTreeDelete(tables->NameTree);
@@ -31,10 +25,7 @@ NTSTATUS GvFcbInit(FcbTables** result)
 
 NTSTATUS GvFcbShutdown(FcbTables* tables)
 {
-    if (!tables) {
-        GV_TRACE(GvTraceError, "bad call!\n");
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (!tables) return GV_REFUSE(STATUS_INVALID_PARAMETER, "bad call!\n");
     if (const NTSTATUS status = GvTreeDelete(tables->NameTree); !NT_SUCCESS(status)) {
         GV_TRACE(GvTraceError, "fGvTreeDelete(): 0x%x\n", status);
         return status;
@@ -63,14 +54,11 @@ namespace {
 [[nodiscard]] NTSTATUS GvFcbAllocAndInitFcb(const GvFcbInitialState& state, bool isRootDir, Fcb** result)
 {
     GvBlock<Fcb> fcb(GvAllocate<Fcb>(NonPagedPool));
-    if (!fcb) {
-        GV_TRACE(GvTraceError, "out-of-mem\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!fcb) return GV_REFUSE(STATUS_INSUFFICIENT_RESOURCES, "out-of-mem\n");
     fcb->Header.NodeTypeCode = GvFcbNodeType;
     fcb->Header.NodeByteSize = sizeof(Fcb);
     fcb->Header.FileSize.QuadPart = state.FileSize;
-    if (const NTSTATUS status = InitResources(fcb.Get()); !NT_SUCCESS(status)) return status;
+    GV_TRY(InitResources(fcb.Get()));
 
     if (state.Parent) GvFcbAddReference(state.Parent);
     fcb->ParentFcb = state.Parent;
@@ -101,10 +89,8 @@ NTSTATUS GvFcbFreeFcb(Fcb* fcb)
 void ClosePluginFd(IrpContext* context, Fcb* fcb)
 {
     if (fcb->PluginFdClosed) return;
-    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, Close, GvHandleOf(fcb));
+    const NTSTATUS status = GvCloseObjectHandle(context, fcb);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvFcbDerefFcbAndParentChain", "Close", status);
-    GvStore(fcb->PluginFdClosed, 1);
-    GvStore(fcb->PluginFd, 0);
 }
 
 } // namespace
@@ -130,12 +116,8 @@ NTSTATUS GvFcbCreateNewFcb(FcbTables* tables, PCUNICODE_STRING path, const GvFcb
 {
     const bool isRootDir = state.Type == GvDirectory && GvUtlIsRootPath(path);
     Fcb* fcb;
-    NTSTATUS status = GvFcbAllocAndInitFcb(state, isRootDir, &fcb);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvFcbAllocAndInitFcb", status);
-        return status;
-    }
-    status = GvTreeAddEntry(tables->NameTree, path, &fcb->TreeEntry);
+    GV_TRY_TRACED("GvFcbAllocAndInitFcb", GvFcbAllocAndInitFcb(state, isRootDir, &fcb));
+    const NTSTATUS status = GvTreeAddEntry(tables->NameTree, path, &fcb->TreeEntry);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED("GvTreeAddEntry", status);
         GvFcbFreeFcb(fcb);

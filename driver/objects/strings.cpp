@@ -21,10 +21,8 @@ PUNICODE_STRING GvUtlAllocUnicodeString(POOL_TYPE pool, ULONG capacity)
 
 NTSTATUS GvUtlUniStrRChr(PCUNICODE_STRING text, WCHAR character, USHORT* index)
 {
-    if (text->Length < sizeof(WCHAR)) {
-        GV_TRACE(GvTraceError, "invalid parameter, str-len: %d\n", text->Length);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (text->Length < sizeof(WCHAR))
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "invalid parameter, str-len: %d\n", text->Length);
     for (USHORT i = text->Length / sizeof(WCHAR); i-- > 0;) {
         if (text->Buffer[i] != character) continue;
         *index = i;
@@ -82,21 +80,42 @@ bool HasWholeComponent(const WCHAR* path, const WCHAR* component)
 
 NTSTATUS GvUtlDoesPathHaveComponent(PCUNICODE_STRING path, const WCHAR* component, bool* found)
 {
-    if (path->Length == 0 || path->Length % sizeof(WCHAR) != 0 || path->Buffer[0] != L'\\') {
-        GV_TRACE(GvTraceError, "ERR: illegal path\n");
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (!*component || HasBackslash(component)) {
-        GV_TRACE(GvTraceError, "ERR: illegal component: '%S'\n", component);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (path->Length == 0 || path->Length % sizeof(WCHAR) != 0 || path->Buffer[0] != L'\\')
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "ERR: illegal path\n");
+    if (!*component || HasBackslash(component))
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "ERR: illegal component: '%S'\n", component);
     // Zeroed, so the copy is terminated.
     const GvBlock<WCHAR> copy(static_cast<WCHAR*>(GvAllocate(PagedPool, path->Length + sizeof(WCHAR))));
-    if (!copy) {
-        GV_TRACE(GvTraceError, "out-of-memory\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!copy) return GV_REFUSE(STATUS_INSUFFICIENT_RESOURCES, "out-of-memory\n");
     RtlCopyMemory(copy.Get(), path->Buffer, path->Length);
     *found = HasWholeComponent(copy.Get(), component);
     return STATUS_SUCCESS;
+}
+
+NTSTATUS GvEnsurePathCharsAreLegal(PCUNICODE_STRING path)
+{
+    for (ULONG i = 0; i < path->Length / sizeof(WCHAR); ++i) {
+        const WCHAR character = path->Buffer[i];
+        if (character >= 0x80 || character == L'\\') continue;
+        if (FsRtlLegalAnsiCharacterArray[character] & FSRTL_NTFS_LEGAL) continue;
+        return GV_REFUSE(STATUS_OBJECT_NAME_INVALID, "FsRtlIsAnsiCharacterLegalNtfs(): failed, char: 0x%x\n",
+                         character);
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS GvCheckLeaf(PCUNICODE_STRING leaf)
+{
+    const ULONG length = leaf->Length / sizeof(WCHAR);
+    bool dots = length == 1 || length == 2;
+    bool separator = length == 0 || leaf->Length % sizeof(WCHAR) != 0;
+    for (ULONG i = 0; i < length; ++i) {
+        dots &= leaf->Buffer[i] == L'.';
+        separator |= leaf->Buffer[i] == L'\\';
+    }
+    if (dots) return GV_REFUSE(STATUS_OBJECT_PATH_SYNTAX_BAD, "ERR: the new name is '.' or '..'\n");
+    if (separator) return GV_REFUSE(STATUS_OBJECT_NAME_INVALID, "ERR: the new name is not one component\n");
+    const NTSTATUS status = GvEnsurePathCharsAreLegal(leaf);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvEnsurePathCharsAreLegal", status);
+    return status;
 }

@@ -10,10 +10,7 @@
 NTSTATUS GvTreeInit(GvTree** result)
 {
     auto* const tree = GvAllocate<GvTree>(NonPagedPool);
-    if (!tree) {
-        GV_TRACE(GvTraceError, "out-of-mem\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!tree) return GV_REFUSE(STATUS_INSUFFICIENT_RESOURCES, "out-of-mem\n");
     RtlInitializeUnicodePrefix(&tree->PrefixTable);
     *result = tree;
     return STATUS_SUCCESS;
@@ -21,10 +18,8 @@ NTSTATUS GvTreeInit(GvTree** result)
 
 NTSTATUS GvTreeDelete(GvTree* tree)
 {
-    if (RtlNextUnicodePrefix(&tree->PrefixTable, TRUE)) {
-        GV_TRACE(GvTraceError, "tree: 0x%x, not empty\n", tree);
-        return STATUS_UNSUCCESSFUL;
-    }
+    if (RtlNextUnicodePrefix(&tree->PrefixTable, TRUE))
+        return GV_REFUSE(STATUS_UNSUCCESSFUL, "tree: 0x%x, not empty\n", tree);
     GvFree(tree);
     return STATUS_SUCCESS;
 }
@@ -57,31 +52,42 @@ PUNICODE_STRING ExchangeKey(GvTreeEntry* entry, PUNICODE_STRING key)
     return old;
 }
 
+void ReplaceKey(GvTreeEntry* entry, PUNICODE_STRING key) { const GvString old(ExchangeKey(entry, key)); }
+
+// The table has no use for the key any more; readers of the name may.
+void Unlink(GvTree* tree, GvTreeEntry* entry)
+{
+    RtlRemoveUnicodePrefix(&tree->PrefixTable, &entry->PrefixEntry);
+    InterlockedDecrement(&tree->Count);
+}
+
 } // namespace
 
 NTSTATUS GvTreeAddEntry(GvTree* tree, PCUNICODE_STRING name, GvTreeEntry* entry)
 {
     GvString key(GvUtlAllocUnicodeString(NonPagedPool, name->Length));
-    if (!key) {
-        GV_TRACE(GvTraceError, "out-of-memory\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!key) return GV_REFUSE(STATUS_INSUFFICIENT_RESOURCES, "out-of-memory\n");
     RtlCopyUnicodeString(key.Get(), name);
-    if (HasName(tree, name) || !RtlInsertUnicodePrefix(&tree->PrefixTable, key.Get(), &entry->PrefixEntry)) {
-        GV_TRACE(GvTraceError, "RtlInsertUnicodePrefix(%wZ): FAILED\n", name);
-        return STATUS_UNSUCCESSFUL;
-    }
-    ExchangeKey(entry, key.Release());
+    if (HasName(tree, name) || !RtlInsertUnicodePrefix(&tree->PrefixTable, key.Get(), &entry->PrefixEntry))
+        return GV_REFUSE(STATUS_UNSUCCESSFUL, "RtlInsertUnicodePrefix(%wZ): FAILED\n", name);
+    ReplaceKey(entry, key.Release());
     InterlockedIncrement(&tree->Count);
     return STATUS_SUCCESS;
 }
 
 NTSTATUS GvTreeRemoveEntryByVal(GvTree* tree, GvTreeEntry* entry)
 {
-    RtlRemoveUnicodePrefix(&tree->PrefixTable, &entry->PrefixEntry);
-    GvFree(ExchangeKey(entry, nullptr));
-    InterlockedDecrement(&tree->Count);
+    Unlink(tree, entry);
+    ReplaceKey(entry, nullptr);
     return STATUS_SUCCESS;
+}
+
+NTSTATUS GvTreeMoveEntry(GvTree* tree, PCUNICODE_STRING name, GvTreeEntry* entry)
+{
+    Unlink(tree, entry);
+    const NTSTATUS status = GvTreeAddEntry(tree, name, entry);
+    if (!NT_SUCCESS(status)) ReplaceKey(entry, nullptr);
+    return status;
 }
 
 namespace {
@@ -129,10 +135,7 @@ NTSTATUS GvTreeGetEntryKey(GvTree*, GvTreeEntry* entry, PUNICODE_STRING* name)
 {
     while (const USHORT length = LengthNow(entry)) {
         GvString copy(GvUtlAllocUnicodeString(NonPagedPool, length)); // filled under a spin lock
-        if (!copy) {
-            GV_TRACE(GvTraceError, "out-of-mem\n");
-            return STATUS_INSUFFICIENT_RESOURCES;
-        }
+        if (!copy) return GV_REFUSE(STATUS_INSUFFICIENT_RESOURCES, "out-of-mem\n");
         if (!CopyKey(entry, copy.Get())) continue;
         *name = copy.Release();
         return STATUS_SUCCESS;

@@ -15,6 +15,12 @@ using GvString = GvBlock<UNICODE_STRING>;
 // Is component one whole component of path? STATUS_INVALID_PARAMETER for a malformed path or component.
 [[nodiscard]] NTSTATUS GvUtlDoesPathHaveComponent(PCUNICODE_STRING path, const WCHAR* component, bool* found);
 
+// STATUS_OBJECT_NAME_INVALID for a character that no name may have; separators pass.
+[[nodiscard]] NTSTATUS GvEnsurePathCharsAreLegal(PCUNICODE_STRING path);
+// May this be the last component of a name? STATUS_OBJECT_NAME_INVALID for none at all, a separator or an illegal
+// character, STATUS_OBJECT_PATH_SYNTAX_BAD for a dot component.
+[[nodiscard]] NTSTATUS GvCheckLeaf(PCUNICODE_STRING leaf);
+
 bool GvUtlEndsInBackslash(PCUNICODE_STRING path);
 // The path is exactly one backslash.
 bool GvUtlIsRootPath(PCUNICODE_STRING path);
@@ -29,19 +35,6 @@ NTSTATUS GvUtlDeleteResource(PERESOURCE resource, GvAllocateResource allocated);
 // A kernel handle, the caller's to close.
 [[nodiscard]] NTSTATUS GvUtlOpenFileWithNoAccess(PUNICODE_STRING path, HANDLE* handle);
 
-// The address at which this code can touch the request's data; null if there is none or it cannot be mapped. Without an
-// MDL it is the caller's own address, unprobed.
-[[nodiscard]] void* GvUtlMapBufferForIo(PIRP irp);
-
-// The same, probed for the access (IoReadAccess or IoWriteAccess) when it is a user-mode caller's own address; one that
-// came through a worker is a system address. STATUS_ACCESS_VIOLATION for a bad one, STATUS_UNSUCCESSFUL for none; the
-// caller traces both.
-[[nodiscard]] NTSTATUS GvUtlMapProbedBuffer(PIRP irp, ULONG length, LOCK_OPERATION access, void** buffer);
-
-// The directory's entry of that ordinal, with a name that is a counted string. STATUS_NO_MORE_FILES behind the last
-// one, STATUS_UNSUCCESSFUL for a success without an entry. The caller traces.
-[[nodiscard]] NTSTATUS GvReadDirEntryFromPlugin(IrpContext* context, const Fcb* directory, ULONG index,
-                                                GvBlock<PluginDirEntry>* entry);
 // STATUS_SUCCESS if the directory may go, STATUS_DIRECTORY_NOT_EMPTY, STATUS_UNSUCCESSFUL while a child control block
 // lives, or the plugin's failure. Under the directory's lock.
 [[nodiscard]] NTSTATUS GvUtlIsPluginDirEmpty(IrpContext* context, Fcb* fcb);

@@ -2,7 +2,8 @@
 // itself lives on until its close, since the memory manager can keep it referenced. The plugin hears nothing, unless
 // this was the last handle of an object that is to be deleted.
 
-#include "frame/requests.h"
+#include "teardown/teardown.h"
+
 #include "frame/resource.h"
 #include "frame/trace.h"
 #include "objects/util.h"
@@ -28,10 +29,8 @@ bool IsTimeToDelete(const Fcb* fcb) { return GvLoad(fcb->DeletePending) && GvLoa
                                          GvHeldResource* lock)
 {
     lock->Release();
-    NTSTATUS status = volumeLock->Exclusive(&context->Vcb->Resource);
-    if (!NT_SUCCESS(status)) return status;
-    status = lock->Exclusive(fcb->Header.Resource);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(volumeLock->Exclusive(&context->Vcb->Resource));
+    GV_TRY(lock->Exclusive(fcb->Header.Resource));
     if (!IsTimeToDelete(fcb)) return STATUS_SUCCESS;
     const NTSTATUS deleted = GvPerformDeletion(context, fcb);
     if (!NT_SUCCESS(deleted)) GV_TRACE_FAILED_AS("GvDoCleanup", "GvDoFileDelete", deleted);
@@ -43,27 +42,21 @@ bool IsTimeToDelete(const Fcb* fcb) { return GvLoad(fcb->DeletePending) && GvLoa
 NTSTATUS GvDoCleanup(IrpContext* context, GvOutcome*)
 {
     if (KeGetCurrentIrql() != PASSIVE_LEVEL) return STATUS_UNSUCCESSFUL;
-    if (context->IsAsync || !context->IsTopLevel) {
-        GV_TRACE(GvTraceError, "Cleanup async: %d, top-level: %d, err: 0x%x\n", context->IsAsync, context->IsTopLevel,
-                 STATUS_INVALID_PARAMETER);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (context->IsAsync || !context->IsTopLevel)
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "Cleanup async: %d, top-level: %d, err: 0x%x\n", context->IsAsync,
+                         context->IsTopLevel, STATUS_INVALID_PARAMETER);
     const PFILE_OBJECT fileObject = IoGetCurrentIrpStackLocation(context->Irp)->FileObject;
     Fcb* const fcb = GvFcbOf(fileObject);
     Ccb* const ccb = GvCcbOf(fileObject);
     GvHeldResource volumeLock;
     GvHeldResource lock;
-    if (const NTSTATUS status = lock.Exclusive(fcb->Header.Resource); !NT_SUCCESS(status)) return status;
+    GV_TRY(lock.Exclusive(fcb->Header.Resource));
 
     // A lock request that still waits for a worker finds its handle gone, and leaves no lock behind.
     ccb->HandleGone = 1;
     FsRtlFastUnlockAll(&fcb->FileLock, fileObject, IoGetRequestorProcess(context->Irp), nullptr);
     if (ccb->DeleteOnClose) GvStore(fcb->DeletePending, 1); // also while other handles remain
-    if (IsTimeToDelete(fcb)) {
-        if (const NTSTATUS status = DeleteIfStillTime(context, fcb, &volumeLock, &lock); !NT_SUCCESS(status)) {
-            return status;
-        }
-    }
+    if (IsTimeToDelete(fcb)) { GV_TRY(DeleteIfStillTime(context, fcb, &volumeLock, &lock)); }
     if (const ULONG changes = ChangesOf(ccb)) GvUtlReportChange(context->Vcb, fcb, changes, FILE_ACTION_MODIFIED);
     InterlockedDecrement(&fcb->HandleCount);
     IoRemoveShareAccess(fileObject, &fcb->ShareAccess);

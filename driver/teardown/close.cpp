@@ -2,8 +2,9 @@
 // without the volume lock when it is nested in other work: then the holder further up has one more reference, and this
 // one is not the last.
 
+#include "teardown/teardown.h"
+
 #include "frame/context.h"
-#include "frame/requests.h"
 #include "frame/resource.h"
 #include "frame/trace.h"
 #include "objects/ccb.h"
@@ -38,10 +39,9 @@ NTSTATUS DeleteCcb(Ccb* ccb)
 
 NTSTATUS RefuseFinalClose(PFILE_OBJECT fileObject)
 {
-    GV_TRACE_AS("GvDoClose", GvTraceError,
-                "ERROR: non-top-level final close on FO: 0x%x, there should be one more ref on this FCB!!\n",
-                fileObject);
-    return STATUS_UNSUCCESSFUL;
+    return GV_REFUSE_AS("GvDoClose", STATUS_UNSUCCESSFUL,
+                        "ERROR: non-top-level final close on FO: 0x%x, there should be one more ref on this FCB!!\n",
+                        fileObject);
 }
 
 // Under no lock. Two nested closes can both have found a reference to spare, so each takes its own in one step with
@@ -93,9 +93,7 @@ NTSTATUS GvDoClose(IrpContext* context, GvOutcome*)
 
     const ClosePin pin(context->DeviceObject);
     GvHeldResource lock;
-    if (context->IsTopLevel) {
-        if (const NTSTATUS status = lock.Exclusive(&context->Vcb->Resource); !NT_SUCCESS(status)) return status;
-    }
+    if (context->IsTopLevel) { GV_TRY(lock.Exclusive(&context->Vcb->Resource)); }
     return isVolume ? ReleaseVolumeOpen(fcb, GvCcbOf(fileObject))
                     : ReleaseFileObject(context, fcb, GvCcbOf(fileObject));
 }

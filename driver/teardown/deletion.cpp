@@ -4,8 +4,8 @@
 
 #include "teardown/deletion.h"
 
-#include "fileinfo/plugininfo.h"
-#include "frame/plugincall.h"
+#include "plugin/operations.h"
+#include "plugin/call.h"
 #include "frame/resource.h"
 #include "objects/fcb.h"
 #include "objects/util.h"
@@ -16,14 +16,10 @@ namespace {
 [[nodiscard]] NTSTATUS GvMakePluginFileWriteable(IrpContext* context, const Fcb* fcb)
 {
     GvBlock<PluginFileInfo> info;
-    NTSTATUS status = GvGetInfoFromPlugin(context, GvHandleOf(fcb), &info);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GetInfo", status);
-        return status;
-    }
+    GV_TRY_TRACED("GetInfo", GvGetInfoFromPlugin(context, GvHandleOf(fcb), &info));
     if (!(info->FileAttributes & FILE_ATTRIBUTE_READONLY)) return STATUS_SUCCESS;
     const ULONG attributes = info->FileAttributes & ~FILE_ATTRIBUTE_READONLY;
-    status = GV_CALL_PLUGIN(context, fcb, SetAttr, GvHandleOf(fcb), attributes);
+    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, SetAttr, GvHandleOf(fcb), attributes);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED("SetAttr", status);
     return status;
 }
@@ -33,10 +29,7 @@ constexpr char kName[] = "GvPerformDeletion";
 [[nodiscard]] NTSTATUS PrepareToDelete(IrpContext* context, Fcb* fcb)
 {
     if (fcb->FcbType == GvDirectory) {
-        if (const NTSTATUS status = GvUtlIsPluginDirEmpty(context, fcb); !NT_SUCCESS(status)) {
-            GV_TRACE_FAILED_AS(kName, "GvIsPluginDirEmpty", status);
-            return status;
-        }
+        GV_TRY_TRACED_AS(kName, "GvIsPluginDirEmpty", GvUtlIsPluginDirEmpty(context, fcb));
     }
     if (fcb->MaxAllowedAccess & GVND_ACCESS_WRITE) return STATUS_SUCCESS;
     const NTSTATUS status = GvMakePluginFileWriteable(context, fcb);
@@ -48,9 +41,7 @@ constexpr char kName[] = "GvPerformDeletion";
 [[nodiscard]] NTSTATUS ClosePluginFd(IrpContext* context, Fcb* fcb)
 {
     const GvHandleSwitch closing(fcb);
-    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, Close, GvHandleOf(fcb));
-    GvStore(fcb->PluginFdClosed, 1);
-    GvStore(fcb->PluginFd, 0);
+    const NTSTATUS status = GvCloseObjectHandle(context, fcb);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "Close", status);
     return status;
 }
@@ -72,21 +63,15 @@ NTSTATUS GvPerformDeletion(IrpContext* context, Fcb* fcb)
     GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     GV_ASSERT_HELD_EXCLUSIVE(fcb->Header.Resource);
     GvString path; // taken now: a deleted object has no name any more
-    NTSTATUS status = GvFcbGetName(context->Vcb->FcbTables, fcb, path.Out());
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvFcbGetName", status);
-        return status;
-    }
-    status = PrepareToDelete(context, fcb);
-    if (!NT_SUCCESS(status)) return status;
-    status = ClosePluginFd(context, fcb);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY_TRACED("GvFcbGetName", GvFcbGetName(context->Vcb->FcbTables, fcb, path.Out()));
+    GV_TRY(PrepareToDelete(context, fcb));
+    GV_TRY(ClosePluginFd(context, fcb));
     GvUtlReportChange(context->Vcb, fcb,
                       fcb->FcbType == GvFile ? FILE_NOTIFY_CHANGE_FILE_NAME : FILE_NOTIFY_CHANGE_DIR_NAME,
                       FILE_ACTION_REMOVED);
     GvStore(fcb->Deleted, 1);
     DeleteOnPlugin(context, fcb, path.Get());
-    status = GvFcbMarkFcbAsDeleted(context, fcb);
+    const NTSTATUS status = GvFcbMarkFcbAsDeleted(context, fcb);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvFcbMarkFcbAsDeleted", status);
     return status;
 }

@@ -1,8 +1,9 @@
 // IRP_MJ_SET_VOLUME_INFORMATION: the label, which goes straight to the plugin. Through a handle of the volume itself,
 // under Vcb.Resource, exclusive.
 
-#include "frame/plugincall.h"
-#include "frame/requests.h"
+#include "volinfo/volinfo.h"
+
+#include "plugin/call.h"
 #include "frame/resource.h"
 
 namespace {
@@ -30,9 +31,8 @@ constexpr char kName[] = "GvDoSetVolInfo";
 [[nodiscard]] NTSTATUS SetLabel(IrpContext* context, const Fcb* fcb, PCUNICODE_STRING label)
 {
     GvHeldResource lock;
-    NTSTATUS status = lock.Exclusive(&context->Vcb->Resource);
-    if (!NT_SUCCESS(status)) return status;
-    status = GV_CALL_PLUGIN(context, fcb, SetVolLabel, label);
+    GV_TRY(lock.Exclusive(&context->Vcb->Resource));
+    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, SetVolLabel, label);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "SetVolLabel", status);
     return status;
 }
@@ -42,16 +42,12 @@ constexpr char kName[] = "GvDoSetVolInfo";
 NTSTATUS GvDoSetVolInfo(IrpContext* context, GvOutcome*)
 {
     if (KeGetCurrentIrql() != PASSIVE_LEVEL) return STATUS_UNSUCCESSFUL;
-    if (!context->IsTopLevel) {
-        GV_TRACE(GvTraceError, "ERR: set vol info not top-level request\n");
-        return STATUS_UNSUCCESSFUL;
-    }
+    if (!context->IsTopLevel) return GV_REFUSE(STATUS_UNSUCCESSFUL, "ERR: set vol info not top-level request\n");
     const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
     const Fcb* const fcb = GvFcbOf(stack->FileObject);
-    if (fcb->FcbType != GvVolume) {
-        GV_TRACE(GvTraceError, "rejecting set-info on fcb-type: %d, err: 0x%x\n", fcb->FcbType, STATUS_ACCESS_DENIED);
-        return STATUS_ACCESS_DENIED;
-    }
+    if (fcb->FcbType != GvVolume)
+        return GV_REFUSE(STATUS_ACCESS_DENIED, "rejecting set-info on fcb-type: %d, err: 0x%x\n", fcb->FcbType,
+                         STATUS_ACCESS_DENIED);
     if (context->IsAsync) return GvPendIrpContext(context);
 
     const FS_INFORMATION_CLASS requested = stack->Parameters.SetVolume.FsInformationClass;
@@ -60,6 +56,6 @@ NTSTATUS GvDoSetVolInfo(IrpContext* context, GvOutcome*)
         return STATUS_NOT_SUPPORTED;
     }
     UNICODE_STRING label;
-    if (const NTSTATUS status = LabelOf(context->Irp, &label); !NT_SUCCESS(status)) return status;
+    GV_TRY(LabelOf(context->Irp, &label));
     return SetLabel(context, fcb, &label);
 }

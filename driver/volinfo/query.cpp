@@ -1,9 +1,10 @@
 // IRP_MJ_QUERY_VOLUME_INFORMATION. What is true of the contents comes from the plugin at each query, and so every
 // class, also one that is answered from constants, needs a plugin that answers. Under Vcb.Resource, shared.
 
-#include "frame/plugincall.h"
+#include "volinfo/volinfo.h"
+
+#include "plugin/call.h"
 #include "frame/pool.h"
-#include "frame/requests.h"
 #include "frame/resource.h"
 
 namespace {
@@ -115,11 +116,10 @@ constexpr VolumeClass kClasses[] = {
         GV_TRACE_FAILED_AS(kName, "GetVolInfo", status);
         return status;
     }
-    if ((*record)->BytesPerSector != kSectorSize) {
-        GV_TRACE_AS(kName, GvTraceError, "ERR: plugin GetVolInfo()->sector_size %d != mount sector-size %d\n",
-                    (*record)->BytesPerSector, kSectorSize);
-        return STATUS_INVALID_PARAMETER;
-    }
+    if ((*record)->BytesPerSector != kSectorSize)
+        return GV_REFUSE_AS(kName, STATUS_INVALID_PARAMETER,
+                            "ERR: plugin GetVolInfo()->sector_size %d != mount sector-size %d\n",
+                            (*record)->BytesPerSector, kSectorSize);
     return STATUS_SUCCESS;
 }
 
@@ -128,19 +128,14 @@ constexpr VolumeClass kClasses[] = {
 NTSTATUS GvDoQueryVolInfo(IrpContext* context, GvOutcome* outcome)
 {
     if (KeGetCurrentIrql() != PASSIVE_LEVEL) return STATUS_UNSUCCESSFUL;
-    if (!context->IsTopLevel) {
-        GV_TRACE(GvTraceError, "ERR: query vol info not top-level request\n");
-        return STATUS_UNSUCCESSFUL;
-    }
+    if (!context->IsTopLevel) return GV_REFUSE(STATUS_UNSUCCESSFUL, "ERR: query vol info not top-level request\n");
     if (context->IsAsync) return GvPendIrpContext(context);
 
     const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
     GvHeldResource lock;
-    NTSTATUS status = lock.Shared(&context->Vcb->Resource);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(lock.Shared(&context->Vcb->Resource));
     GvBlock<PluginVolInfo> record;
-    status = GetVolumeRecord(context, GvFcbOf(stack->FileObject), &record);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(GetVolumeRecord(context, GvFcbOf(stack->FileObject), &record));
     const VolumeQuery query = {
         .Device = stack->DeviceObject,
         .Record = record.Get(),

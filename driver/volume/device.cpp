@@ -1,9 +1,9 @@
 // Making a device together with its symbolic link.
 
-#include "volume/control.h"
+#include "volume/device.h"
 
 #include "frame/trace.h"
-#include "volume/secure.h"
+#include "secure/secure.h"
 
 namespace {
 
@@ -35,10 +35,9 @@ NTSTATUS GvUtlCreateDevAndSymLink(const GvDeviceParameters& parameters, PDEVICE_
     UNICODE_STRING deviceName = parameters.DeviceName;
     UNICODE_STRING linkName = parameters.LinkName;
     PDEVICE_OBJECT device = nullptr;
-    NTSTATUS status = parameters.SecurityString ? CreateSecureDevice(parameters, &deviceName, &device)
-                                                : CreateOpenDevice(parameters, &deviceName, &device);
-    if (!NT_SUCCESS(status)) return status;
-    status = IoCreateSymbolicLink(&linkName, &deviceName);
+    GV_TRY(parameters.SecurityString ? CreateSecureDevice(parameters, &deviceName, &device)
+                                     : CreateOpenDevice(parameters, &deviceName, &device));
+    const NTSTATUS status = IoCreateSymbolicLink(&linkName, &deviceName);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED("IoCreateSymbolicLink", status);
         IoDeleteDevice(device);

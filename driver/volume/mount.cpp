@@ -4,10 +4,11 @@
 #include "frame/driver.h"
 #include "frame/guard.h"
 #include "frame/handle.h"
-#include "frame/plugincall.h"
+#include "frame/objecttype.h"
+#include "plugin/call.h"
 #include "objects/fcb.h"
 #include "objects/util.h"
-#include "volume/control.h"
+#include "volume/device.h"
 #include "volume/volume.h"
 #include "volume/workers.h"
 
@@ -54,10 +55,7 @@ private:
 NTSTATUS MountAttempt::CopyLinkName(PCUNICODE_STRING linkName)
 {
     linkName_.Reset(GvUtlAllocUnicodeString(PagedPool, linkName->Length));
-    if (!linkName_) {
-        GV_TRACE_AS("GvMount", GvTraceError, "out-of-mem\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!linkName_) return GV_REFUSE_AS("GvMount", STATUS_INSUFFICIENT_RESOURCES, "out-of-mem\n");
     RtlCopyUnicodeString(linkName_.Get(), linkName);
     return STATUS_SUCCESS;
 }
@@ -87,17 +85,11 @@ NTSTATUS MountAttempt::CreateDevice(PUNICODE_STRING deviceName, PUNICODE_STRING 
 NTSTATUS MountAttempt::HoldBackingObject(PUNICODE_STRING path)
 {
     GvOwnedHandle handle;
-    NTSTATUS status = GvUtlOpenFileWithNoAccess(path, handle.Out());
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS("GvMount", "GvUtlOpenFileWithNoAccess", status);
-        return status;
-    }
+    GV_TRY_TRACED_AS("GvMount", "GvUtlOpenFileWithNoAccess", GvUtlOpenFileWithNoAccess(path, handle.Out()));
     PVOID object = nullptr;
-    status = ObReferenceObjectByHandle(handle.Get(), 0, *IoFileObjectType, KernelMode, &object, nullptr);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS("GvMount", "ObReferenceObjectByHandle", status);
-        return status;
-    }
+    GV_TRY_TRACED_AS(
+        "GvMount", "ObReferenceObjectByHandle",
+        ObReferenceObjectByHandle(handle.Get(), 0, GvObjectType(IoFileObjectType), KernelMode, &object, nullptr));
     vcb_->BackingFileObject = static_cast<PFILE_OBJECT>(object);
     return STATUS_SUCCESS;
 }
@@ -107,17 +99,10 @@ NTSTATUS MountAttempt::InitState(const PluginOps* operations) GV_NO_ANALYSIS
 {
     vcb_->PluginOps = operations;
     PERESOURCE resource = &vcb_->Resource;
-    NTSTATUS status = GvUtlAllocAndInitResource(&resource, GvAllocateResource::No);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS("GvMount", "GvUtlAllocAndInitResource", status);
-        return status;
-    }
+    GV_TRY_TRACED_AS("GvMount", "GvUtlAllocAndInitResource",
+                     GvUtlAllocAndInitResource(&resource, GvAllocateResource::No));
     resourceReady_ = true;
-    status = GvFcbInit(&vcb_->FcbTables);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS("GvMount", "GvFcbInit", status);
-        return status;
-    }
+    GV_TRY_TRACED_AS("GvMount", "GvFcbInit", GvFcbInit(&vcb_->FcbTables));
     KeInitializeSpinLock(&vcb_->PinLock.Lock);
     for (LIST_ENTRY& list : vcb_->PendedList) InitializeListHead(&list);
     InitializeListHead(&vcb_->ActiveList);
@@ -129,11 +114,8 @@ NTSTATUS MountAttempt::InitState(const PluginOps* operations) GV_NO_ANALYSIS
 
 NTSTATUS MountAttempt::StartWorkers()
 {
-    const NTSTATUS status = FspStartWorkerThreads(vcb_, &vcb_->StopEvent, GvVcbThreadPoolSize, &vcb_->WorkerThreads);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS("GvMount", "FspStartWorkerThread", status);
-        return status;
-    }
+    GV_TRY_TRACED_AS("GvMount", "FspStartWorkerThread",
+                     FspStartWorkerThreads(vcb_, &vcb_->StopEvent, GvVcbThreadPoolSize, &vcb_->WorkerThreads));
     vcb_->WorkerCount = GvVcbThreadPoolSize;
     return STATUS_SUCCESS;
 }
@@ -212,20 +194,12 @@ NTSTATUS NTAPI GvMount(PUNICODE_STRING backingPath, PUNICODE_STRING deviceName, 
                        PUNICODE_STRING securityString, const PluginOps* operations, PDEVICE_OBJECT* device)
 {
     if (KeGetCurrentIrql() != PASSIVE_LEVEL) return STATUS_UNSUCCESSFUL;
-    if (!backingPath || !deviceName || !linkName || !operations || !device) {
-        GV_TRACE(GvTraceError, "bad params\n");
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (const NTSTATUS status = GvCheckPluginOpsVersion(operations); !NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvCheckPluginOpsVersion", status);
-        return status;
-    }
+    if (!backingPath || !deviceName || !linkName || !operations || !device)
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "bad params\n");
+    GV_TRY_TRACED("GvCheckPluginOpsVersion", GvCheckPluginOpsVersion(operations));
     MountAttempt attempt(device);
-    if (const NTSTATUS status = attempt.CopyLinkName(linkName); !NT_SUCCESS(status)) return status;
-    if (const NTSTATUS status = PrepareVolume(&attempt, backingPath, deviceName, securityString, operations);
-        !NT_SUCCESS(status)) {
-        return status;
-    }
+    GV_TRY(attempt.CopyLinkName(linkName));
+    GV_TRY(PrepareVolume(&attempt, backingPath, deviceName, securityString, operations));
     Vcb* const vcb = attempt.Vcb();
     attempt.Commit();
     ObReferenceObject(*device); // given back by the unmount request

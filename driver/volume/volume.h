@@ -5,6 +5,9 @@
 
 #include "frame/records.h"
 
+// Constant; fetched by plugins with IOCTL_GVND_GET_SERVICE_TABLE.
+extern const GvServices GvServiceTable;
+
 // The two services of the table; include/gvnd/plugin.h says what they take.
 NTSTATUS NTAPI GvMount(PUNICODE_STRING backingPath, PUNICODE_STRING deviceName, PUNICODE_STRING linkName,
                        PUNICODE_STRING securityString, const PluginOps* operations, PDEVICE_OBJECT* device);

@@ -4,11 +4,13 @@
 
 #include "volume/workers.h"
 
+#include "frame/complete.h"
 #include "frame/context.h"
-#include "frame/driver.h"
 #include "frame/handle.h"
+#include "frame/objecttype.h"
 #include "frame/pool.h"
-#include "frame/requests.h"
+#include "frame/row.h"
+#include "frame/toplevel.h"
 #include "frame/trace.h"
 
 namespace {
@@ -25,12 +27,12 @@ IrpContext* GvMovePendedIrpContextToWorkQueue(Vcb* vcb, GvLane lane)
 
 NTSTATUS ServePended(IrpContext* context, GvOutcome* outcome)
 {
-    const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
-    const GvDispatchRow* const row = GvRowOf(stack->MajorFunction);
-    if (!row || !row->MayPend) {
-        GV_TRACE_AS("FspDispatchPendedIrp", GvTraceError, "irp: mj: 0x%x, mn: 0x%x is not supported by FSP\n",
-                    stack->MajorFunction, stack->MinorFunction);
-        return STATUS_NOT_SUPPORTED;
+    const GvDispatchRow* const row = context->Row;
+    if (!row->MayPend) {
+        const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
+        return GV_REFUSE_AS("FspDispatchPendedIrp", STATUS_NOT_SUPPORTED,
+                            "irp: mj: 0x%x, mn: 0x%x is not supported by FSP\n", stack->MajorFunction,
+                            stack->MinorFunction);
     }
     const NTSTATUS status = row->Inner(context, outcome);
     if (!row->YieldsInformation) outcome->Information = 0;
@@ -127,7 +129,8 @@ VOID NTAPI FspWorkerThread(PVOID startContext)
 [[nodiscard]] NTSTATUS WaitForEnd(HANDLE handle)
 {
     PVOID thread;
-    NTSTATUS status = ObReferenceObjectByHandle(handle, SYNCHRONIZE, *PsThreadType, KernelMode, &thread, nullptr);
+    NTSTATUS status =
+        ObReferenceObjectByHandle(handle, SYNCHRONIZE, GvObjectType(PsThreadType), KernelMode, &thread, nullptr);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED_AS("FspStopWorkerThreads", "ObReferenceObjectByHandle", status);
         return status;
@@ -145,10 +148,7 @@ NTSTATUS FspStartWorkerThreads(Vcb* vcb, PKEVENT stopEvent, ULONG count, HANDLE*
 {
     const ULONG all = count + GvReservedWorkers;
     GvBlock<HANDLE> threads(static_cast<HANDLE*>(GvAllocate(NonPagedPool, all * sizeof(HANDLE))));
-    if (!threads) {
-        GV_TRACE(GvTraceError, "out-of-memory\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!threads) return GV_REFUSE(STATUS_INSUFFICIENT_RESOURCES, "out-of-memory\n");
     for (UCHAR lane = 0; lane < GvLaneCount; ++lane) vcb->WorkerStart[lane] = {vcb, static_cast<GvLane>(lane)};
     for (ULONG i = 0; i < all; ++i) {
         const ULONG lane = i < count ? GvLaneOrdinary : 1 + i - count;

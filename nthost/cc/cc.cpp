@@ -40,7 +40,11 @@ BOOLEAN NTAPI CcPurgeCacheSection(PSECTION_OBJECT_POINTERS pointers, PLARGE_INTE
     return !area || PurgeRange(area.Get(), RangeOf(area.Get(), offset, length));
 }
 
-BOOLEAN NTAPI CcUninitializeCacheMap(PFILE_OBJECT, PLARGE_INTEGER, PCACHE_UNINITIALIZE_EVENT) { return TRUE; }
+BOOLEAN NTAPI CcUninitializeCacheMap(PFILE_OBJECT, PLARGE_INTEGER, PCACHE_UNINITIALIZE_EVENT event)
+{
+    if (event) KeSetEvent(&event->Event, IO_NO_INCREMENT, FALSE); // there is no map whose end could be waited for
+    return TRUE;
+}
 
 BOOLEAN NTAPI MmFlushImageSection(PSECTION_OBJECT_POINTERS pointers, MMFLUSH_TYPE type)
 {

@@ -16,7 +16,8 @@ struct Armed {
     const FaultPlan* Plan;
     std::string Routine;
     unsigned Nth;
-    bool Repeat;
+    Repeat Repeats;
+    Closings OfClosings;
     unsigned Calls;
     unsigned Injected;
 };
@@ -34,7 +35,7 @@ Armed* Find(const FaultPlan* plan)
 bool CountCall(Armed& armed)
 {
     ++armed.Calls;
-    const bool fails = armed.Repeat ? armed.Calls >= armed.Nth : armed.Calls == armed.Nth;
+    const bool fails = armed.Repeats == Repeat::Yes ? armed.Calls >= armed.Nth : armed.Calls == armed.Nth;
     armed.Injected += fails;
     return fails;
 }
@@ -46,18 +47,19 @@ std::atomic<bool> detail::anyFaultArmed;
 bool detail::CountForFaults(const char* routine)
 {
     const _ETHREAD* const thread = ke::CurrentThreadOrNull();
-    if (!thread || !thread->DriverDepth || thread->Closing) return false;
+    if (!thread || !thread->DriverDepth) return false;
     std::lock_guard lock(plansLock);
     bool fails = false;
     for (Armed& armed : plans)
-        if (armed.Routine == routine) fails |= CountCall(armed);
+        if (armed.Routine == routine && (!thread->Closing || armed.OfClosings == Closings::Counted))
+            fails |= CountCall(armed);
     return fails;
 }
 
-FaultPlan::FaultPlan(std::string routine, unsigned n, bool repeat)
+FaultPlan::FaultPlan(std::string routine, unsigned n, Repeat repeat, Closings closings)
 {
     std::lock_guard lock(plansLock);
-    plans.push_back({this, std::move(routine), n, repeat, 0, 0});
+    plans.push_back({this, std::move(routine), n, repeat, closings, 0, 0});
     detail::anyFaultArmed = true;
 }
 

@@ -129,17 +129,19 @@ void Unlink(BlockHeader* header)
     header->Shard->LiveBytes -= header->Size;
 }
 
-void* Allocate(ULONG type, SIZE_T size, ULONG tag)
+enum class For { Caller, Host };
+
+void* Allocate(ULONG type, SIZE_T size, ULONG tag, For whom)
 {
-    if (FaultInjected("ExAllocatePoolWithTag")) return nullptr;
     BlockHeader* const header = AllocateChunk(size);
     if (!header) return nullptr;
     const _ETHREAD* const thread = ke::CurrentThreadOrNull();
+    const bool counts = whom == For::Caller;
     header->Size = size;
-    header->Serial = allocations.fetch_add(1, std::memory_order_relaxed) + 1;
+    header->Serial = counts ? allocations.fetch_add(1, std::memory_order_relaxed) + 1 : 0;
     header->Tag = tag;
     header->Type = IsPaged(type) ? PagedPool : NonPagedPool;
-    header->FromDriver = thread && thread->DriverDepth;
+    header->FromDriver = counts && thread && thread->DriverDepth;
     header->Magic = kLiveMagic;
 #if NTHOST_CHECKS
     CaptureStack(header->Stack);
@@ -171,6 +173,8 @@ PoolShard* Shards()
     return shards;
 }
 
+void* AllocateForHost(POOL_TYPE type, SIZE_T size, ULONG tag) { return Allocate(type, size, tag, For::Host); }
+
 uint64_t Allocations() { return allocations.load(std::memory_order_relaxed); }
 
 } // namespace nthost::ex
@@ -182,7 +186,8 @@ PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULON
 {
     const ULONG type = PoolType;
     if (NTHOST_CHECKS) CheckIrql("pool allocation", IsPaged(type));
-    void* const block = Allocate(type, NumberOfBytes, Tag);
+    const bool fails = FaultInjected("ExAllocatePoolWithTag");
+    void* const block = fails ? nullptr : Allocate(type, NumberOfBytes, Tag, For::Caller);
     if (!block && (type & POOL_RAISE_IF_ALLOCATION_FAILURE)) ExRaiseStatus(STATUS_INSUFFICIENT_RESOURCES);
     return block;
 }

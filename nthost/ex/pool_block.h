@@ -35,7 +35,7 @@ struct alignas(16) BlockHeader {
     PoolShard* Shard;
     void* Chunk; // what the host gave
     SIZE_T Size;
-    uint64_t Serial;
+    uint64_t Serial; // 0: the host's
     ULONG Tag;
     POOL_TYPE Type;
     bool FromDriver;
@@ -57,6 +57,10 @@ struct alignas(64) PoolShard {
     uint64_t LiveBlocks = 0;
     uint64_t LiveBytes = 0;
 };
+
+// For what belongs to an object of the host, but may be freed by a driver: it is no driver's cost or leak, and never
+// fails on demand. Freed like any other block.
+void* AllocateForHost(POOL_TYPE type, SIZE_T size, ULONG tag);
 
 constexpr unsigned kShards = 16;
 PoolShard* Shards();

@@ -24,7 +24,9 @@ constexpr LegalTable BuildLegalTable()
     SetLegal(table, "+,;=[]", kEverywhere & ~FSRTL_FAT_LEGAL);
     SetLegal(table, "*?<>\"", FSRTL_WILD_CHARACTER | FSRTL_OLE_LEGAL);
     SetLegal(table, "|", FSRTL_OLE_LEGAL);
-    SetLegal(table, std::string_view("\0/:\\", 4), 0);
+    SetLegal(table, "!.", kEverywhere & ~FSRTL_OLE_LEGAL);
+    SetLegal(table, ":", FSRTL_NTFS_LEGAL); // between a file's name and a stream's
+    SetLegal(table, std::string_view("\0/\\", 3), 0);
     return table;
 }
 

@@ -49,6 +49,15 @@ void TraceEnd(PIRP irp)
     trace->Ended.store(1, std::memory_order_release);
 }
 
+// What the lower driver was told is gone when the upper one looks; what its own routine was set with is not.
+void ClearLocation(PIO_STACK_LOCATION location)
+{
+    location->MinorFunction = location->Flags = 0;
+    location->Parameters.Others = {};
+    location->FileObject = nullptr;
+    __atomic_store_n(&location->Control, 0, __ATOMIC_RELEASE); // its dispatch routine's return may be looking
+}
+
 bool WantsToKnow(PIRP irp, const IO_STACK_LOCATION* below)
 {
     if (!below->CompletionRoutine) return false;
@@ -88,8 +97,10 @@ DispatchCall BeginDispatch(PIRP irp)
 
 const char* BrokenRule(const DispatchCall& call, NTSTATUS returned)
 {
+    // The mark first: a completion on another thread takes it from the location after it has noted it and said so.
+    const UCHAR control = __atomic_load_n(&call.Location->Control, __ATOMIC_ACQUIRE);
     const bool ended = call.Trace->Ended.load(std::memory_order_acquire);
-    const bool marked = ended ? call.Trace->MarkedPending : call.Location->Control & SL_PENDING_RETURNED;
+    const bool marked = ended ? call.Trace->MarkedPending : control & SL_PENDING_RETURNED;
     if (returned == STATUS_PENDING) return marked ? nullptr : "irp-pending-not-marked";
     if (marked) return "irp-pending-not-returned";
     if (!ended) return "irp-not-completed";
@@ -167,7 +178,9 @@ VOID FASTCALL IofCompleteRequest(PIRP Irp, CCHAR)
         IoSkipCurrentIrpStackLocation(Irp);
         if (Irp->CurrentLocation <= Irp->StackCount)
             RecordOf(Irp)->Device.store(IoGetCurrentIrpStackLocation(Irp)->DeviceObject, std::memory_order_relaxed);
-        if (WantsToKnow(Irp, below)) {
+        const bool wantsToKnow = WantsToKnow(Irp, below);
+        ClearLocation(below);
+        if (wantsToKnow) {
             if (CallCompletionRoutine(Irp, below) == STATUS_MORE_PROCESSING_REQUIRED) return;
         } else if (Irp->PendingReturned && Irp->CurrentLocation <= Irp->StackCount) {
             IoMarkIrpPending(Irp);

@@ -3,11 +3,11 @@
 #include "io/file.h"
 
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
 
 #include <nthost/faults.h>
 
+#include "ex/pool_block.h"
 #include "io/device.h"
 #include "io/finish.h"
 #include "io/request.h"
@@ -49,7 +49,7 @@ void DeleteFile(void* body)
         if (!(file->Flags & FO_CLEANUP_COMPLETE)) SendCleanup(file);
         SendClosing(file, IRP_MJ_CLOSE);
     }
-    free(file->FileName.Buffer);
+    if (file->FileName.Buffer) ExFreePoolWithTag(file->FileName.Buffer, 0);
     UncountOpen(file->DeviceObject);
 }
 
@@ -73,6 +73,8 @@ ULONG FlagsOf(ULONG createOptions)
         if (createOptions & row.Option) flags |= row.Flag;
     return flags;
 }
+
+constexpr ULONG kNameTag = 'mNoI'; // IoNm
 
 // A little room, so that a name that changes often finds its memory again.
 USHORT RoomFor(USHORT length)
@@ -115,9 +117,9 @@ bool SetFileName(PFILE_OBJECT file, const WCHAR* name, USHORT length)
     UNICODE_STRING& own = file->FileName;
     if (length > own.MaximumLength) {
         const USHORT room = RoomFor(length);
-        auto* const buffer = static_cast<WCHAR*>(malloc(room));
+        auto* const buffer = static_cast<WCHAR*>(ex::AllocateForHost(PagedPool, room, kNameTag));
         if (!buffer) return false;
-        free(own.Buffer);
+        if (own.Buffer) ExFreePoolWithTag(own.Buffer, 0);
         own.Buffer = buffer;
         own.MaximumLength = room;
     }
@@ -146,8 +148,7 @@ void UnlockFileObject(PFILE_OBJECT file)
 using namespace nthost;
 using namespace nthost::io;
 
-static POBJECT_TYPE fileType = &FileType;
-POBJECT_TYPE* IoFileObjectType = &fileType;
+POBJECT_TYPE IoFileObjectType = &FileType;
 
 NTSTATUS NTAPI IoReplaceFileObjectName(PFILE_OBJECT FileObject, PWSTR NewFileName, USHORT FileNameLength)
 {

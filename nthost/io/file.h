@@ -49,7 +49,7 @@ extern const GENERIC_MAPPING FileMapping;
 // A file object on the device, which the caller has counted for it (CountOpen) and whose count goes with it. Null
 // without memory.
 PFILE_OBJECT NewFileObject(PDEVICE_OBJECT device, ULONG createOptions);
-// The I/O manager owns the name's memory. False without memory.
+// The name's memory is pool, since a driver may free it, or put its own in its place. False without memory.
 [[nodiscard]] bool SetFileName(PFILE_OBJECT file, const WCHAR* name, USHORT length);
 
 // One synchronous request at a time on a file object opened for synchronous I/O.

@@ -27,6 +27,11 @@ enum class Pended { No, Yes };
 void CopyOutput(IrpRecord* record)
 {
     PIRP const irp = &record->Irp;
+    // More would be whatever lies behind the buffer, and go to the caller.
+    if (irp->IoStatus.Information > record->OutputLength)
+        ReportFinding("irp-information-too-long",
+                      Format("irp %p, %llu bytes reported of a buffer of %u", static_cast<void*>(irp),
+                             static_cast<unsigned long long>(irp->IoStatus.Information), record->OutputLength));
     const size_t length = std::min<ULONG_PTR>(irp->IoStatus.Information, record->OutputLength);
     if (length == 0) return;
     const NTSTATUS status =

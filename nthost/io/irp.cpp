@@ -13,6 +13,7 @@
 #include <nthost/faults.h>
 
 #include "check/text.h"
+#include "ke/thread.h"
 #include "ke/word_lock.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -135,6 +136,8 @@ void PreparePacket(IrpRecord* record, CCHAR stackSize)
     irp->CurrentLocation = static_cast<CHAR>(stackSize + 1);
     irp->Tail.Overlay.CurrentStackLocation = reinterpret_cast<PIO_STACK_LOCATION>(irp + 1) + stackSize;
     InitializeListHead(&irp->ThreadListEntry);
+    const _ETHREAD* const thread = ke::CurrentThreadOrNull();
+    irp->ApcEnvironment = thread && thread->ActsFor != thread->Process;
 }
 
 void PrepareRecord(IrpRecord* record)

@@ -2,8 +2,11 @@
 // device is counted as open before it sees the request.
 #include "io/open.h"
 
+#include <atomic>
 #include <cstring>
 #include <string>
+
+#include <nthost/host.h>
 
 #include "io/device.h"
 #include "io/device_security.h"
@@ -18,6 +21,13 @@ namespace nthost::io {
 namespace {
 
 constexpr unsigned MaximumReparses = 32;
+std::atomic<unsigned> g_caseSensitive; // how many CaseSensitiveNames live
+
+bool IsCaseSensitive(const OpenParameters& open)
+{
+    return !(open.Attributes & OBJ_CASE_INSENSITIVE) && g_caseSensitive.load(std::memory_order_relaxed);
+}
+
 constexpr ULONG HasTraversePrivilege = 1; // in ACCESS_STATE.Flags: directories on the way are not checked
 
 ACCESS_STATE NewAccessState(ACCESS_MASK desired)
@@ -76,7 +86,7 @@ PFILE_OBJECT NewFileFor(const OpenParameters& open, const Target& target)
         UncountOpen(target.Device);
         return nullptr;
     }
-    if (!(open.Attributes & OBJ_CASE_INSENSITIVE)) file->Flags |= FO_OPENED_CASE_SENSITIVE;
+    if (IsCaseSensitive(open)) file->Flags |= FO_OPENED_CASE_SENSITIVE;
     if (SetFileName(file, target.Path, target.Length)) return file;
     ObDereferenceObject(file);
     return nullptr;
@@ -85,7 +95,7 @@ PFILE_OBJECT NewFileFor(const OpenParameters& open, const Target& target)
 UCHAR LocationFlagsOf(const OpenParameters& open)
 {
     UCHAR flags = open.LocationFlags;
-    if (!(open.Attributes & OBJ_CASE_INSENSITIVE)) flags |= SL_CASE_SENSITIVE;
+    if (IsCaseSensitive(open)) flags |= SL_CASE_SENSITIVE;
     if (open.Attributes & OBJ_FORCE_ACCESS_CHECK) flags |= SL_FORCE_ACCESS_CHECK;
     return flags;
 }
@@ -142,7 +152,10 @@ NTSTATUS Create(const OpenParameters& open, const Target& target, OpenedFile* op
         ObDereferenceObject(file);
         return status;
     }
-    if (status != STATUS_REPARSE) file->Flags |= FO_FILE_OPEN;
+    if (status != STATUS_REPARSE) {
+        file->Flags |= FO_FILE_OPEN;
+        KeSetEvent(&file->Event, IO_NO_INCREMENT, FALSE); // nothing is out on it
+    }
     opened->File = file;
     opened->Granted = GrantedBy(access);
     return status;
@@ -164,7 +177,7 @@ NTSTATUS ReferenceRelated(HANDLE root, KPROCESSOR_MODE mode, PFILE_OBJECT* relat
     *related = nullptr;
     if (!root) return STATUS_SUCCESS;
     void* object;
-    const NTSTATUS status = ObReferenceObjectByHandle(root, 0, *IoFileObjectType, mode, &object, nullptr);
+    const NTSTATUS status = ObReferenceObjectByHandle(root, 0, IoFileObjectType, mode, &object, nullptr);
     if (NT_SUCCESS(status)) *related = static_cast<PFILE_OBJECT>(object);
     return status;
 }
@@ -191,3 +204,7 @@ NTSTATUS OpenFile(const OpenParameters& open, OpenedFile* opened)
 }
 
 } // namespace nthost::io
+
+nthost::CaseSensitiveNames::CaseSensitiveNames() { ++io::g_caseSensitive; }
+
+nthost::CaseSensitiveNames::~CaseSensitiveNames() { --io::g_caseSensitive; }

@@ -30,7 +30,7 @@ struct OpenedFile {
 // The file object that a name is to be relative to, referenced; null for no handle.
 [[nodiscard]] NTSTATUS ReferenceRelated(HANDLE root, KPROCESSOR_MODE mode, PFILE_OBJECT* related);
 
-// STATUS_INVALID_PARAMETER for combinations that no file system gets to see.
+// STATUS_INVALID_PARAMETER for combinations that no file system gets to see from a user-mode caller.
 [[nodiscard]] NTSTATUS CheckOpenParameters(const OpenParameters& open);
 
 // Follows the name to a device and sends the create, from the top again as often as a file system answers with

@@ -48,6 +48,7 @@ bool OptionsExcludeEachOther(const OpenParameters& open)
 
 NTSTATUS CheckOpenParameters(const OpenParameters& open)
 {
+    if (open.Mode == KernelMode) return STATUS_SUCCESS; // which is taken to know what it asks for
     const bool valid =
         ValuesAreKnown(open) && AccessSuffices(open) && DirectoryOptionsFit(open) && !OptionsExcludeEachOther(open);
     return valid ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER;

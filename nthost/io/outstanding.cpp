@@ -79,16 +79,24 @@ unsigned CancelAndRelease(const std::vector<IrpRecord*>& held)
     return static_cast<unsigned>(held.size());
 }
 
-std::vector<IrpRecord*> HoldThreadRequests(_ETHREAD* thread)
+// A request of a thread that exits, and its file object: the request's own reference can go with it while the driver
+// still is in its cancel routine.
+struct HeldRequest {
+    IrpRecord* Record;
+    PFILE_OBJECT File;
+};
+
+std::vector<HeldRequest> HoldThreadRequests(_ETHREAD* thread)
 {
-    std::vector<IrpRecord*> held;
+    std::vector<HeldRequest> held;
     const std::lock_guard hold(BucketOf(thread).Lock);
     if (!thread->IrpList.Flink) return held;
     for (LIST_ENTRY* entry = thread->IrpList.Flink; entry != &thread->IrpList; entry = entry->Flink) {
         IrpRecord* const record = RecordOf(CONTAINING_RECORD(entry, IRP, ThreadListEntry));
         if (record->State.load(std::memory_order_acquire) != IrpState::Live) continue;
         HoldRecord(record);
-        held.push_back(record);
+        ObReferenceObject(record->File); // on the list, a request has not given back its own
+        held.push_back({record, record->File});
     }
     return held;
 }
@@ -158,7 +166,11 @@ void AwaitFileRequests(PFILE_OBJECT file, PETHREAD thread)
 void CancelThreadRequests(_ETHREAD* thread)
 {
     if (thread->OutstandingIrps.load(std::memory_order_acquire) == 0) return;
-    CancelAndRelease(HoldThreadRequests(thread));
+    for (const HeldRequest& request : HoldThreadRequests(thread)) {
+        IoCancelIrp(&request.Record->Irp);
+        ReleaseRecord(request.Record);
+        ObDereferenceObject(request.File);
+    }
     const auto allEnded = [thread] { return thread->OutstandingIrps.load(std::memory_order_acquire) == 0; };
     EndSignal& ended = BucketOf(thread).Ended;
     if (ended.Await(allEnded, ke::MonotonicNow() + Patience)) return;

@@ -14,7 +14,15 @@ BOOLEAN NTAPI IoIsOperationSynchronous(PIRP Irp)
     return (Irp->Flags & IRP_SYNCHRONOUS_API) || (Irp->Flags & SynchronousPaging) == SynchronousPaging;
 }
 
-PEPROCESS NTAPI IoGetRequestorProcess(PIRP Irp) { return RecordOf(Irp)->Requestor; }
+PEPROCESS NTAPI IoGetRequestorProcess(PIRP Irp)
+{
+    PETHREAD const thread = Irp->Tail.Overlay.Thread;
+    if (!thread) return nullptr;
+    if (!Irp->ApcEnvironment) return thread->Process;
+    // The thread was acting for another process, which it may have stopped doing.
+    PEPROCESS const requestor = RecordOf(Irp)->Requestor;
+    return requestor ? requestor : thread->ActsFor;
+}
 
 VOID NTAPI IoSetTopLevelIrp(PIRP Irp) { ke::CurrentThread()->TopLevelIrp = Irp; }
 

@@ -8,6 +8,7 @@ namespace nthost::io {
 
 namespace {
 
+// Both are unsigned to whoever keeps the locks: a whole file is locked by the greatest length there is.
 struct Range {
     LARGE_INTEGER Offset;
     LARGE_INTEGER Length;
@@ -15,17 +16,15 @@ struct Range {
 
 [[nodiscard]] NTSTATUS CaptureRange(PLARGE_INTEGER offset, PLARGE_INTEGER length, KPROCESSOR_MODE mode, Range* range)
 {
-    NTSTATUS status = zw::ReadUser(offset, &range->Offset, mode);
-    if (NT_SUCCESS(status)) status = zw::ReadUser(length, &range->Length, mode);
-    if (!NT_SUCCESS(status)) return status;
-    return range->Offset.QuadPart < 0 || range->Length.QuadPart < 0 ? STATUS_INVALID_PARAMETER : STATUS_SUCCESS;
+    const NTSTATUS status = zw::ReadUser(offset, &range->Offset, mode);
+    return NT_SUCCESS(status) ? zw::ReadUser(length, &range->Length, mode) : status;
 }
 
 [[nodiscard]] NTSTATUS IssueLock(Request& request, UCHAR minor, UCHAR flags, const Range& range, ULONG key)
 {
     // Whoever can read or write a range may lock it.
-    if (!(request.Granted() & (FILE_READ_DATA | FILE_WRITE_DATA))) return STATUS_ACCESS_DENIED;
-    NTSTATUS status = request.Build(IRP_MJ_LOCK_CONTROL, minor);
+    NTSTATUS status = request.RequireAny(FILE_READ_DATA | FILE_WRITE_DATA);
+    if (NT_SUCCESS(status)) status = request.Build(IRP_MJ_LOCK_CONTROL, minor);
     if (!NT_SUCCESS(status)) return status;
     auto* const length = static_cast<LARGE_INTEGER*>(NewSystemBuffer(sizeof(LARGE_INTEGER)));
     if (!length) return STATUS_INSUFFICIENT_RESOURCES;

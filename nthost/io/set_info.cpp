@@ -16,7 +16,7 @@ constexpr InfoClass Classes[] = {
     {FileRenameInformation, sizeof(FILE_RENAME_INFORMATION), 8, DELETE},
     {FileLinkInformation, sizeof(FILE_LINK_INFORMATION), 8, 0},
     {FileDispositionInformation, sizeof(FILE_DISPOSITION_INFORMATION), 1, DELETE},
-    {FilePositionInformation, sizeof(FILE_POSITION_INFORMATION), 8, 0}, // and one of two rights
+    {FilePositionInformation, sizeof(FILE_POSITION_INFORMATION), 8, 0},
     {FileModeInformation, sizeof(FILE_MODE_INFORMATION), 4, 0},
     {FileAllocationInformation, sizeof(FILE_ALLOCATION_INFORMATION), 8, FILE_WRITE_DATA},
     {FileEndOfFileInformation, sizeof(FILE_END_OF_FILE_INFORMATION), 8, FILE_WRITE_DATA},
@@ -133,10 +133,8 @@ NTSTATUS Apply(const Change& change, Request& request)
 {
     PFILE_OBJECT const file = request.File();
     if (change.Class == FileModeInformation) return SetMode(change, file);
-    if (change.Class != FilePositionInformation) return AskDriver(change, request);
-    const NTSTATUS status = request.RequireAny(FILE_READ_DATA | FILE_WRITE_DATA);
-    if (!NT_SUCCESS(status)) return status;
-    return file->Flags & FO_SYNCHRONOUS_IO ? SetPosition(change, file) : AskDriver(change, request);
+    const bool isPosition = change.Class == FilePositionInformation && (file->Flags & FO_SYNCHRONOUS_IO);
+    return isPosition ? SetPosition(change, file) : AskDriver(change, request);
 }
 
 NTSTATUS SetInformation(KPROCESSOR_MODE mode, HANDLE file, PIO_STATUS_BLOCK statusBlock, PVOID buffer, ULONG length,

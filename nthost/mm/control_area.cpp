@@ -166,9 +166,11 @@ void ReleaseSection(ControlArea* area)
     EndArea(area);
 }
 
+bool CanBeMapped(LONGLONG size) { return size <= OffsetOfPage(MaximumPages); }
+
 NTSTATUS ReferenceArea(PFILE_OBJECT file, AreaKind kind, LONGLONG fileSize, ControlArea** area)
 {
-    if (PagesFor(fileSize) > MaximumPages) return STATUS_SECTION_TOO_BIG;
+    if (!CanBeMapped(fileSize)) return STATUS_SECTION_TOO_BIG;
     ControlArea* const candidate = NewArea(file, kind);
     if (!candidate) return STATUS_INSUFFICIENT_RESOURCES;
     const Found found = LinkOrFind(candidate, fileSize);

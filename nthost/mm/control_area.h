@@ -93,6 +93,8 @@ private:
     ControlArea* area_;
 };
 
+// Whether a section can have so many bytes at all.
+bool CanBeMapped(LONGLONG size);
 // The file's area, made if there is none, for a file of that size, with one section counted (give it back with
 // ReleaseSection). STATUS_INSUFFICIENT_RESOURCES, STATUS_SECTION_TOO_BIG.
 [[nodiscard]] NTSTATUS ReferenceArea(PFILE_OBJECT file, AreaKind kind, LONGLONG fileSize, ControlArea** area);

@@ -125,6 +125,10 @@ VOID NTAPI MmProbeAndLockPages(PMDL MemoryDescriptorList, KPROCESSOR_MODE Access
     if (mdl->MdlFlags & (MDL_PAGES_LOCKED | MDL_SOURCE_IS_NONPAGED_POOL))
         return ReportMdl("mdl-already-locked", mdl, "an MDL was locked that is locked or describes pool");
 
+    if (mdl->ByteCount == 0) {
+        ReportMdl("mdl-empty", mdl, "an MDL of no bytes was locked: it describes no page, and mapping it fails");
+        ExRaiseStatus(STATUS_INVALID_PARAMETER);
+    }
     // Pinned before it is touched: what was seen to be there is then what gets locked.
     char* const start = static_cast<char*>(MmGetMdlVirtualAddress(mdl));
     Arena* const pinned = PinArenaOf(start, mdl->ByteCount);

@@ -49,15 +49,24 @@ private:
     PNT_GUARD guard_;
 };
 
+NTSTATUS ReadFromFile(ControlArea* area, size_t index, ULONG length, IO_STATUS_BLOCK* result)
+{
+    if (length == 0) return STATUS_END_OF_FILE;
+    PMDL const mdl = NewPagingMdl(area, index, length, true);
+    if (!mdl) return STATUS_INSUFFICIENT_RESOURCES;
+    const WithoutGuards none;
+    return io::SendPaging({area->File, IRP_MJ_READ, mdl, OffsetOfPage(index), true}, result);
+}
+
+// A page that the file has nothing for, because it has shrunk, shows zeros: whoever mapped it was promised the page.
 NTSTATUS FillPage(ControlArea* area, size_t index, ULONG length)
 {
     IO_STATUS_BLOCK result{};
-    PMDL const mdl = length ? NewPagingMdl(area, index, length, true) : nullptr;
-    if (!mdl) return length ? STATUS_INSUFFICIENT_RESOURCES : STATUS_END_OF_FILE;
-    const WithoutGuards none;
-    const NTSTATUS status = io::SendPaging({area->File, IRP_MJ_READ, mdl, OffsetOfPage(index), true}, &result);
-    if (NT_SUCCESS(status)) ZeroTail(area, index, std::min<ULONG_PTR>(result.Information, length));
-    return status;
+    const NTSTATUS status = ReadFromFile(area, index, length, &result);
+    const bool isBehindEnd = status == STATUS_END_OF_FILE;
+    if (!NT_SUCCESS(status) && !isBehindEnd) return status;
+    ZeroTail(area, index, isBehindEnd ? 0 : std::min<ULONG_PTR>(result.Information, length));
+    return STATUS_SUCCESS;
 }
 
 size_t EndWithin(const ControlArea* area, const PageRange& range) { return std::min(range.End, PagesFor(area->Size)); }

@@ -81,7 +81,7 @@ VOID NTAPI RtlCopyUnicodeString(PUNICODE_STRING DestinationString, PCUNICODE_STR
 
 NTSTATUS NTAPI RtlAppendUnicodeStringToString(PUNICODE_STRING Destination, PCUNICODE_STRING Source)
 {
-    return Append(Destination, Source->Buffer, Source->Length);
+    return Source->Length ? Append(Destination, Source->Buffer, Source->Length) : STATUS_SUCCESS;
 }
 
 NTSTATUS NTAPI RtlAppendUnicodeToString(PUNICODE_STRING Destination, PCWSTR Source)

@@ -52,7 +52,7 @@ void DeleteSection(void* body)
     if (*sectionSize < 0) return STATUS_SECTION_TOO_BIG;
     if (*sectionSize <= *fileSize) return STATUS_SUCCESS;
     const bool mayExtend = request.Kind() == mm::AreaKind::Data && mm::FindProtection(request.Protection)->Writable;
-    if (!mayExtend) return STATUS_SECTION_TOO_BIG;
+    if (!mayExtend || !mm::CanBeMapped(*sectionSize)) return STATUS_SECTION_TOO_BIG;
     *fileSize = *sectionSize;
     return io::SetFileSize(file, *sectionSize);
 }
@@ -74,7 +74,7 @@ void DeleteSection(void* body)
 {
     void* object;
     NTSTATUS status = ObReferenceObjectByHandle(request.File, mm::FindProtection(request.Protection)->File,
-                                                *IoFileObjectType, mode, &object, nullptr);
+                                                IoFileObjectType, mode, &object, nullptr);
     if (!NT_SUCCESS(status)) return status;
     auto* const file = static_cast<PFILE_OBJECT>(object);
     *body = FaultInjected("NtCreateSection") ? nullptr : ob::CreateObject(&SectionType, sizeof(SectionBody));

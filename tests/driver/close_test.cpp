@@ -5,6 +5,7 @@
 #include <barrier>
 #include <thread>
 
+#include <nthost/faults.h>
 #include <nthost/process.h>
 
 #include "create/create.h"
@@ -149,6 +150,29 @@ TEST_F(Closes, AnAsynchronousOneLetsARequestedUnmountGoOn)
     ObDereferenceObject(device);
     Plugin().WaitUntilUnmounted();
     EXPECT_TRUE(Plugin().Calls().empty()); // it hears nothing any more, not even of the handle
+}
+
+// A close that cannot get its context has released nothing, and can be sent again.
+TEST_F(Closes, WithoutMemoryReleasesNothing)
+{
+    for (const Caller caller : {Caller::Waits, Caller::GoesOn}) {
+        Handle opener = OpenOrFail("\\file");
+        Fcb* const fcb = Find("\\file");
+        FILE_OBJECT file;
+        Join(fcb, &file, caller == Caller::Waits ? FO_SYNCHRONOUS_IO : 0);
+        opener.Close();
+        bool failed = true;
+        for (unsigned n = 1; failed; ++n) {
+            ASSERT_EQ(fcb->RefCount, 1u);
+            const nthost::FaultPlan plan("ExAllocatePoolWithTag", n);
+            HandMade close(Device(), &file, IRP_MJ_CLOSE, 0, caller);
+            (void)close.Send();
+            failed = plan.Injected();
+            EXPECT_STATUS(failed ? STATUS_INSUFFICIENT_RESOURCES : STATUS_SUCCESS, close.Status());
+            if (!failed) EXPECT_GT(n, 1u);
+        }
+        EXPECT_EQ(FcbCount(), 0u);
+    }
 }
 
 // Nothing of a handle's sharing outlives the handle, though its file object does.

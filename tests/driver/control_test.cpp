@@ -2,11 +2,13 @@
 
 #include <gvnd/driver.h>
 
+#include "entry/entry.h"
 #include "frame/driver.h"
 #include "support/client.h"
 #include "support/handmade.h"
 #include "support/host.h"
-#include "volume/control.h"
+#include "entry/control.h"
+#include "volume/volume.h"
 
 namespace {
 
@@ -87,7 +89,7 @@ TEST_F(Control, ServesNothingButItsTable)
     ASSERT_STATUS(STATUS_SUCCESS, opened.Status);
     PVOID object = nullptr;
     ASSERT_STATUS(STATUS_SUCCESS,
-                  ObReferenceObjectByHandle(opened.File.Get(), 0, *IoFileObjectType, KernelMode, &object, nullptr));
+                  ObReferenceObjectByHandle(opened.File.Get(), 0, IoFileObjectType, KernelMode, &object, nullptr));
     const auto fileObject = static_cast<PFILE_OBJECT>(object);
     const uint64_t contexts = Trace().Count("GvAllocIrpContext");
 

@@ -5,9 +5,10 @@
 #include <nthost/registry.h>
 #include <nthost/routines.h>
 
+#include "entry/entry.h"
 #include "frame/driver.h"
 #include "support/host.h"
-#include "volume/control.h"
+#include "entry/control.h"
 
 namespace {
 

@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "frame/context.h"
+#include "entry/entry.h"
 #include "frame/driver.h"
 #include "support/handmade.h"
 #include "volume/volume.h"

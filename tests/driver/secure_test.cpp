@@ -12,8 +12,9 @@
 #include <nthost/process.h>
 #include <nthost/routines.h>
 
+#include "entry/entry.h"
 #include "frame/driver.h"
-#include "volume/secureparse.h"
+#include "secure/parse.h"
 #include "volume/volume.h"
 
 namespace opening {
@@ -220,7 +221,7 @@ struct Runner {
 
 TEST_F(LocalParse, OlderKernelsLackSomeSids)
 {
-    const nthost::FaultPlan older("IoIsWdmVersionAvailable", 1, true);
+    const nthost::FaultPlan older("IoIsWdmVersionAvailable", 1, nthost::Repeat::Yes);
     EXPECT_STATUS(STATUS_SUCCESS, Runner::Run([this] {
                       EXPECT_EQ(Convert("D:(A;;1;;;LS)(A;;2;;;WD)(A;;3;;;AC)"), "(2 S-1-1-0)");
                       EXPECT_EQ(Convert("D:(A;;1;;;UD)"), "");

@@ -1,6 +1,7 @@
 // The shared small routines that need no request: strings, path components, the address of a request's data, and the
 // test of an access against what a plugin allows.
 
+#include "frame/buffer.h"
 #include "objects/util.h"
 
 #include <nthost/user_memory.h>

@@ -100,7 +100,8 @@ public:
         IoAcquireCancelSpinLock(&irp_->CancelIrql);
         routine(nullptr, irp_);
     }
-    bool MarkedPending() { return Stack()->Control & SL_PENDING_RETURNED; }
+    // The location forgets the mark when the request ends.
+    bool MarkedPending() { return Completions ? pendingReturned_ : (Stack()->Control & SL_PENDING_RETURNED) != 0; }
 
     std::atomic<int> Completions{0};
     NTSTATUS Status = STATUS_PENDING;         // once Completions is 1
@@ -111,6 +112,7 @@ private:
     {
         auto* const request = static_cast<LockRequest*>(context);
         request->Status = irp->IoStatus.Status;
+        request->pendingReturned_ = irp->PendingReturned;
         if (request->Log) request->Log->push_back(request);
         ++request->Completions;
         request->Completions.notify_all();
@@ -122,6 +124,7 @@ private:
     PIRP irp_;
     LARGE_INTEGER length_{};
     bool issued_ = false;
+    bool pendingReturned_ = false; // once Completions is 1
 };
 
 class LockTest : public testing::Test {

@@ -203,6 +203,7 @@ TEST_F(LockRules, PacketsAreCompletedWithWhatTheCallReturns)
         EXPECT_EQ(request.Completions, 1);
         EXPECT_EQ(request.Status, row.Status);
         EXPECT_FALSE(request.MarkedPending());
+        EXPECT_EQ(own.Requestor(), nthost::HostProcess()); // of the thread that whoever makes a packet puts into it
         for (const Who& who : {A, OtherFile}) FsRtlFastUnlockAll(&Lock_, File(who), own.Requestor(), nullptr);
         ASSERT_FALSE(FsRtlAreThereCurrentFileLocks(&Lock_));
     }
@@ -214,6 +215,7 @@ TEST_F(LockRules, TransfersByPacketUseTheirOwnKeyFileAndProcess)
     ASSERT_EQ(owner.Issue(&Lock_, File(A), IRP_MN_LOCK, {0, 10}, SL_EXCLUSIVE_LOCK, 7), STATUS_SUCCESS);
     PIRP const irp = IoAllocateIrp(1, FALSE);
     IoSetNextIrpStackLocation(irp);
+    EXPECT_EQ(IoGetRequestorProcess(irp), nullptr);
     irp->Tail.Overlay.Thread = PsGetCurrentThread();
     PIO_STACK_LOCATION const stack = IoGetCurrentIrpStackLocation(irp);
     stack->FileObject = File(A);

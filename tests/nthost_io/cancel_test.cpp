@@ -5,6 +5,8 @@
 #include <mutex>
 #include <set>
 
+#include "ob/object.h"
+
 using namespace probe;
 
 namespace {
@@ -139,7 +141,7 @@ TEST_F(Cancel, ReachesARequestThatAnotherThreadWaitsForButNotOfAnotherProcess)
     {
         nthost::Process process("guest");
         HANDLE copy;
-        ASSERT_EQ(ObOpenObjectByPointer(process.Object(), 0, nullptr, 0x1fffff, *PsProcessType, KernelMode, &copy),
+        ASSERT_EQ(ObOpenObjectByPointer(process.Object(), 0, nullptr, 0x1fffff, PsProcessType, KernelMode, &copy),
                   STATUS_SUCCESS);
         HANDLE theirs;
         ASSERT_EQ(NtDuplicateObject(NtCurrentProcess(), opened.Handle, copy, &theirs, 0, 0, DUPLICATE_SAME_ACCESS),
@@ -162,6 +164,29 @@ TEST_F(Cancel, ThreadTakesItsRequestsWithIt)
     }).join();
     EXPECT_EQ(block.Status, STATUS_CANCELLED);
     NtClose(opened.Handle);
+}
+
+// The handle is gone and the request has the last reference, but the driver is in the middle of its cancel routine.
+TEST_F(Cancel, AtThreadExitKeepsTheFileOfTheRequest)
+{
+    static LONG references;
+    references = 0;
+    Driver().Majors[IRP_MJ_DEVICE_CONTROL] = [](PDEVICE_OBJECT, PIRP irp) {
+        IoMarkIrpPending(irp);
+        IoSetCancelRoutine(irp, [](PDEVICE_OBJECT, PIRP cancelled) {
+            IoReleaseCancelSpinLock(cancelled->CancelIrql);
+            references = nthost::ob::PointerCount(IoGetCurrentIrpStackLocation(cancelled)->FileObject);
+            Complete(cancelled, STATUS_CANCELLED);
+        });
+        return STATUS_PENDING;
+    };
+    IO_STATUS_BLOCK block;
+    nthost::StartThread(nthost::HostProcess(), [&] {
+        const Opened opened = Open({.Options = 0});
+        EXPECT_EQ(Control(opened.Handle, nullptr, &block), STATUS_PENDING);
+        NtClose(opened.Handle);
+    }).join();
+    EXPECT_EQ(references, 2); // the request's, and one of whoever cancels
 }
 
 TEST_F(Cancel, MeetsARequestInsideItsDispatchRoutine)

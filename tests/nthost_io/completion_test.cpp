@@ -106,9 +106,9 @@ TEST_F(Completion, BufferedOutputIsCopiedBackWithinBothLengths)
         std::string Output; // of "........" given with a length of 6
     } rows[] = {
         {STATUS_SUCCESS, 0, "........"},           {STATUS_SUCCESS, 4, "ABCD...."},
-        {STATUS_SUCCESS, 6, "ABCDEF.."},           {STATUS_SUCCESS, 1000, "ABCDEF.."}, // more than there is room for
-        {STATUS_BUFFER_OVERFLOW, 6, "ABCDEF.."},                                       // a warning comes with data
-        {STATUS_INVALID_PARAMETER, 6, "........"},                                     // an error does not
+        {STATUS_SUCCESS, 6, "ABCDEF.."},           {STATUS_SUCCESS, 7, "ABCDEF.."}, // more than there is room for
+        {STATUS_BUFFER_OVERFLOW, 6, "ABCDEF.."},                                    // a warning comes with data
+        {STATUS_INVALID_PARAMETER, 7, "........"},                                  // an error does not
     };
     const Opened opened = Open();
     for (const auto& row : rows) {
@@ -124,12 +124,52 @@ TEST_F(Completion, BufferedOutputIsCopiedBackWithinBothLengths)
         char output[] = "........";
         char input[] = "in!";
         IO_STATUS_BLOCK block;
+        const nthost::QuietFindings quiet;
         EXPECT_EQ(NtDeviceIoControlFile(opened.Handle, nullptr, nullptr, nullptr, &block, Code(METHOD_BUFFERED), input,
                                         3, output, 6),
                   row.Status);
         EXPECT_EQ(output, row.Output) << (&row - rows);
+        const bool claimsMore = NTHOST_CHECKS && row.Information > 6 && !NT_ERROR(row.Status);
+        ExpectFindings(claimsMore ? std::vector<std::string>{"irp-information-too-long"} : std::vector<std::string>{});
     }
     NtClose(opened.Handle);
+}
+
+// What a completion routine sees of the location below: which request it was, and nothing of what it said.
+NTSTATUS NTAPI LooksBelow(PDEVICE_OBJECT, PIRP irp, PVOID context)
+{
+    const IO_STACK_LOCATION& below = *IoGetNextIrpStackLocation(irp);
+    EXPECT_EQ(below.MajorFunction, IRP_MJ_QUERY_INFORMATION);
+    EXPECT_EQ(below.MinorFunction, 0);
+    EXPECT_EQ(below.Flags, 0);
+    EXPECT_EQ(below.Control, 0);
+    EXPECT_EQ(below.FileObject, nullptr);
+    EXPECT_EQ(below.Parameters.QueryFile.Length, 0u);
+    EXPECT_EQ(below.Parameters.Others.Argument4, nullptr);
+    EXPECT_EQ(below.Context, context);
+    EXPECT_TRUE(irp->PendingReturned);
+    return STATUS_MORE_PROCESSING_REQUIRED;
+}
+
+TEST_F(Completion, RoutinesFindTheLocationBelowCleared)
+{
+    Driver().Majors[IRP_MJ_QUERY_INFORMATION] = [](PDEVICE_OBJECT, PIRP irp) {
+        IoMarkIrpPending(irp);
+        Complete(irp, STATUS_SUCCESS);
+        return STATUS_PENDING;
+    };
+    int context = 0;
+    FILE_OBJECT file{};
+    PIRP const irp = IoAllocateIrp(1, FALSE);
+    IO_STACK_LOCATION& location = *IoGetNextIrpStackLocation(irp);
+    location.MajorFunction = IRP_MJ_QUERY_INFORMATION;
+    location.MinorFunction = 1;
+    location.Flags = SL_RESTART_SCAN;
+    location.FileObject = &file;
+    location.Parameters.Others = {&context, &context, &context, &context};
+    IoSetCompletionRoutine(irp, LooksBelow, &context, TRUE, TRUE, TRUE);
+    EXPECT_EQ(IoCallDriver(device, irp), STATUS_PENDING);
+    IoFreeIrp(irp);
 }
 
 TEST_F(Completion, DirectAndNeitherHandOverTheCallersPages)

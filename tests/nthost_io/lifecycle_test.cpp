@@ -48,6 +48,29 @@ TEST_F(Lifecycle, ProcessExitClosesItsHandles)
     EXPECT_EQ(Seen(IRP_MJ_CLOSE), 1u);
 }
 
+// The name's memory is pool, which a driver may take over, or replace by its own.
+TEST_F(Lifecycle, NamesAreTheDriversToFreeAndReplace)
+{
+    for (const char* what : {"freed", "replaced", "replaced, then renamed by the kernel"}) {
+        Driver().Majors[IRP_MJ_CREATE] = [&](PDEVICE_OBJECT, PIRP irp) {
+            PFILE_OBJECT const file = IoGetCurrentIrpStackLocation(irp)->FileObject;
+            ExFreePoolWithTag(file->FileName.Buffer, 0);
+            file->FileName = {};
+            if (what == std::string("freed")) return Complete(irp, STATUS_SUCCESS);
+            file->FileName.Buffer = static_cast<PWCH>(ExAllocatePoolWithTag(PagedPool, 8, 'eman'));
+            file->FileName.MaximumLength = 8;
+            if (what != std::string("replaced"))
+                EXPECT_EQ(IoReplaceFileObjectName(file, const_cast<PWSTR>(L"\\longer"), 14), STATUS_SUCCESS);
+            return Complete(irp, STATUS_SUCCESS);
+        };
+        const Opened opened = Open();
+        ASSERT_EQ(opened.Status, STATUS_SUCCESS);
+        if (what == std::string("replaced, then renamed by the kernel"))
+            EXPECT_EQ(Text(&FileOf(opened.Handle)->FileName), "\\longer");
+        NtClose(opened.Handle);
+    }
+}
+
 TEST_F(Lifecycle, FailedCreateSendsNeitherCleanupNorClose)
 {
     Driver().Majors[IRP_MJ_CREATE] = [](PDEVICE_OBJECT, PIRP irp) { return Complete(irp, STATUS_ACCESS_DENIED, 3); };

@@ -37,6 +37,13 @@ TEST_F(OpenTest, RefusesWhatNoFileSystemGetsToSee)
         const Opened opened = Open(row.Arguments);
         EXPECT_EQ(opened.Status, row.Valid ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER) << (&row - rows);
         if (opened.Handle) NtClose(opened.Handle);
+
+        // The kernel is taken to know what it asks for; the file system sees all of it.
+        OpenArguments kernels = row.Arguments;
+        kernels.Service = ZwCreateFile;
+        const Opened trusted = Open(kernels);
+        EXPECT_EQ(trusted.Status, STATUS_SUCCESS) << (&row - rows);
+        if (trusted.Handle) ZwClose(trusted.Handle);
     }
 }
 
@@ -70,10 +77,9 @@ TEST_F(OpenTest, ShowsTheDriverWhatWasAsked)
         EXPECT_EQ(create.ShareAccess, FILE_SHARE_DELETE);
         EXPECT_EQ(create.SecurityContext->DesiredAccess, FILE_GENERIC_READ); // generic rights are mapped
         EXPECT_EQ(create.SecurityContext->AccessState->RemainingDesiredAccess, FILE_GENERIC_READ);
-        EXPECT_EQ(location.Flags, SL_CASE_SENSITIVE);
+        EXPECT_EQ(location.Flags, 0);
         EXPECT_EQ(Text(&location.FileObject->FileName), "\\dir\\file");
-        EXPECT_EQ(location.FileObject->Flags,
-                  static_cast<ULONG>(FO_WRITE_THROUGH | FO_SEQUENTIAL_ONLY | FO_OPENED_CASE_SENSITIVE));
+        EXPECT_EQ(location.FileObject->Flags, static_cast<ULONG>(FO_WRITE_THROUGH | FO_SEQUENTIAL_ONLY));
         EXPECT_EQ(target->ReferenceCount, 1); // counted before the driver sees it
         EXPECT_TRUE(IoIsOperationSynchronous(irp));
         EXPECT_EQ(IoGetRequestorProcess(irp), nthost::HostProcess());
@@ -95,11 +101,36 @@ TEST_F(OpenTest, ShowsTheDriverWhatWasAsked)
     ASSERT_EQ(ObReferenceObjectByHandle(handle, 0, nullptr, KernelMode, &file, &information), STATUS_SUCCESS);
     EXPECT_EQ(information.GrantedAccess, FILE_GENERIC_READ);
     ObDereferenceObject(file);
+    LARGE_INTEGER now{};
+    EXPECT_EQ(ZwWaitForSingleObject(handle, FALSE, &now), STATUS_SUCCESS); // the open was its last operation so far
     NtClose(handle);
 
     size.QuadPart = -1;
     EXPECT_EQ(NtCreateFile(&handle, FILE_READ_DATA, &attributes, &block, &size, 0, 0, FILE_OPEN, 0, nullptr, 0),
               STATUS_INVALID_PARAMETER);
+}
+
+// Who does not ask for insensitive names still gets them, unless the system is set up for the other.
+TEST_F(OpenTest, NamesAreCaseSensitiveOnlyInASystemThatHasThem)
+{
+    bool sensitive = false;
+    Driver().Majors[IRP_MJ_CREATE] = [&](PDEVICE_OBJECT, PIRP irp) {
+        const IO_STACK_LOCATION& location = *IoGetCurrentIrpStackLocation(irp);
+        EXPECT_EQ(location.Flags, sensitive ? SL_CASE_SENSITIVE : 0);
+        EXPECT_EQ(!!(location.FileObject->Flags & FO_OPENED_CASE_SENSITIVE), sensitive);
+        return Complete(irp, STATUS_SUCCESS);
+    };
+    const auto openAs = [&](ULONG attributes) { NtClose(Open({.ObjectAttributes = attributes}).Handle); };
+    openAs(0);
+    {
+        const nthost::CaseSensitiveNames names;
+        openAs(OBJ_CASE_INSENSITIVE);
+        sensitive = true;
+        openAs(0);
+        sensitive = false;
+    }
+    openAs(0);
+    EXPECT_EQ(Seen(IRP_MJ_CREATE), 4u);
 }
 
 TEST_F(OpenTest, OpenOfTheDeviceItselfHasNoNameAndAllItsRights)

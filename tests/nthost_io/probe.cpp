@@ -63,8 +63,8 @@ Opened Open(const OpenArguments& arguments)
     Opened opened{};
     opened.Block = {{STATUS_NOT_IMPLEMENTED}, 77};
     opened.Status =
-        NtCreateFile(&opened.Handle, arguments.Access, &attributes, &opened.Block, nullptr, arguments.Attributes,
-                     arguments.Sharing, arguments.Disposition, arguments.Options, nullptr, 0);
+        arguments.Service(&opened.Handle, arguments.Access, &attributes, &opened.Block, nullptr, arguments.Attributes,
+                          arguments.Sharing, arguments.Disposition, arguments.Options, nullptr, 0);
     return opened;
 }
 
@@ -76,7 +76,7 @@ NTSTATUS Control(HANDLE file, HANDLE event, IO_STATUS_BLOCK* block)
 PFILE_OBJECT FileOf(HANDLE handle)
 {
     void* object = nullptr;
-    EXPECT_EQ(ObReferenceObjectByHandle(handle, 0, *IoFileObjectType, KernelMode, &object, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(ObReferenceObjectByHandle(handle, 0, IoFileObjectType, KernelMode, &object, nullptr), STATUS_SUCCESS);
     ObDereferenceObject(object);
     return static_cast<PFILE_OBJECT>(object);
 }

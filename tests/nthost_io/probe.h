@@ -53,6 +53,7 @@ struct OpenArguments {
     ULONG Attributes = 0;
     ULONG Sharing = FILE_SHARE_READ;
     ULONG ObjectAttributes = OBJ_CASE_INSENSITIVE;
+    decltype(&NtCreateFile) Service = NtCreateFile;
 };
 
 struct Opened {

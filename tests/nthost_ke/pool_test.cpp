@@ -4,6 +4,7 @@
 #include <nthost/faults.h>
 #include <nthost/pool.h>
 
+#include "ke/thread.h"
 #include "kernel.h"
 
 namespace {
@@ -104,7 +105,7 @@ NTSTATUS TwoAllocations()
 TEST_F(Pool, FaultsHitDriverCodeOnlyAndSweepsEnd)
 {
     {
-        const nthost::FaultPlan plan("ExAllocatePoolWithTag", 1, true);
+        const nthost::FaultPlan plan("ExAllocatePoolWithTag", 1, nthost::Repeat::Yes);
         EXPECT_EQ(TwoAllocations(), STATUS_SUCCESS);
         EXPECT_EQ(plan.Calls(), 0u);
         AsDriver([] { EXPECT_EQ(TwoAllocations(), STATUS_INSUFFICIENT_RESOURCES); });
@@ -119,6 +120,24 @@ TEST_F(Pool, FaultsHitDriverCodeOnlyAndSweepsEnd)
         "ExAllocatePoolWithTag", [&](unsigned) { AsDriver([&] { failures += !NT_SUCCESS(TwoAllocations()); }); });
     EXPECT_EQ(sites, 2u);
     EXPECT_EQ(failures, 2u);
+}
+
+// What the I/O manager sends to end a file is spared, unless a plan asks for it.
+TEST_F(Pool, FaultsSpareCleanupsAndClosesUnlessAsked)
+{
+    const auto closing = [] {
+        ++nthost::ke::CurrentThread()->Closing;
+        const NTSTATUS status = TwoAllocations();
+        --nthost::ke::CurrentThread()->Closing;
+        return status;
+    };
+    AsDriver([&] {
+        const nthost::FaultPlan spared("ExAllocatePoolWithTag", 1);
+        EXPECT_EQ(closing(), STATUS_SUCCESS);
+        EXPECT_EQ(spared.Calls(), 0u);
+        const nthost::FaultPlan counted("ExAllocatePoolWithTag", 1, nthost::Repeat::No, nthost::Closings::Counted);
+        EXPECT_EQ(closing(), STATUS_INSUFFICIENT_RESOURCES);
+    });
 }
 
 TEST_F(Pool, NamedRoutinesFailOnDemand)

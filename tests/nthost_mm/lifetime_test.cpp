@@ -146,6 +146,15 @@ BOOLEAN CanBeCut(Fcb* fcb, LONGLONG size)
     return MmCanFileBeTruncated(&fcb->Pointers, &value);
 }
 
+TEST_F(Lifetime, AFileWithoutCacheMapIsAtItsEndAtOnce)
+{
+    const File file("f");
+    CACHE_UNINITIALIZE_EVENT end{};
+    KeInitializeEvent(&end.Event, NotificationEvent, FALSE);
+    EXPECT_TRUE(CcUninitializeCacheMap(file.Object(), nullptr, &end));
+    EXPECT_NE(KeReadStateEvent(&end.Event), 0);
+}
+
 TEST_F(Lifetime, FilesAreNotCutUnderTheirUsers)
 {
     Fcb* const fcb = Fs().File("\\f");

@@ -81,6 +81,9 @@ TEST_F(SectionServices, LargerSectionExtendsTheFile)
     EXPECT_EQ(MakeSection(file.Handle(), {.Size = 5000}, &section), STATUS_DISK_FULL);
     Fs().Before = nullptr;
     Fs().Take();
+    // More than there can be of a section: nobody has made the file longer by the time that is known.
+    EXPECT_EQ(MakeSection(file.Handle(), {.Size = INT64_MAX}, &section), STATUS_SECTION_TOO_BIG);
+    EXPECT_TRUE(Fs().Take().empty());
     EXPECT_EQ(MakeSection(file.Handle(), {.Size = 5000}, &section), STATUS_SUCCESS);
     EXPECT_EQ(fcb->Data.size(), 5000u);
     const std::vector<Seen> seen = Fs().Take();

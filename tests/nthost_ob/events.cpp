@@ -94,6 +94,9 @@ TEST_F(EventTest, BadPointersAreStatuses)
     EXPECT_EQ(Poll(event), STATUS_TIMEOUT); // not set by the failed calls
     EXPECT_EQ(NtWaitForSingleObject(event, FALSE, static_cast<PLARGE_INTEGER>(bad)), violation);
     EXPECT_EQ(NtWaitForMultipleObjects(2, static_cast<HANDLE*>(bad), WaitAny, FALSE, nullptr), violation);
+    // A kernel-mode caller's go unprobed, not unguarded.
+    EXPECT_EQ(ZwWaitForSingleObject(event, FALSE, static_cast<PLARGE_INTEGER>(bad)), violation);
+    EXPECT_EQ(ZwWaitForMultipleObjects(2, static_cast<HANDLE*>(bad), WaitAny, FALSE, nullptr), violation);
 
     OBJECT_ATTRIBUTES attributes;
     UNICODE_STRING name{8, 8, static_cast<PWCH>(bad)};
@@ -163,7 +166,7 @@ TEST_F(EventTest, AHandleMayBeClosedDuringTheWait)
 {
     const HANDLE event = MakeEvent();
     PVOID body;
-    ASSERT_EQ(ObReferenceObjectByHandle(event, EVENT_MODIFY_STATE, *ExEventObjectType, UserMode, &body, nullptr),
+    ASSERT_EQ(ObReferenceObjectByHandle(event, EVENT_MODIFY_STATE, ExEventObjectType, UserMode, &body, nullptr),
               STATUS_SUCCESS);
     std::thread waiter = StartThread(
         HostProcess(), [event] { EXPECT_EQ(NtWaitForSingleObject(event, FALSE, nullptr), STATUS_SUCCESS); });

@@ -116,7 +116,6 @@ TEST_F(MemoryTest, LockingChecksEveryPageFirst)
         {"null", Full, nullptr, 1, IoReadAccess, STATUS_ACCESS_VIOLATION},
         {"beyond user space", Full, reinterpret_cast<char*>(MM_USER_PROBE_ADDRESS), 1, IoReadAccess,
          STATUS_ACCESS_VIOLATION},
-        {"no bytes", Full, user, 0, IoWriteAccess, STATUS_SUCCESS},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.Case);
@@ -174,6 +173,12 @@ TEST_F(MemoryTest, MistakesAreFound)
     }
     EXPECT_EQ(TakeRules(),
               (Rules{"mdl-not-locked", "mdl-not-locked", "mdl-already-locked", "mdl-not-mapped", "mdl-freed-locked"}));
+    {
+        Range nothing(bytes, 0);
+        EXPECT_EQ(nothing.Lock(IoReadAccess), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(nothing.Get()->MdlFlags & MDL_PAGES_LOCKED, 0);
+    }
+    EXPECT_EQ(TakeRules(), Rules{"mdl-empty"});
 
     auto* const memory = new UserMemory(PAGE_SIZE);
     Range range(memory->Address(), 1);
@@ -230,6 +235,12 @@ TEST_F(MemoryTest, SystemRoutinesByName)
         EXPECT_NE(find(L"ObfDereferenceObject"), nullptr);
     }
     EXPECT_NE(find(L"ObfReferenceObject"), nullptr);
+
+    // Of a variable, the address: an object type is one load away from it.
+    const auto type = *static_cast<POBJECT_TYPE*>(find(L"PsThreadType"));
+    PVOID thread = nullptr;
+    EXPECT_EQ(ObReferenceObjectByHandle(NtCurrentThread(), 0, type, UserMode, &thread, nullptr), STATUS_SUCCESS);
+    if (thread) ObDereferenceObject(thread);
 }
 
 } // namespace nthost_ob

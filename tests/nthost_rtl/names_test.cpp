@@ -48,10 +48,11 @@ std::string PrintableWithout(UCHAR bits)
 TEST(FsRtlNames, LegalCharacters)
 {
     EXPECT_EQ(PrintableWithout(FSRTL_FAT_LEGAL), "\"*+,/:;<=>?[\\]|");
-    EXPECT_EQ(PrintableWithout(FSRTL_NTFS_LEGAL), "\"*/:<>?\\|");
+    EXPECT_EQ(PrintableWithout(FSRTL_NTFS_LEGAL), "\"*/<>?\\|"); // a colon stands before a stream's name
     EXPECT_EQ(PrintableWithout(FSRTL_HPFS_LEGAL), "\"*/:<>?\\|");
-    EXPECT_EQ(PrintableWithout(FSRTL_NTFS_STREAM_LEGAL), "/:\\");
-    EXPECT_EQ(PrintableWithout(FSRTL_NTFS_LEGAL | FSRTL_WILD_CHARACTER), "/:\\|");
+    EXPECT_EQ(PrintableWithout(FSRTL_OLE_LEGAL), "!./:\\");
+    EXPECT_EQ(PrintableWithout(FSRTL_NTFS_STREAM_LEGAL), "/\\");
+    EXPECT_EQ(PrintableWithout(FSRTL_NTFS_LEGAL | FSRTL_WILD_CHARACTER), "/\\|");
     for (int c = 0; c < ' '; ++c)
         EXPECT_EQ(FsRtlLegalAnsiCharacterArray[c] & (FSRTL_FAT_LEGAL | FSRTL_NTFS_LEGAL | FSRTL_WILD_CHARACTER), 0)
             << c;

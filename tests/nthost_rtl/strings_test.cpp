@@ -67,6 +67,13 @@ TEST(RtlString, AppendIsAllOrNothing)
     EXPECT_EQ(RtlAppendUnicodeStringToString(destination, Text("")), STATUS_SUCCESS);
     EXPECT_EQ(destination.Whole(), "abab!");
     EXPECT_EQ(RtlAppendUnicodeToString(destination, L"?"), STATUS_BUFFER_TOO_SMALL);
+
+    // A counted string without text leaves even the terminator alone; a terminated one does not.
+    Text fresh = Text::Room(3);
+    EXPECT_EQ(RtlAppendUnicodeStringToString(fresh, Text("")), STATUS_SUCCESS);
+    EXPECT_EQ(fresh.Whole(), "###");
+    EXPECT_EQ(RtlAppendUnicodeToString(fresh, L""), STATUS_SUCCESS);
+    EXPECT_EQ(fresh.Whole(), "\0##"s);
 }
 
 struct CompareRow {

@@ -9,7 +9,10 @@ NT_EXTERN_C_BEGIN
 
 typedef enum _MMFLUSH_TYPE { MmFlushForDelete, MmFlushForWrite } MMFLUSH_TYPE;
 
-typedef struct _CACHE_UNINITIALIZE_EVENT* PCACHE_UNINITIALIZE_EVENT;
+typedef struct _CACHE_UNINITIALIZE_EVENT {
+    struct _CACHE_UNINITIALIZE_EVENT* Next;
+    KEVENT Event;
+} CACHE_UNINITIALIZE_EVENT, *PCACHE_UNINITIALIZE_EVENT;
 
 // A null offset means the whole file, a zero length everything from the offset on. Writes what views have changed, as
 // paging writes. Outcome in IoStatus: the first failure, whose pages stay changed, and the bytes written.

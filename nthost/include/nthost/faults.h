@@ -22,12 +22,18 @@ inline bool FaultInjected(const char* routine)
     return detail::anyFaultArmed.load(std::memory_order_relaxed) && detail::CountForFaults(routine);
 }
 
+enum class Repeat { No, Yes };
+
+// Whether calls count that are made in a cleanup or a close which the I/O manager sends. A driver that cannot do one of
+// these keeps the file for good, with nobody to tell, so it takes a test that can make up for it. One that is sent by
+// hand always counts: its sender learns its status, and can send it again.
+enum class Closings { Spared, Counted };
+
 class FaultPlan {
 public:
     // Fails the n-th call (from 1) of the routine, once; with repeat also all later ones. Only calls made while driver
-    // code is running on the thread count, so that the host's own work is never hit; and none in a cleanup or a close:
-    // a driver that could not do those would keep the file for good, with nobody to tell.
-    FaultPlan(std::string routine, unsigned n, bool repeat = false);
+    // code is running on the thread count, so that the host's own work is never hit.
+    FaultPlan(std::string routine, unsigned n, Repeat repeat = Repeat::No, Closings closings = Closings::Spared);
     ~FaultPlan();
     FaultPlan(const FaultPlan&) = delete;
     FaultPlan& operator=(const FaultPlan&) = delete;

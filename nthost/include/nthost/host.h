@@ -16,6 +16,16 @@ struct BootOptions {
 // Boots, and attaches the calling thread to a first user process.
 void Boot(const BootOptions& options = {});
 
+// While one lives, the system is one that has case-sensitive names: opens without OBJ_CASE_INSENSITIVE reach file
+// systems as such. By default every open does as if it had asked for OBJ_CASE_INSENSITIVE.
+class CaseSensitiveNames {
+public:
+    CaseSensitiveNames();
+    ~CaseSensitiveNames();
+    CaseSensitiveNames(const CaseSensitiveNames&) = delete;
+    CaseSensitiveNames& operator=(const CaseSensitiveNames&) = delete;
+};
+
 // What was still there when it should not have been: one line each, with the stack that made it where known.
 struct LeakReport {
     std::vector<std::string> Lines;

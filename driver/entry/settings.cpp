@@ -1,6 +1,7 @@
 // The one setting: "NumVcbWorkers" in the driver's service key, read once at load.
 
-#include "frame/driver.h"
+#include "entry/entry.h"
+
 #include "frame/handle.h"
 #include "frame/trace.h"
 

@@ -1,10 +1,11 @@
 // Requests on the control device. No lock: the table is constant and the device is made before any request can come.
 
-#include "volume/control.h"
+#include "entry/control.h"
 
+#include "frame/complete.h"
 #include "frame/context.h"
-#include "frame/dispatch.h"
 #include "frame/trace.h"
+#include "volume/volume.h"
 
 PDEVICE_OBJECT GvCtrlDevice;
 
@@ -13,20 +14,13 @@ namespace {
 [[nodiscard]] NTSTATUS GvCtrlIrpDeviceControl(PIRP irp, ULONG* information)
 {
     *information = 0;
-    if (irp->RequestorMode != KernelMode) {
-        GV_TRACE(GvTraceError, "ERR: umode caller to gvnd ctrl-dev ioctl");
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (irp->RequestorMode != KernelMode)
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "ERR: umode caller to gvnd ctrl-dev ioctl");
     const auto& parameters = IoGetCurrentIrpStackLocation(irp)->Parameters.DeviceIoControl;
-    if (parameters.IoControlCode != IOCTL_GVND_GET_SERVICE_TABLE) {
-        GV_TRACE(GvTraceError, "bad ioctl\n");
-        return STATUS_INVALID_PARAMETER;
-    }
+    if (parameters.IoControlCode != IOCTL_GVND_GET_SERVICE_TABLE)
+        return GV_REFUSE(STATUS_INVALID_PARAMETER, "bad ioctl\n");
     const GvServices* const table = &GvServiceTable;
-    if (parameters.OutputBufferLength < sizeof(table)) {
-        GV_TRACE(GvTraceError, "buffer too small\n");
-        return STATUS_BUFFER_TOO_SMALL;
-    }
+    if (parameters.OutputBufferLength < sizeof(table)) return GV_REFUSE(STATUS_BUFFER_TOO_SMALL, "buffer too small\n");
     RtlCopyMemory(irp->AssociatedIrp.SystemBuffer, &table, sizeof(table));
     *information = sizeof(table);
     return STATUS_SUCCESS;
@@ -35,10 +29,7 @@ namespace {
 [[nodiscard]] NTSTATUS ServeControlRequest(PDEVICE_OBJECT device, PIRP irp, ULONG* information)
 {
     const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(irp);
-    if (const NTSTATUS status = GvUtlCheckFileObject(device, stack->FileObject); !NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS("GvCtrlHandleIrp", "GV_IS_VALID_FO", status);
-        return status;
-    }
+    GV_TRY_TRACED_AS("GvCtrlHandleIrp", "GV_IS_VALID_FO", GvUtlCheckFileObject(device, stack->FileObject));
     switch (stack->MajorFunction) {
     case IRP_MJ_CREATE:
     case IRP_MJ_CLOSE:
@@ -49,8 +40,8 @@ namespace {
         return status;
     }
     default:
-        GV_TRACE_AS("GvCtrlHandleIrp", GvTraceError, "bad major-function: 0x%x\n", stack->MajorFunction);
-        return STATUS_NOT_SUPPORTED;
+        return GV_REFUSE_AS("GvCtrlHandleIrp", STATUS_NOT_SUPPORTED, "bad major-function: 0x%x\n",
+                            stack->MajorFunction);
     }
 }
 

@@ -1,8 +1,16 @@
 // The table of requests, and their dispatch routines: one-line entries into the skeleton.
 
-#include "frame/requests.h"
+#include "entry/requests.h"
 
+#include "create/create.h"
+#include "dataio/dataio.h"
+#include "dirctl/dirctl.h"
+#include "ea/ea.h"
+#include "entry/dispatch.h"
+#include "fileinfo/fileinfo.h"
 #include "frame/trace.h"
+#include "teardown/teardown.h"
+#include "volinfo/volinfo.h"
 
 namespace {
 
@@ -112,12 +120,4 @@ NTSTATUS NTAPI GvCleanup(PDEVICE_OBJECT device, PIRP irp) { return Dispatch<IRP_
 void GvFillDispatchRows(PDRIVER_OBJECT driver)
 {
     for (const GvDispatchRow& row : kRows) driver->MajorFunction[row.Major] = row.Entry;
-}
-
-const GvDispatchRow* GvRowOf(UCHAR major)
-{
-    for (const GvDispatchRow& row : kRows) {
-        if (row.Major == major) return &row;
-    }
-    return nullptr;
 }

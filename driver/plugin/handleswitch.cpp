@@ -1,7 +1,7 @@
 // Counting nested calls, and keeping them out. Each side writes its own word before it reads the other's, both in one
 // order for all processors: either the call sees the switch, or the switch sees the call.
 
-#include "frame/handleswitch.h"
+#include "plugin/handleswitch.h"
 
 #include "frame/resource.h"
 

@@ -2,7 +2,7 @@
 // semicolons before the first is read, so the ACL is allocated once, unless SIDs are longer than expected.
 
 #include "frame/trace.h"
-#include "volume/secureparse.h"
+#include "secure/parse.h"
 
 namespace {
 
@@ -38,10 +38,7 @@ ULONG AtMostAclSize(ULONGLONG size) { return size < SecMaximumAclSize ? static_c
 [[nodiscard]] NTSTATUS NewAcl(ULONG size, GvBlock<ACL>* acl)
 {
     GvBlock<ACL> block(static_cast<PACL>(GvAllocate(PagedPool, size, SecAclTag)));
-    if (!block) {
-        GV_TRACE_AS("SecParseDacl", GvTraceError, "out-of-mem\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!block) return GV_REFUSE_AS("SecParseDacl", STATUS_INSUFFICIENT_RESOURCES, "out-of-mem\n");
     block->AclRevision = ACL_REVISION;
     block->AclSize = static_cast<USHORT>(size);
     *acl = static_cast<GvBlock<ACL>&&>(block);
@@ -92,8 +89,7 @@ struct Entry {
     if (NT_SUCCESS(status)) status = ParseRights(text, &entry->Rights);
     if (!NT_SUCCESS(status)) return status;
     if (!Take(L';', text) || !Take(L';', text)) return STATUS_INVALID_PARAMETER; // no object types
-    status = SecLookupSidToken(SecSkipBlanks(*text), &entry->Sid, text);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(SecLookupSidToken(SecSkipBlanks(*text), &entry->Sid, text));
     return Take(L')', text) ? STATUS_SUCCESS : STATUS_INVALID_ACL;
 }
 
@@ -116,12 +112,11 @@ NTSTATUS SecParseDacl(const WCHAR* text, GvBlock<ACL>* acl, const WCHAR** end)
     *end = EndOfDacl(text);
     if (!*end) return STATUS_INVALID_PARAMETER;
     ULONG entries = 0;
-    NTSTATUS status = CountEntries(text, *end, &entries);
-    if (!NT_SUCCESS(status)) return status;
+    GV_TRY(CountEntries(text, *end, &entries));
 
     GvBlock<ACL> list;
     ULONG used = sizeof(ACL);
-    status = NewAcl(AtMostAclSize(ULONGLONG{entries} * kExpectedEntrySize + sizeof(ACL)), &list);
+    NTSTATUS status = NewAcl(AtMostAclSize(ULONGLONG{entries} * kExpectedEntrySize + sizeof(ACL)), &list);
     if (NT_SUCCESS(status)) status = ParseEntries(text, entries, &list, &used);
     if (!NT_SUCCESS(status)) return status;
     list->AclSize = static_cast<USHORT>(used);
@@ -135,7 +130,7 @@ NTSTATUS SecAddAllowedAce(GvBlock<ACL>* acl, ULONG* used, ACCESS_MASK rights, UL
     if (*used + size > (*acl)->AclSize) {
         GvBlock<ACL> larger;
         const ULONG newSize = AtMostAclSize(ULONGLONG{size} * entriesToCome + *used);
-        if (const NTSTATUS status = NewAcl(newSize, &larger); !NT_SUCCESS(status)) return status;
+        GV_TRY(NewAcl(newSize, &larger));
         RtlCopyMemory(larger.Get(), acl->Get(), *used);
         larger->AclSize = static_cast<USHORT>(newSize);
         *acl = static_cast<GvBlock<ACL>&&>(larger);

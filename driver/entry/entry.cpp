@@ -1,17 +1,15 @@
 // Load and unload: the globals, the control device, the dispatch table and the fast-I/O table. Runs alone, by the rules
 // of the I/O manager.
 
-#include "frame/driver.h"
+#include "entry/entry.h"
 
 #include "dataio/callbacks.h"
-#include "frame/requests.h"
+#include "entry/control.h"
+#include "entry/requests.h"
+#include "frame/driver.h"
 #include "frame/trace.h"
-#include "volume/control.h"
-#include "volume/secure.h"
-
-PIO_REPLACE_FILE_OBJECT_NAME GvIoReplaceFileObjectName;
-PDRIVER_OBJECT GvDriverObject;
-ULONG GvVcbThreadPoolSize;
+#include "volume/device.h"
+#include "secure/secure.h"
 
 namespace {
 
@@ -65,10 +63,8 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING reg
     // Found by name, so that the image still links on a kernel without it and can say so.
     UNICODE_STRING name = GvLiteral(L"IoReplaceFileObjectName");
     GvIoReplaceFileObjectName = reinterpret_cast<PIO_REPLACE_FILE_OBJECT_NAME>(MmGetSystemRoutineAddress(&name));
-    if (!GvIoReplaceFileObjectName) {
-        GV_TRACE(GvTraceError, "ERROR: IoReplaceFileObjectName() not found\n");
-        return STATUS_NOT_SUPPORTED;
-    }
+    if (!GvIoReplaceFileObjectName)
+        return GV_REFUSE(STATUS_NOT_SUPPORTED, "ERROR: IoReplaceFileObjectName() not found\n");
     GvDriverObject = driver;
 
     if (const NTSTATUS status = CreateControlDevice(driver); !NT_SUCCESS(status)) {

@@ -5,7 +5,7 @@
 
 #include "frame/context.h"
 #include "frame/guard.h"
-#include "frame/handleswitch.h"
+#include "plugin/handleswitch.h"
 #include "frame/trace.h"
 
 // A plugin handle as an argument: an object's, which is looked at only behind the gate, since a rename can replace it

@@ -1,7 +1,7 @@
 // The words of an access-control entry: rights, by name or number, and SIDs by their two-letter names. Works on its
 // arguments and on constant tables, and on the kernel's table of SIDs.
 
-#include "volume/secureparse.h"
+#include "secure/parse.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // The system event log, for the one failure that an administrator must be able to find: a driver that cannot start.
 
-#include "frame/driver.h"
+#include "entry/entry.h"
 
 void GvLogDriverError(NTSTATUS errorCode, PDRIVER_OBJECT driver, ULONG uniqueErrorValue)
 {

@@ -2,7 +2,7 @@
 // text and paged pool, with no lock. *acl is the caller's to free after a success and empty after a failure.
 #pragma once
 
-#include "volume/secure.h"
+#include "secure/secure.h"
 
 constexpr ULONG SecTextTag = 0x73546553;       // "SeTs" in memory order
 constexpr ULONG SecAclTag = 0x6c416553;        // "SeAl"

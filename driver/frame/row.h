@@ -1,4 +1,4 @@
-// The dispatch skeleton: the one shape of routine that every request served on a volume runs through.
+// One request kind, as the dispatch table describes it and a worker carries it out.
 #pragma once
 
 #include "frame/records.h"
@@ -13,7 +13,6 @@ struct GvOutcome {
 using GvInnerRoutine = NTSTATUS (*)(IrpContext* context, GvOutcome* outcome);
 using GvOpeningTrace = void (*)(const char* function, PDEVICE_OBJECT device, PIRP irp);
 
-// One request kind.
 struct GvDispatchRow {
     UCHAR Major;
     const char* Name;
@@ -23,11 +22,3 @@ struct GvDispatchRow {
     bool MayPend;           // STATUS_PENDING from the inner routine: the worker pool has the request
     bool YieldsInformation; // else IoStatus.Information is 0
 };
-
-// "dev: 0x%x, fo: 0x%x\n"
-void GvTraceOpening(const char* function, PDEVICE_OBJECT device, PIRP irp);
-
-NTSTATUS GvDispatch(const GvDispatchRow& row, PDEVICE_OBJECT device, PIRP irp);
-
-// Ends a request: closing trace, information and status, completion. Returns the status.
-NTSTATUS GvCompleteRequest(const char* function, PIRP irp, NTSTATUS status, ULONG_PTR information);

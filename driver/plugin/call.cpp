@@ -1,6 +1,6 @@
 // What of the plugin protocol is not a template.
 
-#include "frame/plugincall.h"
+#include "plugin/call.h"
 
 NTSTATUS GvCheckPluginOpsVersion(const PluginOps* operations)
 {
@@ -13,20 +13,17 @@ NTSTATUS GvCheckPluginOpsVersion(const PluginOps* operations)
 NTSTATUS GvCheckPluginStatus(const char* operation, NTSTATUS status)
 {
     if (status != STATUS_PENDING) return status;
-    GV_TRACE(GvTraceError, "ERR: plugin %s(): 0x%x, an operation must not pend\n", operation, status);
-    return STATUS_UNSUCCESSFUL;
+    return GV_REFUSE(STATUS_UNSUCCESSFUL, "ERR: plugin %s(): 0x%x, an operation must not pend\n", operation, status);
 }
 
 NTSTATUS GvCheckPluginCount(const char* operation, ULONG count, ULONG asked)
 {
     if (count <= asked) return STATUS_SUCCESS;
-    GV_TRACE(GvTraceError, "ERR: plugin %s(): %d bytes, of %d asked for\n", operation, count, asked);
-    return STATUS_UNSUCCESSFUL;
+    return GV_REFUSE(STATUS_UNSUCCESSFUL, "ERR: plugin %s(): %d bytes, of %d asked for\n", operation, count, asked);
 }
 
 NTSTATUS GvCheckPluginName(const char* operation, const WCHAR* name, ULONG length)
 {
     if (length <= MAXUSHORT && length % sizeof(WCHAR) == 0 && (name || length == 0)) return STATUS_SUCCESS;
-    GV_TRACE(GvTraceError, "ERR: plugin %s(): a name of %d bytes\n", operation, length);
-    return STATUS_UNSUCCESSFUL;
+    return GV_REFUSE(STATUS_UNSUCCESSFUL, "ERR: plugin %s(): a name of %d bytes\n", operation, length);
 }

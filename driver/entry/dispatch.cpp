@@ -1,26 +1,18 @@
 // The dispatch skeleton. Kernel APCs stay off for as long as a resource may be held; the top-level slot is given back
 // before the request can be completed.
 
-#include "frame/dispatch.h"
+#include "entry/dispatch.h"
 
+#include "entry/control.h"
+#include "frame/complete.h"
 #include "frame/context.h"
-#include "frame/driver.h"
+#include "frame/toplevel.h"
 #include "frame/trace.h"
-#include "volume/control.h"
 
 void GvTraceOpening(const char* function, PDEVICE_OBJECT device, PIRP irp)
 {
     GV_TRACE_AS(function, GvTraceDispatch, "dev: 0x%x, fo: 0x%x\n", device,
                 IoGetCurrentIrpStackLocation(irp)->FileObject);
-}
-
-NTSTATUS GvCompleteRequest(const char* function, PIRP irp, NTSTATUS status, ULONG_PTR information)
-{
-    GvTraceClosing(function, IoGetCurrentIrpStackLocation(irp)->FileObject, status, information);
-    irp->IoStatus.Information = information;
-    irp->IoStatus.Status = status;
-    IofCompleteRequest(irp, IO_NO_INCREMENT);
-    return status;
 }
 
 namespace {
@@ -31,6 +23,7 @@ NTSTATUS RunInner(const GvDispatchRow& row, PDEVICE_OBJECT device, PIRP irp, Irp
     const bool isTopLevel = GvUtlIsTopLevelIrp(irp);
     NTSTATUS status = GvAllocIrpContext(device, irp, isTopLevel, context);
     if (NT_SUCCESS(status)) {
+        (*context)->Row = &row;
         status = row.Inner(*context, outcome);
     } else {
         GV_TRACE_AS(row.Name, GvTraceError, "GvAllocIrpContext(): 0x%x\n", status);

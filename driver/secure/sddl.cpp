@@ -2,7 +2,7 @@
 // copies and the result are paged pool; nothing is left after a failure.
 
 #include "frame/trace.h"
-#include "volume/secureparse.h"
+#include "secure/parse.h"
 
 namespace {
 
@@ -27,10 +27,7 @@ public:
         text_ = text->Buffer;
         if (IsTerminated(text)) return STATUS_SUCCESS;
         copy_.Reset(static_cast<WCHAR*>(GvAllocate(PagedPool, text->Length + sizeof(WCHAR), SecTextTag)));
-        if (!copy_) {
-            GV_TRACE_AS("SecSddlToSecurityDescriptor", GvTraceError, "out-of-mem\n");
-            return STATUS_INSUFFICIENT_RESOURCES;
-        }
+        if (!copy_) return GV_REFUSE_AS("SecSddlToSecurityDescriptor", STATUS_INSUFFICIENT_RESOURCES, "out-of-mem\n");
         RtlCopyMemory(copy_.Get(), text->Buffer, text->Length); // the block is zeroed
         text_ = copy_.Get();
         return STATUS_SUCCESS;
@@ -72,10 +69,7 @@ private:
     NTSTATUS status = RtlAbsoluteToSelfRelativeSD(absolute, nullptr, &size);
     if (status != STATUS_BUFFER_TOO_SMALL) return NT_SUCCESS(status) ? STATUS_UNSUCCESSFUL : status;
     GvBlock<void> block(GvAllocate(PagedPool, size, SecDescriptorTag));
-    if (!block) {
-        GV_TRACE_AS("SecSddlToSecurityDescriptor", GvTraceError, "out-of-mem\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
+    if (!block) return GV_REFUSE_AS("SecSddlToSecurityDescriptor", STATUS_INSUFFICIENT_RESOURCES, "out-of-mem\n");
     status = RtlAbsoluteToSelfRelativeSD(absolute, block.Get(), &size);
     if (NT_SUCCESS(status)) *descriptor = block.Release();
     return status;
@@ -85,13 +79,9 @@ private:
 {
     ULONG control = 0;
     GvBlock<ACL> acl;
-    NTSTATUS status = SecParseSddl(text, defaulted, &control, &acl);
-    if (!NT_SUCCESS(status)) {
-        GV_TRACE_FAILED_AS("SecSddlToSecurityDescriptor", "SecParseSddl", status);
-        return status;
-    }
+    GV_TRY_TRACED_AS("SecSddlToSecurityDescriptor", "SecParseSddl", SecParseSddl(text, defaulted, &control, &acl));
     SECURITY_DESCRIPTOR absolute;
-    status = MakeAbsolute(acl.Get(), control, &absolute);
+    NTSTATUS status = MakeAbsolute(acl.Get(), control, &absolute);
     if (NT_SUCCESS(status)) status = MakeSelfRelative(&absolute, descriptor);
     return status;
 }
@@ -102,7 +92,7 @@ NTSTATUS SecSddlToSecurityDescriptor(PCUNICODE_STRING sddl, SecDefaulted default
 {
     *descriptor = nullptr;
     TerminatedText text;
-    if (const NTSTATUS status = text.Take(sddl); !NT_SUCCESS(status)) return status;
+    GV_TRY(text.Take(sddl));
     const ConvertRoutine convert = FindConvertRoutine();
     return convert ? ConvertByKernel(convert, text.Get(), defaulted, descriptor)
                    : ConvertHere(text.Get(), defaulted, descriptor);
@@ -119,7 +109,7 @@ NTSTATUS SecParseSddl(const WCHAR* text, SecDefaulted defaulted, ULONG* control,
         ++text;
     }
     const WCHAR* end = nullptr;
-    if (const NTSTATUS status = SecParseDacl(text, acl, &end); !NT_SUCCESS(status)) return status;
+    GV_TRY(SecParseDacl(text, acl, &end));
     if (*SecSkipBlanks(end)) {
         acl->Reset();
         return STATUS_INVALID_PARAMETER;

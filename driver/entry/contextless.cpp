@@ -1,11 +1,13 @@
-// Requests with almost nothing to do: file-system control, device control, shutdown. None has a context, goes to a
-// worker or calls the plugin; on the control device they mean what that device gives them.
+// Requests with almost nothing to do: file-system control, device control, shutdown, and what is not served. None has a
+// context, goes to a worker or calls the plugin; on the control device they mean what that device gives them.
 
+#include "entry/control.h"
+#include "entry/dispatch.h"
+#include "entry/entry.h"
+#include "entry/requests.h"
+#include "frame/complete.h"
 #include "frame/context.h"
-#include "frame/dispatch.h"
-#include "frame/requests.h"
 #include "frame/trace.h"
-#include "volume/control.h"
 
 #ifndef FSCTL_IS_VOLUME_MOUNTED
 #define FSCTL_IS_VOLUME_MOUNTED CTL_CODE(FILE_DEVICE_FILE_SYSTEM, 10, METHOD_BUFFERED, FILE_ANY_ACCESS)
@@ -21,10 +23,7 @@ NTSTATUS GvDoFsControl(PDEVICE_OBJECT device, PIRP irp)
 {
     const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(irp);
     if (KeGetCurrentIrql() > PASSIVE_LEVEL) return STATUS_UNSUCCESSFUL;
-    if (const NTSTATUS status = GvUtlCheckFileObject(device, stack->FileObject); !NT_SUCCESS(status)) {
-        GV_TRACE_FAILED("GvUtlCheckFileObject", status);
-        return status;
-    }
+    GV_TRY_TRACED("GvUtlCheckFileObject", GvUtlCheckFileObject(device, stack->FileObject));
     if (stack->MinorFunction != IRP_MN_USER_FS_REQUEST) {
         GV_TRACE(GvTraceUnsupported, "unsupported minor-function: 0x%x\n", stack->MinorFunction);
         return STATUS_INVALID_PARAMETER;
@@ -65,4 +64,12 @@ NTSTATUS NTAPI GvShutdown(PDEVICE_OBJECT device, PIRP irp)
     if (const NTSTATUS status = GvCtrlHandleIrp(device, irp, &handled); handled) return status;
     GvTraceOpening(__func__, device, irp);
     return GvCompleteRequest(__func__, irp, STATUS_SUCCESS, 0);
+}
+
+// For the control device and volumes alike; looks at no file control block.
+NTSTATUS NTAPI GvUnsupportedIrp(PDEVICE_OBJECT device, PIRP irp)
+{
+    const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(irp);
+    GV_TRACE(GvTraceDispatch, "dev: 0x%x, fo: 0x%x, irp mj: 0x%x\n", device, stack->FileObject, stack->MajorFunction);
+    return GvCompleteRequest(__func__, irp, STATUS_INVALID_DEVICE_REQUEST, 0);
 }
