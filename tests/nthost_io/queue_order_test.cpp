@@ -109,7 +109,7 @@ private:
         HANDLE handle;
         PVOID thread = nullptr;
         EXPECT_EQ(PsCreateSystemThread(&handle, SYNCHRONIZE, nullptr, nullptr, nullptr, Work, this), STATUS_SUCCESS);
-        EXPECT_EQ(ObReferenceObjectByHandle(handle, SYNCHRONIZE, *PsThreadType, KernelMode, &thread, nullptr),
+        EXPECT_EQ(ObReferenceObjectByHandle(handle, SYNCHRONIZE, PsThreadType, KernelMode, &thread, nullptr),
                   STATUS_SUCCESS);
         EXPECT_EQ(ZwClose(handle), STATUS_SUCCESS);
         return thread;
