@@ -46,7 +46,7 @@ std::atomic<bool> detail::anyFaultArmed;
 bool detail::CountForFaults(const char* routine)
 {
     const _ETHREAD* const thread = ke::CurrentThreadOrNull();
-    if (!thread || !thread->DriverDepth || thread->Closing) return false;
+    if (!thread || !thread->Calls || thread->Closing) return false;
     std::lock_guard lock(plansLock);
     bool fails = false;
     for (Armed& armed : plans)

@@ -139,7 +139,7 @@ void* Allocate(ULONG type, SIZE_T size, ULONG tag)
     header->Serial = allocations.fetch_add(1, std::memory_order_relaxed) + 1;
     header->Tag = tag;
     header->Type = IsPaged(type) ? PagedPool : NonPagedPool;
-    header->FromDriver = thread && thread->DriverDepth;
+    header->FromDriver = thread && thread->Calls;
     header->Magic = kLiveMagic;
 #if NTHOST_CHECKS
     CaptureStack(header->Stack);

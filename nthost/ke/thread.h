@@ -26,6 +26,14 @@ struct HeldLock {
     uint32_t Exclusive; // times held exclusive
     void* Where;        // return address of the first acquisition
 };
+
+// A call into driver code that is under way, on the stack of the caller (check/callout.h).
+struct DriverCallRecord {
+    DriverCallRecord* Outer;
+    const char* What; // for reports
+    uint32_t Depth;   // this one included
+    PIRP CurrentIrp;  // when it was made
+};
 } // namespace nthost
 
 struct _EPROCESS {
@@ -49,9 +57,8 @@ struct _ETHREAD {
     PNT_GUARD Guard;     // innermost
     NTSTATUS ExitStatus;
     std::vector<nthost::HeldLock> Held; // locks held now, in order of acquisition
-    uint32_t DriverDepth;               // calls into driver code that are under way on this thread
+    nthost::DriverCallRecord* Calls;    // the innermost call into driver code that is under way on this thread
     uint32_t Closing;                   // cleanups and closes among them; no fault is injected there
-    const char* DriverCall;             // the innermost of them, for reports
     PIRP CurrentIrp;                    // innermost request whose dispatch routine runs here
     std::atomic<uint32_t> WakeWord;     // the wait core parks on it; changed by wakers
     PKSTART_ROUTINE StartRoutine;
