@@ -100,6 +100,30 @@ bool GvIsVolumeOpen(PFILE_OBJECT fileObject)
     return GvFullyOpenPath(context, fileObject, paths, found);
 }
 
+bool HasEmptyComponent(PCUNICODE_STRING path)
+{
+    for (ULONG i = 1; i < path->Length / sizeof(WCHAR); ++i) {
+        if (path->Buffer[i - 1] == L'\\' && path->Buffer[i] == L'\\') return true;
+    }
+    return false;
+}
+
+// The walk skips a separator too many, and ends at two: it has arrived at an object whose own name is not the path that
+// was asked for. An object that is there is opened under its own name, so that the plugin hears of one object only. To
+// create something, or to move it, the path itself would have to be a name, which it is not.
+[[nodiscard]] NTSTATUS NameWhatWasFound(IrpContext* context, const CreateParameters& parameters,
+                                        const WalkResult& found, ResolvedPaths* paths)
+{
+    if (!HasEmptyComponent(paths->FullPath.Get())) return STATUS_SUCCESS;
+    if (!found.Object || parameters.OpenTargetDirectory) {
+        GV_TRACE_AS("GvDoCreate", GvTraceError, "ERR: path has an empty component: %wZ\n", paths->FullPath.Get());
+        return STATUS_OBJECT_NAME_INVALID;
+    }
+    const NTSTATUS status = GvFcbGetName(context->Vcb->FcbTables, found.Object, paths->FullPath.Out());
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvDoCreate", "GvFcbGetName", status);
+    return status;
+}
+
 [[nodiscard]] NTSTATUS OpenPath(IrpContext* context, const CreateParameters& parameters, ULONG* information)
 {
     ResolvedPaths paths = {};
@@ -126,6 +150,7 @@ bool GvIsVolumeOpen(PFILE_OBJECT fileObject)
                     parent.Get());
         return STATUS_UNSUCCESSFUL;
     }
+    if (const NTSTATUS named = NameWhatWasFound(context, parameters, found, &paths); !NT_SUCCESS(named)) return named;
     return Finish(context, parameters, paths, found, information);
 }
 

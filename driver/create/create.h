@@ -35,6 +35,9 @@ struct ResolvedPaths {
 
 // STATUS_OBJECT_NAME_INVALID, STATUS_OBJECT_PATH_SYNTAX_BAD, STATUS_INSUFFICIENT_RESOURCES, or the plugin's own.
 [[nodiscard]] NTSTATUS GvResolveName(IrpContext* context, PFILE_OBJECT fileObject, ResolvedPaths* paths);
+// May this be the last component of a name? STATUS_OBJECT_NAME_INVALID for none at all, a separator or an illegal
+// character, STATUS_OBJECT_PATH_SYNTAX_BAD for a dot component.
+[[nodiscard]] NTSTATUS GvCheckLeaf(PCUNICODE_STRING leaf);
 // STATUS_NOT_SUPPORTED: use the name unchanged. The string is the caller's to free.
 [[nodiscard]] NTSTATUS GvPnGetNormalizedPathFromPlugin(IrpContext* context, PCUNICODE_STRING path,
                                                        PUNICODE_STRING* normalized);
@@ -85,11 +88,10 @@ struct WalkResult {
 [[nodiscard]] NTSTATUS GvHandleReparsePoint(IrpContext* context, const CreateParameters& parameters,
                                             const ResolvedPaths& paths);
 
-// The object's lock is held in the rest. Files only.
+// The rest is under the object's lock, exclusive. Files only.
 [[nodiscard]] NTSTATUS GvOverwriteExistingFcb(IrpContext* context, const CreateParameters& parameters, Fcb* fcb);
 // Success if the handle in hand will do, or has been replaced by one that holds all that the plugin allows.
-[[nodiscard]] NTSTATUS GvReopenPluginFdIfRequired(IrpContext* context, PCUNICODE_STRING path, Fcb* fcb,
-                                                  ACCESS_MASK desired);
+[[nodiscard]] NTSTATUS GvReopenPluginFdIfRequired(IrpContext* context, Fcb* fcb, ACCESS_MASK desired);
 // Checks the open against the object's share record and enters it there; the first open starts the record. function is
 // whose step it is.
 [[nodiscard]] NTSTATUS GvJoinShareAccess(const char* function, const CreateParameters& parameters, Fcb* fcb);

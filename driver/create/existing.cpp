@@ -13,14 +13,14 @@ constexpr char kName[] = "GvInitExistingFcb"; // whose steps the checks below ar
 
 bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || disposition == FILE_OVERWRITE_IF; }
 
-[[nodiscard]] NTSTATUS CheckDeleteOnClose(const CreateParameters& parameters, PCUNICODE_STRING fullPath, const Fcb* fcb)
+[[nodiscard]] NTSTATUS CheckDeleteOnClose(const CreateParameters& parameters, const Fcb* fcb)
 {
     if (!(parameters.DesiredAccess & DELETE)) {
         GV_TRACE_AS(kName, GvTraceError, "delete-on-close is requested, but not delete-access: 0x%x\n",
                     STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
-    if (GvUtlIsRootPath(fullPath)) {
+    if (fcb->IsRootDir) { // by whatever path
         GV_TRACE_AS(kName, GvTraceError, "not allowed to delete root-dir: 0x%x\n", STATUS_CANNOT_DELETE);
         return STATUS_CANNOT_DELETE;
     }
@@ -51,10 +51,10 @@ bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || di
         return STATUS_OBJECT_NAME_COLLISION;
     }
     if (parameters.DeleteOnClose) {
-        const NTSTATUS status = CheckDeleteOnClose(parameters, paths.FullPath.Get(), fcb);
+        const NTSTATUS status = CheckDeleteOnClose(parameters, fcb);
         if (!NT_SUCCESS(status)) return status;
     }
-    if (fcb->DeletePending) {
+    if (GvLoad(fcb->DeletePending)) {
         GV_TRACE_AS(kName, GvTraceError, "FCB is pending deletion: 0x%x\n", STATUS_DELETE_PENDING);
         return STATUS_DELETE_PENDING;
     }
@@ -75,7 +75,7 @@ bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || di
 [[nodiscard]] NTSTATUS CheckAccess(IrpContext* context, const CreateParameters& parameters, PCUNICODE_STRING path,
                                    Fcb* fcb, ACCESS_MASK effective)
 {
-    NTSTATUS status = GvReopenPluginFdIfRequired(context, path, fcb, effective);
+    NTSTATUS status = GvReopenPluginFdIfRequired(context, fcb, effective);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED_AS(kName, "GvReopenPluginFdIfRequired", status);
         return status;

@@ -76,7 +76,7 @@ constexpr char kName[] = "GvCreateNewFileOrDir"; // whose steps the routines bel
     if (type != GvFile || parameters.AllocationSize == 0) return STATUS_SUCCESS;
     LONGLONG size = 0;
     const LONGLONG* const allocation = &parameters.AllocationSize;
-    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, SetFileSize, fd, &size, allocation);
+    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, SetFileSize, GvBareHandle(fd), &size, allocation);
     if (!NT_SUCCESS(status)) GV_TRACE_AS(kName, GvTraceError, "Plugin SetFileSize(): 0x%x\n", status);
     return status;
 }
@@ -92,7 +92,7 @@ constexpr char kName[] = "GvCreateNewFileOrDir"; // whose steps the routines bel
     } else {
         attributes |= FILE_ATTRIBUTE_DIRECTORY;
     }
-    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, SetAttr, fd, attributes);
+    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, SetAttr, GvBareHandle(fd), attributes);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kName, GvTraceError, "Plugin SetAttr(): 0x%x\n", status);
         return status;
@@ -107,7 +107,7 @@ constexpr char kName[] = "GvCreateNewFileOrDir"; // whose steps the routines bel
     if (parameters.EaLength == 0) return STATUS_SUCCESS;
     ULONG errorOffset;
     const NTSTATUS status =
-        GvSetFullEaInfo(context, nullptr, fd, parameters.EaBuffer, parameters.EaLength, &errorOffset);
+        GvSetFullEaInfo(context, GvBareHandle(fd), parameters.EaBuffer, parameters.EaLength, &errorOffset);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "GvSetFullEaInfo", status);
     return status;
 }
@@ -132,7 +132,7 @@ constexpr char kName[] = "GvCreateNewFileOrDir"; // whose steps the routines bel
 
 void CloseNewHandle(IrpContext* context, PluginFd fd)
 {
-    const NTSTATUS closed = GV_CALL_PLUGIN(context, nullptr, Close, fd);
+    const NTSTATUS closed = GV_CALL_PLUGIN(context, nullptr, Close, GvBareHandle(fd));
     if (!NT_SUCCESS(closed)) GV_TRACE_FAILED_AS(kName, "Close", closed);
 }
 

@@ -1,10 +1,11 @@
 // Overwriting an existing file: truncated on the plugin, attributes and extended attributes brought to what the open
-// asked for. The object's lock is held; what was done before a failing step stays done.
+// asked for. Under the object's lock; what was done before a failing step stays done.
 
 #include "create/create.h"
 
 #include "ea/ea.h"
 #include "fileinfo/plugininfo.h"
+#include "frame/resource.h"
 #include "objects/coherence.h"
 
 namespace {
@@ -38,7 +39,7 @@ constexpr char kName[] = "GvOverwriteExistingFcb"; // whose steps the routines b
 [[nodiscard]] NTSTATUS Truncate(IrpContext* context, Fcb* fcb, const LONGLONG* allocationSize)
 {
     LONGLONG size = 0;
-    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, SetFileSize, fcb->PluginFd, &size, allocationSize);
+    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, SetFileSize, GvHandleOf(fcb), &size, allocationSize);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kName, GvTraceError, "Plugin SetFileSize(): 0x%x\n", status);
         return status;
@@ -53,7 +54,7 @@ constexpr char kName[] = "GvOverwriteExistingFcb"; // whose steps the routines b
     if (wanted == 0) return STATUS_SUCCESS;
     const ULONG merged = wanted | current | FILE_ATTRIBUTE_ARCHIVE;
     if (merged != current) {
-        const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, SetAttr, fcb->PluginFd, merged);
+        const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, SetAttr, GvHandleOf(fcb), merged);
         if (!NT_SUCCESS(status)) {
             GV_TRACE_AS(kName, GvTraceError, "Plugin SetAttr(): 0x%x\n", status);
             return status;
@@ -68,8 +69,9 @@ constexpr char kName[] = "GvOverwriteExistingFcb"; // whose steps the routines b
 
 NTSTATUS GvOverwriteExistingFcb(IrpContext* context, const CreateParameters& parameters, Fcb* fcb)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(fcb->Header.Resource);
     GvBlock<PluginFileInfo> info;
-    NTSTATUS status = GvGetInfoFromPlugin(context, fcb, fcb->PluginFd, &info);
+    NTSTATUS status = GvGetInfoFromPlugin(context, GvHandleOf(fcb), &info);
     if (!NT_SUCCESS(status)) {
         GV_TRACE(GvTraceError, "Plugin GetInfo(): 0x%x\n", status);
         return status;
@@ -81,7 +83,7 @@ NTSTATUS GvOverwriteExistingFcb(IrpContext* context, const CreateParameters& par
     if (!NT_SUCCESS(status) || parameters.EaLength == 0) return status;
 
     ULONG errorOffset;
-    status = GvSetFullEaInfo(context, fcb, fcb->PluginFd, parameters.EaBuffer, parameters.EaLength, &errorOffset);
+    status = GvSetFullEaInfo(context, GvHandleOf(fcb), parameters.EaBuffer, parameters.EaLength, &errorOffset);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvSetFullEaInfo", status);
     return status;
 }

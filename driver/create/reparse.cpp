@@ -36,6 +36,10 @@ constexpr char kName[] = "GvHandleReparsePoint"; // whose steps the routines bel
         GV_TRACE_AS(kName, GvTraceError, "plugin->ReadLink(): 0x%x\n", status);
         return status;
     }
+    if (*target) {
+        const NTSTATUS checked = GvCheckPluginName("ReadLink", (*target)->Buffer, (*target)->Length);
+        if (!NT_SUCCESS(checked)) return checked;
+    }
     if (!*target || (*target)->Length < sizeof(WCHAR) || (*target)->Buffer[0] != L'\\') {
         GV_TRACE_AS(kName, GvTraceError, "ERR: 'resolved target path' not found\n");
         return STATUS_OBJECT_PATH_SYNTAX_BAD;

@@ -174,10 +174,35 @@ void StripTrailing(ResolvedPaths* paths)
 
 } // namespace
 
+NTSTATUS GvCheckLeaf(PCUNICODE_STRING leaf)
+{
+    const ULONG length = leaf->Length / sizeof(WCHAR);
+    bool dots = length == 1 || length == 2;
+    bool separator = length == 0 || leaf->Length % sizeof(WCHAR) != 0;
+    for (ULONG i = 0; i < length; ++i) {
+        dots &= leaf->Buffer[i] == L'.';
+        separator |= leaf->Buffer[i] == L'\\';
+    }
+    if (dots) {
+        GV_TRACE(GvTraceError, "ERR: the new name is '.' or '..'\n");
+        return STATUS_OBJECT_PATH_SYNTAX_BAD;
+    }
+    if (separator) {
+        GV_TRACE(GvTraceError, "ERR: the new name is not one component\n");
+        return STATUS_OBJECT_NAME_INVALID;
+    }
+    const NTSTATUS status = GvEnsurePathCharsAreLegal(leaf);
+    if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvEnsurePathCharsAreLegal", status);
+    return status;
+}
+
 NTSTATUS GvPnGetNormalizedPathFromPlugin(IrpContext* context, PCUNICODE_STRING path, PUNICODE_STRING* normalized)
 {
     if (!HasNonAscii(path)) return STATUS_NOT_SUPPORTED;
-    const NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, GetNormalizedPath, path, normalized);
+    NTSTATUS status = GV_CALL_PLUGIN(context, nullptr, GetNormalizedPath, path, normalized);
+    if (NT_SUCCESS(status) && *normalized) {
+        status = GvCheckPluginName("GetNormalizedPath", (*normalized)->Buffer, (*normalized)->Length);
+    }
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GetNormalizedPath", status);
     return status;
 }

@@ -38,7 +38,7 @@ SplitPath GvSplitLastComponent(PCUNICODE_STRING path)
         GV_TRACE_AS(kName, GvTraceError, "delete-on-close not allowed, err: 0x%x\n", STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
-    if (directory->DeletePending) {
+    if (GvLoad(directory->DeletePending)) {
         GV_TRACE_AS(kName, GvTraceError, "FCB is pending deletion: 0x%x\n", STATUS_DELETE_PENDING);
         return STATUS_DELETE_PENDING;
     }
@@ -69,7 +69,7 @@ SplitPath GvSplitLastComponent(PCUNICODE_STRING path)
 [[nodiscard]] NTSTATUS CheckAccess(IrpContext* context, const CreateParameters& parameters, PCUNICODE_STRING path,
                                    Fcb* directory)
 {
-    NTSTATUS status = GvReopenPluginFdIfRequired(context, path, directory, parameters.DesiredAccess);
+    NTSTATUS status = GvReopenPluginFdIfRequired(context, directory, parameters.DesiredAccess);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED_AS(kName, "GvReopenPluginFdIfRequired", status);
         return status;
@@ -103,6 +103,8 @@ NTSTATUS GvOpenTargetDirectory(IrpContext* context, const CreateParameters& para
                  STATUS_INVALID_PARAMETER);
         return STATUS_INVALID_PARAMETER;
     }
+    // The plugin knows directories by their normalised names; a new last component is spelled as the caller spells it.
+    const UNICODE_STRING directoryPath = GvSplitLastComponent(paths.FullPath.Get()).Directory;
     const SplitPath split = GvSplitLastComponent(paths.CasePreservedPath.Get());
     UNICODE_STRING& name = parameters.FileObject->FileName;
     if (name.MaximumLength < split.LastComponent.Length) {
@@ -114,7 +116,7 @@ NTSTATUS GvOpenTargetDirectory(IrpContext* context, const CreateParameters& para
     GvHeldResource lock;
     NTSTATUS status = lock.Exclusive(directory->Header.Resource);
     if (!NT_SUCCESS(status)) return status;
-    status = OpenLocked(context, parameters, &split.Directory, directory);
+    status = OpenLocked(context, parameters, &directoryPath, directory);
     if (!NT_SUCCESS(status)) return status;
     GvFcbAddReference(directory); // the file object's
 

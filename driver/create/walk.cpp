@@ -89,7 +89,7 @@ PluginAccessMask FirstAccess(ULONG type, PluginAccessMask maxAccess)
     if (NT_SUCCESS(status)) return status;
     GV_TRACE_FAILED_AS(kGetOrAlloc, "GvFcbCreateNewFcb", status);
     if (state.PluginFd) {
-        const NTSTATUS closed = GV_CALL_PLUGIN(context, nullptr, Close, state.PluginFd);
+        const NTSTATUS closed = GV_CALL_PLUGIN(context, nullptr, Close, GvBareHandle(state.PluginFd));
         if (!NT_SUCCESS(closed)) GV_TRACE_FAILED_AS(kGetOrAlloc, "Close", closed);
     }
     return status;

@@ -18,7 +18,7 @@ enum class CallPlugin : bool { No, Yes };
     if (const NTSTATUS status = lock.Exclusive(fcb->Header.Resource); !NT_SUCCESS(status)) return status;
     GvUtlFlushAndPurgeMm(fcb, nullptr, 0, MmFlush::Yes);
     if (callPlugin == CallPlugin::No) return STATUS_SUCCESS;
-    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, FlushFile, GvLoad(fcb->PluginFd));
+    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, FlushFile, GvHandleOf(fcb));
     if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "GV_CALL_PLUGIN() FlushFile() err: 0x%x\n", status);
     return status;
 }

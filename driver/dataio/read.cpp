@@ -53,9 +53,9 @@ void TraceParameters(const ReadRequest& read)
     return status;
 }
 
-// The object's lock is held, unless the request is nested in work that may hold it.
 [[nodiscard]] NTSTATUS ReadLocked(IrpContext* context, const ReadRequest& read, ULONG* length)
 {
+    GV_ASSERT_HELD_OR_NESTED(context, read.File->Header.Resource);
     if (GvLoad(read.File->Deleted)) return STATUS_END_OF_FILE;
     if (!read.IsPaging && !FsRtlCheckLockForReadAccess(&read.File->FileLock, read.Irp)) {
         GV_TRACE_AS("GvDoRead", GvTraceError, "FsRtlCheckLockForReadAccess(): failed\n");
@@ -64,7 +64,9 @@ void TraceParameters(const ReadRequest& read)
     void* buffer = nullptr;
     NTSTATUS status = GetBuffer(read.Irp, *length, &buffer);
     if (!NT_SUCCESS(status)) return status;
-    status = GV_CALL_PLUGIN(context, read.File, Read, GvLoad(read.File->PluginFd), read.Offset, length, buffer);
+    const ULONG asked = *length;
+    status = GV_CALL_PLUGIN(context, read.File, Read, GvHandleOf(read.File), read.Offset, length, buffer);
+    if (NT_SUCCESS(status)) status = GvCheckPluginCount("Read", *length, asked);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED_AS("GvDoRead", "Read", status);
         return status;
@@ -96,7 +98,9 @@ NTSTATUS GvDoRead(IrpContext* context, GvOutcome* outcome)
     }
     GvHeldResource lock;
     if (context->IsTopLevel) {
-        if (const NTSTATUS status = lock.Shared(read.File->Header.Resource); !NT_SUCCESS(status)) return status;
+        const PERESOURCE resource = read.File->Header.Resource;
+        const NTSTATUS status = read.IsPaging ? lock.SharedForPaging(resource) : lock.Shared(resource);
+        if (!NT_SUCCESS(status)) return status;
     }
     ULONG length = IoGetCurrentIrpStackLocation(context->Irp)->Parameters.Read.Length;
     const NTSTATUS status = ReadLocked(context, read, &length);

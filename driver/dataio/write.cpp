@@ -1,7 +1,7 @@
 // IRP_MJ_WRITE: every write has reached the plugin before it completes. A paging write goes in one call, straight from
-// its pages, and moves no size, no position and no flag. Any other write first brings the file's section in line, then
-// copies the caller's data piece by piece into a buffer of the driver's own, so that the plugin never sees a caller's
-// address. Under the object's lock, exclusive; a request nested in work that may hold it goes without.
+// its pages, and moves no size, no position and no flag. Any other write first gets hold of the caller's data, then
+// brings the file's section in line, then hands the data over piece by piece. Under the object's lock, exclusive, but
+// for the first of these; a request nested in work that may hold it goes without.
 
 #include "frame/guard.h"
 #include "frame/plugincall.h"
@@ -72,29 +72,126 @@ LONGLONG EndOf(const WriteRequest& write)
     return status;
 }
 
-// A piece of a caller's data on its way to the plugin.
-struct Chunk {
-    UCHAR* Buffer;
-    ULONG Size;
-    bool* Faulted; // the caller's memory raised: said once, as what it is
+// A caller's data on its way to the plugin, which never sees the caller's address. It is fetched before the object's
+// lock is taken: the memory may be a view of this file or of another, and whoever is reading a page of it in may be
+// waiting for that lock, or for one whose owner waits for this write. A first piece is copied, and the pages of the
+// rest are locked in memory, so that copying from their address waits for nobody. What went wrong is told when the
+// piece comes up.
+class CallerData {
+public:
+    CallerData() = default;
+    CallerData(const CallerData&) = delete;
+    CallerData& operator=(const CallerData&) = delete;
+    ~CallerData() { Unlock(); }
+
+    void Fetch(const WriteRequest& write);
+    // The buffer of the pieces. STATUS_INSUFFICIENT_RESOURCES.
+    [[nodiscard]] NTSTATUS Allocate(ULONG length);
+    // The piece of that size at an offset, from the caller's mapped address; false if the caller's memory is bad.
+    [[nodiscard]] bool Take(const UCHAR* buffer, ULONG offset, ULONG size);
+
+    const void* Piece() const { return chunk_.Get(); }
+    ULONG PieceSize() const { return size_; }
+
+private:
+    void LockRest(const WriteRequest& write);
+    bool Lock(UCHAR* start, ULONG length, KPROCESSOR_MODE mode);
+    void Unlock();
+
+    GvBlock<UCHAR> chunk_;
+    ULONG size_ = 0;
+    bool fetched_ = false; // the first piece is in the buffer, or cannot be had
+    bool faulted_ = false;
+    bool noMemory_ = false;
+    PMDL mdl_ = nullptr; // of what follows the first piece
+    ULONG lockedLength_ = 0;
 };
 
-// Ends early when the plugin takes less than it is offered. The caller's memory is touched outside of any plugin call.
+[[nodiscard]] bool Copy(UCHAR* destination, const UCHAR* source, ULONG size)
+{
+    return GvGuarded([=] { RtlCopyMemory(destination, source, size); });
+}
+
+void CallerData::Fetch(const WriteRequest& write)
+{
+    auto* const buffer = static_cast<UCHAR*>(write.Irp->UserBuffer);
+    // A described buffer is in memory already.
+    if (write.Irp->MdlAddress || !buffer || write.Length == 0) return;
+    noMemory_ = !NT_SUCCESS(Allocate(write.Length));
+    if (noMemory_) return;
+    fetched_ = true;
+    if (write.Irp->RequestorMode == UserMode) {
+        faulted_ = !GvGuarded([&] { ProbeForRead(buffer, write.Length, 1); });
+    }
+    if (!faulted_) faulted_ = !Copy(chunk_.Get(), buffer, size_);
+    if (!faulted_ && write.Length > size_) LockRest(write);
+}
+
+// As much of it as can be locked; the pieces in front of a bad address are still the plugin's.
+void CallerData::LockRest(const WriteRequest& write)
+{
+    auto* const start = static_cast<UCHAR*>(write.Irp->UserBuffer) + size_;
+    for (ULONG length = write.Length - size_;;) {
+        if (Lock(start, length, write.Irp->RequestorMode) || noMemory_ || length <= size_) return;
+        length = (length - 1) / size_ * size_;
+    }
+}
+
+bool CallerData::Lock(UCHAR* start, ULONG length, KPROCESSOR_MODE mode)
+{
+    const PMDL mdl = IoAllocateMdl(start, length, FALSE, FALSE, nullptr);
+    noMemory_ = !mdl;
+    if (!mdl) return false;
+    if (!GvGuarded([mdl, mode] { MmProbeAndLockPages(mdl, mode, IoReadAccess); })) {
+        IoFreeMdl(mdl);
+        return false;
+    }
+    mdl_ = mdl;
+    lockedLength_ = length;
+    return true;
+}
+
+void CallerData::Unlock()
+{
+    if (!mdl_) return;
+    MmUnlockPages(mdl_);
+    IoFreeMdl(mdl_);
+}
+
+NTSTATUS CallerData::Allocate(ULONG length)
+{
+    if (noMemory_) return STATUS_INSUFFICIENT_RESOURCES;
+    if (chunk_) return STATUS_SUCCESS;
+    size_ = length < kChunkSize ? length : kChunkSize;
+    chunk_.Reset(static_cast<UCHAR*>(GvAllocate(PagedPool, size_ ? size_ : 1)));
+    return chunk_ ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
+}
+
+bool CallerData::Take(const UCHAR* buffer, ULONG offset, ULONG size)
+{
+    if (faulted_) return false;
+    if (fetched_) {
+        if (offset == 0) return true;
+        if (offset - size_ + size > lockedLength_) return false;
+    }
+    return Copy(chunk_.Get(), buffer + offset, size); // the address may still have been taken away
+}
+
+// Ends early when the plugin takes less than it is offered. *faulted: the caller's memory is bad, which has been said.
 [[nodiscard]] NTSTATUS GvPerformChunkedTopLevelWrite(IrpContext* context, WriteRequest* write, const UCHAR* buffer,
-                                                     const Chunk& chunk)
+                                                     CallerData* data, bool* faulted)
 {
     NTSTATUS status = STATUS_SUCCESS;
     ULONG written = 0;
     while (written < write->Length) {
         const ULONG left = write->Length - written;
-        const ULONG size = left < chunk.Size ? left : chunk.Size;
-        const UCHAR* const source = buffer + written;
-        *chunk.Faulted = !GvGuarded([&chunk, source, size] { RtlCopyMemory(chunk.Buffer, source, size); });
-        if (*chunk.Faulted) return BadUserBuffer();
+        const ULONG size = left < data->PieceSize() ? left : data->PieceSize();
+        *faulted = !data->Take(buffer, written, size);
+        if (*faulted) return BadUserBuffer();
         const auto offset = static_cast<LONGLONG>(static_cast<ULONGLONG>(write->Offset) + written);
         ULONG taken = size;
-        const void* const data = chunk.Buffer;
-        status = GV_CALL_PLUGIN(context, write->File, Write, GvLoad(write->File->PluginFd), offset, &taken, data);
+        status = GV_CALL_PLUGIN(context, write->File, Write, GvHandleOf(write->File), offset, &taken, data->Piece());
+        if (NT_SUCCESS(status)) status = GvCheckPluginCount("Write", taken, size);
         if (!NT_SUCCESS(status)) {
             GV_TRACE(GvTraceError, "Plugin Write(): 0x%x\n", status);
             return status;
@@ -106,20 +203,17 @@ struct Chunk {
     return status;
 }
 
-[[nodiscard]] NTSTATUS WriteFromCaller(IrpContext* context, WriteRequest* write, LONGLONG oldSize)
+[[nodiscard]] NTSTATUS WriteFromCaller(IrpContext* context, WriteRequest* write, CallerData* data, LONGLONG oldSize)
 {
     const UCHAR* buffer = nullptr;
     NTSTATUS status = GetBuffer(*write, &buffer);
     if (!NT_SUCCESS(status)) return status;
-    const ULONG size = write->Length < kChunkSize ? write->Length : kChunkSize;
-    const GvBlock<UCHAR> chunk(static_cast<UCHAR*>(GvAllocate(PagedPool, size ? size : 1)));
-    if (!chunk) {
+    if (status = data->Allocate(write->Length); !NT_SUCCESS(status)) {
         GV_TRACE_AS(kName, GvTraceError, "ERR allocating chunk buf: out-of-mem\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
+        return status;
     }
     bool faulted = false;
-    status = GvPerformChunkedTopLevelWrite(context, write, buffer,
-                                           {.Buffer = chunk.Get(), .Size = size, .Faulted = &faulted});
+    status = GvPerformChunkedTopLevelWrite(context, write, buffer, data, &faulted);
     if (!NT_SUCCESS(status)) {
         if (!faulted) GV_TRACE_FAILED_AS(kName, "GvPerformChunkedTopLevelWrite", status);
         return status;
@@ -154,14 +248,16 @@ struct Chunk {
     NTSTATUS status = GetBuffer(*write, &buffer);
     if (!NT_SUCCESS(status)) return status;
     const void* const data = buffer;
-    status =
-        GV_CALL_PLUGIN(context, write->File, Write, GvLoad(write->File->PluginFd), write->Offset, &write->Length, data);
+    const ULONG asked = write->Length;
+    status = GV_CALL_PLUGIN(context, write->File, Write, GvHandleOf(write->File), write->Offset, &write->Length, data);
+    if (NT_SUCCESS(status)) status = GvCheckPluginCount("Write", write->Length, asked);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "Write", status);
     return status;
 }
 
-[[nodiscard]] NTSTATUS WriteLocked(IrpContext* context, WriteRequest* write)
+[[nodiscard]] NTSTATUS WriteLocked(IrpContext* context, WriteRequest* write, CallerData* data)
 {
+    GV_ASSERT_HELD_OR_NESTED(context, write->File->Header.Resource);
     // Its writers cannot tell that it is gone, and lose nothing.
     if (GvLoad(write->File->Deleted)) {
         write->Length = 0;
@@ -171,7 +267,7 @@ struct Chunk {
     LONGLONG oldSize;
     GvFcbGetFileSize(write->File, &oldSize);
     const NTSTATUS status = PrepareFile(write, oldSize);
-    return NT_SUCCESS(status) ? WriteFromCaller(context, write, oldSize) : status;
+    return NT_SUCCESS(status) ? WriteFromCaller(context, write, data, oldSize) : status;
 }
 
 } // namespace
@@ -191,11 +287,13 @@ NTSTATUS GvDoWrite(IrpContext* context, GvOutcome* outcome)
         GV_TRACE(GvTraceError, "ERROR: IRP_MN_MDL not supported\n");
         return STATUS_INVALID_PARAMETER;
     }
+    CallerData data;
+    if (!write.IsPaging) data.Fetch(write);
     GvHeldResource lock;
     if (context->IsTopLevel) {
         if (const NTSTATUS status = lock.Exclusive(write.File->Header.Resource); !NT_SUCCESS(status)) return status;
     }
-    const NTSTATUS status = WriteLocked(context, &write);
+    const NTSTATUS status = WriteLocked(context, &write, &data);
     if (!NT_SUCCESS(status)) return status;
     if (write.IsSynchronous && !write.IsPaging) write.FileObject->CurrentByteOffset.QuadPart = EndOf(write);
     outcome->Information = write.Length;

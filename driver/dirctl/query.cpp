@@ -88,26 +88,25 @@ DirectoryQuery ReadQuery(PIRP irp)
 }
 
 // Indexes are ordinals: a deletion below the current one would make a plain resume skip an entry, so the scan starts
-// over.
-void PositionScan(const DirectoryQuery& query)
+// over. From here on the query counts by itself, and leaves behind where it has ended: two at once on one handle may
+// list an entry twice, but lose none between them.
+ULONG StartOfScan(const DirectoryQuery& query)
 {
     Ccb* const ccb = query.Ccb;
     const LONG generation = GvLoad(query.Directory->ChildDeleteCount);
+    auto index = static_cast<ULONG>(GvLoad(ccb->DirScanIndex));
     bool reset = false;
-    if (GvLoad(ccb->DirScanIndex) == 0) {
+    if (index == 0) {
         GvStore(ccb->DirGeneration, generation);
     } else if (GvLoad(ccb->DirGeneration) != generation) {
         GvStore(ccb->DirGeneration, generation);
-        GvStore(ccb->DirScanIndex, 0);
+        index = 0;
         reset = true;
         GV_TRACE_AS(kName, GvTraceNotable,
                     "entries deleted from dir, during dir-list, resetting dir-list scan-index\n");
     }
-    if (query.Flags & SL_RESTART_SCAN) {
-        GvStore(ccb->DirScanIndex, 0);
-    } else if ((query.Flags & SL_INDEX_SPECIFIED) && !reset) {
-        GvStore(ccb->DirScanIndex, query.FileIndex + 1);
-    }
+    if (query.Flags & SL_RESTART_SCAN) return 0;
+    return (query.Flags & SL_INDEX_SPECIFIED) && !reset ? query.FileIndex + 1 : index;
 }
 
 // Ignoring case, the match may need memory for the name in upper case, and raises when there is none.
@@ -150,6 +149,7 @@ struct Listing {
     UCHAR* Buffer;
     UCHAR* Previous; // last record placed, or null
     ULONG Remaining;
+    ULONG Index; // of the entry that comes next
 };
 
 enum class Placed { Yes, NoRoom, Faulted };
@@ -159,12 +159,11 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
     const ULONGLONG size = GvDirEntrySize(query.Class, entry);
     if (listing->Remaining < size) return Placed::NoRoom;
     UCHAR* const destination = listing->Buffer + (query.Length - listing->Remaining);
-    const auto index = static_cast<ULONG>(GvLoad(query.Ccb->DirScanIndex));
-    if (!GvGuarded([&] { GvFillDirEntryInfo(query.Class, entry, index, listing->Previous, destination); })) {
+    if (!GvGuarded([&] { GvFillDirEntryInfo(query.Class, entry, listing->Index, listing->Previous, destination); })) {
         GV_TRACE_AS(kName, GvTraceError, "EXCEPTION: 0x%x, (2) bad user-buffer\n", STATUS_ACCESS_VIOLATION);
         return Placed::Faulted;
     }
-    InterlockedIncrement(&query.Ccb->DirScanIndex);
+    ++listing->Index;
     listing->Remaining -= static_cast<ULONG>(size);
     listing->Previous = destination;
     return Placed::Yes;
@@ -181,13 +180,12 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
 [[nodiscard]] NTSTATUS FillListing(IrpContext* context, const DirectoryQuery& query, bool patternInstalled,
                                    Listing* listing)
 {
+    GV_ASSERT_HELD(query.Directory->Header.Resource);
     NTSTATUS status = STATUS_SUCCESS;
     GvBlock<PluginDirEntry> entry;
     while (listing->Remaining != 0) {
-        status = GV_CALL_PLUGIN(context, query.Directory, ReadDirEntry, query.Directory->PluginFd,
-                                static_cast<ULONG>(GvLoad(query.Ccb->DirScanIndex)), entry.Out());
+        status = GvReadDirEntryFromPlugin(context, query.Directory, listing->Index, &entry);
         if (status == STATUS_NO_MORE_FILES) return EndOfListing(*listing, patternInstalled);
-        if (NT_SUCCESS(status) && !entry) status = STATUS_UNSUCCESSFUL;
         if (!NT_SUCCESS(status)) {
             GV_TRACE_AS(kName, GvTraceFlow, "ReadDirEntry(): 0x%x\n", status);
             return status;
@@ -196,7 +194,7 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
         status = GvDoesDirEntryMatchQuery(context, query.Ccb, entry.Get(), &matches);
         if (!NT_SUCCESS(status)) return status;
         if (!matches) {
-            InterlockedIncrement(&query.Ccb->DirScanIndex);
+            ++listing->Index;
             continue;
         }
         switch (Place(query, entry.Get(), listing)) {
@@ -212,7 +210,7 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
 [[nodiscard]] NTSTATUS GvPerformQueryDir(IrpContext* context, const DirectoryQuery& query, ULONG* information)
 {
     *information = 0;
-    Listing listing = {.Buffer = nullptr, .Previous = nullptr, .Remaining = query.Length};
+    Listing listing = {.Buffer = nullptr, .Previous = nullptr, .Remaining = query.Length, .Index = 0};
     void* buffer = nullptr;
     NTSTATUS status = MapBuffer(query, &buffer);
     if (!NT_SUCCESS(status)) return status;
@@ -225,8 +223,11 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
     bool patternInstalled = false;
     status = InstallPattern(context, query, &patternInstalled);
     if (!NT_SUCCESS(status)) return status;
-    PositionScan(query);
+    listing.Index = StartOfScan(query);
+    const LONG generation = GvLoad(query.Ccb->DirGeneration);
     status = FillListing(context, query, patternInstalled, &listing);
+    // Unless another query has started the scan over meanwhile: its place is the right one then.
+    if (GvLoad(query.Ccb->DirGeneration) == generation) GvStore(query.Ccb->DirScanIndex, listing.Index);
     *information = query.Length - listing.Remaining;
     return status;
 }

@@ -6,33 +6,33 @@
 #include "ea/record.h"
 #include "frame/plugincall.h"
 
-NTSTATUS GvListEaFromPlugin(IrpContext* context, const Fcb* fcb, PluginFd fd, GvEaNames* names)
+NTSTATUS GvListEaFromPlugin(IrpContext* context, GvHandle handle, GvEaNames* names)
 {
-    NTSTATUS status = GV_CALL_PLUGIN(context, fcb, ListEa, fd, names->Names.Out(), &names->Count);
+    NTSTATUS status = GV_CALL_PLUGIN(context, handle.Object, ListEa, handle, names->Names.Out(), &names->Count);
     if (NT_SUCCESS(status) && names->Count != 0 && !names->Names) status = STATUS_UNSUCCESSFUL;
     if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "GV_CALL_PLUGIN() ListEa() err: 0x%x\n", status);
     return status;
 }
 
-NTSTATUS GvGetEaFromPlugin(IrpContext* context, const Fcb* fcb, PluginFd fd, const char* name, GvEaValue* value)
+NTSTATUS GvGetEaFromPlugin(IrpContext* context, GvHandle handle, const char* name, GvEaValue* value)
 {
-    NTSTATUS status = GV_CALL_PLUGIN(context, fcb, GetEa, fd, name, value->Value.Out(), &value->Length);
+    NTSTATUS status = GV_CALL_PLUGIN(context, handle.Object, GetEa, handle, name, value->Value.Out(), &value->Length);
     if (NT_SUCCESS(status) && value->Length != 0 && !value->Value) status = STATUS_UNSUCCESSFUL;
+    if (NT_SUCCESS(status)) status = GvCheckPluginCount("GetEa", value->Length, GvMaximumEaValue);
     if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "GV_CALL_PLUGIN() GetEa() err: 0x%x\n", status);
     return status;
 }
 
-NTSTATUS GvSetEaOnPlugin(IrpContext* context, const Fcb* fcb, PluginFd fd, const char* name, const void* value,
-                         ULONG length)
+NTSTATUS GvSetEaOnPlugin(IrpContext* context, GvHandle handle, const char* name, const void* value, ULONG length)
 {
-    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, SetEa, fd, name, value, length);
+    const NTSTATUS status = GV_CALL_PLUGIN(context, handle.Object, SetEa, handle, name, value, length);
     if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "GV_CALL_PLUGIN() SetEa() err: 0x%x\n", status);
     return status;
 }
 
-NTSTATUS GvDeleteEaOnPlugin(IrpContext* context, const Fcb* fcb, PluginFd fd, const char* name)
+NTSTATUS GvDeleteEaOnPlugin(IrpContext* context, GvHandle handle, const char* name)
 {
-    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, DeleteEa, fd, name);
+    const NTSTATUS status = GV_CALL_PLUGIN(context, handle.Object, DeleteEa, handle, name);
     if (!NT_SUCCESS(status)) GV_TRACE(GvTraceError, "GV_CALL_PLUGIN() DeleteEa() err: 0x%x\n", status);
     return status;
 }
@@ -47,8 +47,8 @@ ULONG GvEaNameLength(const char* name)
 NTSTATUS GvGetFullEaInfoTotalLen(IrpContext* context, const Fcb* fcb, ULONG* length)
 {
     GvEaNames names;
-    const PluginFd fd = GvLoad(fcb->PluginFd);
-    NTSTATUS status = GvListEaFromPlugin(context, fcb, fd, &names);
+    const GvHandle handle = GvHandleOf(fcb);
+    NTSTATUS status = GvListEaFromPlugin(context, handle, &names);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED("GvListEaFromPlugin", status);
         return status;
@@ -58,7 +58,7 @@ NTSTATUS GvGetFullEaInfoTotalLen(IrpContext* context, const Fcb* fcb, ULONG* len
     for (ULONG i = 0; i < names.Count; ++i) {
         // Only for its length: the plugin has no cheaper way to tell it.
         GvEaValue value;
-        status = GvGetEaFromPlugin(context, fcb, fd, name, &value);
+        status = GvGetEaFromPlugin(context, handle, name, &value);
         if (!NT_SUCCESS(status)) {
             GV_TRACE(GvTraceError, "GvGetEaFromPlugin(%d): 0x%x\n", i, status);
             return status;

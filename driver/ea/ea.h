@@ -2,8 +2,8 @@
 // cross byte for byte and are compared by nobody here. No lock is taken: whatever the caller holds, at PASSIVE_LEVEL.
 #pragma once
 
+#include "frame/plugincall.h"
 #include "frame/pool.h"
-#include "frame/records.h"
 
 // What ListEa hands back: Count NUL-terminated names, back to back.
 struct GvEaNames {
@@ -16,13 +16,12 @@ struct GvEaValue {
     ULONG Length = 0;
 };
 
-// The bridges. fcb is the gate, null for an object that was just created and has no control block yet.
-[[nodiscard]] NTSTATUS GvListEaFromPlugin(IrpContext* context, const Fcb* fcb, PluginFd fd, GvEaNames* names);
-[[nodiscard]] NTSTATUS GvGetEaFromPlugin(IrpContext* context, const Fcb* fcb, PluginFd fd, const char* name,
-                                         GvEaValue* value);
-[[nodiscard]] NTSTATUS GvSetEaOnPlugin(IrpContext* context, const Fcb* fcb, PluginFd fd, const char* name,
-                                       const void* value, ULONG length);
-[[nodiscard]] NTSTATUS GvDeleteEaOnPlugin(IrpContext* context, const Fcb* fcb, PluginFd fd, const char* name);
+// The bridges. An object that was just created has a bare handle: no control block, and so no gate.
+[[nodiscard]] NTSTATUS GvListEaFromPlugin(IrpContext* context, GvHandle handle, GvEaNames* names);
+[[nodiscard]] NTSTATUS GvGetEaFromPlugin(IrpContext* context, GvHandle handle, const char* name, GvEaValue* value);
+[[nodiscard]] NTSTATUS GvSetEaOnPlugin(IrpContext* context, GvHandle handle, const char* name, const void* value,
+                                       ULONG length);
+[[nodiscard]] NTSTATUS GvDeleteEaOnPlugin(IrpContext* context, GvHandle handle, const char* name);
 
 // The length of a NUL-terminated name.
 ULONG GvEaNameLength(const char* name);
@@ -44,7 +43,7 @@ struct GvEaList {
 [[nodiscard]] NTSTATUS GvGetFullEaInfoTotalLen(IrpContext* context, const Fcb* fcb, ULONG* length);
 
 // Applies a list, record by record; *errorOffset is the offset of a record that was refused. Nothing is undone.
-[[nodiscard]] NTSTATUS GvSetFullEaInfo(IrpContext* context, const Fcb* fcb, PluginFd fd, void* buffer, ULONG length,
+[[nodiscard]] NTSTATUS GvSetFullEaInfo(IrpContext* context, GvHandle handle, void* buffer, ULONG length,
                                        ULONG* errorOffset);
 
 // What queries and sets refuse alike, in this order: STATUS_UNSUCCESSFUL above PASSIVE_LEVEL, STATUS_INVALID_PARAMETER

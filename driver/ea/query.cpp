@@ -71,7 +71,7 @@ ULONG Placed(const char* function, const EaQuery& query, const GvEaList& list)
     GvEaList list = StartOf(query);
     for (; left; --left) {
         GvEaValue value;
-        NTSTATUS status = GvGetEaFromPlugin(context, query.Object, GvLoad(query.Object->PluginFd), name, &value);
+        NTSTATUS status = GvGetEaFromPlugin(context, GvHandleOf(query.Object), name, &value);
         if (!NT_SUCCESS(status)) {
             GV_TRACE_AS(kByIndex, GvTraceError, "unable to query ea: %s, err: 0x%x\n", name, status);
             return status;
@@ -100,7 +100,7 @@ ULONG Placed(const char* function, const EaQuery& query, const GvEaList& list)
         return STATUS_NONEXISTENT_EA_ENTRY;
     }
     GvEaNames names;
-    NTSTATUS status = GvListEaFromPlugin(context, query.Object, GvLoad(query.Object->PluginFd), &names);
+    NTSTATUS status = GvListEaFromPlugin(context, GvHandleOf(query.Object), &names);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED("GvQueryEaListFromPlugin", status);
         return status;
@@ -164,7 +164,7 @@ constexpr char kByList[] = "GvQueryEaByUserEaList";
     NTSTATUS status = CopyName(entry, &name);
     if (!NT_SUCCESS(status)) return status;
     GvEaValue value;
-    status = GvGetEaFromPlugin(context, query.Object, GvLoad(query.Object->PluginFd), name.Get(), &value);
+    status = GvGetEaFromPlugin(context, GvHandleOf(query.Object), name.Get(), &value);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kByList, GvTraceNotable, "unable to query ea: %s, 0x%x\n", name.Get(), status);
         value.Value.Reset();

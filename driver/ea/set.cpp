@@ -38,18 +38,17 @@ bool GvIsEaNameValid(ULONG length, const char* name)
     return status;
 }
 
-[[nodiscard]] NTSTATUS ApplyRecord(IrpContext* context, const Fcb* fcb, PluginFd fd,
-                                   const FILE_FULL_EA_INFORMATION* record)
+[[nodiscard]] NTSTATUS ApplyRecord(IrpContext* context, GvHandle handle, const FILE_FULL_EA_INFORMATION* record)
 {
     const char* const name = record->EaName;
-    NTSTATUS status = GvDeleteEaOnPlugin(context, fcb, fd, name);
+    NTSTATUS status = GvDeleteEaOnPlugin(context, handle, name);
     if (!NT_SUCCESS(status)) {
         // A name that the object does not have is no obstacle.
         GV_TRACE_AS("GvSetFullEaInfo", GvTraceNotable, "GvDeleteEaOnPlugin(): %s, 0x%x\n", name, status);
         status = STATUS_SUCCESS;
     }
     if (record->EaValueLength == 0) return status;
-    status = GvSetEaOnPlugin(context, fcb, fd, name, name + record->EaNameLength + 1, record->EaValueLength);
+    status = GvSetEaOnPlugin(context, handle, name, name + record->EaNameLength + 1, record->EaValueLength);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS("GvSetFullEaInfo", GvTraceError, "GvSetEaOnPlugin(): %s, 0x%x\n", name, status);
     }
@@ -58,8 +57,7 @@ bool GvIsEaNameValid(ULONG length, const char* name)
 
 } // namespace
 
-NTSTATUS GvSetFullEaInfo(IrpContext* context, const Fcb* fcb, PluginFd fd, void* buffer, ULONG length,
-                         ULONG* errorOffset)
+NTSTATUS GvSetFullEaInfo(IrpContext* context, GvHandle handle, void* buffer, ULONG length, ULONG* errorOffset)
 {
     *errorOffset = 0;
     auto* const first = static_cast<PFILE_FULL_EA_INFORMATION>(buffer);
@@ -77,7 +75,7 @@ NTSTATUS GvSetFullEaInfo(IrpContext* context, const Fcb* fcb, PluginFd fd, void*
             *errorOffset = offset;
             return status;
         }
-        status = ApplyRecord(context, fcb, fd, record);
+        status = ApplyRecord(context, handle, record);
         if (!NT_SUCCESS(status) || record->NextEntryOffset == 0) return status;
         offset += record->NextEntryOffset;
     }
@@ -130,7 +128,7 @@ NTSTATUS GvDoSetEa(IrpContext* context, GvOutcome* outcome)
     GvHeldResource lock;
     status = lock.Exclusive(fcb->Header.Resource);
     if (!NT_SUCCESS(status)) return status;
-    status = GvSetFullEaInfo(context, fcb, GvLoad(fcb->PluginFd), copy.Get(), length, &outcome->Information);
+    status = GvSetFullEaInfo(context, GvHandleOf(fcb), copy.Get(), length, &outcome->Information);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED("GvSetFullEaInfo", status);
         return status;

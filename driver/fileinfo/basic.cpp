@@ -24,8 +24,8 @@ struct TimesToSet {
 
 [[nodiscard]] NTSTATUS SetTimes(const GvSetRequest& set, const TimesToSet& times)
 {
-    const NTSTATUS status = GV_CALL_PLUGIN(set.Context, set.Object, SetTime, GvLoad(set.Object->PluginFd),
-                                           times.Creation, times.LastAccess, times.LastWrite, times.Change);
+    const NTSTATUS status = GV_CALL_PLUGIN(set.Context, set.Object, SetTime, GvHandleOf(set.Object), times.Creation,
+                                           times.LastAccess, times.LastWrite, times.Change);
     if (status == STATUS_NOT_SUPPORTED) {
         GV_TRACE_AS(kName, GvTraceNotable, "plugin doesn't support SetTime()\n");
         return STATUS_SUCCESS;
@@ -59,7 +59,7 @@ void FollowReadOnly(Fcb* fcb, ULONG attributes)
     } else if (info->FileAttributes & FILE_ATTRIBUTE_DIRECTORY) {
         return STATUS_INVALID_PARAMETER;
     }
-    const NTSTATUS status = GV_CALL_PLUGIN(set.Context, fcb, SetAttr, GvLoad(fcb->PluginFd), info->FileAttributes);
+    const NTSTATUS status = GV_CALL_PLUGIN(set.Context, fcb, SetAttr, GvHandleOf(fcb), info->FileAttributes);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED_AS(kName, "SetAttr", status);
         return status;

@@ -12,12 +12,12 @@ struct GvSetRequest {
     void* Buffer;
 };
 
-// The object's lock is held, exclusive, unless the request is nested; for the disposition Vcb.Resource too.
+// Under the object's lock, exclusive, unless the request is nested; the disposition under Vcb.Resource too.
 [[nodiscard]] NTSTATUS GvSetBasicInfo(const GvSetRequest& set);
 [[nodiscard]] NTSTATUS GvSetDispositionInfo(const GvSetRequest& set);
 [[nodiscard]] NTSTATUS GvSetPositionInfo(const GvSetRequest& set);
 [[nodiscard]] NTSTATUS GvSetAllocationInfo(const GvSetRequest& set);
 [[nodiscard]] NTSTATUS GvSetEndOfFileInfo(const GvSetRequest& set);
 
-// Vcb.Resource is held, exclusive, and no other lock: the routine takes those of the objects it meets, one at a time.
+// Under Vcb.Resource, exclusive, and no other lock: the routine takes those of the objects it meets, one at a time.
 [[nodiscard]] NTSTATUS GvSetRenameInfo(IrpContext* context, Fcb* fcb);

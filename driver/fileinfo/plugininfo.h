@@ -5,9 +5,8 @@
 #include "frame/pool.h"
 
 // A success without a record counts as a failure. The caller traces, in its own words.
-[[nodiscard]] inline NTSTATUS GvGetInfoFromPlugin(IrpContext* context, const Fcb* gate, PluginFd fd,
-                                                  GvBlock<PluginFileInfo>* record)
+[[nodiscard]] inline NTSTATUS GvGetInfoFromPlugin(IrpContext* context, GvHandle handle, GvBlock<PluginFileInfo>* record)
 {
-    const NTSTATUS status = GV_CALL_PLUGIN(context, gate, GetInfo, fd, record->Out());
+    const NTSTATUS status = GV_CALL_PLUGIN(context, handle.Object, GetInfo, handle, record->Out());
     return NT_SUCCESS(status) && !*record ? STATUS_UNSUCCESSFUL : status;
 }

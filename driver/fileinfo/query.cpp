@@ -245,7 +245,7 @@ NTSTATUS GvDoQueryInfo(IrpContext* context, GvOutcome* outcome)
         if (!NT_SUCCESS(status)) return status;
     }
     GvBlock<PluginFileInfo> record;
-    NTSTATUS status = GvGetInfoFromPlugin(context, fcb, GvLoad(fcb->PluginFd), &record);
+    NTSTATUS status = GvGetInfoFromPlugin(context, GvHandleOf(fcb), &record);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED("GetInfo", status);
         return status;
@@ -258,5 +258,8 @@ NTSTATUS GvDoQueryInfo(IrpContext* context, GvOutcome* outcome)
     const InfoQuery query = {
         .Context = context, .FileObject = stack->FileObject, .Object = fcb, .Record = record.Get()};
     outcome->Information = stack->Parameters.QueryFile.Length;
+    // The I/O manager copies out what Information says, and that includes padding and the tail of a name that did not
+    // fit.
+    if (outcome->Information) RtlZeroMemory(context->Irp->AssociatedIrp.SystemBuffer, outcome->Information);
     return Answer(query, requested, context->Irp->AssociatedIrp.SystemBuffer, &outcome->Information);
 }

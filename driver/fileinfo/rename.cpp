@@ -149,7 +149,12 @@ struct Names {
         return status;
     }
     names->Normalized = NT_SUCCESS(status) && names->FromPlugin ? names->FromPlugin.Get() : &names->Given;
-    return STATUS_SUCCESS;
+    // Before anything is closed: the plugin could only refuse it, and every opener would lose the handle. A name with a
+    // separator in it would stand in the tree for an object that it does not name.
+    NTSTATUS checked = GvCheckLeaf(names->Normalized);
+    if (NT_SUCCESS(checked) && names->Normalized != &names->Given) checked = GvCheckLeaf(&names->Given);
+    if (!NT_SUCCESS(checked)) GV_TRACE_FAILED_AS(kName, "GvCheckLeaf", checked);
+    return checked;
 }
 
 [[nodiscard]] NTSTATUS GetPaths(IrpContext* context, Fcb* fcb, Names* names)
@@ -177,14 +182,23 @@ constexpr char kNotify[] = "GvNotifyPluginForRename";
 
 [[nodiscard]] NTSTATUS ClosePluginFd(IrpContext* context, Fcb* fcb)
 {
-    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, Close, GvLoad(fcb->PluginFd));
+    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, Close, GvHandleOf(fcb));
     GvStore(fcb->PluginFdClosed, 1);
     GvStore(fcb->PluginFd, 0);
     if (!NT_SUCCESS(status)) GV_TRACE_AS(kNotify, GvTraceError, "plugin Close(): 0x%x\n", status);
     return status;
 }
 
-// With all that the object's opens were ever allowed, so that the new handle serves each of them.
+[[nodiscard]] NTSTATUS OpenWith(IrpContext* context, const Fcb* fcb, PCUNICODE_STRING path, PluginAccessMask access,
+                                PluginFd* fd)
+{
+    *fd = 0;
+    return fcb->FcbType == GvDirectory ? GV_CALL_PLUGIN(context, nullptr, OpenDir, path, access, fd)
+                                       : GV_CALL_PLUGIN(context, nullptr, Open, path, access, fd);
+}
+
+// With all that the object's opens were ever allowed, so that the new handle serves each of them: also those that were
+// there when it became read-only, if the plugin still gives that much.
 [[nodiscard]] NTSTATUS OpenUnderNewName(IrpContext* context, Fcb* fcb, PCUNICODE_STRING path)
 {
     if (fcb->FcbType != GvDirectory && fcb->FcbType != GvFile) {
@@ -192,9 +206,12 @@ constexpr char kNotify[] = "GvNotifyPluginForRename";
         return STATUS_INVALID_PARAMETER;
     }
     PluginFd fd = 0;
-    const PluginAccessMask access = fcb->MaxAllowedAccess;
-    const NTSTATUS status = fcb->FcbType == GvDirectory ? GV_CALL_PLUGIN(context, nullptr, OpenDir, path, access, &fd)
-                                                        : GV_CALL_PLUGIN(context, nullptr, Open, path, access, &fd);
+    PluginAccessMask access = fcb->MaxAllowedAccess | fcb->PluginFdGranted;
+    NTSTATUS status = OpenWith(context, fcb, path, access, &fd);
+    if (!NT_SUCCESS(status) && access != fcb->MaxAllowedAccess) {
+        access = fcb->MaxAllowedAccess;
+        status = OpenWith(context, fcb, path, access, &fd);
+    }
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kNotify, GvTraceError, "cumulative OpenDir/Open(type: %d): perm: 0x%x, 0x%x\n", fcb->FcbType,
                     fcb->MaxAllowedAccess, status);
@@ -202,6 +219,7 @@ constexpr char kNotify[] = "GvNotifyPluginForRename";
     }
     GvStore(fcb->PluginFd, fd);
     GvStore(fcb->PluginFdClosed, 0);
+    fcb->PluginFdGranted = access;
     return status;
 }
 
@@ -215,6 +233,8 @@ constexpr char kNotify[] = "GvNotifyPluginForRename";
         GV_TRACE(GvTraceError, "ERR: plugin does not support Rename()\n");
         return STATUS_NOT_SUPPORTED;
     }
+    // From the close of the old handle to the new one.
+    const GvHandleSwitch moving(fcb);
     status = ClosePluginFd(context, fcb);
     if (!NT_SUCCESS(status)) return status;
     status = GV_CALL_PLUGIN(context, nullptr, Rename, sourcePath, destination);
@@ -303,6 +323,7 @@ void CountLostEntries(const Fcb* fcb, const GvRenameDestination& destination)
 
 NTSTATUS GvSetRenameInfo(IrpContext* context, Fcb* fcb)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     if (fcb->IsRootDir) {
         GV_TRACE(GvTraceError, "ERR: can't rename the root-dir\n");
         return STATUS_INVALID_PARAMETER;
@@ -317,6 +338,11 @@ NTSTATUS GvSetRenameInfo(IrpContext* context, Fcb* fcb)
     if (const NTSTATUS status = GetLeaf(context, &names); !NT_SUCCESS(status)) return status;
     const PFILE_OBJECT target = IoGetCurrentIrpStackLocation(context->Irp)->Parameters.SetFile.FileObject;
     names.Destination.Target = target;
+    if (target && GvFcbOf(target) == fcb) {
+        // As for any directory below it, which has kept it from moving.
+        GV_TRACE(GvTraceError, "ERR: a directory can't become its own child\n");
+        return STATUS_ACCESS_DENIED;
+    }
     if (const NTSTATUS status = GetPaths(context, fcb, &names); !NT_SUCCESS(status)) return status;
 
     names.Destination.CrossDirectory = target && GvFcbOf(target) != fcb->ParentFcb;

@@ -1,4 +1,4 @@
-// What the steps of a rename share. Vcb.Resource is held, exclusive, throughout: no control block can appear and the
+// What the steps of a rename share. All are under Vcb.Resource, exclusive: no control block can appear and the
 // name tree changes from nowhere else. An object's own lock is taken step by step, never two at a time.
 #pragma once
 

@@ -33,8 +33,8 @@ constexpr char kName[] = "GvCheckRenameDestination"; // whose steps the checks b
         GV_TRACE_AS(kName, GvTraceError, "ERR: MmFlushImageSection(): failed\n");
         return STATUS_ACCESS_DENIED;
     }
-    // Not flushed: the data is about to die.
-    GvUtlFlushAndPurgeMm(fcb, nullptr, 0, MmFlush::No);
+    // Flushed as well: the deletion that follows can still be refused, and the data would be gone.
+    GvUtlFlushAndPurgeMm(fcb, nullptr, 0, MmFlush::Yes);
     *replaced = true;
     GV_TRACE_AS(kName, GvTraceFlow, "dest exists in fcb name-tree, but can be renamed over\n");
     return STATUS_SUCCESS;
@@ -49,7 +49,7 @@ public:
     ~Probe()
     {
         if (fd_ == 0) return;
-        [[maybe_unused]] const NTSTATUS dropped = GV_CALL_PLUGIN(context_, nullptr, Close, fd_);
+        [[maybe_unused]] const NTSTATUS dropped = GV_CALL_PLUGIN(context_, nullptr, Close, GvBareHandle(fd_));
     }
 
     bool OpensAsFile(PCUNICODE_STRING path)
@@ -76,7 +76,7 @@ private:
 [[nodiscard]] NTSTATUS CheckProbedFile(IrpContext* context, PluginFd fd)
 {
     GvBlock<PluginFileInfo> info;
-    const NTSTATUS status = GvGetInfoFromPlugin(context, nullptr, fd, &info);
+    const NTSTATUS status = GvGetInfoFromPlugin(context, GvBareHandle(fd), &info);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_AS(kName, GvTraceError, "plugin GetInfo(): 0x%x\n", status);
         return status;
@@ -112,27 +112,6 @@ private:
     return STATUS_SUCCESS;
 }
 
-// The caller's tokens, held still while they are used.
-class LockedSubject {
-public:
-    LockedSubject()
-    {
-        SeCaptureSubjectContext(&subject_);
-        SeLockSubjectContext(&subject_);
-    }
-    LockedSubject(const LockedSubject&) = delete;
-    LockedSubject& operator=(const LockedSubject&) = delete;
-    ~LockedSubject()
-    {
-        SeUnlockSubjectContext(&subject_);
-        SeReleaseSubjectContext(&subject_);
-    }
-    void* Token() const { return subject_.ClientToken ? subject_.ClientToken : subject_.PrimaryToken; }
-
-private:
-    SECURITY_SUBJECT_CONTEXT subject_;
-};
-
 // A plugin without a decision of its own allows it.
 [[nodiscard]] NTSTATUS CheckMayDelete(IrpContext* context, PCUNICODE_STRING path, void* token)
 {
@@ -158,7 +137,7 @@ NTSTATUS GvCheckRenameDestination(IrpContext* context, bool replaceIfExists, GvR
 NTSTATUS GvDeleteRenameTarget(IrpContext* context, PCUNICODE_STRING destination)
 {
     GV_TRACE(GvTraceFlow, "attempting to delete file for rename: %wZ\n", destination);
-    const LockedSubject subject;
+    const GvCallerSubject subject(context);
     NTSTATUS status = CheckMayDelete(context, destination, subject.Token());
     if (!NT_SUCCESS(status)) return status;
     status = GV_CALL_PLUGIN(context, nullptr, Delete, destination);

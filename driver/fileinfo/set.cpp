@@ -44,8 +44,9 @@ constexpr SetClass kClasses[] = {
 
 [[nodiscard]] NTSTATUS SetWithRecord(IrpContext* context, const IO_STACK_LOCATION* stack, Fcb* fcb)
 {
+    GV_ASSERT_HELD_OR_NESTED(context, fcb->Header.Resource);
     GvBlock<PluginFileInfo> record;
-    const NTSTATUS status = GvGetInfoFromPlugin(context, fcb, GvLoad(fcb->PluginFd), &record);
+    const NTSTATUS status = GvGetInfoFromPlugin(context, GvHandleOf(fcb), &record);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED_AS(kName, "GetInfo", status);
         return status;

@@ -39,7 +39,7 @@ namespace {
         if (const NTSTATUS status = PrepareToShrink(fcb, newEof); !NT_SUCCESS(status)) return status;
     }
     const LONGLONG* const allocation = &newAllocation;
-    const NTSTATUS status = GV_CALL_PLUGIN(set.Context, fcb, SetFileSize, GvLoad(fcb->PluginFd), &newEof, allocation);
+    const NTSTATUS status = GV_CALL_PLUGIN(set.Context, fcb, SetFileSize, GvHandleOf(fcb), &newEof, allocation);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED("SetFileSize", status);
         return status;

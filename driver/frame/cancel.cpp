@@ -1,7 +1,7 @@
-// Cancellation. A request is in one of three places when the I/O manager cancels it: waiting on PendedList (it ends at
-// once), on ActiveList inside a worker or a plugin call (its event is signalled and it runs on), or on neither (nothing
-// to do). All of it is ordered by Vcb.QueueLock; the global cancel lock is given up first and never held together with
-// it.
+// Cancellation. A request is in one of three places when the I/O manager cancels it: waiting on a PendedList (it ends
+// at once), on ActiveList inside a worker or a plugin call (its event is signalled and it runs on), or on neither
+// (nothing to do). All of it is ordered by Vcb.QueueLock; the global cancel lock is given up first and never held
+// together with it.
 
 #include "frame/context.h"
 #include "frame/dispatch.h"
@@ -36,9 +36,11 @@ IrpContext* FindByIrp(LIST_ENTRY* head, PIRP irp)
 IrpContext* TakePendedOrSignalActive(Vcb* vcb, PIRP irp)
 {
     GvHeldSpinLock lock(vcb->QueueLock);
-    if (IrpContext* const waiting = FindByIrp(&vcb->PendedList, irp)) {
+    for (LIST_ENTRY& list : vcb->PendedList) {
+        IrpContext* const waiting = FindByIrp(&list, irp);
+        if (!waiting) continue;
         RemoveEntryList(&waiting->Link);
-        --vcb->PendedCount;
+        if (waiting->Lane == GvLaneOrdinary) --vcb->PendedCount;
         return waiting;
     }
     if (IrpContext* const active = FindByIrp(&vcb->ActiveList, irp)) {

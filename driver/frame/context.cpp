@@ -45,32 +45,65 @@ NTSTATUS GvAllocIrpContext(PDEVICE_OBJECT device, PIRP irp, bool isTopLevel, Irp
     return STATUS_SUCCESS;
 }
 
+namespace {
+
+bool IsQueued(Vcb* vcb, const IrpContext* context) GV_REQUIRES(vcb->QueueLock)
+{
+    for (const LIST_ENTRY& list : vcb->PendedList) {
+        if (GvUtlIsEntryOnList(&list, &context->Link)) return true;
+    }
+    return GvUtlIsEntryOnList(&vcb->ActiveList, &context->Link);
+}
+
+} // namespace
+
 NTSTATUS GvFreeIrpContext(IrpContext* context)
 {
     Vcb* const vcb = context->Vcb;
     bool queued;
     {
         GvHeldSpinLock lock(vcb->QueueLock);
-        queued = GvUtlIsEntryOnList(&vcb->PendedList, &context->Link) ||
-                 GvUtlIsEntryOnList(&vcb->ActiveList, &context->Link);
+        queued = IsQueued(vcb, context);
     }
     if (queued) {
         // Freeing it would leave the list with a link into freed memory; a leaked context is the lesser harm.
         GV_TRACE(GvTraceError, "ERR: Irp: 0x%x is queued\n", context->Irp);
         return STATUS_UNSUCCESSFUL;
     }
+    if (context->HasSubject) SeReleaseSubjectContext(&context->Subject);
     GvFree(context);
     return STATUS_SUCCESS;
 }
 
 namespace {
 
-// The part of pending that a cancel must see as one step. *queued tells a context that stood on a list already.
+// Paging requests that came in as the outermost work of their thread take the object's lock; the others have it held
+// for them, and whoever holds it may be waiting for them.
+GvLane LaneOf(const IrpContext* context)
+{
+    const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
+    const bool isTransfer = stack->MajorFunction == IRP_MJ_READ || stack->MajorFunction == IRP_MJ_WRITE;
+    if (!isTransfer || !(context->Irp->Flags & IRP_PAGING_IO)) return GvLaneOrdinary;
+    return context->IsTopLevel ? GvLanePaging : GvLaneNested;
+}
+
+// A release beyond the semaphore's limit raises and changes nothing. The count then already has a permit for every
+// context that can be queued: permits of cancelled requests that no worker has taken yet.
+void ReleaseWorker(Vcb* vcb, GvLane lane)
+{
+    KSEMAPHORE* const semaphore = &vcb->WorkSemaphore[lane];
+    [[maybe_unused]] const bool contained =
+        GvGuarded([semaphore] { KeReleaseSemaphore(semaphore, IO_NO_INCREMENT, 1, FALSE); });
+}
+
+// The part of pending that a cancel must see as one step. *queued tells a context that stood on a list already. The
+// permit is given under the lock: behind it the request may already be served, its file closed, and the volume gone.
 [[nodiscard]] NTSTATUS Enqueue(Vcb* vcb, IrpContext* context, bool* queued)
 {
+    const GvLane lane = LaneOf(context);
     GvHeldSpinLock lock(vcb->QueueLock);
-    if (vcb->PendedCount >= GvMaximumPended) return STATUS_INSUFFICIENT_RESOURCES;
-    if (GvUtlIsEntryOnList(&vcb->PendedList, &context->Link) || GvUtlIsEntryOnList(&vcb->ActiveList, &context->Link)) {
+    if (lane == GvLaneOrdinary && vcb->PendedCount >= GvMaximumPended) return STATUS_INSUFFICIENT_RESOURCES;
+    if (IsQueued(vcb, context)) {
         *queued = true;
         return STATUS_UNSUCCESSFUL;
     }
@@ -78,19 +111,24 @@ namespace {
     GvSetIrpVcb(irp, vcb);
     IoMarkIrpPending(irp);
     context->IsPended = 1;
-    InsertTailList(&vcb->PendedList, &context->Link);
-    ++vcb->PendedCount;
+    context->Lane = lane;
+    InsertTailList(&vcb->PendedList[lane], &context->Link);
+    if (lane == GvLaneOrdinary) ++vcb->PendedCount;
     IoSetCancelRoutine(irp, GvIoCancelRoutine);
+    ReleaseWorker(vcb, lane);
     return STATUS_PENDING;
 }
 
-// A release beyond the semaphore's limit raises and changes nothing. The count then already has a permit for every
-// context that can be queued: permits of cancelled requests that no worker has taken yet.
-void ReleaseWorker(Vcb* vcb)
+// A rename may ask the plugin whether the caller may delete what it replaces, and the caller is here.
+void CaptureSubject(IrpContext* context)
 {
-    if (!GvGuarded([vcb] { KeReleaseSemaphore(&vcb->WorkSemaphore, IO_NO_INCREMENT, 1, FALSE); })) {
-        GV_TRACE_AS("GvPendIrpContext", GvTraceNotable, "io-dev-ctxt: 0x%x, work semaphore is full\n", vcb);
+    const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
+    if (stack->MajorFunction != IRP_MJ_SET_INFORMATION ||
+        stack->Parameters.SetFile.FileInformationClass != FileRenameInformation) {
+        return;
     }
+    SeCaptureSubjectContext(&context->Subject);
+    context->HasSubject = 1;
 }
 
 } // namespace
@@ -105,13 +143,23 @@ NTSTATUS GvPendIrpContext(IrpContext* context)
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED("GvLockUserBufferIrpContext", status);
     } else {
+        CaptureSubject(context);
         status = Enqueue(vcb, context, &queued);
-        if (status == STATUS_PENDING) {
-            ReleaseWorker(vcb);
-            return status;
-        }
+        if (status == STATUS_PENDING) return status;
     }
     GV_TRACE(GvTraceError, "ERR, irp: 0x%x, queued: %d, status: 0x%x\n", irp, static_cast<ULONG>(queued), status);
     if (locked) GvUnlockUserBufferIrpContext(context);
     return status;
+}
+
+GvCallerSubject::GvCallerSubject(IrpContext* context) : subject_(context->HasSubject ? &context->Subject : &own_)
+{
+    if (subject_ == &own_) SeCaptureSubjectContext(subject_);
+    SeLockSubjectContext(subject_);
+}
+
+GvCallerSubject::~GvCallerSubject()
+{
+    SeUnlockSubjectContext(subject_);
+    if (subject_ == &own_) SeReleaseSubjectContext(subject_);
 }

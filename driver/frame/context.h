@@ -41,8 +41,22 @@ inline Vcb* GvIrpVcb(PIRP irp)
     return static_cast<Vcb*>(__atomic_load_n(&irp->Tail.Overlay.DriverContext[0], __ATOMIC_RELAXED));
 }
 
-// Linear in the length of the list. The list's lock is held.
+// Linear in the length of the list, under the list's lock.
 bool GvUtlIsEntryOnList(const LIST_ENTRY* head, const LIST_ENTRY* entry);
+
+// The tokens of whoever asked, also where a worker asks on: held still while this lives.
+class GvCallerSubject {
+public:
+    explicit GvCallerSubject(IrpContext* context);
+    ~GvCallerSubject();
+    GvCallerSubject(const GvCallerSubject&) = delete;
+    GvCallerSubject& operator=(const GvCallerSubject&) = delete;
+    void* Token() const { return subject_->ClientToken ? subject_->ClientToken : subject_->PrimaryToken; }
+
+private:
+    SECURITY_SUBJECT_CONTEXT own_;
+    PSECURITY_SUBJECT_CONTEXT subject_;
+};
 
 // Keep the volume from going away. Only the first refuses: no new open may start on a volume that is leaving, while a
 // close must always finish. Each unpin is followed by the unmount check.

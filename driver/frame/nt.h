@@ -16,6 +16,13 @@ typedef NTSTATUS(NTAPI* PIO_REPLACE_FILE_OBJECT_NAME)(PFILE_OBJECT FileObject, P
 extern "C" __declspec(dllimport) POBJECT_TYPE* IoDeviceObjectType;
 #endif
 
+// A build that runs on nthost's checks asserts what its routines rely on.
+#if defined(NTHOST_CHECKS) && NTHOST_CHECKS
+#define GV_CHECKED 1
+#else
+#define GV_CHECKED 0
+#endif
+
 // A counted string over a literal.
 template <size_t N>
 constexpr UNICODE_STRING GvLiteral(const WCHAR (&text)[N])

@@ -26,12 +26,30 @@ struct GvTree {
 // Embedded in its owner; on at most one tree.
 struct GvTreeEntry {
     UNICODE_PREFIX_TABLE_ENTRY PrefixEntry;
-    PUNICODE_STRING Key; // private copy of the name; owned by the tree while the entry is on it
+    GvSpinLock KeyLock; // a leaf: a nested query reads the name with no other lock
+    // Private copy of the name; owned by the tree while the entry is on it. Changed under Vcb.Resource, exclusive, too.
+    PUNICODE_STRING Key GV_GUARDED_BY(KeyLock);
 };
 
 struct FcbTables {
     GvTree* NameTree;     // live objects by full path
     GvTree* DeletionTree; // objects gone from the plugin that still have file objects, by deletion key
+};
+
+// Who serves a request that leaves its thread. The memory manager waits for paging requests while it holds the object's
+// lock or a page that others wait for, so requests that may be blocked by those must not stand in front of them.
+enum GvLane : UCHAR {
+    GvLaneOrdinary, // the pool
+    GvLanePaging,   // takes the object's lock, and no other
+    GvLaneNested,   // paging, nested in work that may hold the object's lock: takes none
+    GvLaneCount
+};
+constexpr ULONG GvReservedWorkers = GvLaneCount - 1; // one for each lane of paging requests
+
+// What a worker starts with.
+struct GvWorkerStart {
+    struct Vcb* Volume;
+    GvLane Lane;
 };
 
 // One per mounted volume: the extension of the volume's device object, from mount to unmount.
@@ -47,15 +65,16 @@ struct Vcb {
     ULONG PluginCallCount GV_GUARDED_BY(PinLock); // threads inside a plugin call
     ULONG MountState GV_GUARDED_BY(PinLock);      // GvMountState; looked at without the lock, so set with GvStore
 
-    LIST_ENTRY PendedList GV_GUARDED_BY(QueueLock); // contexts that wait for a worker
-    ULONG PendedCount GV_GUARDED_BY(QueueLock);
-    LIST_ENTRY ActiveList GV_GUARDED_BY(QueueLock); // contexts inside a worker or inside a plugin call
+    LIST_ENTRY PendedList[GvLaneCount] GV_GUARDED_BY(QueueLock); // contexts that wait for a worker
+    ULONG PendedCount GV_GUARDED_BY(QueueLock);                  // of the ordinary ones
+    LIST_ENTRY ActiveList GV_GUARDED_BY(QueueLock);              // contexts inside a worker or inside a plugin call
     GvSpinLock QueueLock;
 
-    KSEMAPHORE WorkSemaphore; // a permit for each context put on PendedList
-    KEVENT StopEvent;         // ends every worker
-    HANDLE* WorkerThreads;    // owned, WorkerCount of them
-    ULONG WorkerCount;        // 0 until the pool runs
+    KSEMAPHORE WorkSemaphore[GvLaneCount]; // a permit for each context put on the lane's PendedList
+    KEVENT StopEvent;                      // ends every worker
+    GvWorkerStart WorkerStart[GvLaneCount];
+    HANDLE* WorkerThreads; // owned; the pool's, then one for each lane of paging requests
+    ULONG WorkerCount;     // of the pool; 0 until it runs
 
     Fcb* VolumeFcb; // for opens of the volume itself; on no tree
 
@@ -64,7 +83,7 @@ struct Vcb {
     LIST_ENTRY NotifyList;
 };
 
-constexpr ULONG GvMaximumPended = 10000;
+constexpr ULONG GvMaximumPended = 10000; // contexts of a lane that wait
 
 enum GvFileType : ULONG {
     GvAnyType = 1, // in requests only
@@ -106,6 +125,16 @@ struct Fcb {
     ::PluginFd PluginFd;         // 0 when there is none; GvLoad, GvStore
     UCHAR PluginFdRefreshNeeded; // re-open at the next open
 
+    // What PluginFd can do, whatever PluginFdCurrentAccess has been lowered to since: handles that were opened for
+    // writing go on writing when the object becomes read-only.
+    PluginAccessMask PluginFdGranted;
+
+    // Calls that are nested in other work use the handle with no lock; who replaces it waits for them (handleswitch.h).
+    volatile LONG NestedCalls;
+    volatile LONG HandleSwitching;
+    KEVENT NestedCallsDone; // auto-reset: perhaps NestedCalls is 0
+    KEVENT HandleSettled;   // HandleSwitching is 0 again
+
     FILE_LOCK FileLock;
 
     volatile LONG ChildDeleteCount; // atomic; directory scans compare it
@@ -114,13 +143,14 @@ struct Fcb {
 // One per file object: FileObject.FsContext2. Non-paged, zeroed. The scan fields belong to the directory's lock; held
 // shared, it lets several queries of one handle move the position at once.
 struct Ccb {
-    volatile LONG DirScanIndex;       // next index for ReadDirEntry; atomic
+    volatile LONG DirScanIndex;       // next index for ReadDirEntry; GvLoad, GvStore
     PUNICODE_STRING DirSearchPattern; // upcased; owned; null until a query brings one
-    volatile LONG DirGeneration;      // the directory's ChildDeleteCount when the scan began; atomic
+    volatile LONG DirGeneration;      // the directory's ChildDeleteCount when the scan began; GvLoad, GvStore
     volatile ULONG EaScanIndex;       // next EA by position, from 1; GvLoad, GvStore
     UCHAR DeleteOnClose;
     UCHAR SizeChanged;
     UCHAR LastWriteChanged;
+    UCHAR HandleGone; // its cleanup has been; under the object's lock
 };
 
 // One per request in service. Non-paged, zeroed. Owned by the routine that allocated it until GvPendIrpContext
@@ -133,7 +163,11 @@ struct IrpContext {
     UCHAR IsTopLevel;         // the thread's top-level slot was free on entry
     UCHAR IsAsync;            // the caller will not wait; cleared by the worker
     UCHAR IsPended;           // served by a worker; set once, under QueueLock
+    GvLane Lane;              // whose PendedList, once it is pended
+    UCHAR HasSubject;         // Subject is captured
     KEVENT PluginCallContext; // auto-reset; signalled when the request is cancelled while on ActiveList
+    // The caller's tokens, for a request whose worker asks the plugin what the caller may do.
+    SECURITY_SUBJECT_CONTEXT Subject;
 };
 
 inline Vcb* GvVcbOf(PDEVICE_OBJECT device) { return static_cast<Vcb*>(device->DeviceExtension); }

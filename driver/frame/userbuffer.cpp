@@ -56,6 +56,8 @@ NTSTATUS GvLockUserBufferIrpContext(IrpContext* context, bool* locked)
         GV_TRACE(GvTraceError, "user buffer NULL for IRP: 0x%x\n", irp);
         return STATUS_INVALID_PARAMETER;
     }
+    // Nothing of it will be touched, and no list describes no pages.
+    if (LengthOf(stack) == 0) return STATUS_SUCCESS;
     const PMDL mdl = IoAllocateMdl(irp->UserBuffer, LengthOf(stack), FALSE, TRUE, irp);
     if (!mdl) {
         GV_TRACE(GvTraceError, "IoAllocateMdl(): failed: 0x%x\n", STATUS_INSUFFICIENT_RESOURCES);

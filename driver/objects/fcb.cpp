@@ -4,6 +4,7 @@
 
 #include "frame/plugincall.h"
 #include "frame/pool.h"
+#include "frame/resource.h"
 #include "frame/trace.h"
 #include "objects/tree.h"
 #include "objects/util.h"
@@ -78,6 +79,8 @@ namespace {
     fcb->IsRootDir = isRootDir;
     fcb->MaxAllowedAccess = state.MaxAllowedAccess;
     fcb->PluginFdCurrentAccess = state.PluginFdCurrentAccess;
+    fcb->PluginFdGranted = state.PluginFdCurrentAccess;
+    GvInitHandleSwitch(fcb.Get());
     FsRtlInitializeFileLock(&fcb->FileLock, nullptr, nullptr);
     *result = fcb.Release();
     return STATUS_SUCCESS;
@@ -98,7 +101,7 @@ NTSTATUS GvFcbFreeFcb(Fcb* fcb)
 void ClosePluginFd(IrpContext* context, Fcb* fcb)
 {
     if (fcb->PluginFdClosed) return;
-    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, Close, fcb->PluginFd);
+    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, Close, GvHandleOf(fcb));
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvFcbDerefFcbAndParentChain", "Close", status);
     GvStore(fcb->PluginFdClosed, 1);
     GvStore(fcb->PluginFd, 0);
@@ -157,6 +160,7 @@ Fcb* GvFcbGetExistingFcb(FcbTables* tables, PCUNICODE_STRING path)
 
 NTSTATUS GvFcbDerefFcbAndParentChain(IrpContext* context, Fcb* fcb)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     InterlockedDecrement(&fcb->RefCount);
     NTSTATUS status = STATUS_SUCCESS;
     while (fcb && GvLoad(fcb->RefCount) == 0) {
@@ -173,12 +177,16 @@ NTSTATUS GvFcbDerefFcbAndParentChain(IrpContext* context, Fcb* fcb)
 
 namespace {
 
-void LeaveNameTree(IrpContext* context, Fcb* fcb)
+// A deletion that failed half way. Until now the object has kept its directory, and so the volume. One that never left
+// the name tree, such as a root that its plugin has deleted, goes; of one that is on neither tree the record stays.
+void LeaveHalfDeleted(IrpContext* context, Fcb* fcb)
 {
-    if (!GvTreeHasEntry(&fcb->TreeEntry)) return;
-    GvTreeRemoveEntryByVal(context->Vcb->FcbTables->NameTree, &fcb->TreeEntry);
     Fcb* const parent = fcb->ParentFcb;
     fcb->ParentFcb = nullptr;
+    if (GvTreeHasEntry(&fcb->TreeEntry)) {
+        GvTreeRemoveEntryByVal(context->Vcb->FcbTables->NameTree, &fcb->TreeEntry);
+        GvFcbFreeFcb(fcb);
+    }
     if (parent) GvFcbDerefFcbAndParentChain(context, parent);
 }
 
@@ -186,13 +194,13 @@ void LeaveNameTree(IrpContext* context, Fcb* fcb)
 
 NTSTATUS GvFcbReleaseFcb(IrpContext* context, Fcb* fcb)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     if (!GvLoad(fcb->Deleted)) return GvFcbDerefFcbAndParentChain(context, fcb);
     // A deleted object has no parent, and its handle was closed before the delete: no chain and no call follow.
     if (InterlockedDecrement(&fcb->RefCount) != 0) return STATUS_SUCCESS;
     if (!fcb->OnDeletionTree) {
-        // A deletion that failed half way: the record stays, but neither its name nor its directory must.
         GV_TRACE(GvTraceError, "bad FCB.. not on deletion tree: 0x%x\n", fcb);
-        LeaveNameTree(context, fcb);
+        LeaveHalfDeleted(context, fcb);
         return STATUS_UNSUCCESSFUL;
     }
     GvTreeRemoveEntryByVal(context->Vcb->FcbTables->DeletionTree, &fcb->TreeEntry);
@@ -230,9 +238,12 @@ Fcb* GvFcbPopReferencedFcb(Fcb** head)
     return fcb;
 }
 
+// In this order: an object goes from the first tree to the second, and while it is on neither, its directory is on the
+// first.
 ULONG GvFcbGetFcbCount(const FcbTables* tables)
 {
-    return GvTreeGetEntryCount(tables->NameTree) + GvTreeGetEntryCount(tables->DeletionTree);
+    const ULONG live = GvTreeGetEntryCount(tables->NameTree);
+    return live + GvTreeGetEntryCount(tables->DeletionTree);
 }
 
 void GvFcbGetFileSize(const Fcb* fcb, LONGLONG* size) { *size = fcb->Header.FileSize.QuadPart; }

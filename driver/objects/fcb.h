@@ -37,7 +37,7 @@ NTSTATUS GvFcbDerefFcbAndParentChain(IrpContext* context, Fcb* fcb);
 // A copy for the caller to free. STATUS_INVALID_PARAMETER for a deleted object, which has no name.
 [[nodiscard]] NTSTATUS GvFcbGetName(FcbTables* tables, Fcb* fcb, PUNICODE_STRING* name);
 // Moves a deleted object to the deletion tree and gives back its count on the parent. After a failure behind the
-// removal the object is on no tree; its last release says so and leaves the record.
+// removal the object is on no tree, and holds its parent, and so the volume, until its last release.
 NTSTATUS GvFcbMarkFcbAsDeleted(IrpContext* context, Fcb* fcb);
 // Re-enters the object under its new path, below target's object if a target is given.
 [[nodiscard]] NTSTATUS GvFcbMoveFcbForRename(IrpContext* context, Fcb* fcb, PFILE_OBJECT target,

@@ -3,21 +3,27 @@
 
 #include "objects/fcb.h"
 
+#include "frame/resource.h"
 #include "frame/trace.h"
 #include "objects/tree.h"
 #include "objects/util.h"
 
 NTSTATUS GvFcbGetName(FcbTables* tables, Fcb* fcb, PUNICODE_STRING* name)
 {
+    GvString key;
+    const NTSTATUS status = GvLoad(fcb->Deleted) ? STATUS_INVALID_PARAMETER
+                                                 : GvTreeGetEntryKey(tables->NameTree, &fcb->TreeEntry, key.Out());
+    // Behind the copy: what a nested query has copied may have become a deletion key meanwhile, which is no name.
     if (GvLoad(fcb->Deleted)) {
         GV_TRACE(GvTraceError, "ERROR: fcb: 0x%x already 'deleted'\n", fcb);
         return STATUS_INVALID_PARAMETER;
     }
-    if (!GvTreeHasEntry(&fcb->TreeEntry)) {
+    if (status == STATUS_NOT_FOUND) {
         GV_TRACE(GvTraceError, "ERROR: fcb: 0x%x is on no tree\n", fcb);
         return STATUS_INVALID_PARAMETER;
     }
-    return GvTreeGetEntryKey(tables->NameTree, &fcb->TreeEntry, name);
+    if (NT_SUCCESS(status)) *name = key.Release();
+    return status;
 }
 
 namespace {
@@ -70,6 +76,7 @@ ULONG BytesOf(const WCHAR* text)
 NTSTATUS GvFcbMarkFcbAsDeleted(IrpContext* context, Fcb* fcb)
 {
     FcbTables* const tables = context->Vcb->FcbTables;
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     if (!fcb->ParentFcb) {
         GV_TRACE(GvTraceError, "serious error..., root FCB was deleted?: 0x%x\n", fcb);
         return STATUS_INVALID_PARAMETER;
@@ -86,25 +93,26 @@ NTSTATUS GvFcbMarkFcbAsDeleted(IrpContext* context, Fcb* fcb)
         GV_TRACE_FAILED("GvFcbGetDeletionKeyFromPath", status);
         return status;
     }
-    // From here on the name is free: a create under it makes a new control block beside this one.
+    // From here on the name is free: a create under it makes a new control block beside this one. The directory is kept
+    // until the object stands on the other tree: an unmount that finds both trees empty takes the volume away.
     GvTreeRemoveEntryByVal(tables->NameTree, &fcb->TreeEntry);
-    status = GvFcbDerefFcbAndParentChain(context, fcb->ParentFcb);
-    if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvFcbDerefFcbAndParentChain", status);
-    fcb->ParentFcb = nullptr;
-    fcb->TreeEntry = {};
-
     status = GvTreeAddEntry(tables->DeletionTree, key.Get(), &fcb->TreeEntry);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED("GvTreeAddEntry", status);
         return status;
     }
     fcb->OnDeletionTree = 1;
+    Fcb* const parent = fcb->ParentFcb;
+    fcb->ParentFcb = nullptr;
+    const NTSTATUS released = GvFcbDerefFcbAndParentChain(context, parent);
+    if (!NT_SUCCESS(released)) GV_TRACE_FAILED("GvFcbDerefFcbAndParentChain", released);
     return STATUS_SUCCESS;
 }
 
 NTSTATUS GvFcbMoveFcbForRename(IrpContext* context, Fcb* fcb, PFILE_OBJECT target, PCUNICODE_STRING newPath)
 {
     GvTree* const tree = context->Vcb->FcbTables->NameTree;
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     GvTreeRemoveEntryByVal(tree, &fcb->TreeEntry);
     if (target) {
         const NTSTATUS status = GvFcbDerefFcbAndParentChain(context, fcb->ParentFcb);

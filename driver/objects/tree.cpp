@@ -29,6 +29,36 @@ NTSTATUS GvTreeDelete(GvTree* tree)
     return STATUS_SUCCESS;
 }
 
+namespace {
+
+// The platform's longest prefix by whole components, which may be the name itself or a directory above it.
+GvTreeEntry* LongestPrefix(GvTree* tree, PCUNICODE_STRING name)
+{
+    PUNICODE_PREFIX_TABLE_ENTRY const found =
+        RtlFindUnicodePrefix(&tree->PrefixTable, const_cast<PUNICODE_STRING>(name), 0);
+    return found ? CONTAINING_RECORD(found, GvTreeEntry, PrefixEntry) : nullptr;
+}
+
+// Under Vcb.Resource nobody changes it.
+USHORT KeyLength(const GvTreeEntry* entry) GV_NO_ANALYSIS { return entry->Key->Length; }
+
+// The table refuses a name only in the very same case, and would find either of two that differ in case.
+bool HasName(GvTree* tree, PCUNICODE_STRING name)
+{
+    const GvTreeEntry* const found = LongestPrefix(tree, name);
+    return found && KeyLength(found) == name->Length;
+}
+
+PUNICODE_STRING ExchangeKey(GvTreeEntry* entry, PUNICODE_STRING key)
+{
+    GvHeldSpinLock lock(entry->KeyLock);
+    const PUNICODE_STRING old = entry->Key;
+    entry->Key = key;
+    return old;
+}
+
+} // namespace
+
 NTSTATUS GvTreeAddEntry(GvTree* tree, PCUNICODE_STRING name, GvTreeEntry* entry)
 {
     GvString key(GvUtlAllocUnicodeString(NonPagedPool, name->Length));
@@ -37,13 +67,11 @@ NTSTATUS GvTreeAddEntry(GvTree* tree, PCUNICODE_STRING name, GvTreeEntry* entry)
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     RtlCopyUnicodeString(key.Get(), name);
-    entry->Key = key.Get();
-    if (!RtlInsertUnicodePrefix(&tree->PrefixTable, key.Get(), &entry->PrefixEntry)) {
+    if (HasName(tree, name) || !RtlInsertUnicodePrefix(&tree->PrefixTable, key.Get(), &entry->PrefixEntry)) {
         GV_TRACE(GvTraceError, "RtlInsertUnicodePrefix(%wZ): FAILED\n", name);
-        entry->Key = nullptr;
         return STATUS_UNSUCCESSFUL;
     }
-    key.Release();
+    ExchangeKey(entry, key.Release());
     InterlockedIncrement(&tree->Count);
     return STATUS_SUCCESS;
 }
@@ -51,8 +79,7 @@ NTSTATUS GvTreeAddEntry(GvTree* tree, PCUNICODE_STRING name, GvTreeEntry* entry)
 NTSTATUS GvTreeRemoveEntryByVal(GvTree* tree, GvTreeEntry* entry)
 {
     RtlRemoveUnicodePrefix(&tree->PrefixTable, &entry->PrefixEntry);
-    GvFree(entry->Key);
-    entry->Key = nullptr;
+    GvFree(ExchangeKey(entry, nullptr));
     InterlockedDecrement(&tree->Count);
     return STATUS_SUCCESS;
 }
@@ -61,18 +88,33 @@ namespace {
 
 GvTreeEntry* GvTreeGetEntryInternal(GvTree* tree, PCUNICODE_STRING name)
 {
-    PUNICODE_PREFIX_TABLE_ENTRY const found =
-        RtlFindUnicodePrefix(&tree->PrefixTable, const_cast<PUNICODE_STRING>(name), 0);
-    if (!found) {
+    GvTreeEntry* const entry = LongestPrefix(tree, name);
+    if (!entry) {
         GV_TRACE(GvTraceNotable, "RtlFindUnicodePrefix(%wZ) not-found\n", name);
         return nullptr;
     }
-    auto* const entry = CONTAINING_RECORD(found, GvTreeEntry, PrefixEntry);
-    if (entry->Key->Length != name->Length) {
+    if (KeyLength(entry) != name->Length) {
         GV_TRACE(GvTraceNotable, "RtlFindUnicodePrefix(%wZ) not-found length differs\n", name);
         return nullptr;
     }
     return entry;
+}
+
+// 0 for an entry that is on no tree.
+USHORT LengthNow(GvTreeEntry* entry)
+{
+    GvHeldSpinLock lock(entry->KeyLock);
+    return entry->Key ? entry->Key->Length : USHORT{0};
+}
+
+// False if the name has been replaced by a longer one meanwhile.
+bool CopyKey(GvTreeEntry* entry, PUNICODE_STRING copy)
+{
+    GvHeldSpinLock lock(entry->KeyLock);
+    if (!entry->Key || entry->Key->Length > copy->MaximumLength) return false;
+    RtlCopyMemory(copy->Buffer, entry->Key->Buffer, entry->Key->Length);
+    copy->Length = entry->Key->Length;
+    return true;
 }
 
 } // namespace
@@ -85,14 +127,17 @@ NTSTATUS GvTreeGetEntry(GvTree* tree, PCUNICODE_STRING name, GvTreeEntry** entry
 
 NTSTATUS GvTreeGetEntryKey(GvTree*, GvTreeEntry* entry, PUNICODE_STRING* name)
 {
-    const PUNICODE_STRING copy = GvUtlAllocUnicodeString(PagedPool, entry->Key->Length);
-    if (!copy) {
-        GV_TRACE(GvTraceError, "out-of-mem\n");
-        return STATUS_INSUFFICIENT_RESOURCES;
+    while (const USHORT length = LengthNow(entry)) {
+        GvString copy(GvUtlAllocUnicodeString(NonPagedPool, length)); // filled under a spin lock
+        if (!copy) {
+            GV_TRACE(GvTraceError, "out-of-mem\n");
+            return STATUS_INSUFFICIENT_RESOURCES;
+        }
+        if (!CopyKey(entry, copy.Get())) continue;
+        *name = copy.Release();
+        return STATUS_SUCCESS;
     }
-    RtlCopyUnicodeString(copy, entry->Key);
-    *name = copy;
-    return STATUS_SUCCESS;
+    return STATUS_NOT_FOUND;
 }
 
 ULONG GvTreeGetEntryCount(const GvTree* tree) { return static_cast<ULONG>(GvLoad(tree->Count)); }

@@ -3,6 +3,7 @@
 #include "objects/util.h"
 
 #include "frame/plugincall.h"
+#include "frame/resource.h"
 #include "frame/trace.h"
 
 NTSTATUS GvUtlAllocAndInitResource(PERESOURCE* resource, GvAllocateResource allocate)
@@ -83,8 +84,22 @@ bool IsDotName(const PluginDirEntry* entry)
 
 } // namespace
 
+NTSTATUS GvReadDirEntryFromPlugin(IrpContext* context, const Fcb* directory, ULONG index,
+                                  GvBlock<PluginDirEntry>* entry)
+{
+    const NTSTATUS status =
+        GV_CALL_PLUGIN(context, directory, ReadDirEntry, GvHandleOf(directory), index, entry->Out());
+    if (!NT_SUCCESS(status)) return status;
+    if (!*entry) {
+        GV_TRACE_AS("GvReadDirEntryFromPlugin", GvTraceError, "ReadDirEntry() gave no entry\n");
+        return STATUS_UNSUCCESSFUL;
+    }
+    return GvCheckPluginName("ReadDirEntry", (*entry)->FileName, (*entry)->FileNameLength);
+}
+
 NTSTATUS GvUtlIsPluginDirEmpty(IrpContext* context, Fcb* fcb)
 {
+    GV_ASSERT_HELD_OR_NESTED(context, fcb->Header.Resource);
     if (GvLoad(fcb->OpenCount) < GvLoad(fcb->RefCount)) {
         GV_TRACE(GvTraceError, "FCB has child entries, dir is not empty\n");
         return STATUS_UNSUCCESSFUL;
@@ -92,15 +107,11 @@ NTSTATUS GvUtlIsPluginDirEmpty(IrpContext* context, Fcb* fcb)
     ULONG found = 0;
     for (ULONG index = 0;; ++index) {
         GvBlock<PluginDirEntry> entry;
-        const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, ReadDirEntry, fcb->PluginFd, index, entry.Out());
+        const NTSTATUS status = GvReadDirEntryFromPlugin(context, fcb, index, &entry);
         if (status == STATUS_NO_MORE_FILES) return found ? STATUS_DIRECTORY_NOT_EMPTY : STATUS_SUCCESS;
         if (!NT_SUCCESS(status)) {
             GV_TRACE_FAILED("ReadDirEntry", status);
             return status;
-        }
-        if (!entry) {
-            GV_TRACE(GvTraceError, "ReadDirEntry() gave no entry\n");
-            return STATUS_UNSUCCESSFUL;
         }
         if (!IsDotName(entry.Get())) ++found;
     }

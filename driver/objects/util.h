@@ -38,8 +38,12 @@ NTSTATUS GvUtlDeleteResource(PERESOURCE resource, GvAllocateResource allocated);
 // caller traces both.
 [[nodiscard]] NTSTATUS GvUtlMapProbedBuffer(PIRP irp, ULONG length, LOCK_OPERATION access, void** buffer);
 
+// The directory's entry of that ordinal, with a name that is a counted string. STATUS_NO_MORE_FILES behind the last
+// one, STATUS_UNSUCCESSFUL for a success without an entry. The caller traces.
+[[nodiscard]] NTSTATUS GvReadDirEntryFromPlugin(IrpContext* context, const Fcb* directory, ULONG index,
+                                                GvBlock<PluginDirEntry>* entry);
 // STATUS_SUCCESS if the directory may go, STATUS_DIRECTORY_NOT_EMPTY, STATUS_UNSUCCESSFUL while a child control block
-// lives, or the plugin's failure. The directory's lock is held.
+// lives, or the plugin's failure. Under the directory's lock.
 [[nodiscard]] NTSTATUS GvUtlIsPluginDirEmpty(IrpContext* context, Fcb* fcb);
 
 // The single place where a change could be reported. Reports nothing.

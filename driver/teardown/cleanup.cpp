@@ -20,7 +20,7 @@ ULONG ChangesOf(const Ccb* ccb)
 }
 
 // The count still includes the handle that goes.
-bool IsTimeToDelete(const Fcb* fcb) { return fcb->DeletePending && GvLoad(fcb->HandleCount) == 1; }
+bool IsTimeToDelete(const Fcb* fcb) { return GvLoad(fcb->DeletePending) && GvLoad(fcb->HandleCount) == 1; }
 
 // Deletion needs Vcb.Resource, which comes before the object's lock. While neither is held another cleanup may run to
 // its end, or the wish be withdrawn. What becomes of the deletion does not reach the caller.
@@ -50,11 +50,13 @@ NTSTATUS GvDoCleanup(IrpContext* context, GvOutcome*)
     }
     const PFILE_OBJECT fileObject = IoGetCurrentIrpStackLocation(context->Irp)->FileObject;
     Fcb* const fcb = GvFcbOf(fileObject);
-    const Ccb* const ccb = GvCcbOf(fileObject);
+    Ccb* const ccb = GvCcbOf(fileObject);
     GvHeldResource volumeLock;
     GvHeldResource lock;
     if (const NTSTATUS status = lock.Exclusive(fcb->Header.Resource); !NT_SUCCESS(status)) return status;
 
+    // A lock request that still waits for a worker finds its handle gone, and leaves no lock behind.
+    ccb->HandleGone = 1;
     FsRtlFastUnlockAll(&fcb->FileLock, fileObject, IoGetRequestorProcess(context->Irp), nullptr);
     if (ccb->DeleteOnClose) GvStore(fcb->DeletePending, 1); // also while other handles remain
     if (IsTimeToDelete(fcb)) {

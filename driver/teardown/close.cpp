@@ -12,7 +12,8 @@
 
 namespace {
 
-// Whatever the mount state: a close must finish, and the last one is what lets a requested unmount go on.
+// Whatever the mount state: a close must finish, and the last one is what lets a requested unmount go on. Behind the
+// pin neither the volume nor an object may be touched.
 class ClosePin {
 public:
     explicit ClosePin(PDEVICE_OBJECT device) : device_(device) { GvPinVcb(device_); }
@@ -49,7 +50,6 @@ NTSTATUS ReleaseNested(PFILE_OBJECT fileObject, Fcb* fcb)
 {
     Ccb* const ccb = GvCcbOf(fileObject);
     InterlockedDecrement(&fcb->OpenCount); // while the reference still keeps the record
-    if (fcb->FcbType == GvVolume) return DeleteCcb(ccb);
     if (!GvFcbReleaseUnlessLast(fcb)) {
         InterlockedIncrement(&fcb->OpenCount);
         return RefuseFinalClose(fileObject);
@@ -58,14 +58,21 @@ NTSTATUS ReleaseNested(PFILE_OBJECT fileObject, Fcb* fcb)
     return STATUS_SUCCESS;
 }
 
+// Opens of the volume hold no reference, and nobody further up does either: under a pin, since the count may be what an
+// unmount waits for.
+NTSTATUS ReleaseVolumeOpen(Fcb* volume, Ccb* ccb)
+{
+    const NTSTATUS status = DeleteCcb(ccb);
+    InterlockedDecrement(&volume->OpenCount);
+    return status;
+}
+
 // Under the volume's lock.
 NTSTATUS ReleaseFileObject(IrpContext* context, Fcb* fcb, Ccb* ccb)
 {
-    NTSTATUS status = DeleteCcb(ccb);
+    [[maybe_unused]] const NTSTATUS traced = DeleteCcb(ccb);
     InterlockedDecrement(&fcb->OpenCount);
-    if (fcb->FcbType == GvVolume) return status; // opens of the volume hold no reference
-
-    status = GvFcbReleaseFcb(context, fcb);
+    const NTSTATUS status = GvFcbReleaseFcb(context, fcb);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS("GvDoClose", "GvFcbReleaseFcb", status);
     return status;
 }
@@ -81,10 +88,14 @@ NTSTATUS GvDoClose(IrpContext* context, GvOutcome*)
         return RefuseFinalClose(fileObject);
     }
     if (context->IsAsync || KeGetCurrentIrql() != PASSIVE_LEVEL) return GvPendIrpContext(context);
-    if (!context->IsTopLevel) return ReleaseNested(fileObject, fcb);
+    const bool isVolume = fcb->FcbType == GvVolume;
+    if (!context->IsTopLevel && !isVolume) return ReleaseNested(fileObject, fcb);
 
     const ClosePin pin(context->DeviceObject);
     GvHeldResource lock;
-    if (const NTSTATUS status = lock.Exclusive(&context->Vcb->Resource); !NT_SUCCESS(status)) return status;
-    return ReleaseFileObject(context, fcb, GvCcbOf(fileObject));
+    if (context->IsTopLevel) {
+        if (const NTSTATUS status = lock.Exclusive(&context->Vcb->Resource); !NT_SUCCESS(status)) return status;
+    }
+    return isVolume ? ReleaseVolumeOpen(fcb, GvCcbOf(fileObject))
+                    : ReleaseFileObject(context, fcb, GvCcbOf(fileObject));
 }

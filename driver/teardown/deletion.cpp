@@ -6,6 +6,7 @@
 
 #include "fileinfo/plugininfo.h"
 #include "frame/plugincall.h"
+#include "frame/resource.h"
 #include "objects/fcb.h"
 #include "objects/util.h"
 
@@ -15,14 +16,14 @@ namespace {
 [[nodiscard]] NTSTATUS GvMakePluginFileWriteable(IrpContext* context, const Fcb* fcb)
 {
     GvBlock<PluginFileInfo> info;
-    NTSTATUS status = GvGetInfoFromPlugin(context, fcb, fcb->PluginFd, &info);
+    NTSTATUS status = GvGetInfoFromPlugin(context, GvHandleOf(fcb), &info);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED("GetInfo", status);
         return status;
     }
     if (!(info->FileAttributes & FILE_ATTRIBUTE_READONLY)) return STATUS_SUCCESS;
     const ULONG attributes = info->FileAttributes & ~FILE_ATTRIBUTE_READONLY;
-    status = GV_CALL_PLUGIN(context, fcb, SetAttr, fcb->PluginFd, attributes);
+    status = GV_CALL_PLUGIN(context, fcb, SetAttr, GvHandleOf(fcb), attributes);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED("SetAttr", status);
     return status;
 }
@@ -46,8 +47,9 @@ constexpr char kName[] = "GvPerformDeletion";
 // The plugin deletes an object with no handle open on it. A failed close leaves an object without a handle.
 [[nodiscard]] NTSTATUS ClosePluginFd(IrpContext* context, Fcb* fcb)
 {
-    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, Close, fcb->PluginFd);
-    GvStore(fcb->PluginFdClosed, 1); // first: a nested read that finds no handle must find the gate shut
+    const GvHandleSwitch closing(fcb);
+    const NTSTATUS status = GV_CALL_PLUGIN(context, fcb, Close, GvHandleOf(fcb));
+    GvStore(fcb->PluginFdClosed, 1);
     GvStore(fcb->PluginFd, 0);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED_AS(kName, "Close", status);
     return status;
@@ -67,6 +69,8 @@ void DeleteOnPlugin(IrpContext* context, Fcb* fcb, PCUNICODE_STRING path)
 
 NTSTATUS GvPerformDeletion(IrpContext* context, Fcb* fcb)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
+    GV_ASSERT_HELD_EXCLUSIVE(fcb->Header.Resource);
     GvString path; // taken now: a deleted object has no name any more
     NTSTATUS status = GvFcbGetName(context->Vcb->FcbTables, fcb, path.Out());
     if (!NT_SUCCESS(status)) {

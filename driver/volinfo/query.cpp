@@ -108,6 +108,9 @@ constexpr VolumeClass kClasses[] = {
 {
     NTSTATUS status = GV_CALL_PLUGIN(context, fcb, GetVolInfo, record->Out());
     if (NT_SUCCESS(status) && !*record) status = STATUS_UNSUCCESSFUL;
+    if (NT_SUCCESS(status)) {
+        status = GvCheckPluginName("GetVolInfo", (*record)->VolumeLabel, (*record)->VolumeLabelLength);
+    }
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED_AS(kName, "GetVolInfo", status);
         return status;
@@ -144,5 +147,6 @@ NTSTATUS GvDoQueryVolInfo(IrpContext* context, GvOutcome* outcome)
         .Buffer = context->Irp->AssociatedIrp.SystemBuffer,
         .Length = stack->Parameters.QueryVolume.Length,
     };
+    if (query.Length) RtlZeroMemory(query.Buffer, query.Length); // padding goes out with the answer
     return Answer(stack->Parameters.QueryVolume.FsInformationClass, query, &outcome->Information);
 }

@@ -119,10 +119,10 @@ NTSTATUS MountAttempt::InitState(const PluginOps* operations) GV_NO_ANALYSIS
         return status;
     }
     KeInitializeSpinLock(&vcb_->PinLock.Lock);
-    InitializeListHead(&vcb_->PendedList);
+    for (LIST_ENTRY& list : vcb_->PendedList) InitializeListHead(&list);
     InitializeListHead(&vcb_->ActiveList);
     KeInitializeSpinLock(&vcb_->QueueLock.Lock);
-    KeInitializeSemaphore(&vcb_->WorkSemaphore, 0, GvMaximumPended);
+    for (KSEMAPHORE& semaphore : vcb_->WorkSemaphore) KeInitializeSemaphore(&semaphore, 0, GvMaximumPended);
     KeInitializeEvent(&vcb_->StopEvent, NotificationEvent, FALSE);
     return STATUS_SUCCESS;
 }
@@ -164,7 +164,7 @@ void MountAttempt::Undo()
 {
     if (!vcb_) return;
     if (vcb_->WorkerCount) {
-        FspStopWorkerThreads(&vcb_->StopEvent, vcb_->WorkerCount, vcb_->WorkerThreads);
+        FspStopWorkerThreads(&vcb_->StopEvent, vcb_->WorkerCount + GvReservedWorkers, vcb_->WorkerThreads);
         GvFree(vcb_->WorkerThreads);
     }
     if (vcb_->BackingFileObject) ObDereferenceObject(vcb_->BackingFileObject);

@@ -32,7 +32,7 @@ void DeleteLink(Vcb* vcb)
 NTSTATUS GvDoUnmount(PDEVICE_OBJECT device)
 {
     Vcb* const vcb = GvVcbOf(device);
-    NTSTATUS status = FspStopWorkerThreads(&vcb->StopEvent, vcb->WorkerCount, vcb->WorkerThreads);
+    NTSTATUS status = FspStopWorkerThreads(&vcb->StopEvent, vcb->WorkerCount + GvReservedWorkers, vcb->WorkerThreads);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED("FspStopWorkerThreads", status);
         return status;

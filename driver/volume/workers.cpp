@@ -1,6 +1,6 @@
-// Workers: one permit of WorkSemaphore for each context put on PendedList. A context is always on one of the volume's
-// two lists from its queuing until the worker lets it go, so that a cancel finds it. A worker holds no lock between
-// requests and enters no critical region: it is a system thread.
+// Workers: one permit of the lane's WorkSemaphore for each context put on its PendedList. A context is always on one of
+// the volume's lists from its queuing until the worker lets it go, so that a cancel finds it. A worker holds no lock
+// between requests and enters no critical region: it is a system thread.
 
 #include "volume/workers.h"
 
@@ -13,17 +13,17 @@
 
 namespace {
 
-IrpContext* GvMovePendedIrpContextToWorkQueue(Vcb* vcb)
+IrpContext* GvMovePendedIrpContextToWorkQueue(Vcb* vcb, GvLane lane)
 {
     GvHeldSpinLock lock(vcb->QueueLock);
-    if (IsListEmpty(&vcb->PendedList)) return nullptr;
-    LIST_ENTRY* const link = RemoveHeadList(&vcb->PendedList);
-    --vcb->PendedCount;
+    if (IsListEmpty(&vcb->PendedList[lane])) return nullptr;
+    LIST_ENTRY* const link = RemoveHeadList(&vcb->PendedList[lane]);
+    if (lane == GvLaneOrdinary) --vcb->PendedCount;
     InsertTailList(&vcb->ActiveList, link);
     return CONTAINING_RECORD(link, IrpContext, Link);
 }
 
-NTSTATUS RunInner(IrpContext* context, GvOutcome* outcome)
+NTSTATUS ServePended(IrpContext* context, GvOutcome* outcome)
 {
     const IO_STACK_LOCATION* const stack = IoGetCurrentIrpStackLocation(context->Irp);
     const GvDispatchRow* const row = GvRowOf(stack->MajorFunction);
@@ -40,29 +40,50 @@ NTSTATUS RunInner(IrpContext* context, GvOutcome* outcome)
 NTSTATUS FspDispatchPendedIrp(Vcb* vcb, IrpContext* context, GvOutcome* outcome)
 {
     const PIRP irp = context->Irp;
-    const bool isTopLevel = context->IsTopLevel;
     NTSTATUS status = STATUS_SUCCESS;
     if (context->Vcb != vcb) {
         GV_TRACE(GvTraceError, "wrong io-context: 0x%x for irp-context: 0x%x\n", vcb, context);
     } else {
-        // A request that was top-level when it arrived leaves the slot empty: the flag tells the inner routine.
-        if (!isTopLevel) IoSetTopLevelIrp(reinterpret_cast<PIRP>(FSRTL_FSP_TOP_LEVEL_IRP));
+        // Whether the request is the outermost, its flag tells; the slot tells what is nested in it, such as the close
+        // of a file that a purge lets go of, which must not take the volume's lock under an object's.
+        IoSetTopLevelIrp(context->IsTopLevel ? irp : reinterpret_cast<PIRP>(FSRTL_FSP_TOP_LEVEL_IRP));
         context->IsAsync = 0;
-        status = RunInner(context, outcome);
+        status = ServePended(context, outcome);
+        GvUtlClearTopLevelIrp();
     }
-    if (!isTopLevel) GvUtlClearTopLevelIrp();
     if (status == STATUS_PENDING) GV_TRACE(GvTraceError, "IRP 0x%x, pended again!!!\n", irp);
     return status;
 }
 
-NTSTATUS FspDequeueAndDispatchPendedIrp(Vcb* vcb)
+// Keeps the file object of a request that somebody else completes: its last reference would go in the middle of the
+// request, and the object's lock with it. Given up when the thread's work is done, as a close of its own.
+class TakenOverFile {
+public:
+    explicit TakenOverFile(const IO_STACK_LOCATION* stack)
+        : file_(stack->MajorFunction == IRP_MJ_LOCK_CONTROL ? stack->FileObject : nullptr)
+    {
+        if (file_) ObReferenceObject(file_);
+    }
+    ~TakenOverFile()
+    {
+        if (file_) ObDereferenceObject(file_);
+    }
+    TakenOverFile(const TakenOverFile&) = delete;
+    TakenOverFile& operator=(const TakenOverFile&) = delete;
+
+private:
+    PFILE_OBJECT file_;
+};
+
+NTSTATUS FspDequeueAndDispatchPendedIrp(Vcb* vcb, GvLane lane)
 {
-    IrpContext* const context = GvMovePendedIrpContextToWorkQueue(vcb);
+    IrpContext* const context = GvMovePendedIrpContextToWorkQueue(vcb, lane);
     if (!context) {
         // What becomes of the permit of a request that was cancelled while it waited.
         GV_TRACE_FAILED("GvMovePendedIrpContextToWorkQueue", STATUS_UNSUCCESSFUL);
         return STATUS_UNSUCCESSFUL;
     }
+    const TakenOverFile kept(IoGetCurrentIrpStackLocation(context->Irp));
     GvOutcome outcome = {};
     const NTSTATUS status = FspDispatchPendedIrp(vcb, context, &outcome);
     const PIRP irp = context->Irp;
@@ -74,8 +95,9 @@ NTSTATUS FspDequeueAndDispatchPendedIrp(Vcb* vcb)
 
 VOID NTAPI FspWorkerThread(PVOID startContext)
 {
-    auto* const vcb = static_cast<Vcb*>(startContext);
-    PVOID objects[] = {&vcb->StopEvent, &vcb->WorkSemaphore};
+    const auto* const start = static_cast<const GvWorkerStart*>(startContext);
+    Vcb* const vcb = start->Volume;
+    PVOID objects[] = {&vcb->StopEvent, &vcb->WorkSemaphore[start->Lane]};
     constexpr NTSTATUS kStop = STATUS_WAIT_0;
     constexpr NTSTATUS kWork = STATUS_WAIT_0 + 1;
     for (;;) {
@@ -83,7 +105,7 @@ VOID NTAPI FspWorkerThread(PVOID startContext)
         const NTSTATUS status =
             KeWaitForMultipleObjects(2, objects, WaitAny, Executive, KernelMode, FALSE, nullptr, nullptr);
         if (status == kWork) {
-            FspDequeueAndDispatchPendedIrp(vcb);
+            FspDequeueAndDispatchPendedIrp(vcb, start->Lane);
             continue;
         }
         if (status == kStop) {
@@ -95,11 +117,11 @@ VOID NTAPI FspWorkerThread(PVOID startContext)
     }
 }
 
-[[nodiscard]] NTSTATUS StartOne(Vcb* vcb, HANDLE* thread)
+[[nodiscard]] NTSTATUS StartOne(GvWorkerStart* start, HANDLE* thread)
 {
     OBJECT_ATTRIBUTES attributes;
     InitializeObjectAttributes(&attributes, nullptr, OBJ_KERNEL_HANDLE, nullptr, nullptr);
-    return PsCreateSystemThread(thread, SYNCHRONIZE, &attributes, nullptr, nullptr, FspWorkerThread, vcb);
+    return PsCreateSystemThread(thread, SYNCHRONIZE, &attributes, nullptr, nullptr, FspWorkerThread, start);
 }
 
 [[nodiscard]] NTSTATUS WaitForEnd(HANDLE handle)
@@ -121,13 +143,16 @@ VOID NTAPI FspWorkerThread(PVOID startContext)
 
 NTSTATUS FspStartWorkerThreads(Vcb* vcb, PKEVENT stopEvent, ULONG count, HANDLE** result)
 {
-    GvBlock<HANDLE> threads(static_cast<HANDLE*>(GvAllocate(NonPagedPool, count * sizeof(HANDLE))));
+    const ULONG all = count + GvReservedWorkers;
+    GvBlock<HANDLE> threads(static_cast<HANDLE*>(GvAllocate(NonPagedPool, all * sizeof(HANDLE))));
     if (!threads) {
         GV_TRACE(GvTraceError, "out-of-memory\n");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    for (ULONG i = 0; i < count; ++i) {
-        const NTSTATUS status = StartOne(vcb, &threads.Get()[i]);
+    for (UCHAR lane = 0; lane < GvLaneCount; ++lane) vcb->WorkerStart[lane] = {vcb, static_cast<GvLane>(lane)};
+    for (ULONG i = 0; i < all; ++i) {
+        const ULONG lane = i < count ? GvLaneOrdinary : 1 + i - count;
+        const NTSTATUS status = StartOne(&vcb->WorkerStart[lane], &threads.Get()[i]);
         if (NT_SUCCESS(status)) continue;
         GV_TRACE_FAILED("PsCreateSystemThread", status);
         FspStopWorkerThreads(stopEvent, i, threads.Get());

@@ -1,10 +1,11 @@
-// The worker pool of a volume: a fixed number of system threads, made at mount, stopped at unmount. A pended request
-// runs its inner routine again there, from the top.
+// The worker pool of a volume: a fixed number of system threads, made at mount, stopped at unmount, and one more for
+// each lane of paging requests. A pended request runs its inner routine again there, from the top.
 #pragma once
 
 #include "frame/records.h"
 
-// All threads run, or none; the array is the caller's to free.
+// The size of the pool is count; the array has GvReservedWorkers threads more, and is the caller's to free. All run, or
+// none.
 [[nodiscard]] NTSTATUS FspStartWorkerThreads(Vcb* vcb, PKEVENT stopEvent, ULONG count, HANDLE** threads);
 // Waits for every thread to end; a worker inside a plugin call holds it up. A failure leaves the remaining ones.
 NTSTATUS FspStopWorkerThreads(PKEVENT stopEvent, ULONG count, HANDLE* threads);

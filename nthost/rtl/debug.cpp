@@ -1,6 +1,7 @@
 // DbgPrint and its listener, and statuses by name. One mutex guards which listener is installed and how many calls are
 // in it; it is never held while one runs. Without a listener DbgPrint is a load and a branch.
 
+#include <nthost/check.h>
 #include <nthost/debug.h>
 
 #include <atomic>
@@ -105,4 +106,12 @@ ULONG NTAPI DbgPrint(PCSTR Format, ...)
     nthost::Print(Format, arguments);
     NT_VA_END(arguments);
     return STATUS_SUCCESS;
+}
+
+VOID NTAPI RtlAssert(PVOID FailedAssertion, PVOID FileName, ULONG LineNumber, PSTR Message)
+{
+    char text[512];
+    std::snprintf(text, sizeof text, "%s at %s:%u%s%s", static_cast<const char*>(FailedAssertion),
+                  static_cast<const char*>(FileName), LineNumber, Message ? ": " : "", Message ? Message : "");
+    nthost::ReportFinding("assertion-failed", text);
 }

@@ -83,7 +83,7 @@ TEST_F(OneWorker, PendedRequestIsOneWakeUp)
 {
     constexpr int kWaiting = 20;
     const auto permits = [this] {
-        return __atomic_load_n(&Volume()->WorkSemaphore.Header.SignalState, __ATOMIC_ACQUIRE);
+        return __atomic_load_n(&Volume()->WorkSemaphore[GvLaneOrdinary].Header.SignalState, __ATOMIC_ACQUIRE);
     };
     Handle file = OpenOrFail("\\file", {.Access = FILE_READ_DATA, .Options = 0});
     auto gate = Plugin().CloseGate("Read");

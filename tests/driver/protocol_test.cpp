@@ -29,7 +29,7 @@ protected:
         EXPECT_EQ(vcb->PluginCallCount, 0u);
         EXPECT_EQ(vcb->PinCount, 0u);
         EXPECT_EQ(vcb->PendedCount, 0u);
-        EXPECT_TRUE(IsListEmpty(&vcb->PendedList));
+        for (const LIST_ENTRY& list : vcb->PendedList) EXPECT_TRUE(IsListEmpty(&list));
         EXPECT_TRUE(IsListEmpty(&vcb->ActiveList));
     }
 };

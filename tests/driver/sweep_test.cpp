@@ -103,7 +103,7 @@ protected:
         {
             GvHeldSpinLock lock(Volume()->QueueLock);
             EXPECT_EQ(Volume()->PendedCount, 0u);
-            EXPECT_TRUE(IsListEmpty(&Volume()->PendedList));
+            for (const LIST_ENTRY& list : Volume()->PendedList) EXPECT_TRUE(IsListEmpty(&list));
             EXPECT_TRUE(IsListEmpty(&Volume()->ActiveList));
         }
         ExpectWorks();

@@ -95,24 +95,18 @@ ContentOutcome ContentModel::Write(const ContentOperation& write)
     // Where a write to the end goes is settled before the pages go out.
     const auto offset = PlaceOf(write);
     if (!offset) return Only(STATUS_INVALID_PARAMETER);
-    FlushAndPurge();
-    if (write.Verb == ContentVerb::Write) {
-        const std::string data = Noise(write.Fill, write.Length);
-        WriteBytes(*offset, write.Length, [&](ULONG at, ULONG length) { return data.substr(at, length); });
+    // So is the data: what follows a first piece is held in memory until the write has ended.
+    const bool fromView = write.Verb != ContentVerb::Write;
+    const std::string data = fromView ? ReadView(write.ViewOffset, write.Length) : Noise(write.Fill, write.Length);
+    if (fromView && write.Length > kChunk) {
+        FlushAndPurge((write.ViewOffset + kChunk) / kPage, PagesOf(write.ViewOffset + write.Length, kPage));
     } else {
-        WriteBytes(*offset, write.Length,
-                   [&](ULONG at, ULONG length) { return ReadView(write.ViewOffset + at, length); });
+        FlushAndPurge();
     }
+    Store(*offset, data);
     end_ = std::max<LONGLONG>(end_, *offset + write.Length);
     if (write.Through == Through::Synchronous) position_ = *offset + write.Length;
     return {STATUS_SUCCESS, write.Length, {}, 0};
-}
-
-template <typename Source>
-void ContentModel::WriteBytes(LONGLONG offset, ULONG length, Source chunk)
-{
-    for (ULONG done = 0; done < length; done += kChunk)
-        Store(offset + done, chunk(done, std::min(kChunk, length - done)));
 }
 
 void ContentModel::Store(LONGLONG offset, const std::string& data)
@@ -211,10 +205,10 @@ void ContentModel::FlushPages(size_t first, size_t end)
     }
 }
 
-void ContentModel::FlushAndPurge()
+void ContentModel::FlushAndPurge(size_t first, size_t end)
 {
     FlushPages(0, SIZE_MAX);
-    pages_.clear();
+    std::erase_if(pages_, [=](const auto& page) { return page.first < first || page.first >= end; });
 }
 
 } // namespace model

@@ -27,8 +27,6 @@ private:
 
     ContentOutcome Read(const ContentOperation& read);
     ContentOutcome Write(const ContentOperation& write);
-    template <typename Source>
-    void WriteBytes(LONGLONG offset, ULONG length, Source chunk);
     NTSTATUS SetEnd(LONGLONG size);
     NTSTATUS SetAllocation(LONGLONG size);
     NTSTATUS Overwrite();
@@ -41,7 +39,8 @@ private:
     void Store(LONGLONG offset, const std::string& data);
     Page& Fault(size_t index);
     void FlushPages(size_t first, size_t end);
-    void FlushAndPurge();
+    // Pages from first to end are in use by a request, and stay.
+    void FlushAndPurge(size_t first = 0, size_t end = 0);
     bool IsMapped() const;
     bool CutsViews(LONGLONG size) const;
 

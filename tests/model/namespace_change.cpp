@@ -16,6 +16,13 @@ bool IsLegalLeaf(const std::string& leaf)
     return !leaf.empty() && leaf != "." && leaf != ".." && leaf.find_first_of("\"*/:<>?\\|") == std::string::npos;
 }
 
+// A new name is looked at before anything else happens to its object.
+NTSTATUS CheckLeaf(const std::string& leaf)
+{
+    if (leaf == "." || leaf == "..") return STATUS_OBJECT_PATH_SYNTAX_BAD;
+    return IsLegalLeaf(leaf) ? STATUS_SUCCESS : STATUS_OBJECT_NAME_INVALID;
+}
+
 bool LeadsTo(const Node* node, const Node* directory)
 {
     while (directory && directory != node) directory = directory->Parent;
@@ -192,6 +199,8 @@ NTSTATUS NamespaceModel::RenameControl(Control* source, Control* directory, cons
         PurgeAll(); // of the whole volume: what only sections keep open below the directory goes
         if (HasChildren(*source)) return STATUS_ACCESS_DENIED;
     }
+    if (const NTSTATUS status = CheckLeaf(leaf); !NT_SUCCESS(status)) return status;
+    if (directory == source) return STATUS_ACCESS_DENIED;
     Node* const into = directory ? directory->Stored : source->Stored->Parent;
     const std::string from = directory ? directory->Name : std::string(Directory(source->Name));
     const std::string destination = Join(from, Compose(leaf));
@@ -236,7 +245,6 @@ NTSTATUS NamespaceModel::RenameStored(Control* source, Node* directory, const st
 {
     if (source->StorageHandleLost) return STATUS_INVALID_PARAMETER;
     source->StorageHandleLost = true;
-    if (!IsLegalLeaf(leaf)) return STATUS_OBJECT_NAME_INVALID;
     if (LeadsTo(source->Stored, directory)) return STATUS_INVALID_PARAMETER;
     std::unique_ptr<Node> node = source->Stored->Take();
     node->Name = leaf;

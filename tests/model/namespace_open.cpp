@@ -38,6 +38,7 @@ bool Suffices(Kind kind, ACCESS_MASK access, PluginAccessMask mask)
 void Reopen(Control* control, ACCESS_MASK access)
 {
     if (Suffices(control->Kind, access, control->Opened) && !control->RefreshNeeded) return;
+    control->StorageHandleLost = false; // the new one makes it whole again
     control->Allowed = control->Opened = AllowedOn(*control->Stored);
     control->RefreshNeeded = false;
 }
