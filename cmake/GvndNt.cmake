@@ -60,5 +60,7 @@ if(GVND_LAYOUT_SOURCES)
     target_include_directories(gvnd_layout PRIVATE ${PROJECT_SOURCE_DIR}/driver ${PROJECT_SOURCE_DIR}/include)
 endif()
 
+add_test(NAME nt.ImageCheckRefusesWrongReads
+    COMMAND ${PROJECT_SOURCE_DIR}/packaging/nt/check_image_test.py)
 add_test(NAME nt.ImagesAreReproducible
     COMMAND ${PROJECT_SOURCE_DIR}/packaging/nt/check_reproducible.sh ${PROJECT_BINARY_DIR})

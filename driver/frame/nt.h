@@ -13,7 +13,7 @@ extern "C" NTKERNELAPI NTSTATUS NTAPI IoReplaceFileObjectName(PFILE_OBJECT FileO
                                                               USHORT FileNameLength);
 typedef NTSTATUS(NTAPI* PIO_REPLACE_FILE_OBJECT_NAME)(PFILE_OBJECT FileObject, PWSTR NewFileName,
                                                       USHORT FileNameLength);
-extern "C" __declspec(dllimport) POBJECT_TYPE* IoDeviceObjectType;
+extern "C" __declspec(dllimport) POBJECT_TYPE IoDeviceObjectType;
 #endif
 
 // A build that runs on nthost's checks asserts what its routines rely on.

@@ -4,6 +4,7 @@
 #include "frame/driver.h"
 #include "frame/guard.h"
 #include "frame/handle.h"
+#include "frame/objecttype.h"
 #include "frame/plugincall.h"
 #include "objects/fcb.h"
 #include "objects/util.h"
@@ -93,7 +94,7 @@ NTSTATUS MountAttempt::HoldBackingObject(PUNICODE_STRING path)
         return status;
     }
     PVOID object = nullptr;
-    status = ObReferenceObjectByHandle(handle.Get(), 0, *IoFileObjectType, KernelMode, &object, nullptr);
+    status = ObReferenceObjectByHandle(handle.Get(), 0, GvObjectType(IoFileObjectType), KernelMode, &object, nullptr);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED_AS("GvMount", "ObReferenceObjectByHandle", status);
         return status;

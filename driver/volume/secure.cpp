@@ -5,6 +5,7 @@
 
 #include "frame/atomic.h"
 #include "frame/handle.h"
+#include "frame/objecttype.h"
 #include "frame/trace.h"
 
 SecCreateDevice SecIoCreateDeviceSecure;
@@ -67,8 +68,8 @@ NTSTATUS SecApplySecurityToDevice(PDEVICE_OBJECT device, PSECURITY_DESCRIPTOR de
     if (!NT_SUCCESS(status)) return status;
 
     GvOwnedHandle handle;
-    status = ObOpenObjectByPointer(device, OBJ_KERNEL_HANDLE, nullptr, parts.Access, *IoDeviceObjectType, KernelMode,
-                                   handle.Out());
+    status = ObOpenObjectByPointer(device, OBJ_KERNEL_HANDLE, nullptr, parts.Access, GvObjectType(IoDeviceObjectType),
+                                   KernelMode, handle.Out());
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED("ObOpenObjectByPointer", status);
         return status;

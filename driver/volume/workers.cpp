@@ -7,6 +7,7 @@
 #include "frame/context.h"
 #include "frame/driver.h"
 #include "frame/handle.h"
+#include "frame/objecttype.h"
 #include "frame/pool.h"
 #include "frame/requests.h"
 #include "frame/trace.h"
@@ -127,7 +128,8 @@ VOID NTAPI FspWorkerThread(PVOID startContext)
 [[nodiscard]] NTSTATUS WaitForEnd(HANDLE handle)
 {
     PVOID thread;
-    NTSTATUS status = ObReferenceObjectByHandle(handle, SYNCHRONIZE, *PsThreadType, KernelMode, &thread, nullptr);
+    NTSTATUS status =
+        ObReferenceObjectByHandle(handle, SYNCHRONIZE, GvObjectType(PsThreadType), KernelMode, &thread, nullptr);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED_AS("FspStopWorkerThreads", "ObReferenceObjectByHandle", status);
         return status;

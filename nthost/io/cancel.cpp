@@ -19,7 +19,7 @@ __attribute__((no_sanitize("thread"), noinline)) void MarkCancelled(PIRP irp) { 
 NTSTATUS ReferenceFile(HANDLE handle, KPROCESSOR_MODE mode, PFILE_OBJECT* file)
 {
     void* object;
-    const NTSTATUS status = ObReferenceObjectByHandle(handle, 0, *IoFileObjectType, mode, &object, nullptr);
+    const NTSTATUS status = ObReferenceObjectByHandle(handle, 0, IoFileObjectType, mode, &object, nullptr);
     if (NT_SUCCESS(status)) *file = static_cast<PFILE_OBJECT>(object);
     return status;
 }

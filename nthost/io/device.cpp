@@ -189,8 +189,7 @@ bool HasOpens(PDEVICE_OBJECT device)
 using namespace nthost;
 using namespace nthost::io;
 
-static POBJECT_TYPE deviceType = &DeviceType;
-POBJECT_TYPE* IoDeviceObjectType = &deviceType;
+POBJECT_TYPE IoDeviceObjectType = &DeviceType;
 
 NTSTATUS NTAPI IoCreateDevice(PDRIVER_OBJECT DriverObject, ULONG DeviceExtensionSize, PUNICODE_STRING DeviceName,
                               DEVICE_TYPE DeviceType, ULONG DeviceCharacteristics, BOOLEAN Exclusive,

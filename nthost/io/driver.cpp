@@ -64,5 +64,4 @@ NTSTATUS NewDriverObject(const std::u16string& name, PDRIVER_OBJECT* driver)
 
 } // namespace nthost::io
 
-static POBJECT_TYPE driverType = &nthost::io::DriverType;
-POBJECT_TYPE* IoDriverObjectType = &driverType;
+POBJECT_TYPE IoDriverObjectType = &nthost::io::DriverType;

@@ -146,8 +146,7 @@ void UnlockFileObject(PFILE_OBJECT file)
 using namespace nthost;
 using namespace nthost::io;
 
-static POBJECT_TYPE fileType = &FileType;
-POBJECT_TYPE* IoFileObjectType = &fileType;
+POBJECT_TYPE IoFileObjectType = &FileType;
 
 NTSTATUS NTAPI IoReplaceFileObjectName(PFILE_OBJECT FileObject, PWSTR NewFileName, USHORT FileNameLength)
 {

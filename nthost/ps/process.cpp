@@ -33,7 +33,6 @@ _OBJECT_TYPE processType = {"Process",
                             nullptr,
                             DeleteProcess,
                             {}};
-POBJECT_TYPE processTypePointer = &processType;
 
 PEPROCESS hostProcess;
 
@@ -41,7 +40,7 @@ std::atomic<uintptr_t> nextId;
 
 } // namespace
 
-POBJECT_TYPE* PsProcessType = &processTypePointer;
+POBJECT_TYPE PsProcessType = &processType;
 PEPROCESS PsInitialSystemProcess;
 
 namespace nthost::ps {

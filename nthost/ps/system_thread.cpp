@@ -104,7 +104,7 @@ NTSTATUS ReferenceOwner(HANDLE handle, PEPROCESS* process)
     constexpr ACCESS_MASK createThread = 0x0002;
     *process = PsInitialSystemProcess;
     if (handle)
-        return ObReferenceObjectByHandle(handle, createThread, *PsProcessType, KernelMode,
+        return ObReferenceObjectByHandle(handle, createThread, PsProcessType, KernelMode,
                                          reinterpret_cast<PVOID*>(process), nullptr);
     ObReferenceObject(*process);
     return STATUS_SUCCESS;
@@ -114,7 +114,7 @@ NTSTATUS ReferenceOwner(HANDLE handle, PEPROCESS* process)
 NTSTATUS InsertAndLaunch(_ETHREAD* thread, ULONG access, ULONG attributes, PHANDLE handle, PCLIENT_ID id)
 {
     PEPROCESS const holder = IoGetCurrentProcess();
-    const ACCESS_MASK granted = access & (GENERIC_ALL | MAXIMUM_ALLOWED) ? (*PsThreadType)->ValidAccess : access;
+    const ACCESS_MASK granted = access & (GENERIC_ALL | MAXIMUM_ALLOWED) ? PsThreadType->ValidAccess : access;
     const CLIENT_ID clientId = {thread->Process->Id, thread->Id};
     NTSTATUS status = ob::InsertHandle(thread, holder, granted, attributes, handle);
     if (!NT_SUCCESS(status)) {

@@ -35,14 +35,13 @@ _OBJECT_TYPE threadType = {"Thread",
                            nullptr,
                            DeleteThread,
                            {}};
-POBJECT_TYPE threadTypePointer = &threadType;
 
 std::atomic<nthost::ps::ThreadExitHook> exitHook;
 LIST_ENTRY running = {&running, &running};
 
 } // namespace
 
-POBJECT_TYPE* PsThreadType = &threadTypePointer;
+POBJECT_TYPE PsThreadType = &threadType;
 
 namespace nthost::ps {
 

@@ -18,7 +18,6 @@ OBJECT_TYPE g_eventType{.Name = "Event",
                         .Close = RemoveNameWithLastHandle,
                         .Delete = nullptr,
                         .Live = {}};
-POBJECT_TYPE g_eventTypePointer = &g_eventType;
 
 NTSTATUS CreateEvent(KPROCESSOR_MODE mode, PHANDLE handle, ACCESS_MASK desired, POBJECT_ATTRIBUTES objectAttributes,
                      EVENT_TYPE type, BOOLEAN initialState)
@@ -65,7 +64,7 @@ LONG Reset(PKEVENT event) { return KeResetEvent(event); }
 
 using namespace nthost::zw;
 
-POBJECT_TYPE* ExEventObjectType = &g_eventTypePointer;
+POBJECT_TYPE ExEventObjectType = &g_eventType;
 
 NTSTATUS NTAPI NtCreateEvent(PHANDLE EventHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes,
                              EVENT_TYPE EventType, BOOLEAN InitialState)

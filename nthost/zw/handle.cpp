@@ -20,7 +20,7 @@ public:
 
     [[nodiscard]] NTSTATUS Open(HANDLE handle, KPROCESSOR_MODE mode)
     {
-        return ObReferenceObjectByHandle(handle, PROCESS_DUP_HANDLE, *PsProcessType, mode,
+        return ObReferenceObjectByHandle(handle, PROCESS_DUP_HANDLE, PsProcessType, mode,
                                          reinterpret_cast<PVOID*>(&process_), nullptr);
     }
     PEPROCESS Get() const { return process_; }

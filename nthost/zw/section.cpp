@@ -74,7 +74,7 @@ void DeleteSection(void* body)
 {
     void* object;
     NTSTATUS status = ObReferenceObjectByHandle(request.File, mm::FindProtection(request.Protection)->File,
-                                                *IoFileObjectType, mode, &object, nullptr);
+                                                IoFileObjectType, mode, &object, nullptr);
     if (!NT_SUCCESS(status)) return status;
     auto* const file = static_cast<PFILE_OBJECT>(object);
     *body = FaultInjected("NtCreateSection") ? nullptr : ob::CreateObject(&SectionType, sizeof(SectionBody));

@@ -105,7 +105,7 @@ bool IsMisaligned(const Placement& placement)
 
 [[nodiscard]] NTSTATUS ReferenceProcess(HANDLE handle, KPROCESSOR_MODE mode, PEPROCESS* process)
 {
-    return ObReferenceObjectByHandle(handle, PROCESS_VM_OPERATION, *PsProcessType, mode,
+    return ObReferenceObjectByHandle(handle, PROCESS_VM_OPERATION, PsProcessType, mode,
                                      reinterpret_cast<PVOID*>(process), nullptr);
 }
 

@@ -4,7 +4,8 @@
     check_image.py IMAGE [--allow FILE]
 
 Unwind data is checked over the code itself, not over symbols: each byte of an executable section belongs to a function
-with an entry in .pdata, or to code that provably leaves the stack alone and may therefore be unwound as a leaf.
+with an entry in .pdata, or to code that provably leaves the stack alone and may therefore be unwound as a leaf. So are the reads of
+imported data: each is as deep as the list of allowed imports says.
 """
 import argparse
 import pathlib
@@ -12,16 +13,19 @@ import re
 import subprocess
 import sys
 
+import data_imports
 import pe
 
 # What a leaf must not do: move the stack pointer, or call.
 NOT_A_LEAF = re.compile(r"^(push|pop|call|enter|leave)|,\s*%(rsp|esp)$")
 INSTRUCTION = re.compile(r"^\s*([0-9a-f]+):\s+(\S.*?)\s*(#.*)?$")
+REFERENCE = re.compile(r"# 0x([0-9a-f]+)|\bj\w+\s+0x([0-9a-f]+)")
 
 
-def allowed_names(path):
-    lines = (line.split("#")[0].strip() for line in path.read_text().splitlines())
-    return {line for line in lines if line}
+def allowed_imports(path):
+    """Names, each with the loads that reach what is wanted of a variable; 1 for a routine."""
+    lines = (line.split("#")[0].split() for line in path.read_text().splitlines())
+    return {line[0]: int(line[2]) if line[1:2] == ["data"] else 1 for line in lines if line}
 
 
 def check_header(image):
@@ -93,8 +97,16 @@ def uncovered_ranges(image, functions):
             yield position, end
 
 
+def parse(listing, base):
+    """The instructions of a listing; addresses become relative to the base."""
+    for line in listing.splitlines():
+        if match := INSTRUCTION.match(line):
+            reference = REFERENCE.search(line)
+            refers = int(reference[1] or reference[2], 16) - base if reference else None
+            yield data_imports.Instruction(int(match[1], 16) - base, re.sub(r"\s+", " ", match[2]), refers)
+
+
 def disassembly(image, path):
-    """Address and text of each instruction of the image, by relative address."""
     for tool in ("llvm-objdump", "llvm-objdump-14", "llvm-objdump-15", "llvm-objdump-16"):
         try:
             output = subprocess.run([tool, "-d", "--no-show-raw-insn", str(path)], check=True, text=True,
@@ -104,15 +116,34 @@ def disassembly(image, path):
             continue
     else:
         raise SystemExit("llvm-objdump is not installed")
-    for line in output.splitlines():
-        if match := INSTRUCTION.match(line):
-            yield int(match[1], 16) - image.base, re.sub(r"\s+", " ", match[2])
+    return parse(output, image.base)
 
 
-def check_leaves(image, path, functions):
+def by_function(instructions, functions):
+    starts = {function.begin for function in functions}
+    group = []
+    for instruction in instructions:
+        if instruction.address in starts and group:
+            yield group
+            group = []
+        group.append(instruction)
+    yield group
+
+
+def check_data(loads, imported, allowed):
+    for name in sorted(imported):
+        wanted = allowed.get(name, 1)
+        if wanted > 1 and not loads.get(name):
+            yield f"imports {name}, but nothing shows how it is read"
+        for address, count in sorted(loads.get(name, {}).items()):
+            if count != wanted:
+                yield f"reads {name} by {count} loads at {address:#x}, not by {wanted}"
+
+
+def check_leaves(image, instructions, functions):
     ranges = list(uncovered_ranges(image, functions))
     position = 0
-    for address, text in disassembly(image, path):
+    for address, text, _ in instructions:
         while position < len(ranges) and ranges[position][1] <= address:
             position += 1
         if position == len(ranges):
@@ -121,32 +152,39 @@ def check_leaves(image, path, functions):
             yield f"code at {address:#x} has no unwind data but uses the stack: {text}"
 
 
-def report(image, path, functions):
+def report(image, path, functions, loads, allowed):
     imports = sorted({name for _, name in image.imports()})
     handlers = sum(1 for f in functions if image.unwind_version_and_flags(f)[1] & pe.UNWIND_HANDLERS)
     print(f"{path.name}: {len(image.data)} bytes, {len(functions)} functions with unwind data, {handlers} with a handler,"
           f" {len(imports)} imports, PDB {image.pdb_path()}")
     for name in imports:
-        print(f"    {name}")
+        sites = loads.get(name, {})
+        deep = allowed.get(name, 1) > 1 or max(sites.values(), default=0) > 1
+        print(f"    {name}" + (f" (data, read {len(sites)} times, loads: {sorted(set(sites.values()))})" if deep else ""))
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("image", type=pathlib.Path)
     parser.add_argument("--allow", type=pathlib.Path, default=pathlib.Path(__file__).with_name("imports.allow"),
-                        help="names that may be imported, one a line (default: %(default)s)")
+                        help="what may be imported, one a line (default: %(default)s)")
     arguments = parser.parse_args()
 
     image = pe.Image(arguments.image)
     functions = image.runtime_functions()
-    report(image, arguments.image, functions)
+    allowed = allowed_imports(arguments.allow)
+    slots = dict(image.import_slots())
+    instructions = list(disassembly(image, arguments.image))
+    loads = data_imports.loads_of_slots(by_function(instructions, functions), slots)
+    report(image, arguments.image, functions, loads, allowed)
     complaints = [
         *check_header(image),
         *check_relocations(image),
-        *check_imports(image, allowed_names(arguments.allow)),
+        *check_imports(image, allowed),
+        *check_data(loads, slots.values(), allowed),
         *check_pdb(image, arguments.image),
         *check_unwind_entries(image, functions),
-        *check_leaves(image, arguments.image, functions),
+        *check_leaves(image, instructions, functions),
     ]
     for complaint in complaints:
         print(f"{arguments.image.name}: {complaint}", file=sys.stderr)

@@ -63,18 +63,29 @@ class Image:
         return self.data[offset:self.data.index(b"\0", offset)].decode()
 
     def imports(self):
-        """Pairs of a module's name and an imported routine's name; imports by number are named #<number>."""
+        """Pairs of a module's name and an imported name; imports by number are named #<number>."""
+        for module, name, _ in self._import_entries():
+            yield module, name
+
+    def import_slots(self):
+        """Pairs of a slot's address in the import address table and an imported name."""
+        for _, name, slot in self._import_entries():
+            yield slot, name
+
+    def _import_entries(self):
         rva, size = self.directories[IMPORTS]
         if not size:
             return
         descriptor = self.offset(rva)
         while self.u32(descriptor + 12):
             module = self.string(self.offset(self.u32(descriptor + 12)))
-            entry = self.offset(self.u32(descriptor) or self.u32(descriptor + 16))
+            slot = self.u32(descriptor + 16)
+            entry = self.offset(self.u32(descriptor) or slot)
             while value := struct.unpack_from("<Q", self.data, entry)[0]:
                 by_number = value >> 63
-                yield module, f"#{value & 0xFFFF}" if by_number else self.string(self.offset(value) + 2)
+                yield module, f"#{value & 0xFFFF}" if by_number else self.string(self.offset(value) + 2), slot
                 entry += 8
+                slot += 8
             descriptor += 20
 
     def runtime_functions(self):

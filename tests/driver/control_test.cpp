@@ -87,7 +87,7 @@ TEST_F(Control, ServesNothingButItsTable)
     ASSERT_STATUS(STATUS_SUCCESS, opened.Status);
     PVOID object = nullptr;
     ASSERT_STATUS(STATUS_SUCCESS,
-                  ObReferenceObjectByHandle(opened.File.Get(), 0, *IoFileObjectType, KernelMode, &object, nullptr));
+                  ObReferenceObjectByHandle(opened.File.Get(), 0, IoFileObjectType, KernelMode, &object, nullptr));
     const auto fileObject = static_cast<PFILE_OBJECT>(object);
     const uint64_t contexts = Trace().Count("GvAllocIrpContext");
 

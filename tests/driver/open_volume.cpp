@@ -160,7 +160,7 @@ ULONG VolumeTest::FcbCount() const { return GvFcbGetFcbCount(Volume()->FcbTables
 FileReference::FileReference(HANDLE handle)
 {
     PVOID object = nullptr;
-    const NTSTATUS status = ObReferenceObjectByHandle(handle, 0, *IoFileObjectType, KernelMode, &object, nullptr);
+    const NTSTATUS status = ObReferenceObjectByHandle(handle, 0, IoFileObjectType, KernelMode, &object, nullptr);
     EXPECT_STATUS(STATUS_SUCCESS, status);
     file_ = static_cast<PFILE_OBJECT>(object);
 }

@@ -182,7 +182,7 @@ ContentOutcome ContentDriver::WriteBack()
 {
     PVOID file = nullptr;
     const NTSTATUS status =
-        ObReferenceObjectByHandle(synchronous_.Get(), 0, *IoFileObjectType, KernelMode, &file, nullptr);
+        ObReferenceObjectByHandle(synchronous_.Get(), 0, IoFileObjectType, KernelMode, &file, nullptr);
     if (!NT_SUCCESS(status)) return {status, 0, {}, 0};
     const NTSTATUS written = nthost::StepModifiedPageWriter(static_cast<PFILE_OBJECT>(file));
     ObDereferenceObject(file);

@@ -139,7 +139,7 @@ TEST_F(Cancel, ReachesARequestThatAnotherThreadWaitsForButNotOfAnotherProcess)
     {
         nthost::Process process("guest");
         HANDLE copy;
-        ASSERT_EQ(ObOpenObjectByPointer(process.Object(), 0, nullptr, 0x1fffff, *PsProcessType, KernelMode, &copy),
+        ASSERT_EQ(ObOpenObjectByPointer(process.Object(), 0, nullptr, 0x1fffff, PsProcessType, KernelMode, &copy),
                   STATUS_SUCCESS);
         HANDLE theirs;
         ASSERT_EQ(NtDuplicateObject(NtCurrentProcess(), opened.Handle, copy, &theirs, 0, 0, DUPLICATE_SAME_ACCESS),

@@ -76,7 +76,7 @@ NTSTATUS Control(HANDLE file, HANDLE event, IO_STATUS_BLOCK* block)
 PFILE_OBJECT FileOf(HANDLE handle)
 {
     void* object = nullptr;
-    EXPECT_EQ(ObReferenceObjectByHandle(handle, 0, *IoFileObjectType, KernelMode, &object, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(ObReferenceObjectByHandle(handle, 0, IoFileObjectType, KernelMode, &object, nullptr), STATUS_SUCCESS);
     ObDereferenceObject(object);
     return static_cast<PFILE_OBJECT>(object);
 }

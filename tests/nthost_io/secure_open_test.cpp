@@ -24,7 +24,7 @@ HANDLE OpenDevice(ACCESS_MASK access)
 {
     HANDLE handle = nullptr;
     EXPECT_EQ(
-        ObOpenObjectByPointer(device, OBJ_KERNEL_HANDLE, nullptr, access, *IoDeviceObjectType, KernelMode, &handle),
+        ObOpenObjectByPointer(device, OBJ_KERNEL_HANDLE, nullptr, access, IoDeviceObjectType, KernelMode, &handle),
         STATUS_SUCCESS);
     return handle;
 }
@@ -125,12 +125,11 @@ TEST_F(SecureOpenTest, PartsAreReplacedOneByOne)
 TEST_F(SecureOpenTest, SettingChecksTheHandleAndTheDescriptor)
 {
     HANDLE handle = nullptr;
-    ASSERT_EQ(ObOpenObjectByPointer(device, 0, nullptr, WRITE_DAC, *IoDeviceObjectType, KernelMode, &handle),
+    ASSERT_EQ(ObOpenObjectByPointer(device, 0, nullptr, WRITE_DAC, IoDeviceObjectType, KernelMode, &handle),
               STATUS_SUCCESS);
     HANDLE full = nullptr;
-    ASSERT_EQ(
-        ObOpenObjectByPointer(device, 0, nullptr, WRITE_DAC | WRITE_OWNER, *IoDeviceObjectType, KernelMode, &full),
-        STATUS_SUCCESS);
+    ASSERT_EQ(ObOpenObjectByPointer(device, 0, nullptr, WRITE_DAC | WRITE_OWNER, IoDeviceObjectType, KernelMode, &full),
+              STATUS_SUCCESS);
     const Descriptor good(L"O:SYD:(A;;FA;;;WD)");
     const auto set = [](HANDLE to, SECURITY_INFORMATION what, PSECURITY_DESCRIPTOR descriptor) {
         return NtSetSecurityObject(to, what, descriptor);

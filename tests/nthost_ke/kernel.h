@@ -48,7 +48,7 @@ inline void AsDriver(std::function<void()> body)
     const auto run = [](PVOID context) { (*static_cast<std::function<void()>*>(context))(); };
     ASSERT_EQ(PsCreateSystemThread(&handle, 0x1fffff, nullptr, nullptr, nullptr, run, &body), STATUS_SUCCESS);
     PVOID thread;
-    ASSERT_EQ(ObReferenceObjectByHandle(handle, SYNCHRONIZE, *PsThreadType, KernelMode, &thread, nullptr),
+    ASSERT_EQ(ObReferenceObjectByHandle(handle, SYNCHRONIZE, PsThreadType, KernelMode, &thread, nullptr),
               STATUS_SUCCESS);
     EXPECT_EQ(KeWaitForSingleObject(thread, Executive, KernelMode, FALSE, nullptr), STATUS_SUCCESS);
     ObDereferenceObject(thread);

@@ -89,7 +89,7 @@ TEST_F(Threads, SystemThreadEndsItselfInTheMiddle)
     EXPECT_EQ(NtWaitForSingleObject(handle, FALSE, nullptr), STATUS_INVALID_HANDLE); // out of user mode's reach
     EXPECT_EQ(ZwWaitForSingleObject(handle, FALSE, nullptr), STATUS_SUCCESS);
     PVOID thread;
-    ASSERT_EQ(ObReferenceObjectByHandle(handle, SYNCHRONIZE, *PsThreadType, KernelMode, &thread, nullptr),
+    ASSERT_EQ(ObReferenceObjectByHandle(handle, SYNCHRONIZE, PsThreadType, KernelMode, &thread, nullptr),
               STATUS_SUCCESS);
     EXPECT_EQ(thread, started.Thread);
     EXPECT_EQ(reinterpret_cast<uintptr_t>(started.Process), 4u);

@@ -343,7 +343,7 @@ File::File(const char* name, ACCESS_MASK access)
                            FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0),
               STATUS_SUCCESS);
     void* object = nullptr;
-    EXPECT_EQ(ObReferenceObjectByHandle(handle_, 0, *IoFileObjectType, KernelMode, &object, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(ObReferenceObjectByHandle(handle_, 0, IoFileObjectType, KernelMode, &object, nullptr), STATUS_SUCCESS);
     ObDereferenceObject(object);
     object_ = static_cast<PFILE_OBJECT>(object);
 }

@@ -163,7 +163,7 @@ TEST_F(EventTest, AHandleMayBeClosedDuringTheWait)
 {
     const HANDLE event = MakeEvent();
     PVOID body;
-    ASSERT_EQ(ObReferenceObjectByHandle(event, EVENT_MODIFY_STATE, *ExEventObjectType, UserMode, &body, nullptr),
+    ASSERT_EQ(ObReferenceObjectByHandle(event, EVENT_MODIFY_STATE, ExEventObjectType, UserMode, &body, nullptr),
               STATUS_SUCCESS);
     std::thread waiter = StartThread(
         HostProcess(), [event] { EXPECT_EQ(NtWaitForSingleObject(event, FALSE, nullptr), STATUS_SUCCESS); });

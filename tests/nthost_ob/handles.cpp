@@ -63,15 +63,15 @@ TEST_F(HandleTest, ReferenceByValue)
         {"more than granted", user, 0x4, &g_loggedType, UserMode, STATUS_ACCESS_DENIED},
         {"the kernel is not checked", user, 0x4, &g_loggedType, KernelMode, STATUS_SUCCESS},
         {"any type", user, 0, nullptr, UserMode, STATUS_SUCCESS},
-        {"another type", user, 0, *ExEventObjectType, KernelMode, STATUS_OBJECT_TYPE_MISMATCH},
-        {"type before access", user, 0x4, *ExEventObjectType, UserMode, STATUS_OBJECT_TYPE_MISMATCH},
+        {"another type", user, 0, ExEventObjectType, KernelMode, STATUS_OBJECT_TYPE_MISMATCH},
+        {"type before access", user, 0x4, ExEventObjectType, UserMode, STATUS_OBJECT_TYPE_MISMATCH},
         {"the low bits are the application's", Offset(user, 3), 0x3, nullptr, UserMode, STATUS_SUCCESS},
         {"null", nullptr, 0, nullptr, KernelMode, STATUS_INVALID_HANDLE},
         {"beyond the table", Offset(user, 0x10000), 0, nullptr, UserMode, STATUS_INVALID_HANDLE},
         {"a kernel handle for the kernel", kernel, 0x3, nullptr, KernelMode, STATUS_SUCCESS},
         {"a kernel handle for a user", kernel, 0x3, nullptr, UserMode, STATUS_INVALID_HANDLE},
-        {"the process itself", NtCurrentProcess(), PROCESS_DUP_HANDLE, *PsProcessType, UserMode, STATUS_SUCCESS},
-        {"the thread itself", NtCurrentThread(), SYNCHRONIZE, *PsThreadType, UserMode, STATUS_SUCCESS},
+        {"the process itself", NtCurrentProcess(), PROCESS_DUP_HANDLE, PsProcessType, UserMode, STATUS_SUCCESS},
+        {"the thread itself", NtCurrentThread(), SYNCHRONIZE, PsThreadType, UserMode, STATUS_SUCCESS},
         {"no other pseudo handle", reinterpret_cast<HANDLE>(-3ll), 0, nullptr, KernelMode, STATUS_INVALID_HANDLE},
     };
     for (const auto& row : rows) {
@@ -208,7 +208,7 @@ TEST_F(HandleTest, OpenByPointer)
         {0, 0x1, &g_loggedType, UserMode, STATUS_SUCCESS, false},
         {OBJ_KERNEL_HANDLE, 0x1, &g_loggedType, KernelMode, STATUS_SUCCESS, true},
         {OBJ_KERNEL_HANDLE, 0x1, nullptr, UserMode, STATUS_SUCCESS, false}, // users cannot make one
-        {0, 0x1, *PsThreadType, KernelMode, STATUS_OBJECT_TYPE_MISMATCH, false},
+        {0, 0x1, PsThreadType, KernelMode, STATUS_OBJECT_TYPE_MISMATCH, false},
         {0, 0x10, &g_loggedType, UserMode, STATUS_ACCESS_DENIED, false}, // no right of this type
     };
     for (const auto& row : rows) {
@@ -251,7 +251,7 @@ TEST_F(HandleTest, TableUnderContention)
                 NtDuplicateObject(NtCurrentProcess(), shared, NtCurrentProcess(), &mine, 0, 0, DUPLICATE_SAME_ACCESS),
                 STATUS_SUCCESS);
             PVOID body;
-            ASSERT_EQ(ObReferenceObjectByHandle(mine, 0, *ExEventObjectType, UserMode, &body, nullptr), STATUS_SUCCESS);
+            ASSERT_EQ(ObReferenceObjectByHandle(mine, 0, ExEventObjectType, UserMode, &body, nullptr), STATUS_SUCCESS);
             ASSERT_EQ(NtClose(mine), STATUS_SUCCESS);
             ObDereferenceObject(body);
         }

@@ -230,6 +230,12 @@ TEST_F(MemoryTest, SystemRoutinesByName)
         EXPECT_NE(find(L"ObfDereferenceObject"), nullptr);
     }
     EXPECT_NE(find(L"ObfReferenceObject"), nullptr);
+
+    // Of a variable, the address: an object type is one load away from it.
+    const auto type = *static_cast<POBJECT_TYPE*>(find(L"PsThreadType"));
+    PVOID thread = nullptr;
+    EXPECT_EQ(ObReferenceObjectByHandle(NtCurrentThread(), 0, type, UserMode, &thread, nullptr), STATUS_SUCCESS);
+    if (thread) ObDereferenceObject(thread);
 }
 
 } // namespace nthost_ob

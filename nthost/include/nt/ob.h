@@ -11,13 +11,13 @@ typedef struct _OBJECT_HANDLE_INFORMATION {
     ACCESS_MASK GrantedAccess;
 } OBJECT_HANDLE_INFORMATION, *POBJECT_HANDLE_INFORMATION;
 
-// Types are exported as pointers to the type variable, so code writes *IoFileObjectType.
-extern POBJECT_TYPE* ExEventObjectType;
-extern POBJECT_TYPE* IoDeviceObjectType;
-extern POBJECT_TYPE* IoDriverObjectType;
-extern POBJECT_TYPE* IoFileObjectType;
-extern POBJECT_TYPE* PsProcessType;
-extern POBJECT_TYPE* PsThreadType;
+// Types are exported as pointers to the type variable, so code writes IoFileObjectType.
+extern POBJECT_TYPE ExEventObjectType;
+extern POBJECT_TYPE IoDeviceObjectType;
+extern POBJECT_TYPE IoDriverObjectType;
+extern POBJECT_TYPE IoFileObjectType;
+extern POBJECT_TYPE PsProcessType;
+extern POBJECT_TYPE PsThreadType;
 
 // A null type accepts any. KernelMode skips the access check. Statuses: STATUS_INVALID_HANDLE,
 // STATUS_OBJECT_TYPE_MISMATCH, STATUS_ACCESS_DENIED. The object gets one reference for the caller.
