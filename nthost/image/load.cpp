@@ -9,8 +9,8 @@
 #include "check/stack.h"
 #include "image/debugger.h"
 #include "image/frames.h"
-#include "image/irql.h"
 #include "image/map.h"
+#include "image/platform.h"
 #include "image/seh.h"
 #include "image/symbols.h"
 #include "mm/exceptions.h"
@@ -53,7 +53,7 @@ bool StepOverImage(StackPosition* position)
     return true;
 }
 
-constexpr mm::ExceptionHooks kExceptionHooks = {AnyModule, EmulateIrqlMove, DispatchException};
+constexpr mm::ExceptionHooks kExceptionHooks = {AnyModule, EmulateInstruction, DispatchException};
 constexpr StackHooks kStackHooks = {AnyModule, AddressText, StepOverImage};
 
 void Announce(Module* module)

@@ -17,8 +17,8 @@ struct Exception {
 struct ExceptionHooks {
     // Whether the frames of images can be on a stack; nothing else is asked otherwise.
     bool (*Wanted)();
-    // Carries out a privileged instruction; false if it is none that is known.
-    bool (*Emulate)(ucontext_t* fault);
+    // Carries out an instruction that only a kernel can; false if it is none that is known.
+    bool (*Emulate)(ucontext_t* fault, const void* address);
     // Returns if nobody on the stack handles the exception.
     void (*Dispatch)(const Exception& exception);
 };

@@ -94,12 +94,12 @@ void PassOn(int signal, siginfo_t* info, void* context)
     if (info->si_code <= 0) raise(signal);
 }
 
-// A privileged instruction faults without an address.
+// A privileged instruction faults without an address, an access to the kernel's half with one that no process can map.
 bool Emulated(const siginfo_t* info, ucontext_t* context)
 {
-    if (info->si_code != SI_KERNEL) return false;
+    if (info->si_code != SI_KERNEL && reinterpret_cast<intptr_t>(info->si_addr) >= 0) return false;
     const ExceptionHooks* const hooks = WantedHooks();
-    return hooks && hooks->Emulate(context);
+    return hooks && hooks->Emulate(context, info->si_addr);
 }
 
 void OnFault(int signal, siginfo_t* info, void* frame)
