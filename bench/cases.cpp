@@ -23,7 +23,7 @@ Order::Order(size_t count) : count_(count), step_(static_cast<size_t>(static_cas
     while (std::gcd(step_, count_) != 1) ++step_;
 }
 
-Population::Population(unsigned count) : place_("Live" + std::to_string(count))
+Population::Population(Host& host, unsigned count) : place_(host, "Live" + std::to_string(count))
 {
     Require(GvTreeInit(&tree_), "make a tree");
     place_.MakeDirectory("\\d");
@@ -59,7 +59,7 @@ void Population::Shuffle()
 Place& Run::Common()
 {
     if (common_) return *common_;
-    common_ = std::make_unique<Place>("Bench");
+    common_ = std::make_unique<Place>(host_, "Bench");
     common_->MakeFile("\\file", 0);
     std::string directory;
     for (char digit = '1'; digit <= '8'; ++digit) {
@@ -80,7 +80,7 @@ Place& Run::Common()
 Population& Run::Live(unsigned count)
 {
     std::unique_ptr<Population>& population = populations_[count];
-    if (!population) population = std::make_unique<Population>(count);
+    if (!population) population = std::make_unique<Population>(host_, count);
     return *population;
 }
 

@@ -27,7 +27,7 @@ private:
 // apart that has the same names.
 class Population {
 public:
-    explicit Population(unsigned count);
+    Population(Host& host, unsigned count);
     Population(const Population&) = delete;
     Population& operator=(const Population&) = delete;
     ~Population();
@@ -48,12 +48,14 @@ private:
 // What the cases share; goes before the host does.
 class Run {
 public:
+    explicit Run(Host& host) : host_(host) {}
     // \file, \1\2\...\8\file, \small (4 KiB), \large (1 MiB), \truncated, \renamed, \link to \file, \many with
     // 10,000 entries
     Place& Common();
     Population& Live(unsigned count);
 
 private:
+    Host& host_;
     std::unique_ptr<Place> common_;
     std::map<unsigned, std::unique_ptr<Population>> populations_;
 };

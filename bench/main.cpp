@@ -17,8 +17,8 @@ int main(int argc, char** argv)
     benchmark::Initialize(&count, arguments.data());
     if (benchmark::ReportUnrecognizedArguments(count, arguments.data())) return 1;
 
-    const bench::Host host;
-    bench::Run run;
+    bench::Host host;
+    bench::Run run(host);
     bench::RegisterOpens(run);
     bench::RegisterReads(run);
     bench::RegisterWrites(run);

@@ -4,9 +4,12 @@
 #pragma once
 
 #include <fcntl.h>
+#include <optional>
 #include <string>
 
 #include <gvnd/memfs.h>
+#include <workbench/host.h>
+#include <workbench/plugin_table.h>
 
 namespace bench {
 
@@ -25,8 +28,10 @@ public:
     Host& operator=(const Host&) = delete;
     ~Host();
 
+    workbench::Host& Workbench() { return host_; }
+
 private:
-    PDRIVER_OBJECT driver_ = nullptr;
+    workbench::Host host_;
 };
 
 // A path that can be opened on all three sides without any work left to do. Stays where it was made.
@@ -38,13 +43,12 @@ public:
     Path& operator=(const Path&) = delete;
 
     POBJECT_ATTRIBUTES ForDriver() const { return const_cast<POBJECT_ATTRIBUTES>(&attributes_); }
-    PCUNICODE_STRING ForPlugin() const { return &onVolume_; }
+    PCUNICODE_STRING ForPlugin() const { return onVolume_; }
     const char* ForTmpfs() const { return relative_.c_str(); }
 
 private:
-    std::u16string text_;
-    UNICODE_STRING full_;
-    UNICODE_STRING onVolume_;
+    workbench::Text full_;
+    workbench::Text onVolume_;
     OBJECT_ATTRIBUTES attributes_;
     std::string relative_;
 };
@@ -52,7 +56,7 @@ private:
 // An empty volume and an empty directory, filled alike.
 class Place {
 public:
-    explicit Place(const std::string& name);
+    Place(Host& host, const std::string& name);
     Place(const Place&) = delete;
     Place& operator=(const Place&) = delete;
     ~Place();
@@ -67,8 +71,10 @@ public:
     int Tmpfs() const { return tmpfs_; }
 
 private:
+    workbench::Host& host_;
     std::string name_;
     PluginOps* plugin_ = nullptr;
+    std::optional<workbench::PluginTable> table_;
     PDEVICE_OBJECT device_ = nullptr;
     std::string directory_;
     int tmpfs_ = -1; // of directory_

@@ -8,6 +8,7 @@ gvnd_sources(GVND_DRIVER_SOURCES driver)
 gvnd_sources(GVND_MEMFS_SOURCES plugins/memfs)
 gvnd_sources(GVND_HOSTFS_SOURCES plugins/hostfs)
 gvnd_sources(GVND_LAYER_SOURCES plugins/layer)
+gvnd_sources(GVND_WORKBENCH_SOURCES workbench)
 gvnd_sources(GVND_TOOL_SOURCES tools/gvnd)
 
 set(GVND_LIBRARIES "")
@@ -75,6 +76,18 @@ foreach(plugin IN ITEMS hostfs layer)
         install(FILES plugins/${plugin}/${plugin}.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/gvnd-plugins/${plugin})
     endif()
 endforeach()
+
+# Everything around the driver that a program wants which mounts a plugin and uses the volume.
+if(TARGET gvnd_driver AND TARGET gvnd_layer AND GVND_WORKBENCH_SOURCES)
+    gvnd_library(workbench SOURCES ${GVND_WORKBENCH_SOURCES})
+    target_include_directories(gvnd_workbench PUBLIC
+        $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/workbench/include>
+        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/gvnd-workbench>)
+    target_link_libraries(gvnd_workbench PUBLIC gvnd_layer gvnd_driver gvnd_nthost gvnd_plugin)
+    install(DIRECTORY workbench/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/gvnd-workbench
+        FILES_MATCHING PATTERN "*.h")
+    list(APPEND GVND_LIBRARIES workbench)
+endif()
 
 list(TRANSFORM GVND_LIBRARIES PREPEND gvnd:: OUTPUT_VARIABLE GVND_LINK_ALL)
 

@@ -5,6 +5,8 @@ file(GLOB_RECURSE GVND_NTHOST_HEADERS CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURC
     ${PROJECT_SOURCE_DIR}/nthost/include/*.h)
 file(GLOB_RECURSE GVND_BOUNDARY_HEADERS CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/include
     ${PROJECT_SOURCE_DIR}/include/*.h)
+file(GLOB_RECURSE GVND_WORKBENCH_HEADERS CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/workbench/include
+    ${PROJECT_SOURCE_DIR}/workbench/include/*.h)
 
 # Writes a file that includes one header twice, so that a missing #pragma once shows too.
 function(gvnd_header_probe out header extension)
@@ -15,13 +17,14 @@ function(gvnd_header_probe out header extension)
 endfunction()
 
 set(GVND_PROBES "")
-foreach(header IN LISTS GVND_NTHOST_HEADERS GVND_BOUNDARY_HEADERS)
+foreach(header IN LISTS GVND_NTHOST_HEADERS GVND_BOUNDARY_HEADERS GVND_WORKBENCH_HEADERS)
     gvnd_header_probe(probe ${header} cpp)
     list(APPEND GVND_PROBES ${probe})
 endforeach()
 # A plugin may be written in C.
-foreach(header gvnd/plugin.h ntifs.h)
-    if(${header} IN_LIST GVND_NTHOST_HEADERS OR ${header} IN_LIST GVND_BOUNDARY_HEADERS)
+foreach(header gvnd/plugin.h ntifs.h workbench/workbench_c.h)
+    if(${header} IN_LIST GVND_NTHOST_HEADERS OR ${header} IN_LIST GVND_BOUNDARY_HEADERS OR
+       ${header} IN_LIST GVND_WORKBENCH_HEADERS)
         gvnd_header_probe(probe ${header} c)
         list(APPEND GVND_PROBES ${probe})
     endif()
@@ -31,7 +34,8 @@ if(GVND_PROBES)
     add_library(header_check OBJECT ${GVND_PROBES})
     target_compile_options(header_check PRIVATE ${GVND_HOSTED_FLAGS} -fshort-wchar)
     target_compile_definitions(header_check PRIVATE NTHOST_CHECKS=$<BOOL:${GVND_CHECKS}>)
-    target_include_directories(header_check PRIVATE ${PROJECT_SOURCE_DIR}/nthost/include ${PROJECT_SOURCE_DIR}/include)
+    target_include_directories(header_check PRIVATE ${PROJECT_SOURCE_DIR}/nthost/include ${PROJECT_SOURCE_DIR}/include
+        ${PROJECT_SOURCE_DIR}/workbench/include ${PROJECT_SOURCE_DIR}/plugins)
 endif()
 
 file(GLOB_RECURSE GVND_RULED_FILES CONFIGURE_DEPENDS

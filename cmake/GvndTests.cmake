@@ -1,7 +1,7 @@
 # Tests and benchmarks. tests/<name>/ becomes the executable <name>_tests; if the name begins with a component's, the
-# tests see that component's private headers too. Three directories are special: support is linked into all of them,
-# layout is compiled only (its assertions are the test), and outsider is a project of its own that uses the installed
-# package.
+# tests see that component's private headers too. Four directories are special: support is linked into all of them,
+# layout is compiled only (its assertions are the test), outsider is a project of its own that uses the installed
+# package, and scripts has the tests of scripts.
 
 find_package(GTest REQUIRED)
 include(GoogleTest)
@@ -66,7 +66,7 @@ endfunction()
 
 file(GLOB GVND_TEST_DIRS CONFIGURE_DEPENDS LIST_DIRECTORIES true RELATIVE ${PROJECT_SOURCE_DIR}/tests
     ${PROJECT_SOURCE_DIR}/tests/*)
-list(REMOVE_ITEM GVND_TEST_DIRS support layout outsider)
+list(REMOVE_ITEM GVND_TEST_DIRS support layout outsider scripts)
 if(TARGET gvnd_nthost)
     foreach(directory IN LISTS GVND_TEST_DIRS)
         if(IS_DIRECTORY ${PROJECT_SOURCE_DIR}/tests/${directory})
@@ -99,10 +99,20 @@ if(GVND_BUILD_BENCH AND GVND_BENCH_SOURCES AND TARGET gvnd_driver)
     set_tests_properties(bench.EachCaseRuns PROPERTIES TIMEOUT 120)
 endif()
 
+# The scripts that the build leans on.
+add_test(NAME scripts.CheckIncludesRefusesBadOnes COMMAND ${PROJECT_SOURCE_DIR}/tests/scripts/check_includes.py)
+
 # The tool, by its command line.
 if(TARGET gvnd)
     add_test(NAME tool.CommandLine COMMAND ${PROJECT_SOURCE_DIR}/tests/tool/run.sh $<TARGET_FILE:gvnd> ${PROJECT_SOURCE_DIR})
     set_tests_properties(tool.CommandLine PROPERTIES TIMEOUT 300)
+endif()
+
+# The stranger's test of a plugin in C, built here too, where the sanitizers and nthost's checks see it.
+if(TARGET gvnd_workbench)
+    gvnd_executable(hello_c_test tests/outsider/hello.c tests/outsider/hello_test.c)
+    target_link_libraries(hello_c_test PRIVATE gvnd_workbench)
+    add_test(NAME outsider.TestsAPluginInC COMMAND hello_c_test)
 endif()
 
 # The installed package, used by a stranger. One build kind is enough to prove it, and a sanitized one would need the

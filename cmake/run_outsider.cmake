@@ -16,3 +16,4 @@ run(${CMAKE_COMMAND} -G Ninja -S ${SOURCE_DIR} -B ${work}/build -D CMAKE_PREFIX_
     -D CMAKE_CXX_COMPILER=${CXX} -D CMAKE_BUILD_TYPE=Release)
 run(${CMAKE_COMMAND} --build ${work}/build)
 run(${work}/build/outsider)
+run(${work}/build/hello_test)

@@ -23,8 +23,6 @@ struct alignas(64) ThreadBucket {
 
 ThreadBucket g_buckets[16];
 
-constexpr int64_t Patience = INT64_C(10'000'000'000);
-
 ThreadBucket& BucketOf(const _ETHREAD* thread) { return g_buckets[(reinterpret_cast<uintptr_t>(thread) >> 7) % 16]; }
 
 void EnlistWithThread(IrpRecord* record)
@@ -95,6 +93,8 @@ std::vector<IrpRecord*> HoldThreadRequests(_ETHREAD* thread)
 
 } // namespace
 
+int64_t CancelPatience = INT64_C(10'000'000'000);
+
 void EndSignal::Raise()
 {
     changes_.fetch_add(1);
@@ -161,7 +161,7 @@ void CancelThreadRequests(_ETHREAD* thread)
     CancelAndRelease(HoldThreadRequests(thread));
     const auto allEnded = [thread] { return thread->OutstandingIrps.load(std::memory_order_acquire) == 0; };
     EndSignal& ended = BucketOf(thread).Ended;
-    if (ended.Await(allEnded, ke::MonotonicNow() + Patience)) return;
+    if (ended.Await(allEnded, ke::MonotonicNow() + CancelPatience)) return;
     // Its memory cannot go while a driver has requests of it, so the thread stays; but somebody should know why.
     ReportFinding("irp-not-cancelled", "a driver does not end the cancelled requests of a thread that exits");
     ended.Await(allEnded);

@@ -25,7 +25,10 @@ struct CancelScope {
 unsigned CancelFileRequests(PFILE_OBJECT file, const CancelScope& scope);
 // Until none of the thread's asynchronous requests on the file is left.
 void AwaitFileRequests(PFILE_OBJECT file, PETHREAD thread);
-// A thread ends: cancels its requests and waits for them.
+// In nanoseconds; a test that provokes the finding shortens it.
+extern int64_t CancelPatience;
+// A thread ends: cancels its requests and waits for them. If that takes longer than CancelPatience, a finding
+// "irp-not-cancelled".
 void CancelThreadRequests(_ETHREAD* thread);
 
 } // namespace nthost::io

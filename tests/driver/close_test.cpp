@@ -151,22 +151,5 @@ TEST_F(Closes, AnAsynchronousOneLetsARequestedUnmountGoOn)
     EXPECT_TRUE(Plugin().Calls().empty()); // it hears nothing any more, not even of the handle
 }
 
-// Nothing of a handle's sharing outlives the handle, though its file object does.
-TEST_F(Closes, ComesTooLateForSharing)
-{
-    const OpenRequest alone = {.Access = FILE_READ_DATA | SYNCHRONIZE, .Share = 0};
-    Handle first = OpenOrFail("\\file", alone);
-    FileReference kept(first.Get());
-    EXPECT_STATUS(STATUS_SHARING_VIOLATION, Open("\\file", alone).Status);
-    first.Close();
-    EXPECT_EQ(Find("\\file")->OpenCount, 1);
-    Handle second = OpenOrFail("\\file", alone);
-    EXPECT_STATUS(STATUS_SHARING_VIOLATION, Open("\\file", alone).Status);
-    kept.Drop();
-    EXPECT_STATUS(STATUS_SHARING_VIOLATION, Open("\\file", alone).Status);
-    second.Close();
-    OpenOrFail("\\file", alone);
-}
-
 } // namespace
 } // namespace opening

@@ -1,11 +1,10 @@
-// Control blocks: references along the chain, the deletion tree, moves between directories, the directory-empty test.
+// Control blocks: references along the chain, the deletion tree.
 
 #include "objects/fcb.h"
 
 #include <nthost/debug.h>
 
 #include "objects/tree.h"
-#include "objects/util.h"
 #include "open_requests.h"
 
 namespace opening {
@@ -30,13 +29,6 @@ protected:
             fcb->Deleted = 1;
             EXPECT_STATUS(STATUS_SUCCESS, GvFcbMarkFcbAsDeleted(context, fcb));
         });
-    }
-
-    NTSTATUS IsEmpty(const char* path)
-    {
-        NTSTATUS status = STATUS_PENDING;
-        AsARequest([&](IrpContext* context) { status = GvUtlIsPluginDirEmpty(context, Find(path)); });
-        return status;
     }
 };
 
@@ -115,27 +107,6 @@ TEST_F(Fcbs, TheRootCannotBeMarkedDeleted)
     EXPECT_NE(Find("\\"), nullptr);
 }
 
-// To another directory: the old one, if idle, is taken down at once; the new one is held.
-TEST_F(Fcbs, AMoveTakesTheNewParentAndDropsTheOld)
-{
-    Handle file = OpenOrFail("\\dir\\sub\\deep");
-    Handle target = OpenOrFail("\\empty");
-    FileReference targetObject(target.Get());
-    Fcb* const fcb = Find("\\dir\\sub\\deep");
-    AsARequest([&](IrpContext* context) {
-        EXPECT_STATUS(STATUS_SUCCESS, GvFcbMoveFcbForRename(context, fcb, targetObject.Get(), Text("\\empty\\moved")));
-    });
-    EXPECT_EQ(Find("\\EMPTY\\Moved"), fcb);
-    EXPECT_EQ(fcb->ParentFcb, Find("\\empty"));
-    EXPECT_EQ(Find("\\empty")->RefCount, 2);
-    EXPECT_EQ(Find("\\dir"), nullptr);
-    AsARequest([&](IrpContext* context) {
-        EXPECT_STATUS(STATUS_SUCCESS, GvFcbMoveFcbForRename(context, fcb, nullptr, Text("\\empty\\again")));
-    });
-    EXPECT_EQ(Find("\\empty\\again"), fcb);
-    EXPECT_EQ(Find("\\empty")->RefCount, 2);
-}
-
 TEST_F(Fcbs, AReferencedListHoldsWhatItNames)
 {
     Handle one = OpenOrFail("\\dir\\file"), other = OpenOrFail("\\file");
@@ -152,26 +123,6 @@ TEST_F(Fcbs, AReferencedListHoldsWhatItNames)
         EXPECT_EQ(found, 2u);
     });
     EXPECT_EQ(Find("\\file")->RefCount, 1);
-}
-
-TEST_F(Fcbs, TellsAnEmptyDirectory)
-{
-    for (int i = 0; i < 20; ++i) MakeFile("\\dir\\sub\\n" + std::to_string(i));
-    Handle empty = OpenOrFail("\\empty"), sub = OpenOrFail("\\dir\\sub");
-    EXPECT_STATUS(STATUS_SUCCESS, IsEmpty("\\empty"));
-    Plugin().Clear();
-    EXPECT_STATUS(STATUS_DIRECTORY_NOT_EMPTY, IsEmpty("\\dir\\sub"));
-    EXPECT_EQ(Plugin().Count("ReadDirEntry"), 24u); // 21 files, two names of dots, the end
-    Plugin().Fail("ReadDirEntry", STATUS_IO_DEVICE_ERROR, 3);
-    EXPECT_STATUS(STATUS_IO_DEVICE_ERROR, IsEmpty("\\dir\\sub"));
-    // With a live child there is nothing to ask.
-    Handle child = OpenOrFail("\\dir\\sub\\deep");
-    Plugin().Clear();
-    EXPECT_STATUS(STATUS_UNSUCCESSFUL, IsEmpty("\\dir\\sub"));
-    EXPECT_TRUE(Plugin().Calls().empty());
-    // A deleted child no longer counts.
-    MarkDeleted(Find("\\dir\\sub\\deep"));
-    EXPECT_STATUS(STATUS_DIRECTORY_NOT_EMPTY, IsEmpty("\\dir\\sub"));
 }
 
 } // namespace

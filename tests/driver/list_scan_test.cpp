@@ -238,6 +238,14 @@ TEST_F(Scan, ScreensItsRequests)
     Find("\\")->PluginFdClosed = 0;
     Handle file = OpenOrFail("\\file");
     EXPECT_STATUS(STATUS_INVALID_PARAMETER, List(file.Get()).Status);
+    const auto notify = [](HANDLE handle) {
+        char buffer[64];
+        IO_STATUS_BLOCK block = {};
+        return NtNotifyChangeDirectoryFile(handle, nullptr, nullptr, nullptr, &block, buffer, sizeof buffer,
+                                           FILE_NOTIFY_CHANGE_FILE_NAME, FALSE);
+    };
+    EXPECT_STATUS(STATUS_NOT_SUPPORTED, notify(directory.Get()));
+    EXPECT_STATUS(STATUS_INVALID_PARAMETER, notify(file.Get()));
     EXPECT_EQ(List(directory.Get(), kOne).Names, (Lines{"dir"})); // nothing of that moved the scan
 }
 

@@ -64,8 +64,9 @@ protected:
         return true;
     }
 
-private:
     PluginOps* memfs_ = nullptr;
+
+private:
     unsigned rounds_ = 0;
 };
 
@@ -91,6 +92,33 @@ TEST_F(MountFaults, StopsTheThreadsThatHadStarted)
     EXPECT_FALSE(MountOnce());
     EXPECT_TRUE(Trace().Contains("PsCreateSystemThread(): 0xc000009a\n"));
     EXPECT_EQ(Trace().Count("worker thread stopping gracefully\n"), 299u);
+}
+
+// Nothing is left that could try again, so the volume stays as it is; here the test tries again.
+TEST_F(MountFaults, WithoutAWorkItemTheVolumeStays)
+{
+    LoadGvndOrFail();
+    layer::PluginLayer layer(memfs_);
+    ASSERT_STATUS(STATUS_SUCCESS, Host().Mount({.Name = "Stays"}, layer.Table(), &Mounter::Device));
+    const PDEVICE_OBJECT device = Mounter::Device;
+    // From an entry, since only what a driver calls can be made to fail.
+    const auto request = [](PDRIVER_OBJECT, PUNICODE_STRING) {
+        EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(Mounter::Device));
+        return STATUS_UNSUCCESSFUL;
+    };
+    PDRIVER_OBJECT none = nullptr;
+    {
+        const nthost::FaultPlan plan("IoAllocateWorkItem", 1);
+        EXPECT_STATUS(STATUS_UNSUCCESSFUL, nthost::LoadDriver("requester", request, &none));
+        EXPECT_EQ(plan.Injected(), 1u);
+    }
+    EXPECT_TRUE(Trace().Contains("IoAllocateWorkItem(): 0xc000009a\n"));
+    EXPECT_EQ(layer.Unmounted(), 0u);
+    EXPECT_EQ(GvLoad(GvVcbOf(device)->MountState), ULONG(GvUnmounting));
+    EXPECT_STATUS(STATUS_ACCESS_DENIED, support::Open("\\??\\Stays\\file").Status);
+    GvStore(GvVcbOf(device)->MountState, GvUnmountRequested);
+    EXPECT_STATUS(STATUS_SUCCESS, GvUnmountIfDrained(device));
+    layer.WaitUntilUnmounted();
 }
 
 class UnmountRace : public VolumeTest {};

@@ -10,22 +10,6 @@
 
 namespace opening {
 
-Outcome Read(HANDLE file, void* buffer, ULONG length, LONGLONG offset)
-{
-    Request read;
-    const NTSTATUS status = read.StartRead(file, buffer, length, offset);
-    return {NT_SUCCESS(status) ? read.Wait() : status, read.Information()};
-}
-
-NTSTATUS Lock(HANDLE file, Range range, Request::Lock kind)
-{
-    Request lock;
-    const NTSTATUS status = lock.StartLock(file, range.Offset, range.Length, kind);
-    return NT_SUCCESS(status) ? lock.Wait() : status;
-}
-
-NTSTATUS Unlock(HANDLE file, Range range) { return support::Unlock(file, range.Offset, range.Length); }
-
 void Decode(const UCHAR* buffer, ULONG_PTR information, FILE_INFORMATION_CLASS infoClass, Listed* listed)
 {
     const DirectoryClass* const layout = GvDirectoryClassOf(infoClass);

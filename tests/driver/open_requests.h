@@ -10,13 +10,10 @@ namespace opening {
 
 using support::HandMade;
 using support::InsideOtherWork;
+using support::Outcome;
+using support::Read;
 using support::ReadText;
 using support::Request;
-
-struct Outcome {
-    NTSTATUS Status;
-    ULONG_PTR Information;
-};
 
 // The two kinds of handle that most rules must hold for.
 struct HandleKind {
@@ -28,15 +25,16 @@ inline const HandleKind kHandleKinds[] = {
     {"asynchronous", {.Access = FILE_READ_DATA, .Options = 0}},
 };
 
-Outcome Read(HANDLE file, void* buffer, ULONG length, LONGLONG offset);
-
 struct Range {
     LONGLONG Offset;
     LONGLONG Length;
 };
 // Fails at once when the range is held.
-NTSTATUS Lock(HANDLE file, Range range, Request::Lock kind = Request::Lock::Exclusive);
-NTSTATUS Unlock(HANDLE file, Range range);
+inline NTSTATUS Lock(HANDLE file, Range range, Request::Lock kind = Request::Lock::Exclusive)
+{
+    return support::Lock(file, range.Offset, range.Length, kind == Request::Lock::Exclusive);
+}
+inline NTSTATUS Unlock(HANDLE file, Range range) { return support::Unlock(file, range.Offset, range.Length); }
 
 struct Query {
     FILE_INFORMATION_CLASS Class = FileNamesInformation;

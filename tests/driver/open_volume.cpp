@@ -13,15 +13,15 @@ namespace opening {
 
 namespace {
 
-constexpr char kLink[] = "\\??\\Opening";
+constexpr char kName[] = "Opening";
 
 } // namespace
 
 void VolumeTest::SetUp()
 {
     HostFixture::SetUp();
-    KeInitializeEvent(&cancel_, SynchronizationEvent, FALSE);
     ASSERT_STATUS(STATUS_SUCCESS, MemFsCreate(nullptr, &memfs_));
+    content_.emplace(memfs_);
     MakeFile("\\file", "0123456789");
     MakeFile("\\readonly", "fixed");
     SetAttributes("\\readonly", FILE_ATTRIBUTE_READONLY);
@@ -40,10 +40,10 @@ void VolumeTest::SetUp()
 
 void VolumeTest::TearDown()
 {
-    if (device_) Unmount();
+    if (volume_ && volume_->Mounted()) Unmount();
     DestroyContent();
     UnloadGvnd();
-    layer_.reset();
+    volume_.reset();
     HostFixture::TearDown();
 }
 
@@ -53,73 +53,38 @@ void VolumeTest::DestroyContent()
     if (memfs_) MemFsDestroy(std::exchange(memfs_, nullptr));
 }
 
-void VolumeTest::Mount()
-{
-    layer_ = std::make_unique<layer::PluginLayer>(memfs_);
-    ASSERT_STATUS(STATUS_SUCCESS, GvMount(Text("\\Device\\Null"), Text("\\Device\\Opening"), Text(kLink), nullptr,
-                                          layer_->Table(), &device_));
-}
+void VolumeTest::Mount() { volume_.emplace(Host(), memfs_, workbench::MountOptions{.Name = kName}); }
 
 void VolumeTest::Unmount()
 {
-    EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(std::exchange(device_, nullptr)));
-    layer_->WaitUntilUnmounted();
+    volume_->Unmount();
     DestroyContent();
     // The rest of the teardown follows OnUnmounted on a system worker, which the driver's unload waits for.
     UnloadGvnd();
 }
 
-void VolumeTest::ForgetDevice() { device_ = nullptr; }
-
-PluginFd VolumeTest::MadeBy(PluginCreateFn PluginOps::*slot, const std::string& path)
-{
-    PluginFd fd = 0;
-    EXPECT_STATUS(STATUS_SUCCESS, (memfs_->*slot)(memfs_->PluginContext, &cancel_, Text(path), &fd)) << path;
-    return fd;
-}
-
-PluginFd VolumeTest::OpenedBy(PluginOpenFn PluginOps::*slot, const std::string& path, PluginAccessMask access)
-{
-    PluginFd fd = 0;
-    EXPECT_STATUS(STATUS_SUCCESS, (memfs_->*slot)(memfs_->PluginContext, &cancel_, Text(path), access, &fd)) << path;
-    return fd;
-}
-
-void VolumeTest::CloseFd(PluginFd fd)
-{
-    EXPECT_STATUS(STATUS_SUCCESS, memfs_->Close(memfs_->PluginContext, &cancel_, fd));
-}
-
-void VolumeTest::MakeDir(const std::string& path) { CloseFd(MadeBy(&PluginOps::CreateDir, path)); }
+void VolumeTest::MakeDir(const std::string& path) { EXPECT_STATUS(STATUS_SUCCESS, content_->MakeDir(path)) << path; }
 
 void VolumeTest::MakeFile(const std::string& path, const std::string& content)
 {
-    const PluginFd fd = MadeBy(&PluginOps::Create, path);
-    auto length = static_cast<ULONG>(content.size());
-    EXPECT_STATUS(STATUS_SUCCESS, memfs_->Write(memfs_->PluginContext, &cancel_, fd, 0, &length, content.data()));
-    CloseFd(fd);
+    EXPECT_STATUS(STATUS_SUCCESS, content_->MakeFile(path, content)) << path;
 }
 
 void VolumeTest::SetAttributes(const std::string& path, ULONG attributes)
 {
-    const PluginFd fd = OpenedBy(&PluginOps::Open, path, GVND_ACCESS_READ);
-    EXPECT_STATUS(STATUS_SUCCESS, memfs_->SetAttr(memfs_->PluginContext, &cancel_, fd, attributes));
-    CloseFd(fd);
+    EXPECT_STATUS(STATUS_SUCCESS, content_->SetAttributes(path, attributes)) << path;
 }
 
 void VolumeTest::MakeLink(const std::string& path, const std::string& target)
 {
-    const PluginFd fd = MadeBy(&PluginOps::Create, path);
-    Text text(target);
-    const PUNICODE_STRING string = text.Get();
-    EXPECT_STATUS(STATUS_SUCCESS, memfs_->SetEa(memfs_->PluginContext, &cancel_, fd, MEMFS_LINK_EA_NAME, string->Buffer,
-                                                string->Length));
-    CloseFd(fd);
+    const Text text(target);
+    const workbench::PluginTable::EaValue link = {MEMFS_LINK_EA_NAME, text.Bytes()};
+    EXPECT_STATUS(STATUS_SUCCESS, content_->MakeFile(path, {}, &link)) << path;
 }
 
 OpenResult VolumeTest::Open(const std::string& path, const OpenRequest& request)
 {
-    return support::Open(request.Root ? path : kLink + path, request);
+    return support::Open(request.Root ? path : volume_->Link() + path, request);
 }
 
 Handle VolumeTest::OpenOrFail(const std::string& path, const OpenRequest& request)
@@ -132,7 +97,7 @@ Handle VolumeTest::OpenOrFail(const std::string& path, const OpenRequest& reques
 Lines VolumeTest::TakeCalls()
 {
     Lines lines;
-    for (const layer::PluginCall& call : layer_->Calls()) {
+    for (const layer::PluginCall& call : Plugin().Calls()) {
         std::string text = call.Text();
         // A lookup's out parameter, and a handle, whose number is the plugin's affair.
         if (call.Operation == "Lookup") text.resize(text.rfind(' '));
@@ -142,11 +107,11 @@ Lines VolumeTest::TakeCalls()
         }
         lines.push_back(text);
     }
-    layer_->Clear();
+    Plugin().Clear();
     return lines;
 }
 
-Vcb* VolumeTest::Volume() const { return GvVcbOf(device_); }
+Vcb* VolumeTest::Volume() const { return GvVcbOf(Device()); }
 
 Fcb* VolumeTest::Find(const std::string& path) const
 {

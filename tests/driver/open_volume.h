@@ -3,10 +3,11 @@
 // nothing.
 #pragma once
 
-#include <memory>
+#include <optional>
 
 #include <gvnd/memfs.h>
-#include <layer/layer.h>
+#include <workbench/plugin_table.h>
+#include <workbench/volume.h>
 
 #include "frame/records.h"
 #include "support/client.h"
@@ -15,6 +16,7 @@
 namespace opening {
 
 using support::Handle;
+using support::kShareAll;
 using support::OpenRequest;
 using support::OpenResult;
 using support::Text;
@@ -22,7 +24,6 @@ using support::Text;
 using Lines = std::vector<std::string>;
 
 constexpr ULONG kSynchronous = FILE_SYNCHRONOUS_IO_NONALERT;
-constexpr ULONG kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 // \file (10 bytes "0123456789"), \readonly, \dir\file, \dir\sub\deep, \empty, \link -> \file
 class VolumeTest : public support::HostFixture {
@@ -42,17 +43,17 @@ protected:
     // The door shuts; returns once the volume is gone.
     void Unmount();
     // The test has asked for the unmount itself.
-    void ForgetDevice();
+    void ForgetDevice() { volume_->Forget(); }
 
     OpenResult Open(const std::string& path, const OpenRequest& request = {});
     // Must succeed.
     Handle OpenOrFail(const std::string& path, const OpenRequest& request = {});
 
-    layer::PluginLayer& Plugin() { return *layer_; }
+    layer::PluginLayer& Plugin() { return volume_->Plugin(); }
     // What the plugin heard since the last call of this, handles left out: "Lookup \\a", "Open \\a 9", "Close".
     Lines TakeCalls();
 
-    PDEVICE_OBJECT Device() const { return device_; }
+    PDEVICE_OBJECT Device() const { return volume_->Device(); }
     Vcb* Volume() const;
     // The live control block of a path, or null; no reference.
     Fcb* Find(const std::string& path) const;
@@ -61,14 +62,10 @@ protected:
 
 private:
     void DestroyContent();
-    PluginFd MadeBy(PluginCreateFn PluginOps::*slot, const std::string& path);
-    PluginFd OpenedBy(PluginOpenFn PluginOps::*slot, const std::string& path, PluginAccessMask access);
-    void CloseFd(PluginFd fd);
 
     PluginOps* memfs_ = nullptr;
-    std::unique_ptr<layer::PluginLayer> layer_;
-    PDEVICE_OBJECT device_ = nullptr;
-    KEVENT cancel_{};
+    std::optional<workbench::PluginTable> content_;
+    std::optional<workbench::Volume> volume_;
     ULONG workers_ = 0;
 };
 

@@ -3,6 +3,8 @@
 
 #include "open_volume.h"
 
+#include <cstring>
+
 #include "support/file.h"
 #include "support/handmade.h"
 

@@ -2,6 +2,8 @@
 
 #include "open_volume.h"
 
+#include <cstring>
+
 #include <nthost/user_memory.h>
 
 #include "support/file.h"

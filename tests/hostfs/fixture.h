@@ -7,79 +7,38 @@
 #include <string_view>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include <hostfs/hostfs.h>
+#include <workbench/plugin_table.h>
 
-#include "../../plugins/hostfs/hostfs.h"
+#include "support/host.h"
 
 namespace hostfs_tests {
 
-// A counted string over a literal's text; the text must outlive it.
-class NtString {
+using NtString = workbench::Text;
+using Found = workbench::FoundObject;
+using Opened = workbench::PluginHandle;
+using Entry = workbench::ListedEntry;
+
+// The operations, with statuses that must be successes given to the test.
+class Table : public workbench::PluginTable {
 public:
-    NtString(std::u16string_view text);
-    PCUNICODE_STRING Get() const { return &string_; }
-
-private:
-    UNICODE_STRING string_;
-};
-
-struct Found {
-    NTSTATUS Status;
-    PluginFileInfo Info;
-    PluginAccessMask Access;
-};
-
-struct Opened {
-    NTSTATUS Status;
-    PluginFd Fd;
-};
-
-struct Entry {
-    NTSTATUS Status;
-    std::u16string Name;
-    PluginDirEntry Record;
-};
-
-// The operations, with what they allocate taken over and freed.
-class Table {
-public:
-    explicit Table(const HostFsOptions& options);
+    explicit Table(const HostFsOptions& options) : Table(Made(options)) {}
     ~Table() { HostFsDestroy(Ops); }
-    Table(const Table&) = delete;
-    Table& operator=(const Table&) = delete;
 
-    Found Lookup(std::u16string_view path) const;
-    Opened Open(std::u16string_view path, PluginAccessMask wanted = GVND_ACCESS_READ) const;
-    Opened OpenDir(std::u16string_view path, PluginAccessMask wanted = GVND_ACCESS_READ) const;
-    Opened Create(std::u16string_view path) const;
-    Opened CreateDir(std::u16string_view path) const;
-    NTSTATUS Close(PluginFd fd) const { return Ops->Close(Ops->PluginContext, nullptr, fd); }
-    NTSTATUS Write(PluginFd fd, LONGLONG offset, std::string_view data) const;
-    // The bytes, or the failure.
-    std::string Read(PluginFd fd, LONGLONG offset, ULONG length, NTSTATUS* status) const;
-    NTSTATUS Resize(PluginFd fd, LONGLONG size, LONGLONG allocation) const;
-    Found Info(PluginFd fd) const;
-    Entry EntryAt(PluginFd fd, ULONG index) const;
     std::vector<std::u16string> List(PluginFd fd) const;
-    NTSTATUS Rename(std::u16string_view from, std::u16string_view to) const;
-    NTSTATUS Delete(std::u16string_view path) const;
-    NTSTATUS SetAttr(PluginFd fd, ULONG attributes) const;
-    // The target, or the failure in readable form.
-    std::u16string ReadLink(std::u16string_view path, NTSTATUS* status) const;
     std::vector<std::string> Eas(PluginFd fd) const;
     std::optional<std::string> Ea(PluginFd fd, const char* name) const;
-    NTSTATUS SetEa(PluginFd fd, const char* name, std::string_view value) const;
-    NTSTATUS DeleteEa(PluginFd fd, const char* name) const
-    {
-        return Ops->DeleteEa(Ops->PluginContext, nullptr, fd, name);
-    }
     // Opens, reads all that fits 100 bytes, closes; the bytes or the status's name.
-    std::string Contents(std::u16string_view path) const;
+    std::string Contents(const NtString& path) const;
 
-    PluginOps* Ops = nullptr;
+    PluginOps* const Ops;
+
+private:
+    explicit Table(PluginOps* operations) : PluginTable(operations), Ops(operations) {}
+    static PluginOps* Made(const HostFsOptions& options);
 };
 
-class HostFs : public ::testing::Test {
+class HostFs : public support::BootedTest {
 protected:
     void SetUp() override;
     void TearDown() override;
@@ -103,6 +62,5 @@ private:
 
 // For comparison of statuses by name.
 std::string Name(NTSTATUS status);
-#define EXPECT_STATUS(expected, actual) EXPECT_EQ(hostfs_tests::Name(expected), hostfs_tests::Name(actual))
 
 } // namespace hostfs_tests

@@ -179,7 +179,7 @@ protected:
         ULONG index = path.empty() ? 0 : 2;
         for (const auto& [name, entry] : directory.Entries) {
             const std::string below = path + "\\" + entry.Spelling;
-            EXPECT_EQ(fs->NameAt(fd, index++), Wide(entry.Spelling).Value());
+            EXPECT_EQ(fs->NameAt(fd, index++), Wide(entry.Spelling).Units());
             PluginFileInfo info = {};
             EXPECT_EQ(fs->Lookup(Wide(below), &info), STATUS_SUCCESS);
             EXPECT_EQ(info.EndOfFile, static_cast<LONGLONG>(entry.What->Data.size()));

@@ -88,12 +88,14 @@ class ServiceTest : public HostTest {
 protected:
     void SetUp() override
     {
+        HostTest::SetUp();
         g_mounted = {};
         g_mountStatus = STATUS_SUCCESS;
     }
     void TearDown() override
     {
         if (control) Unload(control);
+        HostTest::TearDown();
     }
     void LoadControl() { ASSERT_EQ(nthost::LoadDriver("control", ControlEntry, &control), STATUS_SUCCESS); }
     static void Unload(PDRIVER_OBJECT driver)

@@ -5,48 +5,22 @@
 #include <memory>
 #include <string>
 
-#include <gtest/gtest.h>
 #include <gvnd/memfs.h>
-#include <nthost/check.h>
 #include <nthost/debug.h>
-#include <nthost/host.h>
+#include <workbench/plugin_table.h>
+
+#include "support/host.h"
 
 namespace memfs_tests {
 
-// A counted string for the time of a call.
-class Text {
-public:
-    Text(const char16_t* text) : Text(std::u16string(text)) {}
-    Text(std::u16string text) : text_(std::move(text))
-    {
-        const auto bytes = static_cast<USHORT>(text_.size() * sizeof(WCHAR));
-        string_ = {bytes, bytes, reinterpret_cast<WCHAR*>(text_.data())};
-    }
-    Text(const Text& other) : Text(other.text_) {}
-    operator PCUNICODE_STRING() const { return &string_; }
-    const std::u16string& Value() const { return text_; }
-
-private:
-    std::u16string text_;
-    UNICODE_STRING string_;
-};
-
-struct FreePool {
-    void operator()(void* block) const { ExFreePoolWithTag(block, 0); }
-};
-// What an operation handed back.
+using workbench::Text;
 template <typename T>
-using Owned = std::unique_ptr<T, FreePool>;
+using Owned = workbench::PoolOwned<T>;
 
+// An empty volume. Calls that must succeed give what they are for, and the failure to the test.
 class Volume {
 public:
-    explicit Volume(ULONGLONG capacity = 0)
-    {
-        MemFsOptions options = {};
-        options.CapacityBytes = capacity;
-        EXPECT_EQ(MemFsCreate(&options, &ops_), STATUS_SUCCESS);
-        KeInitializeEvent(&cancel_, SynchronizationEvent, FALSE);
-    }
+    explicit Volume(ULONGLONG capacity = 0) : ops_(Made(capacity)), table_(ops_) {}
     ~Volume() { MemFsDestroy(ops_); }
     Volume(const Volume&) = delete;
     Volume& operator=(const Volume&) = delete;
@@ -54,125 +28,102 @@ public:
     template <typename Slot, typename... Args>
     NTSTATUS Call(Slot PluginOps::*slot, Args... args)
     {
-        return (ops_->*slot)(ops_->PluginContext, &cancel_, args...);
+        return table_.Call(slot, args...);
     }
 
-    // The handle, or 0 after a failure that the test then reports. Created handles stay open.
-    PluginFd Create(const Text& path) { return Open(&PluginOps::Create, path); }
-    PluginFd CreateDir(const Text& path) { return Open(&PluginOps::CreateDir, path); }
+    // Created handles stay open.
+    PluginFd Create(const Text& path) { return Good(table_.Create(path)); }
+    PluginFd CreateDir(const Text& path) { return Good(table_.CreateDir(path)); }
     PluginFd Open(const Text& path, PluginAccessMask wanted = GVND_ACCESS_READ)
     {
-        return Opened([&](PluginFd* fd) { return Call(&PluginOps::Open, path, wanted, fd); });
+        return Good(table_.Open(path, wanted));
     }
-    PluginFd OpenDir(const Text& path)
-    {
-        return Opened([&](PluginFd* fd) { return Call(&PluginOps::OpenDir, path, GVND_ACCESS_READ, fd); });
-    }
-    void Close(PluginFd fd) { EXPECT_EQ(Call(&PluginOps::Close, fd), STATUS_SUCCESS); }
+    PluginFd OpenDir(const Text& path) { return Good(table_.OpenDir(path)); }
+    void Close(PluginFd fd) { EXPECT_STATUS(STATUS_SUCCESS, table_.Close(fd)); }
     // Makes it and closes the handle.
-    void Make(const Text& path) { Close(Create(path)); }
-    void MakeDir(const Text& path) { Close(CreateDir(path)); }
+    void Make(const Text& path) { EXPECT_STATUS(STATUS_SUCCESS, table_.MakeFile(path)); }
+    void MakeDir(const Text& path) { EXPECT_STATUS(STATUS_SUCCESS, table_.MakeDir(path)); }
 
     NTSTATUS Lookup(const Text& path, PluginFileInfo* info = nullptr, PluginAccessMask* access = nullptr)
     {
-        PluginFileInfo* block = nullptr;
-        PluginAccessMask ignored;
-        const NTSTATUS status = Call(&PluginOps::Lookup, path, &block, access ? access : &ignored);
-        return Take(status, block, info);
+        const workbench::FoundObject found = table_.Lookup(path);
+        if (info && NT_SUCCESS(found.Status)) *info = found.Info;
+        if (access) *access = found.Access;
+        return found.Status;
     }
     PluginFileInfo Info(PluginFd fd)
     {
-        PluginFileInfo *block = nullptr, info = {};
-        EXPECT_EQ(Take(Call(&PluginOps::GetInfo, fd, &block), block, &info), STATUS_SUCCESS);
-        return info;
+        const workbench::FoundObject found = table_.Info(fd);
+        EXPECT_STATUS(STATUS_SUCCESS, found.Status);
+        return found.Info;
     }
 
-    NTSTATUS Write(PluginFd fd, LONGLONG offset, const std::string& bytes)
-    {
-        ULONG length = static_cast<ULONG>(bytes.size());
-        const NTSTATUS status = Call(&PluginOps::Write, fd, offset, &length, static_cast<const void*>(bytes.data()));
-        if (NT_SUCCESS(status)) { EXPECT_EQ(length, bytes.size()); }
-        return status;
-    }
+    NTSTATUS Write(PluginFd fd, LONGLONG offset, const std::string& bytes) { return table_.Write(fd, offset, bytes); }
     NTSTATUS Read(PluginFd fd, LONGLONG offset, ULONG length, std::string* bytes)
     {
-        bytes->assign(length, '?');
-        const NTSTATUS status = Call(&PluginOps::Read, fd, offset, &length, static_cast<void*>(bytes->data()));
-        bytes->resize(NT_SUCCESS(status) ? length : 0);
+        NTSTATUS status;
+        *bytes = table_.Read(fd, offset, length, &status);
         return status;
     }
     std::string ReadAll(PluginFd fd)
     {
         std::string bytes;
-        const auto size = static_cast<ULONG>(Info(fd).EndOfFile);
-        const NTSTATUS status = Read(fd, 0, size, &bytes);
-        EXPECT_EQ(status, STATUS_SUCCESS); // of an empty file, too: nothing is asked for
+        EXPECT_STATUS(STATUS_SUCCESS, Read(fd, 0, static_cast<ULONG>(Info(fd).EndOfFile), &bytes)); // an empty one, too
         return bytes;
     }
-    NTSTATUS Resize(PluginFd fd, LONGLONG size, LONGLONG allocation = 0)
-    {
-        return Call(&PluginOps::SetFileSize, fd, &size, &allocation);
-    }
+    NTSTATUS Resize(PluginFd fd, LONGLONG size, LONGLONG allocation = 0) { return table_.Resize(fd, size, allocation); }
 
     // The name of the entry at an index; empty at the end of the listing.
     std::u16string NameAt(PluginFd fd, ULONG index)
     {
-        PluginDirEntry* block = nullptr;
-        const NTSTATUS status = Call(&PluginOps::ReadDirEntry, fd, index, &block);
-        const Owned<PluginDirEntry> entry(block);
-        EXPECT_EQ(status, entry ? STATUS_SUCCESS : STATUS_NO_MORE_FILES);
-        if (!entry) return {};
-        return {reinterpret_cast<const char16_t*>(entry->FileName), entry->FileNameLength / sizeof(WCHAR)};
+        workbench::ListedEntry entry = table_.EntryAt(fd, index);
+        if (entry.Status != STATUS_NO_MORE_FILES) EXPECT_STATUS(STATUS_SUCCESS, entry.Status);
+        return std::move(entry.Name);
     }
 
     Owned<PluginVolInfo> VolumeInfo()
     {
-        PluginVolInfo* block = nullptr;
-        EXPECT_EQ(Call(&PluginOps::GetVolInfo, &block), STATUS_SUCCESS);
-        return Owned<PluginVolInfo>(block);
+        NTSTATUS status;
+        auto info = table_.VolumeInfo(&status);
+        EXPECT_STATUS(STATUS_SUCCESS, status);
+        return info;
     }
     ULONGLONG FreeUnits() { return VolumeInfo()->AvailableAllocationUnits; }
 
 private:
-    template <typename OpenCall>
-    static PluginFd Opened(OpenCall open)
+    static PluginOps* Made(ULONGLONG capacity)
     {
-        PluginFd fd = 0;
-        EXPECT_EQ(open(&fd), STATUS_SUCCESS);
-        EXPECT_NE(fd, 0u);
-        return fd;
+        MemFsOptions options = {};
+        options.CapacityBytes = capacity;
+        PluginOps* made = nullptr;
+        EXPECT_STATUS(STATUS_SUCCESS, MemFsCreate(&options, &made));
+        return made;
     }
-    PluginFd Open(PluginCreateFn PluginOps::*slot, const Text& path)
+    static PluginFd Good(const workbench::PluginHandle& handle)
     {
-        return Opened([&](PluginFd* fd) { return Call(slot, path, fd); });
-    }
-    static NTSTATUS Take(NTSTATUS status, PluginFileInfo* block, PluginFileInfo* info)
-    {
-        const Owned<PluginFileInfo> owned(block);
-        EXPECT_EQ(NT_SUCCESS(status), block != nullptr);
-        if (block && info) *info = *block;
-        return status;
+        EXPECT_STATUS(STATUS_SUCCESS, handle.Status);
+        return handle.Fd;
     }
 
-    PluginOps* ops_ = nullptr;
-    KEVENT cancel_;
+    PluginOps* ops_;
+    workbench::PluginTable table_;
 };
 
-class HostTest : public ::testing::Test {
-protected:
-    HostTest() { nthost::Boot(); }
-    ~HostTest() override
-    {
-        for (const std::string& leak : nthost::Shutdown().Lines) ADD_FAILURE() << leak;
-        for (const nthost::Finding& finding : nthost::TakeFindings()) ADD_FAILURE() << finding.Rule << finding.Detail;
-    }
-};
+using HostTest = support::BootedTest;
 
 // A host and one volume.
 class MemFsTest : public HostTest {
 protected:
-    void SetUp() override { fs = std::make_unique<Volume>(); }
-    void TearDown() override { fs.reset(); }
+    void SetUp() override
+    {
+        HostTest::SetUp();
+        fs = std::make_unique<Volume>();
+    }
+    void TearDown() override
+    {
+        fs.reset();
+        HostTest::TearDown();
+    }
     std::unique_ptr<Volume> fs;
 };
 

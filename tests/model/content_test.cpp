@@ -1,21 +1,14 @@
-// Generated reads, writes, cuts, flushes and touches of views on one file, held against a plain array of bytes. A
-// sequence that ends in a difference is made short before it is shown.
-
-#include <chrono>
-#include <iostream>
+// Generated reads, writes, cuts, flushes and touches of views on one file, held against a plain array of bytes.
 
 #include "content_driver.h"
 #include "content_model.h"
-#include "shrink.h"
-#include "volume.h"
+#include "duel.h"
 
 namespace model {
 namespace {
 
 constexpr unsigned kSequenceLength = 400;
 constexpr unsigned kStepsForAll = 40;
-
-using ContentSequence = std::vector<ContentOperation>;
 
 std::string FirstDifference(const std::string& driver, const std::string& model)
 {
@@ -28,9 +21,9 @@ std::string FirstDifference(const std::string& driver, const std::string& model)
 
 } // namespace
 
-class ContentTest : public ModelVolume {
+class ContentTest : public Duel<ContentOperation> {
 protected:
-    void Begin()
+    void Begin() override
     {
         driver_.Close();
         driver_.Open();
@@ -39,10 +32,10 @@ protected:
     // A worker may still be closing the asynchronous handle; the unmount waits for it, and would for anything left.
     void End() { driver_.Close(); }
 
-    enum class CompareAll { Now, Later };
+    void SeedGenerator(unsigned seed) override { random_.seed(seed); }
+    ContentOperation Draw() override { return DrawContent(&random_); }
 
-    // What was different, in words; empty for nothing.
-    std::string Step(const ContentOperation& drawn, CompareAll all)
+    std::string Step(const ContentOperation& drawn, Compare compare) override
     {
         const auto operation = model_.Admit(drawn);
         if (!operation) return "";
@@ -52,75 +45,32 @@ protected:
             return "    driver: " + Describe(driver) + "\n    model:  " + Describe(model) + "\n" +
                    FirstDifference(driver.Bytes, model.Bytes);
         }
-        if (all == CompareAll::Later) return "";
+        if (compare == Compare::Answers) return "";
         const std::string difference = FirstDifference(driver_.Contents().Bytes, model_.Bytes());
         return difference.empty() ? "" : "    of the file's content afterwards:\n" + difference;
     }
-
-    std::string Replay(ContentSequence* sequence)
+    std::string Told(const ContentOperation& drawn) override
     {
-        Begin();
-        for (size_t i = 0; i < sequence->size(); ++i) {
-            std::string difference = Step((*sequence)[i], CompareAll::Now);
-            if (difference.empty()) continue;
-            sequence->resize(i + 1);
-            return difference;
-        }
-        return "";
+        const auto operation = model_.Admit(drawn);
+        return operation ? Describe(*operation) : "";
     }
-
-    // Empty if both sides agreed to the end.
-    ContentSequence Generate(unsigned seed)
+    std::string Carried(const ContentOperation& drawn) override
     {
-        Begin();
-        std::mt19937 random(seed);
-        ContentSequence sequence;
-        while (sequence.size() < kSequenceLength) {
-            sequence.push_back(DrawContent(&random));
-            const bool compare = sequence.size() % kStepsForAll == 0;
-            if (!Step(sequence.back(), compare ? CompareAll::Now : CompareAll::Later).empty()) return sequence;
-        }
-        return {};
-    }
-
-    std::string Report(ContentSequence sequence)
-    {
-        const size_t length = sequence.size();
-        sequence = Shrink(std::move(sequence), [&](ContentSequence* fewer) { return !Replay(fewer).empty(); });
-        const std::string difference = Replay(&sequence);
-        std::string text = std::to_string(length) + " steps, made " + std::to_string(sequence.size()) + ":\n";
-        Begin();
-        for (const ContentOperation& drawn : sequence) {
-            const auto operation = model_.Admit(drawn);
-            if (!operation) continue;
-            text += "  " + Describe(*operation) + "\n";
-            (void)model_.Apply(*operation);
-            (void)driver_.Apply(*operation);
-        }
-        return text + (difference.empty() ? "but it does not always differ\n" : difference);
+        const auto operation = model_.Admit(drawn);
+        (void)model_.Apply(*operation);
+        return "  ->  " + Describe(driver_.Apply(*operation));
     }
 
 private:
     ContentModel model_;
     ContentDriver driver_;
+    std::mt19937 random_;
 };
 
 TEST_F(ContentTest, GeneratedSequencesAgree)
 {
-    const unsigned seed = Seed();
-    std::cout << "seed " << seed << "\n";
-    const auto begin = std::chrono::steady_clock::now();
-    unsigned done = 0;
-    for (unsigned i = 0; done < OperationCount(); ++i, done += kSequenceLength) {
-        const ContentSequence failed = Generate(seed + i);
-        if (!failed.empty()) {
-            ADD_FAILURE() << "GVND_TEST_SEED=" << seed + i << ", " << Report(failed);
-            break;
-        }
-    }
+    Run(kSequenceLength, kStepsForAll);
     End();
-    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
-    std::cout << done << " operations, " << static_cast<unsigned>(done / seconds.count()) << " in a second\n";
 }
 
 } // namespace model

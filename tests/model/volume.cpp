@@ -39,18 +39,17 @@ const char* const kVolume = "\\??\\Model";
 void ModelVolume::SetUp()
 {
     HostFixture::SetUp();
-    KeInitializeEvent(&cancel_, SynchronizationEvent, FALSE);
     ASSERT_STATUS(STATUS_SUCCESS, MemFsCreate(nullptr, &storage_));
+    table_.emplace(storage_);
     LoadGvndOrFail();
-    ASSERT_STATUS(STATUS_SUCCESS, GvMount(support::Text("\\Device\\Null"), support::Text("\\Device\\Model"),
-                                          support::Text(kVolume), nullptr, storage_, &device_));
+    ASSERT_STATUS(STATUS_SUCCESS, Host().Mount({.Name = "Model"}, storage_, &device_));
     nthost::SetDebugSink({});
 }
 
 void ModelVolume::TearDown()
 {
     if (device_) {
-        EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(std::exchange(device_, nullptr)));
+        EXPECT_STATUS(STATUS_SUCCESS, Host().RequestUnmount(std::exchange(device_, nullptr)));
         MemFsWaitUntilUnmounted(storage_);
     }
     if (storage_) MemFsDestroy(std::exchange(storage_, nullptr));
@@ -60,18 +59,18 @@ void ModelVolume::TearDown()
 
 void ModelVolume::MakeStored(const std::string& path, bool isDirectory, const std::string& linkTarget, LONGLONG size)
 {
-    PluginFd fd = 0;
-    const auto create = isDirectory ? storage_->CreateDir : storage_->Create;
-    ASSERT_STATUS(STATUS_SUCCESS, create(storage_->PluginContext, &cancel_, support::Text(path), &fd)) << path;
-    if (size) {
-        EXPECT_STATUS(STATUS_SUCCESS, storage_->SetFileSize(storage_->PluginContext, &cancel_, fd, &size, &size));
+    if (isDirectory) {
+        ASSERT_STATUS(STATUS_SUCCESS, table_->MakeDir(path)) << path;
+        return;
     }
-    if (!linkTarget.empty()) {
-        support::Text text(linkTarget);
-        EXPECT_STATUS(STATUS_SUCCESS, storage_->SetEa(storage_->PluginContext, &cancel_, fd, MEMFS_LINK_EA_NAME,
-                                                      text.Get()->Buffer, text.Get()->Length));
-    }
-    EXPECT_STATUS(STATUS_SUCCESS, storage_->Close(storage_->PluginContext, &cancel_, fd));
+    const support::Text target(linkTarget);
+    const workbench::PluginTable::EaValue link = {MEMFS_LINK_EA_NAME, target.Bytes()};
+    ASSERT_STATUS(STATUS_SUCCESS, table_->MakeFile(path, {}, linkTarget.empty() ? nullptr : &link)) << path;
+    if (!size) return;
+    const auto [status, fd] = table_->Open(path);
+    ASSERT_STATUS(STATUS_SUCCESS, status) << path;
+    EXPECT_STATUS(STATUS_SUCCESS, table_->Resize(fd, size, size));
+    EXPECT_STATUS(STATUS_SUCCESS, table_->Close(fd));
 }
 
 // The entries' paths, and whether each is a directory; a line for each goes to *text.
@@ -79,22 +78,20 @@ std::vector<std::pair<std::string, bool>> ModelVolume::StoredEntries(const std::
                                                                      const std::string& indent, std::string* text)
 {
     std::vector<std::pair<std::string, bool>> entries;
-    PluginFd fd = 0;
-    EXPECT_STATUS(STATUS_SUCCESS,
-                  storage_->OpenDir(storage_->PluginContext, &cancel_, support::Text(directory), GVND_ACCESS_READ, &fd))
-        << directory;
-    PluginDirEntry* entry;
-    for (ULONG i = 0; NT_SUCCESS(storage_->ReadDirEntry(storage_->PluginContext, &cancel_, fd, i, &entry)); ++i) {
-        const std::string name = nthost::ToUtf8(entry->FileName, entry->FileNameLength / sizeof(WCHAR));
-        if (name != "." && name != "..") {
-            entries.emplace_back(Join(directory, name), (entry->FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0);
-            *text += indent + name + " " + std::to_string(entry->FileAttributes) + " " +
-                     std::to_string(entry->EndOfFile) + "\n";
-            if (entries.back().second) DescribeStored(entries.back().first, indent + "  ", text);
-        }
-        ExFreePoolWithTag(entry, 0);
+    const auto [status, fd] = table_->OpenDir(directory);
+    EXPECT_STATUS(STATUS_SUCCESS, status) << directory;
+    for (ULONG i = 0;; ++i) {
+        const workbench::ListedEntry entry = table_->EntryAt(fd, i);
+        if (!NT_SUCCESS(entry.Status)) break;
+        const std::string name = support::Text(entry.Name).Utf8();
+        if (name == "." || name == "..") continue;
+        const PluginDirEntry& record = entry.Record;
+        entries.emplace_back(Join(directory, name), (record.FileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0);
+        *text +=
+            indent + name + " " + std::to_string(record.FileAttributes) + " " + std::to_string(record.EndOfFile) + "\n";
+        if (entries.back().second) DescribeStored(entries.back().first, indent + "  ", text);
     }
-    EXPECT_STATUS(STATUS_SUCCESS, storage_->Close(storage_->PluginContext, &cancel_, fd));
+    EXPECT_STATUS(STATUS_SUCCESS, table_->Close(fd));
     return entries;
 }
 
@@ -115,7 +112,7 @@ void ModelVolume::WipeBelow(const std::string& directory)
     std::string unused;
     for (const auto& [path, isDirectory] : StoredEntries(directory, "", &unused)) {
         if (isDirectory) WipeBelow(path);
-        EXPECT_STATUS(STATUS_SUCCESS, storage_->Delete(storage_->PluginContext, &cancel_, support::Text(path))) << path;
+        EXPECT_STATUS(STATUS_SUCCESS, table_->Delete(path)) << path;
     }
 }
 
@@ -123,10 +120,7 @@ void ModelVolume::WipeBelow(const std::string& directory)
 void ModelVolume::Wipe()
 {
     WipeBelow("\\");
-    PluginFd fd = 0;
-    (void)storage_->OpenDir(storage_->PluginContext, &cancel_, support::Text("\\"), GVND_ACCESS_READ, &fd);
-    EXPECT_STATUS(STATUS_SUCCESS, storage_->SetAttr(storage_->PluginContext, &cancel_, fd, FILE_ATTRIBUTE_DIRECTORY));
-    (void)storage_->Close(storage_->PluginContext, &cancel_, fd);
+    EXPECT_STATUS(STATUS_SUCCESS, table_->SetAttributes("\\", FILE_ATTRIBUTE_DIRECTORY));
 }
 
 ULONG ModelVolume::ControlBlocks() const { return GvFcbGetFcbCount(GvVcbOf(device_)->FcbTables); }

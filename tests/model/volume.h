@@ -4,6 +4,7 @@
 #pragma once
 
 #include <gvnd/memfs.h>
+#include <workbench/plugin_table.h>
 
 #include "support/client.h"
 #include "support/host.h"
@@ -32,8 +33,8 @@ private:
     void WipeBelow(const std::string& directory);
 
     PluginOps* storage_ = nullptr;
+    std::optional<workbench::PluginTable> table_;
     PDEVICE_OBJECT device_ = nullptr;
-    KEVENT cancel_{};
 };
 
 // GVND_TEST_SEED, or a random one.

@@ -6,11 +6,9 @@
 #include <cstdint>
 #include <vector>
 
-#include <gtest/gtest.h>
-#include <ntifs.h>
-#include <nthost/check.h>
-#include <nthost/host.h>
 #include <nthost/process.h>
+
+#include "support/host.h"
 
 namespace locktest {
 
@@ -124,18 +122,17 @@ private:
     bool issued_ = false;
 };
 
-class LockTest : public testing::Test {
+class LockTest : public support::BootedTest {
 protected:
-    LockTest()
+    void SetUp() override
     {
-        nthost::Boot();
+        BootedTest::SetUp();
         FsRtlInitializeFileLock(&Lock_, nullptr, nullptr);
     }
-    ~LockTest() override
+    void TearDown() override
     {
         FsRtlUninitializeFileLock(&Lock_);
-        EXPECT_TRUE(nthost::TakeFindings().empty());
-        EXPECT_TRUE(nthost::Shutdown().Clean());
+        BootedTest::TearDown();
     }
 
     bool TryLock(const Who& who, Bytes bytes, bool exclusive) { return TryLockStatus(who, bytes, exclusive) == 0; }

@@ -2,7 +2,7 @@
 // The notification synchroniser, whose only visible effect is what it owns.
 #include <cstring>
 
-#include <gtest/gtest.h>
+#include "support/host.h"
 #include <ntifs.h>
 #include <nthost/host.h>
 #include <nthost/pool.h>
@@ -80,9 +80,10 @@ TEST(ShareAccess, FileObjectNotesWhatIsCountedLater)
     EXPECT_EQ(memcmp(&record, &both, sizeof record), 0);
 }
 
-TEST(NotifySync, OwnsOneBlockUntilItGoes)
+using NotifySync = support::BootedTest;
+
+TEST_F(NotifySync, OwnsOneBlockUntilItGoes)
 {
-    nthost::Boot();
     const uint64_t before = nthost::PoolTotals().LiveBlocks;
     PNOTIFY_SYNC sync = nullptr;
     FsRtlNotifyInitializeSync(&sync);
@@ -92,7 +93,6 @@ TEST(NotifySync, OwnsOneBlockUntilItGoes)
     EXPECT_EQ(sync, nullptr);
     FsRtlNotifyUninitializeSync(&sync);
     EXPECT_EQ(nthost::PoolTotals().LiveBlocks, before);
-    EXPECT_TRUE(nthost::Shutdown().Clean());
 }
 
 } // namespace

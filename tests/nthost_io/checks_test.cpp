@@ -1,6 +1,10 @@
 // Each rule of the request checks, broken once. None of it may bring the host down.
 #include "probe.h"
 
+#include <utility>
+
+#include "io/outstanding.h"
+
 using namespace probe;
 
 #if NTHOST_CHECKS
@@ -120,6 +124,39 @@ TEST_F(Checks, CancelRoutineThatKeepsTheLockIsFound)
     }
     Complete(kept, STATUS_CANCELLED);
     NtClose(opened.Handle);
+}
+
+TEST_F(Checks, ErrorLogEntryAboveDispatchLevelIsFound)
+{
+    const nthost::QuietFindings quiet;
+    const KIRQL old = KfRaiseIrql(DISPATCH_LEVEL + 1);
+    PVOID const entry = IoAllocateErrorLogEntry(device, sizeof(IO_ERROR_LOG_PACKET));
+    KeLowerIrql(old);
+    ExpectFindings({"error-log-above-dispatch-level"});
+    ASSERT_NE(entry, nullptr);
+    IoFreeErrorLogEntry(entry);
+}
+
+// The thread has to stay until its request ends; that it had to wait is found.
+TEST_F(Checks, RequestThatOutlivesItsThreadsPatienceIsFound)
+{
+    const int64_t patience = std::exchange(nthost::io::CancelPatience, 0);
+    const nthost::QuietFindings quiet;
+    Parked parked;
+    Driver().Majors[IRP_MJ_DEVICE_CONTROL] = parked.Routine(); // without a cancel routine
+    const Opened opened = Open({.Options = 0});
+    IO_STATUS_BLOCK block;
+    std::thread caller = nthost::StartThread(
+        nthost::HostProcess(), [&] { EXPECT_EQ(Control(opened.Handle, nullptr, &block), STATUS_PENDING); });
+    PIRP const kept = parked.Await();
+    std::vector<nthost::Finding> findings;
+    while ((findings = nthost::TakeFindings()).empty()) std::this_thread::yield();
+    EXPECT_EQ(findings[0].Rule, "irp-not-cancelled");
+    Complete(kept, STATUS_SUCCESS);
+    caller.join();
+    EXPECT_EQ(block.Status, STATUS_SUCCESS);
+    NtClose(opened.Handle);
+    nthost::io::CancelPatience = patience;
 }
 
 TEST_F(Checks, DeviceDeletedTwiceIsFound)

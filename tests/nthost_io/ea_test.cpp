@@ -164,9 +164,8 @@ TEST_F(Ea, RedirectedCreateBringsThemAgain)
         EXPECT_EQ(memcmp(irp->AssociatedIrp.SystemBuffer, list.data(), list.size()), 0);
         if (Seen(IRP_MJ_CREATE) > 1) return Complete(irp, STATUS_SUCCESS);
         Name name(L"\\??\\Probe\\elsewhere");
-        EXPECT_EQ(
-            IoReplaceFileObjectName(IoGetCurrentIrpStackLocation(irp)->FileObject, name.Text.Buffer, name.Text.Length),
-            STATUS_SUCCESS);
+        EXPECT_EQ(IoReplaceFileObjectName(IoGetCurrentIrpStackLocation(irp)->FileObject, name->Buffer, name->Length),
+                  STATUS_SUCCESS);
         return Complete(irp, STATUS_REPARSE, IO_REPARSE);
     };
     EXPECT_EQ(CreateWith(list.data(), static_cast<ULONG>(list.size())), STATUS_SUCCESS);

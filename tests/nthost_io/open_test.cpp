@@ -151,9 +151,8 @@ Dispatch RedirectTimes(unsigned count, const wchar_t* target, ULONG_PTR informat
         if (*left == 0) return Complete(irp, STATUS_SUCCESS);
         --*left;
         Name name(target);
-        EXPECT_EQ(
-            IoReplaceFileObjectName(IoGetCurrentIrpStackLocation(irp)->FileObject, name.Text.Buffer, name.Text.Length),
-            STATUS_SUCCESS);
+        EXPECT_EQ(IoReplaceFileObjectName(IoGetCurrentIrpStackLocation(irp)->FileObject, name->Buffer, name->Length),
+                  STATUS_SUCCESS);
         return Complete(irp, STATUS_REPARSE, information);
     };
 }
@@ -196,7 +195,7 @@ TEST_F(OpenTest, RedirectedRelativeOpenIsNoLongerRelative)
         PFILE_OBJECT const file = IoGetCurrentIrpStackLocation(irp)->FileObject;
         if (!file->RelatedFileObject) return Complete(irp, STATUS_SUCCESS);
         Name name(L"\\??\\Probe\\y");
-        EXPECT_EQ(IoReplaceFileObjectName(file, name.Text.Buffer, name.Text.Length), STATUS_SUCCESS);
+        EXPECT_EQ(IoReplaceFileObjectName(file, name->Buffer, name->Length), STATUS_SUCCESS);
         return Complete(irp, STATUS_REPARSE, IO_REPARSE);
     };
     const Opened opened = Open({.Path = L"x", .Root = root.Handle});

@@ -112,8 +112,7 @@ Parked::~Parked()
 void IoTest::SetUp()
 {
     script = &script_;
-    nthost::Boot();
-    isUp_ = true;
+    BootedTest::SetUp();
     ASSERT_EQ(nthost::LoadDriver("probe", DriverEntry, &driver_), STATUS_SUCCESS);
 }
 
@@ -126,33 +125,15 @@ NTSTATUS IoTest::Unload(std::vector<std::string>* leaks)
     return status;
 }
 
-nthost::LeakReport IoTest::ShutDown()
-{
-    isUp_ = false;
-    return nthost::Shutdown();
-}
-
 void IoTest::TearDown()
 {
-    if (isUp_) {
+    if (IsUp() && driver_) {
         std::vector<std::string> leaks;
-        if (driver_) { EXPECT_EQ(Unload(&leaks), STATUS_SUCCESS); }
+        EXPECT_EQ(Unload(&leaks), STATUS_SUCCESS);
         EXPECT_EQ(leaks, std::vector<std::string>());
-        EXPECT_EQ(ShutDown().Lines, std::vector<std::string>());
     }
-    ExpectFindings({});
+    BootedTest::TearDown();
     script = nullptr;
-}
-
-void ExpectFindings(const std::vector<std::string>& rules)
-{
-    std::vector<std::string> found;
-    std::string details;
-    for (const nthost::Finding& finding : nthost::TakeFindings()) {
-        found.push_back(finding.Rule);
-        details += finding.Rule + ": " + finding.Detail + "\n";
-    }
-    EXPECT_EQ(found, rules) << details;
 }
 
 } // namespace probe

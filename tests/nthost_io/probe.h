@@ -10,12 +10,12 @@
 #include <thread>
 #include <vector>
 
-#include <gtest/gtest.h>
-#include <ntifs.h>
 #include <nthost/check.h>
 #include <nthost/debug.h>
-#include <nthost/host.h>
 #include <nthost/process.h>
+#include <workbench/text.h>
+
+#include "support/host.h"
 
 namespace probe {
 
@@ -37,12 +37,7 @@ void DeleteUsualDevice();
 
 NTSTATUS Complete(PIRP irp, NTSTATUS status, ULONG_PTR information = 0);
 
-// A counted string on a 16-bit literal.
-struct Name {
-    UNICODE_STRING Text;
-    Name(const wchar_t* text) { RtlInitUnicodeString(&Text, text); }
-    operator PUNICODE_STRING() { return &Text; }
-};
+using Name = workbench::Text;
 
 struct OpenArguments {
     const wchar_t* Path = L"\\??\\Probe\\file";
@@ -86,7 +81,7 @@ private:
     std::thread completer_;
 };
 
-class IoTest : public testing::Test {
+class IoTest : public support::BootedTest {
 protected:
     void SetUp() override;
     void TearDown() override;
@@ -96,16 +91,12 @@ protected:
     PDRIVER_OBJECT Object() const { return driver_; }
     // Unloads before the end of the test; the lines left are the test's to judge.
     NTSTATUS Unload(std::vector<std::string>* leaks);
-    // Shuts down before the end of the test, with the driver loaded.
-    nthost::LeakReport ShutDown();
 
 private:
     Script script_;
     PDRIVER_OBJECT driver_ = nullptr;
-    bool isUp_ = false;
 };
 
-// Takes the findings and expects exactly these rules, in order.
-void ExpectFindings(const std::vector<std::string>& rules);
+using support::ExpectFindings;
 
 } // namespace probe

@@ -193,7 +193,7 @@ TEST_F(Rename, RedirectedTargetIsOpenedFromTheTop)
         if (!(location.Flags & SL_OPEN_TARGET_DIRECTORY) || redirected) return Create(irp);
         redirected = true;
         Name name(L"\\??\\Probe\\elsewhere\\new");
-        EXPECT_EQ(IoReplaceFileObjectName(location.FileObject, name.Text.Buffer, name.Text.Length), STATUS_SUCCESS);
+        EXPECT_EQ(IoReplaceFileObjectName(location.FileObject, name->Buffer, name->Length), STATUS_SUCCESS);
         return Complete(irp, STATUS_REPARSE, IO_REPARSE);
     };
     EXPECT_EQ(Change(u"\\??\\Probe\\link\\new"), STATUS_SUCCESS);

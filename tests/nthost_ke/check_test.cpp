@@ -140,6 +140,7 @@ TEST_F(Check, WhatAWorkItemLeavesBehind)
     const LeftBehind rows[] = {
         {"irql-changed", [](PVOID) { KfRaiseIrql(APC_LEVEL); }},
         {"critical-region-left-open", [](PVOID) { KeEnterCriticalRegion(); }},
+        {"top-level-irp-left", [](PVOID) { IoSetTopLevelIrp(reinterpret_cast<PIRP>(FSRTL_FSP_TOP_LEVEL_IRP)); }},
     };
     for (const LeftBehind& row : rows)
         TheFinding(row.Rule, [&] {
@@ -231,6 +232,23 @@ TEST_F(Check, LocksInFreedPoolAreForgotten)
 }
 
 using CheckDeathTest = Check;
+
+// The queue's only worker is held up, so the first time is not over when the second comes.
+void QueueOneTwice()
+{
+    static KEVENT never;
+    static WORK_QUEUE_ITEM holder, item;
+    KeInitializeEvent(&never, NotificationEvent, FALSE);
+    ExInitializeWorkItem(
+        &holder, [](PVOID) { WaitFor(&never); }, nullptr);
+    ExInitializeWorkItem(
+        &item, [](PVOID) {}, nullptr);
+    ExQueueWorkItem(&holder, HyperCriticalWorkQueue);
+    ExQueueWorkItem(&item, HyperCriticalWorkQueue);
+    ExQueueWorkItem(&item, HyperCriticalWorkQueue);
+}
+
+TEST_F(CheckDeathTest, AWorkItemQueuedTwiceIsFatal) { EXPECT_DEATH(QueueOneTwice(), "work-item-queued-twice"); }
 
 TEST_F(CheckDeathTest, CertainDeadlocksAreFatal)
 {

@@ -1,35 +1,23 @@
-// The fixture of the kernel-core tests: boots nthost for each test, and at the end expects that no finding is left that
-// the test did not take, and that nothing leaked. Helpers run code elsewhere: on another thread, or as a driver's.
+// Kernel-core tests run code elsewhere: on another thread, or as a driver's.
 #pragma once
 
 #include <functional>
 #include <thread>
 
-#include <gtest/gtest.h>
-#include <ntifs.h>
 #include <nthost/check.h>
-#include <nthost/host.h>
 #include <nthost/process.h>
 
-class KernelTest : public testing::Test {
+#include "support/host.h"
+
+class KernelTest : public support::BootedTest {
 protected:
-    explicit KernelTest(nthost::BootOptions options = {}) : options_(options) {}
+    using BootedTest::BootedTest;
 
     void SetUp() override
     {
         testing::FLAGS_gtest_death_test_style = "threadsafe";
-        nthost::Boot(options_);
+        BootedTest::SetUp();
     }
-
-    void TearDown() override
-    {
-        for (const nthost::Finding& finding : nthost::TakeFindings())
-            ADD_FAILURE() << finding.Rule << ": " << finding.Detail << "\n" << finding.Stack;
-        for (const std::string& line : nthost::Shutdown().Lines) ADD_FAILURE() << line;
-    }
-
-private:
-    nthost::BootOptions options_;
 };
 
 constexpr ULONG PoolTag(const char (&text)[5])

@@ -66,11 +66,10 @@ TEST_F(Pool, StatisticsByTagAndBlock)
 TEST_F(Pool, ShutdownReportsWhatIsLeft)
 {
     void* const left = ExAllocatePoolWithTag(PagedPool, 33, kTag);
-    const nthost::LeakReport leaks = nthost::Shutdown();
-    ASSERT_EQ(leaks.Lines.size(), 1u);
-    EXPECT_NE(leaks.Lines[0].find("tag Test, 33 bytes"), std::string::npos);
+    const std::vector<std::string> leaks = ShutDown();
+    ASSERT_EQ(leaks.size(), 1u);
+    EXPECT_NE(leaks[0].find("tag Test, 33 bytes"), std::string::npos);
     ExFreePool(left);
-    nthost::Boot();
 }
 
 using PoolDeathTest = KernelTest;

@@ -404,16 +404,10 @@ NTSTATUS Poke(char* to, char value) { return nthost::GuardedCopy(to, &value, 1);
 
 void MmTest::Start(Callbacks callbacks)
 {
-    if (isUp_) {
-        Unload();
-        FillCallbacks(callbacks);
-        ASSERT_EQ(nthost::LoadDriver("minifs", DriverEntry, &driver_), STATUS_SUCCESS);
-        return;
-    }
+    Unload();
+    if (!IsUp()) BootedTest::SetUp();
     fs = &fs_;
     FillCallbacks(callbacks);
-    nthost::Boot();
-    isUp_ = true;
     ASSERT_EQ(nthost::LoadDriver("minifs", DriverEntry, &driver_), STATUS_SUCCESS);
 }
 
@@ -428,12 +422,11 @@ void MmTest::Unload()
 
 std::vector<std::string> MmTest::ShutDownLeaking()
 {
-    isUp_ = false;
     driver_ = nullptr;
-    const std::vector<std::string> lines = nthost::Shutdown().Lines;
-    nthost::Boot(); // for the end of the files' own locks
+    const std::vector<std::string> lines = ShutDown();
+    BootedTest::SetUp(); // for the end of the files' own locks
     fs_.Clear();
-    nthost::Shutdown();
+    (void)ShutDown();
     return lines;
 }
 
@@ -442,8 +435,7 @@ void MmTest::TearDown()
     fs_.Before = nullptr;
     fs_.AcquireStatus = STATUS_SUCCESS;
     Unload();
-    if (isUp_) EXPECT_EQ(nthost::Shutdown().Lines, std::vector<std::string>());
-    EXPECT_EQ(TakeRules(), std::vector<std::string>());
+    BootedTest::TearDown();
     fs = nullptr;
 }
 

@@ -11,13 +11,11 @@
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
-#include <ntifs.h>
 #include <nthost/check.h>
-#include <nthost/host.h>
 #include <nthost/process.h>
 #include <nthost/sections.h>
+
+#include "support/host.h"
 
 namespace minifs {
 
@@ -121,7 +119,7 @@ private:
 std::string Bytes(const char* from, size_t length); // through GuardedCopy; the status's name on failure
 NTSTATUS Poke(char* to, char value);
 
-class MmTest : public testing::Test {
+class MmTest : public support::BootedTest {
 protected:
     void SetUp() override { Start(Callbacks::All); }
     void TearDown() override;
@@ -134,7 +132,6 @@ protected:
 private:
     FileSystem fs_;
     PDRIVER_OBJECT driver_ = nullptr;
-    bool isUp_ = false;
 };
 
 // The rules of the findings that are there, which are taken.

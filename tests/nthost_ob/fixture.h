@@ -1,38 +1,20 @@
-// Boots nthost for every test and asserts at the end that nothing was found and nothing is left.
+// Object names and attributes in one line each.
 #pragma once
 
 #include <string>
 #include <string_view>
 
-#include <gtest/gtest.h>
-
-#include <ntifs.h>
+#include <nthost/check.h>
+#include <nthost/process.h>
+#include <workbench/text.h>
 
 #include "ob/object.h"
-#include <nthost/check.h>
-#include <nthost/host.h>
-#include <nthost/process.h>
+#include "support/host.h"
 
 namespace nthost_ob {
 
-class ObTest : public testing::Test {
-protected:
-    void SetUp() override { nthost::Boot(); }
-
-    void TearDown() override
-    {
-        for (const nthost::Finding& finding : nthost::TakeFindings())
-            ADD_FAILURE() << finding.Rule << ": " << finding.Detail;
-        EXPECT_EQ(nthost::Shutdown().Lines, std::vector<std::string>());
-    }
-};
-
-// A counted string on a 16-bit literal.
-struct Name {
-    UNICODE_STRING Text;
-    Name(const wchar_t* text) { RtlInitUnicodeString(&Text, text); }
-    operator PUNICODE_STRING() { return &Text; }
-};
+using ObTest = support::BootedTest;
+using Name = workbench::Text;
 
 struct Attributes {
     Name ObjectName;
@@ -40,7 +22,7 @@ struct Attributes {
     explicit Attributes(const wchar_t* name, ULONG flags = OBJ_CASE_INSENSITIVE, HANDLE root = nullptr)
         : ObjectName(name)
     {
-        InitializeObjectAttributes(&Value, &ObjectName.Text, flags, root, nullptr);
+        InitializeObjectAttributes(&Value, ObjectName, flags, root, nullptr);
     }
     Attributes(const Attributes&) = delete;
     operator POBJECT_ATTRIBUTES() { return &Value; }

@@ -175,13 +175,13 @@ TEST_F(RegistryTest, AccessAndBadPointers)
         return NtQueryValueKey(handle, static_cast<PUNICODE_STRING>(name), KeyValuePartialInformation, to, 16,
                                static_cast<PULONG>(result));
     };
-    EXPECT_EQ(query(blind, &count.Text, buffer, &length), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(query(blind, count.Get(), buffer, &length), STATUS_ACCESS_DENIED);
     EXPECT_EQ(query(key, bad, buffer, &length), violation);
-    EXPECT_EQ(query(key, &count.Text, bad, &length), violation);
-    EXPECT_EQ(query(key, &count.Text, buffer, bad), violation);
+    EXPECT_EQ(query(key, count.Get(), bad, &length), violation);
+    EXPECT_EQ(query(key, count.Get(), buffer, bad), violation);
     UNICODE_STRING text{10, 10, static_cast<PWCH>(bad)};
     EXPECT_EQ(query(key, &text, buffer, &length), violation);
-    text = {3, 3, count.Text.Buffer};
+    text = {3, 3, count->Buffer};
     EXPECT_EQ(query(key, &text, buffer, &length), STATUS_OBJECT_NAME_INVALID);
 
     EXPECT_EQ(NtOpenKey(static_cast<PHANDLE>(bad), KEY_READ, attributes), violation);

@@ -2,8 +2,7 @@
 
 #include "text.h"
 
-#include <gtest/gtest.h>
-#include <nthost/host.h>
+#include "support/host.h"
 
 #include <climits>
 
@@ -45,9 +44,9 @@ TEST(RtlString, CopyCutsAndTerminatesOnlyInSpareRoom)
         {2, "ab"}, {3, "abc"}, {4, "abc\0"s}, {6, "abc\0##"s}, {0, ""},
     };
     for (const auto& [room, whole] : rows) {
-        Text destination = Text::Room(room);
+        Text destination = Room(room);
         RtlCopyUnicodeString(destination, source);
-        EXPECT_EQ(destination.Whole(), whole);
+        EXPECT_EQ(Whole(destination), whole);
         EXPECT_EQ(destination->Length, std::min<size_t>(room, 3) * 2);
     }
     RtlCopyUnicodeString(source, nullptr);
@@ -56,16 +55,16 @@ TEST(RtlString, CopyCutsAndTerminatesOnlyInSpareRoom)
 
 TEST(RtlString, AppendIsAllOrNothing)
 {
-    Text destination = Text::Room(5);
+    Text destination = Room(5);
     EXPECT_EQ(RtlAppendUnicodeToString(destination, L"ab"), STATUS_SUCCESS);
-    EXPECT_EQ(destination.Whole(), "ab\0##"s);
+    EXPECT_EQ(Whole(destination), "ab\0##"s);
     EXPECT_EQ(RtlAppendUnicodeStringToString(destination, Text("wxyz")), STATUS_BUFFER_TOO_SMALL);
-    EXPECT_EQ(destination.Whole(), "ab\0##"s);
+    EXPECT_EQ(Whole(destination), "ab\0##"s);
     EXPECT_EQ(RtlAppendUnicodeStringToString(destination, destination), STATUS_SUCCESS);
     EXPECT_EQ(RtlAppendUnicodeToString(destination, L"!"), STATUS_SUCCESS);
     EXPECT_EQ(RtlAppendUnicodeToString(destination, nullptr), STATUS_SUCCESS);
     EXPECT_EQ(RtlAppendUnicodeStringToString(destination, Text("")), STATUS_SUCCESS);
-    EXPECT_EQ(destination.Whole(), "abab!");
+    EXPECT_EQ(Whole(destination), "abab!");
     EXPECT_EQ(RtlAppendUnicodeToString(destination, L"?"), STATUS_BUFFER_TOO_SMALL);
 }
 
@@ -118,14 +117,15 @@ TEST(RtlString, UpcaseWorksInPlaceAndRefusesAShortDestination)
     Text text("naïve.τxt");
     EXPECT_EQ(RtlUpcaseUnicodeString(text, text, FALSE), STATUS_SUCCESS);
     EXPECT_EQ(text.Utf8(), "NAÏVE.ΤXT");
-    Text room = Text::Room(8);
+    Text room = Room(8);
     EXPECT_EQ(RtlUpcaseUnicodeString(room, text, FALSE), STATUS_BUFFER_OVERFLOW);
-    EXPECT_EQ(room.Whole(), "########");
+    EXPECT_EQ(Whole(room), "########");
 }
 
-TEST(RtlString, UpcasedCopyIsPoolAndGoesWithItsOwner)
+using RtlBooted = support::BootedTest;
+
+TEST_F(RtlBooted, UpcasedCopyIsPoolAndGoesWithItsOwner)
 {
-    nthost::Boot();
     UNICODE_STRING copy{}, empty{};
     ASSERT_EQ(RtlUpcaseUnicodeString(&copy, Text("abc"), TRUE), STATUS_SUCCESS);
     EXPECT_EQ(nthost::ToUtf8(&copy), "ABC");
@@ -134,7 +134,6 @@ TEST(RtlString, UpcasedCopyIsPoolAndGoesWithItsOwner)
     RtlFreeUnicodeString(&empty);
     EXPECT_EQ(copy.Buffer, nullptr);
     RtlFreeUnicodeString(&copy);
-    EXPECT_TRUE(nthost::Shutdown().Clean());
 }
 
 struct ParseRow {
@@ -172,13 +171,13 @@ TEST(RtlInteger, PrintsInUpperCaseAndNeedsRoomForTheTerminator)
         {8, 8, "10"},
     };
     for (const auto& [value, base, text] : rows) {
-        Text exact = Text::Room(text.size() + 1), small = Text::Room(text.size());
+        Text exact = Room(text.size() + 1), small = Room(text.size());
         EXPECT_EQ(RtlIntegerToUnicodeString(value, base, exact), STATUS_SUCCESS);
         EXPECT_EQ(exact.Utf8(), text);
         EXPECT_EQ(RtlIntegerToUnicodeString(value, base, small), STATUS_BUFFER_OVERFLOW);
         EXPECT_EQ(small->Length, 0);
     }
-    EXPECT_EQ(RtlIntegerToUnicodeString(1, 7, Text::Room(9)), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(RtlIntegerToUnicodeString(1, 7, Room(9)), STATUS_INVALID_PARAMETER);
 }
 
 } // namespace

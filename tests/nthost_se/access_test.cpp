@@ -3,10 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <nthost/debug.h>
-#include <nthost/host.h>
 #include <nthost/process.h>
 
 #include "se/token.h"
+#include "support/host.h"
 
 namespace nthost_se {
 namespace {
@@ -19,11 +19,7 @@ constexpr ACCESS_MASK kAll = FILE_ALL_ACCESS;
 
 GENERIC_MAPPING mapping = {FILE_GENERIC_READ, FILE_GENERIC_WRITE, FILE_GENERIC_EXECUTE, FILE_ALL_ACCESS};
 
-class AccessTest : public testing::Test {
-protected:
-    void SetUp() override { nthost::Boot(); }
-    void TearDown() override { EXPECT_EQ(nthost::Shutdown().Lines, std::vector<std::string>()); }
-};
+using AccessTest = support::BootedTest;
 
 // A descriptor in pool. "" is none at all.
 class Descriptor {

@@ -5,22 +5,18 @@
 #include <gtest/gtest.h>
 
 #include <nthost/debug.h>
-#include <nthost/host.h>
 
 #include "rtl/acl.h"
 #include "rtl/descriptor.h"
 #include "se/sid.h"
+#include "support/host.h"
 
 namespace nthost_se {
 namespace {
 
 using nthost::rtl::PartsOf;
 
-class SddlTest : public testing::Test {
-protected:
-    void SetUp() override { nthost::Boot(); }
-    void TearDown() override { EXPECT_EQ(nthost::Shutdown().Lines, std::vector<std::string>()); }
-};
+using SddlTest = support::BootedTest;
 
 std::string Text(PSID sid)
 {

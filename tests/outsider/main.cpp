@@ -1,36 +1,36 @@
-// The whole workbench from outside: boot, driver, plugin, one open through the front door, and what was left behind.
+// The whole workbench from outside: boot, driver, plugin, requests through the front door, and what was left behind.
 #include <cstdio>
 
-#include <gvnd/driver.h>
 #include <gvnd/memfs.h>
-#include <nthost/host.h>
+#include <workbench/workbench.h>
 
-// A status that is not a success ends the program with the line that met it.
-#define REQUIRE(call) \
-    if (!NT_SUCCESS(call)) return std::fprintf(stderr, "%s failed\n", #call), 1
+int Run()
+{
+    workbench::Host host;
+    workbench::Require("load the driver", host.LoadGvnd());
+    PluginOps* memfs;
+    workbench::Require("make a file system", MemFsCreate(nullptr, &memfs));
+    {
+        workbench::Volume volume(host, memfs); // at \??\Volume until the end of the block
+        volume.Open("/note.txt", {.Access = FILE_WRITE_DATA | SYNCHRONIZE, .Disposition = FILE_CREATE})
+            .Write(0, "hello", 5);
+        char text[6] = {};
+        volume.Open("/NOTE.TXT").Read(0, text, 5);
+        for (const workbench::Entry& entry : volume.List("/")) std::printf("%s: %s\n", entry.Name.c_str(), text);
+        for (const layer::PluginCall& call : volume.Plugin().Calls()) std::printf("  %s\n", call.Text().c_str());
+    }
+    MemFsDestroy(memfs);
+    const workbench::Report report = host.Finish();
+    report.Print();
+    return report.ExitCode();
+}
 
 int main()
 {
-    PDRIVER_OBJECT gvnd, memfs;
-    nthost::LeakReport leaks[3];
-    nthost::Boot();
-    REQUIRE(nthost::LoadDriver("gvnd", GvndDriverEntry, &gvnd));
-    REQUIRE(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &memfs)); // mounts itself
-
-    UNICODE_STRING path;
-    RtlInitUnicodeString(&path, L"\\??\\Memfs\\");
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, &path, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-    IO_STATUS_BLOCK result;
-    HANDLE root;
-    REQUIRE(NtCreateFile(&root, FILE_LIST_DIRECTORY | SYNCHRONIZE, &attributes, &result, nullptr, 0, FILE_SHARE_READ,
-                         FILE_OPEN, FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0));
-    REQUIRE(NtClose(root));
-
-    REQUIRE(nthost::UnloadDriver(memfs, &leaks[0])); // unmounts
-    REQUIRE(nthost::UnloadDriver(gvnd, &leaks[1]));
-    leaks[2] = nthost::Shutdown();
-    for (const nthost::LeakReport& report : leaks)
-        for (const std::string& line : report.Lines) std::fprintf(stderr, "left behind: %s\n", line.c_str());
-    return leaks[0].Clean() && leaks[1].Clean() && leaks[2].Clean() ? 0 : 1;
+    try {
+        return Run();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s\n", error.what()); // the request, its path, its status
+        return 1;
+    }
 }

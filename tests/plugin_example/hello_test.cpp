@@ -2,7 +2,6 @@
 
 #include "hello_plugin.h"
 
-#include <nthost/debug.h>
 #include <nthost/user_memory.h>
 
 #include "support/client.h"
@@ -18,49 +17,25 @@ protected:
     {
         HostFixture::SetUp();
         LoadGvndOrFail();
-        ASSERT_STATUS(STATUS_SUCCESS, nthost::LoadDriver("hello", HelloDriverEntry, &hello_));
+        ASSERT_STATUS(STATUS_SUCCESS, Host().Load("hello", HelloDriverEntry));
     }
-    void TearDown() override
-    {
-        nthost::LeakReport leaks;
-        if (hello_) EXPECT_STATUS(STATUS_SUCCESS, nthost::UnloadDriver(hello_, &leaks));
-        EXPECT_TRUE(leaks.Clean()) << support::Join(leaks.Lines);
-        HostFixture::TearDown();
-    }
-
-private:
-    PDRIVER_OBJECT hello_ = nullptr;
 };
 
 TEST_F(HelloPlugin, ReadsItsFileToTheEnd)
 {
     const auto file = Open("\\??\\Hello\\HELLO.txt");
     ASSERT_STATUS(STATUS_SUCCESS, file.Status);
-    char buffer[64] = {};
-    IO_STATUS_BLOCK result = {};
-    const auto read = [&] {
-        return NtReadFile(file.File.Get(), nullptr, nullptr, nullptr, &result, buffer, sizeof buffer, nullptr, nullptr);
-    };
-    ASSERT_STATUS(STATUS_SUCCESS, read());
-    EXPECT_EQ(std::string(buffer, result.Information), "Hello, volume.\n");
-    EXPECT_STATUS(STATUS_END_OF_FILE, read());
+    EXPECT_EQ(support::ReadText(file.File.Get(), 64), "Hello, volume.\n");
+    EXPECT_EQ(support::ReadText(file.File.Get(), 64, 15), "<STATUS_END_OF_FILE>");
 }
 
 TEST_F(HelloPlugin, ListsIt)
 {
     const auto root = Open("\\??\\Hello\\", {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE});
     ASSERT_STATUS(STATUS_SUCCESS, root.Status);
-    alignas(8) char buffer[256];
-    IO_STATUS_BLOCK result = {};
-    const auto list = [&] {
-        return NtQueryDirectoryFile(root.File.Get(), nullptr, nullptr, nullptr, &result, buffer, sizeof buffer,
-                                    FileNamesInformation, FALSE, nullptr, FALSE);
-    };
-    ASSERT_STATUS(STATUS_SUCCESS, list());
-    const auto* const names = reinterpret_cast<const FILE_NAMES_INFORMATION*>(buffer);
-    EXPECT_EQ(names->NextEntryOffset, 0u);
-    EXPECT_EQ(nthost::ToUtf8(names->FileName, names->FileNameLength / sizeof(WCHAR)), "hello.txt");
-    EXPECT_STATUS(STATUS_NO_MORE_FILES, list());
+    const support::Listing listing = support::List(root.File.Get());
+    EXPECT_EQ(listing.Names, std::vector<std::string>{"hello.txt"});
+    EXPECT_STATUS(STATUS_NO_MORE_FILES, listing.Status);
 }
 
 // What the operations do not offer the driver refuses by itself.

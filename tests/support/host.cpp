@@ -2,46 +2,27 @@
 
 #include "support/host.h"
 
-#include <gvnd/driver.h>
 #include <nthost/check.h>
 #include <nthost/debug.h>
 
 namespace support {
 
-TraceLog::TraceLog()
+std::vector<std::string> BootedTest::ShutDown()
 {
-    nthost::SetDebugSink([this](std::string_view text) {
-        const std::lock_guard lock(mutex_);
-        texts_.emplace_back(text);
-    });
+    std::vector<std::string> left = host_->Finish().Lines;
+    host_.reset();
+    return left;
 }
 
-TraceLog::~TraceLog() { nthost::SetDebugSink({}); }
-
-std::vector<std::string> TraceLog::Texts() const
+void BootedTest::ExpectNothingLeft()
 {
-    const std::lock_guard lock(mutex_);
-    return texts_;
-}
-
-size_t TraceLog::Count(const std::string& part) const
-{
-    size_t count = 0;
-    for (const std::string& text : Texts()) count += text.find(part) != std::string::npos;
-    return count;
-}
-
-bool TraceLog::Contains(const std::string& part) const { return Count(part) != 0; }
-
-void TraceLog::Clear()
-{
-    const std::lock_guard lock(mutex_);
-    texts_.clear();
+    if (!host_) return;
+    for (const std::string& line : ShutDown()) ADD_FAILURE() << line;
 }
 
 void HostFixture::SetUp()
 {
-    nthost::Boot();
+    BootedTest::SetUp();
     trace_.emplace();
 }
 
@@ -49,24 +30,15 @@ void HostFixture::TearDown()
 {
     UnloadGvnd();
     trace_.reset();
-    const nthost::LeakReport leaks = nthost::Shutdown();
-    EXPECT_TRUE(leaks.Clean()) << Join(leaks.Lines);
-    for (const nthost::Finding& finding : nthost::TakeFindings()) {
-        ADD_FAILURE() << finding.Rule << ": " << finding.Detail << "\n" << finding.Stack;
-    }
+    BootedTest::TearDown();
 }
-
-NTSTATUS HostFixture::LoadGvnd() { return nthost::LoadDriver("gvnd", GvndDriverEntry, &driver_); }
 
 void HostFixture::LoadGvndOrFail() { ASSERT_STATUS(STATUS_SUCCESS, LoadGvnd()); }
 
 void HostFixture::UnloadGvnd()
 {
-    if (!driver_) return;
-    nthost::LeakReport leaks;
-    EXPECT_STATUS(STATUS_SUCCESS, nthost::UnloadDriver(driver_, &leaks));
-    EXPECT_TRUE(leaks.Clean()) << Join(leaks.Lines);
-    driver_ = nullptr;
+    const workbench::Report report = Host().UnloadDrivers();
+    EXPECT_TRUE(report.Clean()) << Join(report.Lines);
 }
 
 std::string Join(const std::vector<std::string>& lines)
@@ -74,6 +46,17 @@ std::string Join(const std::vector<std::string>& lines)
     std::string all;
     for (const std::string& line : lines) all += line + "\n";
     return all;
+}
+
+void ExpectFindings(const std::vector<std::string>& rules)
+{
+    std::vector<std::string> found;
+    std::string details;
+    for (const nthost::Finding& finding : nthost::TakeFindings()) {
+        found.push_back(finding.Rule);
+        details += finding.Rule + ": " + finding.Detail + "\n";
+    }
+    EXPECT_EQ(found, rules) << details;
 }
 
 ::testing::AssertionResult IsStatus(NTSTATUS actual, NTSTATUS expected)

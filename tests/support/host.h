@@ -1,59 +1,63 @@
-// The fixture's foundation: boots nthost, records the trace, loads the driver, and at the end asserts that nothing is
-// left: no finding, no leak, no object.
+// What the fixtures stand on: nthost booted for a test, the driver loaded if it wants that, and at the end the
+// assertion that nothing is left: no finding, no leak, no object.
 #pragma once
 
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
-
-#include <gvnd/plugin.h>
-#include <nthost/host.h>
+#include <workbench/host.h>
+#include <workbench/trace.h>
 
 namespace support {
 
+using workbench::TraceLog;
+
 inline const char* const kServiceKey = "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\gvnd";
 
-// What the driver traced, message by message without the prefix; see Prefixes for those.
-class TraceLog {
-public:
-    TraceLog();
-    ~TraceLog();
-    TraceLog(const TraceLog&) = delete;
-    TraceLog& operator=(const TraceLog&) = delete;
+// nthost and no driver.
+class BootedTest : public ::testing::Test {
+protected:
+    explicit BootedTest(nthost::BootOptions options = {}) : options_(options) {}
+    void SetUp() override { host_.emplace(options_); }
+    void TearDown() override { ExpectNothingLeft(); }
 
-    // Whole DbgPrint texts in order: each message of the driver is one prefix and one text.
-    std::vector<std::string> Texts() const;
-    bool Contains(const std::string& part) const;
-    size_t Count(const std::string& part) const;
-    void Clear();
+    workbench::Host& Host() { return *host_; }
+    const workbench::Host& Host() const { return *host_; }
+    bool IsUp() const { return host_.has_value(); }
+    // Unloads, shuts down before the end of the test; what was left is the test's to judge.
+    std::vector<std::string> ShutDown();
+    // As every test ends.
+    void ExpectNothingLeft();
 
 private:
-    mutable std::mutex mutex_;
-    std::vector<std::string> texts_;
+    nthost::BootOptions options_;
+    std::optional<workbench::Host> host_;
 };
 
-class HostFixture : public ::testing::Test {
+// The driver's trace is recorded from the boot on.
+class HostFixture : public BootedTest {
 protected:
     void SetUp() override;
     void TearDown() override;
 
     // The status of DriverEntry. The fixture unloads it again.
-    NTSTATUS LoadGvnd();
+    NTSTATUS LoadGvnd() { return Host().LoadGvnd(); }
     void LoadGvndOrFail();
     void UnloadGvnd();
 
     TraceLog& Trace() { return *trace_; }
-    PDRIVER_OBJECT Driver() const { return driver_; }
+    PDRIVER_OBJECT Driver() const { return Host().Gvnd(); }
 
 private:
     std::optional<TraceLog> trace_;
-    PDRIVER_OBJECT driver_ = nullptr;
 };
 
 std::string Join(const std::vector<std::string>& lines);
+
+// Takes the findings and expects exactly these rules, in order.
+void ExpectFindings(const std::vector<std::string>& rules);
 
 // "STATUS_..." of both in a failure.
 ::testing::AssertionResult IsStatus(NTSTATUS actual, NTSTATUS expected);

@@ -257,7 +257,7 @@ private:
         } catch (const NotRepresentable& reason) {
             totals_.NotRepresentable.push_back(reason.what());
         } catch (const Failure& failure) {
-            totals_.Problems.push_back(failure.Summary());
+            totals_.Problems.push_back(failure.what());
         } catch (const std::exception& failure) {
             totals_.Problems.push_back(failure.what());
         }

@@ -27,7 +27,7 @@ void MakeOneFile(Session& session)
 {
     const char text[] = "Hello from behind the I/O manager.\n";
     OpenFile(session.NtPath("/greetings"),
-             {.Access = SYNCHRONIZE, .Options = FILE_DIRECTORY_FILE, .Disposition = FILE_CREATE});
+             {.Access = SYNCHRONIZE, .Disposition = FILE_CREATE, .Options = FILE_DIRECTORY_FILE});
     Step(session, "make \\greetings: its parent is opened on the way");
     File file = OpenFile(session.NtPath("/greetings/hello.txt"),
                          {.Access = FILE_WRITE_DATA | SYNCHRONIZE, .Disposition = FILE_CREATE});
@@ -60,10 +60,10 @@ void ShowOneFile()
     file.Close();
     Step(session, "close the last one: the chain goes, leaf first");
 
-    const std::vector<std::string> left = session.Finish();
-    for (const std::string& line : left) fmt::print(stderr, "left behind: {}\n", line);
-    fmt::print("unmounted and unloaded; {}\n\n", left.empty() ? "nothing leaked" : "see above");
-    if (!left.empty()) throw Usage("the demonstration leaked");
+    const workbench::Report report = session.Finish();
+    report.Print();
+    fmt::print("unmounted and unloaded; {}\n\n", report.Clean() ? "nothing leaked" : "see above");
+    if (!report.Clean()) throw Usage("the demonstration leaked");
 }
 
 // A directory of its own, gone at the end.
@@ -97,9 +97,9 @@ int ShowTransfer(const std::string& title, const VolumeChoice& volume,
     session.Mount(volume);
     fmt::print("{}\n", title);
     const int agreed = PrintTotals(transfer(session, from, to));
-    const std::vector<std::string> left = session.Finish();
-    for (const std::string& line : left) fmt::print(stderr, "left behind: {}\n", line);
-    return left.empty() ? agreed : ExitLeak;
+    const workbench::Report report = session.Finish();
+    report.Print();
+    return report.Clean() ? agreed : report.ExitCode();
 }
 
 } // namespace

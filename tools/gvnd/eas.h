@@ -1,10 +1,8 @@
 // Extended attributes through the front door: lists of them as NT carries them, and as a map from name to value.
 #pragma once
 
-#include <cstdint>
 #include <map>
 #include <string>
-#include <vector>
 
 #include "gvnd/client.h"
 
@@ -12,9 +10,9 @@ namespace tool {
 
 using EaMap = std::map<std::string, std::string>;
 
-// The records of NtSetEaFile and NtCreateFile. A value that is empty removes its name. Usage for a name or value that a
-// record cannot hold.
-std::vector<uint64_t> EaList(const EaMap& eas);
+// The records of NtSetEaFile and NtCreateFile, in order of names. A value that is empty removes its name. Usage for a
+// name or value that a record cannot hold.
+std::string EaList(const EaMap& eas);
 
 // All of the file's; none where the file or the plugin has none. The handle needs FILE_READ_EA.
 EaMap ReadEas(const File& file);

@@ -88,7 +88,7 @@ public:
             return; // or else every file would get the attribute that keeps them
         const NTSTATUS status = hostfs::SetAttributes(fd_.Get(), facts.Attributes);
         const Failure failure("set attributes of " + title_, status);
-        if (status == STATUS_NOT_SUPPORTED) throw NotKept(failure.Summary());
+        if (status == STATUS_NOT_SUPPORTED) throw NotKept(failure.what());
         if (!NT_SUCCESS(status)) throw failure;
     }
 

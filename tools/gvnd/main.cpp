@@ -3,6 +3,7 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <stdexcept>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -29,11 +30,12 @@ struct Options {
     std::string To;   // the other way round
 };
 
+// The exit code of a session that did all it had to do.
 int ReportLeaks(Session& session)
 {
-    const std::vector<std::string> left = session.Finish();
-    for (const std::string& line : left) fmt::print(stderr, "left behind: {}\n", line);
-    return left.empty() ? ExitSuccess : ExitLeak;
+    const workbench::Report report = session.Finish();
+    report.Print();
+    return report.ExitCode();
 }
 
 void RunCommands(Shell& shell, const Options& options)
@@ -145,8 +147,11 @@ int main(int argc, char** argv)
     } catch (const Mismatch& error) {
         fmt::print(stderr, "gvnd: {}\n", error.what());
         return ExitMismatch;
-    } catch (const std::exception& error) {
+    } catch (const std::length_error& error) { // a name that NT cannot carry
         fmt::print(stderr, "gvnd: {}\n", error.what());
+        return ExitUsage;
+    } catch (const std::exception& error) {
+        fmt::print(stderr, "gvnd: {}\n", Advised(error));
         return ExitFailure;
     }
 }

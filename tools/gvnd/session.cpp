@@ -1,21 +1,12 @@
-// Boot, load, mount, and the way back. A volume is mounted the way a kernel plugin mounts it: through the control
-// device.
+// The plugin that the user chose, mounted, and what is done with its links.
 #include "gvnd/session.h"
 
-#include <algorithm>
-#include <cstdio>
-#include <utility>
-
 #include <fmt/format.h>
-
-#include <gvnd/driver.h>
-#include <hostfs/hostfs.h>
 #include <gvnd/memfs.h>
-#include <nthost/check.h>
-#include <nthost/debug.h>
-#include <nthost/host.h>
+#include <hostfs/hostfs.h>
 #include <nthost/requests.h>
-#include <nthost/sections.h>
+#include <workbench/plugin_table.h>
+#include <workbench/trace.h>
 
 #include "gvnd/client.h"
 #include "gvnd/eas.h"
@@ -25,25 +16,14 @@ namespace tool {
 
 namespace {
 
-constexpr char kLink[] = "\\??\\Gvnd";
-
-template <size_t N>
-UNICODE_STRING Literal(const WCHAR (&text)[N])
-{
-    return {static_cast<USHORT>((N - 1) * sizeof(WCHAR)), static_cast<USHORT>(N * sizeof(WCHAR)),
-            const_cast<WCHAR*>(text)};
-}
-
-void PrintTrace(std::string_view text) { std::fwrite(text.data(), 1, text.size(), stderr); }
+constexpr char kName[] = "Gvnd";
 
 } // namespace
 
 Session::Session(bool trace)
 {
-    nthost::Boot();
-    running_ = true;
     SetTrace(trace);
-    Require("load the driver", nthost::LoadDriver("gvnd", GvndDriverEntry, &driver_));
+    Require("load the driver", host_.LoadGvnd());
 }
 
 Session::~Session()
@@ -55,26 +35,9 @@ Session::~Session()
     }
 }
 
-void Session::SetTrace(bool on) { nthost::SetDebugSink(on ? nthost::DebugSink(PrintTrace) : nthost::DebugSink()); }
+void Session::SetTrace(bool on) { workbench::PrintTrace(on); }
 
 uint64_t Session::Requests() const { return nthost::RequestsSent(); }
-
-void Session::FetchServices()
-{
-    UNICODE_STRING name = Literal(GVND_CONTROL_DEVICE_NAME);
-    OBJECT_ATTRIBUTES attributes;
-    InitializeObjectAttributes(&attributes, &name, OBJ_CASE_INSENSITIVE | OBJ_KERNEL_HANDLE, nullptr, nullptr);
-    IO_STATUS_BLOCK statusBlock{};
-    HANDLE handle = nullptr;
-    Require("open the control device",
-            ZwCreateFile(&handle, FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE, &attributes, &statusBlock, nullptr, 0,
-                         FILE_SHARE_READ | FILE_SHARE_WRITE, FILE_OPEN, FILE_SYNCHRONOUS_IO_NONALERT, nullptr, 0));
-    const NTSTATUS status =
-        ZwDeviceIoControlFile(handle, nullptr, nullptr, nullptr, &statusBlock, IOCTL_GVND_GET_SERVICE_TABLE, nullptr, 0,
-                              &services_, sizeof services_);
-    ZwClose(handle);
-    Require("fetch the service table", status);
-}
 
 void Session::MakeMemFs(const VolumeChoice& choice)
 {
@@ -83,11 +46,12 @@ void Session::MakeMemFs(const VolumeChoice& choice)
     Require("make an in-memory file system", MemFsCreate(&options, &operations_));
     destroy_ = [](PluginOps* operations) { MemFsDestroy(operations); };
     makeLink_ = [this](const std::string& path, const std::string& target) {
-        const NtText text(target);
+        const Text text(target);
+        const std::string eas = EaList({{MEMFS_LINK_EA_NAME, std::string(text.Bytes())}});
         OpenFile(NtPath(path), {.Access = FILE_WRITE_DATA | FILE_WRITE_EA | SYNCHRONIZE,
-                                .Options = FILE_NON_DIRECTORY_FILE,
                                 .Disposition = FILE_CREATE,
-                                .Eas = EaList({{MEMFS_LINK_EA_NAME, std::string(text.Bytes())}})});
+                                .Options = FILE_NON_DIRECTORY_FILE,
+                                .Eas = &eas});
     };
 }
 
@@ -99,8 +63,8 @@ void Session::MakeHostFs(const VolumeChoice& choice, const std::string& root)
     Require(fmt::format("serve the directory '{}'", root), HostFsCreate(options, &operations_));
     destroy_ = HostFsDestroy;
     makeLink_ = [this](const std::string& path, const std::string& target) {
-        NtText name(path);
-        NtText text(target);
+        Text name(path);
+        Text text(target);
         Require("make the link " + path, HostFsMakeLink(operations_, name.Get(), text.Get()));
     };
 }
@@ -115,51 +79,36 @@ void Session::MakePlugin(const VolumeChoice& choice)
     } else {
         throw Usage(fmt::format("unknown plugin '{}'; there are memfs and hostfs:DIR", choice.Plugin));
     }
-    layer_ = std::make_unique<layer::PluginLayer>(operations_);
 }
 
 void Session::DestroyPlugin()
 {
-    layer_.reset();
+    volume_.reset();
     if (operations_) destroy_(operations_);
     operations_ = nullptr;
 }
 
 void Session::Mount(const VolumeChoice& choice)
 {
-    FetchServices();
     MakePlugin(choice);
-    UNICODE_STRING backing = Literal(L"\\Device\\Null");
-    UNICODE_STRING device = Literal(L"\\Device\\Gvnd");
-    UNICODE_STRING link = Literal(L"\\??\\Gvnd");
-    NtText security(choice.Sddl);
-    const PUNICODE_STRING descriptor = choice.Sddl.empty() ? nullptr : security.Get();
-    const NTSTATUS status = services_->Mount(&backing, &device, &link, descriptor, layer_->Table(), &device_);
-    if (!NT_SUCCESS(status)) DestroyPlugin();
-    Require("mount " + choice.Plugin, status);
+    try {
+        volume_.emplace(host_, operations_, workbench::MountOptions{.Name = kName, .Sddl = choice.Sddl});
+    } catch (const Failure& failure) {
+        DestroyPlugin();
+        throw Failure("mount " + choice.Plugin, failure.Status());
+    }
 }
 
 void Session::Unmount()
 {
-    if (!device_) return;
-    nthost::TrimSections(); // what was mapped once still holds its file, and the volume goes with the last of them
-    const PDEVICE_OBJECT device = std::exchange(device_, nullptr);
-    Require("unmount", services_->UnmountRequest(device));
-    layer_->WaitUntilUnmounted();
+    if (!volume_) return;
+    volume_->Unmount();
     DestroyPlugin();
 }
 
-std::string Session::VolumePath(const std::string& path)
-{
-    std::string result = path;
-    std::replace(result.begin(), result.end(), '/', '\\');
-    if (result.empty() || result.front() != '\\') result.insert(result.begin(), '\\');
-    return result;
-}
+std::string Session::NtPath(const std::string& path) const { return VolumeName() + VolumePath(path); }
 
-std::string Session::NtPath(const std::string& path) const { return kLink + VolumePath(path); }
-
-std::string Session::VolumeName() const { return kLink; }
+std::string Session::VolumeName() const { return std::string("\\??\\") + kName; }
 
 void Session::MakeLink(const std::string& path, const std::string& target)
 {
@@ -168,41 +117,21 @@ void Session::MakeLink(const std::string& path, const std::string& target)
 
 std::string Session::ReadLink(const std::string& path)
 {
-    const PluginOps* const table = Plugin().Table();
-    NtText name(VolumePath(path));
-    KEVENT cancel;
-    KeInitializeEvent(&cancel, SynchronizationEvent, FALSE);
-    PUNICODE_STRING target = nullptr, other = nullptr;
-    const NTSTATUS status = table->ReadLink(table->PluginContext, &cancel, name.Get(), &target, &other);
-    std::string text;
-    if (NT_SUCCESS(status) && target) text = nthost::ToUtf8(target);
-    if (target) ExFreePoolWithTag(target, 0);
-    if (other) ExFreePoolWithTag(other, 0);
+    NTSTATUS status;
+    const std::u16string target = workbench::PluginTable(Plugin().Table()).ReadLink(VolumePath(path), &status);
     Require("read the link " + path, status);
-    return text;
+    return Text(target).Utf8();
 }
 
 void Session::RemoveLink(const std::string& path)
 {
-    const PluginOps* const table = Plugin().Table();
-    NtText name(VolumePath(path));
-    KEVENT cancel;
-    KeInitializeEvent(&cancel, SynchronizationEvent, FALSE);
-    Require("remove the link " + path, table->Delete(table->PluginContext, &cancel, name.Get()));
+    Require("remove the link " + path, workbench::PluginTable(Plugin().Table()).Delete(VolumePath(path)));
 }
 
-std::vector<std::string> Session::Finish()
+workbench::Report Session::Finish()
 {
-    if (!std::exchange(running_, false)) return {};
     Unmount();
-    std::vector<std::string> lines;
-    nthost::LeakReport leaks;
-    if (driver_) Require("unload the driver", nthost::UnloadDriver(std::exchange(driver_, nullptr), &leaks));
-    lines = std::move(leaks.Lines);
-    SetTrace(false);
-    for (std::string& line : nthost::Shutdown().Lines) lines.push_back(std::move(line));
-    for (const nthost::Finding& finding : nthost::TakeFindings()) lines.push_back(finding.Rule + ": " + finding.Detail);
-    return lines;
+    return host_.Finish();
 }
 
 } // namespace tool

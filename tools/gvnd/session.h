@@ -2,13 +2,12 @@
 #pragma once
 
 #include <functional>
-#include <memory>
 #include <string>
-#include <vector>
 
-#include <ntifs.h>
+#include <optional>
 
-#include <layer/layer.h>
+#include <workbench/host.h>
+#include <workbench/volume.h>
 
 namespace tool {
 
@@ -32,14 +31,13 @@ public:
     void Mount(const VolumeChoice& choice);
     // Asks for the unmount and waits for it. All handles must be closed.
     void Unmount();
-    bool Mounted() const { return device_ != nullptr; }
+    bool Mounted() const { return volume_.has_value(); }
 
     // "\??\Gvnd" and the path; '/' and '\' both separate.
     std::string NtPath(const std::string& path) const;
 
     // "\??\Gvnd", which opens the volume itself.
     std::string VolumeName() const;
-    static std::string VolumePath(const std::string& path);
 
     // Links. Every open follows them, so what is done with a link itself goes past the driver, which keeps nothing of
     // a link between two requests. The boundary knows how to follow links and not how to make them, so each plugin does
@@ -49,31 +47,26 @@ public:
     void RemoveLink(const std::string& path);
 
     // What the driver asked of the plugin.
-    layer::PluginLayer& Plugin() { return *layer_; }
+    layer::PluginLayer& Plugin() { return volume_->Plugin(); }
 
     // Requests that the driver has been sent, of all kinds, since it was loaded.
     uint64_t Requests() const;
 
     void SetTrace(bool on);
-    // Unmounts, unloads, shuts down; what leaked, one line each.
-    std::vector<std::string> Finish();
+    // Unmounts, unloads, shuts down; what leaked.
+    workbench::Report Finish();
 
 private:
-    struct Services;
-    void FetchServices();
     void MakePlugin(const VolumeChoice& choice);
     void MakeMemFs(const VolumeChoice& choice);
     void MakeHostFs(const VolumeChoice& choice, const std::string& root);
     void DestroyPlugin();
 
-    PDRIVER_OBJECT driver_ = nullptr;
-    const GvServices* services_ = nullptr;
+    workbench::Host host_;
     PluginOps* operations_ = nullptr;
     void (*destroy_)(PluginOps*) = nullptr;
     std::function<void(const std::string& path, const std::string& target)> makeLink_;
-    std::unique_ptr<layer::PluginLayer> layer_;
-    PDEVICE_OBJECT device_ = nullptr;
-    bool running_ = false;
+    std::optional<workbench::Volume> volume_;
 };
 
 } // namespace tool

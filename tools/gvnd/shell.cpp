@@ -10,7 +10,7 @@
 #include <readline/history.h>
 #include <readline/readline.h>
 
-#include "gvnd/commands.h"
+#include "gvnd/commands/commands.h"
 #include "gvnd/status.h"
 #include "gvnd/text.h"
 
@@ -117,7 +117,7 @@ void Shell::RunInteractive()
         try {
             if (!Run(line)) return;
         } catch (const std::exception& error) {
-            fmt::print(stderr, "{}\n", error.what());
+            fmt::print(stderr, "{}\n", Advised(error));
         }
     }
     fmt::print("\n");

@@ -34,7 +34,10 @@ public:
     void RunScript(std::istream& script);
 
     Session& Volume() { return session_; }
-    File Open(const std::string& path, const OpenHow& how = {}) const { return OpenFile(session_.NtPath(path), how); }
+    File Open(const std::string& path, const OpenRequest& how = {.Access = kReading}) const
+    {
+        return OpenFile(session_.NtPath(path), how);
+    }
     // By the number that `open` printed.
     OpenHandle& Handle(const std::string& number);
     std::map<unsigned, OpenHandle>& Handles() { return handles_; }

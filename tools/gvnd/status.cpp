@@ -1,10 +1,6 @@
 // What to do about a status. Rows only where there is something to say beyond the status's own name.
 #include "gvnd/status.h"
 
-#include <fmt/format.h>
-
-#include <nthost/debug.h>
-
 namespace tool {
 
 namespace {
@@ -50,26 +46,17 @@ constexpr Advice Advices[] = {
     {STATUS_NO_SUCH_DEVICE, "the volume is not mounted"},
 };
 
-std::string Describe(const std::string& request, NTSTATUS status)
-{
-    std::string text =
-        fmt::format("{}: {} (0x{:08x})", request, nthost::StatusName(status), static_cast<unsigned>(status));
-    for (const Advice& advice : Advices) {
-        if (advice.Status == status) return text + "\n  " + advice.Text;
-    }
-    return text + "\n  `trace on` shows how the driver came to it";
-}
-
 } // namespace
 
-Failure::Failure(const std::string& request, NTSTATUS status)
-    : std::runtime_error(Describe(request, status)), status_(status)
-{}
-
-std::string Failure::Summary() const
+std::string Advised(const std::exception& error)
 {
-    const std::string text = what();
-    return text.substr(0, text.find('\n'));
+    const std::string text = error.what();
+    const auto* const failure = dynamic_cast<const Failure*>(&error);
+    if (!failure) return text;
+    for (const Advice& advice : Advices) {
+        if (advice.Status == failure->Status()) return text + "\n  " + advice.Text;
+    }
+    return text + "\n  `trace on` shows how the driver came to it";
 }
 
 } // namespace tool

@@ -4,20 +4,15 @@
 #include <stdexcept>
 #include <string>
 
-#include <ntifs.h>
+#include <workbench/failure.h>
 
 namespace tool {
 
-class Failure : public std::runtime_error {
-public:
-    Failure(const std::string& request, NTSTATUS status);
-    NTSTATUS Status() const { return status_; }
-    // Without what to do.
-    std::string Summary() const;
+using workbench::Failure;
+using workbench::Require;
 
-private:
-    NTSTATUS status_;
-};
+// The failure's text, and what to do about its status, on a line of its own; other exceptions by their text alone.
+std::string Advised(const std::exception& error);
 
 // This machine refused something, by its own words.
 class HostFailure : public std::runtime_error {
@@ -36,11 +31,6 @@ class Mismatch : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
-
-inline void Require(const std::string& request, NTSTATUS status)
-{
-    if (!NT_SUCCESS(status)) throw Failure(request, status);
-}
 
 // Exit codes; stable.
 enum ExitCode { ExitSuccess = 0, ExitFailure = 1, ExitUsage = 2, ExitMismatch = 3, ExitLeak = 4 };

@@ -4,7 +4,6 @@
 #include <filesystem>
 
 #include "gvnd/client.h"
-#include "gvnd/commands.h"
 #include "gvnd/status.h"
 
 namespace tool {
@@ -14,12 +13,12 @@ namespace {
 // Each directory on the way to the path, and itself, unless it is there.
 void MakeVolumePath(const Session& session, const std::string& path)
 {
-    const std::string whole = Session::VolumePath(path);
+    const std::string whole = VolumePath(path);
     for (size_t end = 0; end != std::string::npos && end + 1 < whole.size();) {
         end = whole.find('\\', end + 1);
         OpenFile(
             session.NtPath(whole.substr(0, end)),
-            {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE, .Options = FILE_DIRECTORY_FILE, .Disposition = FILE_OPEN_IF});
+            {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE, .Disposition = FILE_OPEN_IF, .Options = FILE_DIRECTORY_FILE});
     }
 }
 
@@ -54,22 +53,5 @@ CopyTotals ExportTree(Session& session, const std::string& from, const std::stri
     const auto target = HostTree(to);
     return Copy(session, *source, *target);
 }
-
-namespace commands {
-
-namespace {
-
-void Report(const CopyTotals& totals)
-{
-    if (PrintTotals(totals) != ExitSuccess) throw Mismatch("the copy does not agree with its source");
-}
-
-} // namespace
-
-void Import(Shell& shell, const Words& words) { Report(ImportTree(shell.Volume(), words[1], words[2])); }
-
-void Export(Shell& shell, const Words& words) { Report(ExportTree(shell.Volume(), words[1], words[2])); }
-
-} // namespace commands
 
 } // namespace tool

@@ -39,7 +39,7 @@ auto Making(Body&& body)
     try {
         return body();
     } catch (const Failure& failure) {
-        if (IsNameRefusal(failure.Status())) throw NotRepresentable(failure.Summary());
+        if (IsNameRefusal(failure.Status())) throw NotRepresentable(failure.what());
         throw;
     }
 }
@@ -71,7 +71,7 @@ public:
         try {
             file_.Set(FileBasicInformation, info, "set times and attributes of");
         } catch (const Failure& failure) {
-            if (failure.Status() == STATUS_NOT_SUPPORTED) throw NotKept(failure.Summary());
+            if (failure.Status() == STATUS_NOT_SUPPORTED) throw NotKept(failure.what());
             throw;
         }
     }
@@ -86,7 +86,7 @@ public:
             const NTSTATUS status = failure.Status();
             if (status == STATUS_EAS_NOT_SUPPORTED || status == STATUS_NOT_SUPPORTED ||
                 status == STATUS_INVALID_EA_NAME || status == STATUS_EA_TOO_LARGE) {
-                throw NotKept(failure.Summary());
+                throw NotKept(failure.what());
             }
             throw;
         }
@@ -98,7 +98,7 @@ private:
 
 class VolumeTreeImpl : public Tree {
 public:
-    VolumeTreeImpl(Session& session, const std::string& root) : session_(session), root_(Session::VolumePath(root))
+    VolumeTreeImpl(Session& session, const std::string& root) : session_(session), root_(VolumePath(root))
     {
         while (!root_.empty() && root_.back() == '\\') root_.pop_back();
     }
@@ -130,10 +130,10 @@ public:
     std::unique_ptr<TreeNode> MakeFile(const std::string& path, IfThere ifThere) override
     {
         return Making([&] {
-            return Node(OpenFile(NtPath(path),
-                                 {.Access = kChangeAccess,
-                                  .Options = FILE_NON_DIRECTORY_FILE,
-                                  .Disposition = ifThere == IfThere::Overwrite ? FILE_OVERWRITE_IF : FILE_CREATE}));
+            return Node(
+                OpenFile(NtPath(path), {.Access = kChangeAccess,
+                                        .Disposition = ifThere == IfThere::Overwrite ? FILE_OVERWRITE_IF : FILE_CREATE,
+                                        .Options = FILE_NON_DIRECTORY_FILE}));
         });
     }
 
@@ -141,7 +141,7 @@ public:
     {
         Making([&] {
             return OpenFile(NtPath(path),
-                            {.Access = kReadAccess, .Options = FILE_DIRECTORY_FILE, .Disposition = FILE_CREATE});
+                            {.Access = kReadAccess, .Disposition = FILE_CREATE, .Options = FILE_DIRECTORY_FILE});
         });
     }
 

@@ -62,8 +62,6 @@ NTKERNELAPI PIRP NTAPI IoGetTopLevelIrp(VOID);
 
 // Fills locked pages from a file, as the memory manager does for a mapped view: a paging request, which no byte-range
 // lock stops and which moves no file position. The event is signalled and the status block filled when it ends.
-NTKERNELAPI NTSTATUS NTAPI IoPageRead(PFILE_OBJECT FileObject, PMDL MemoryDescriptorList, PLARGE_INTEGER StartingOffset,
-                                      PKEVENT Event, PIO_STATUS_BLOCK IoStatusBlock);
 
 // --- cancellation
 

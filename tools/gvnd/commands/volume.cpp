@@ -1,10 +1,9 @@
 // The volume as a whole, and who may use it.
 #include <fmt/format.h>
 
-#include <nthost/debug.h>
-#include <nthost/process.h>
+#include <workbench/user.h>
 
-#include "gvnd/commands.h"
+#include "gvnd/commands/commands.h"
 #include "gvnd/status.h"
 #include "gvnd/text.h"
 
@@ -30,7 +29,7 @@ void PrintVolume(const File& volume)
     volume.QueryVolume(FileFsVolumeInformation, buffer.data(), buffer.size() * 8, "the volume");
     const auto& info = *reinterpret_cast<FILE_FS_VOLUME_INFORMATION*>(buffer.data());
     fmt::print("label       {}\nserial      {:04X}-{:04X}\ncreated     {}\n",
-               nthost::ToUtf8(info.VolumeLabel, info.VolumeLabelLength / sizeof(WCHAR)), info.VolumeSerialNumber >> 16,
+               workbench::Utf8(info.VolumeLabel, info.VolumeLabelLength), info.VolumeSerialNumber >> 16,
                info.VolumeSerialNumber & 0xffff, TimeText(info.VolumeCreationTime.QuadPart));
 }
 
@@ -51,29 +50,8 @@ void PrintFileSystem(const File& volume)
     volume.QueryVolume(FileFsAttributeInformation, buffer.data(), buffer.size() * 8, "the file system");
     const auto& info = *reinterpret_cast<FILE_FS_ATTRIBUTE_INFORMATION*>(buffer.data());
     fmt::print("file system {}, names up to {} characters, flags 0x{:x}\n",
-               nthost::ToUtf8(info.FileSystemName, info.FileSystemNameLength / sizeof(WCHAR)),
-               info.MaximumComponentNameLength, info.FileSystemAttributes);
-}
-
-// "S-1-5-21-1-2-3-1002+S-1-5-32-544": the user, then groups.
-nthost::User UserOf(const std::string& word)
-{
-    nthost::User user;
-    size_t end = word.find('+');
-    user.Sid = word.substr(0, end);
-    while (end != std::string::npos) {
-        const size_t begin = end + 1;
-        end = word.find('+', begin);
-        user.Groups.push_back(word.substr(begin, end == std::string::npos ? end : end - begin));
-    }
-    return user;
-}
-
-void CheckSid(const std::string& sid)
-{
-    const bool plausible = sid.starts_with("S-1-") && sid.find_first_not_of("S-0123456789") == std::string::npos &&
-                           sid.find("--") == std::string::npos && sid.back() != '-';
-    if (!plausible) throw Usage(fmt::format("'{}' is no SID; they look like S-1-5-21-1-2-3-1002", sid));
+               workbench::Utf8(info.FileSystemName, info.FileSystemNameLength), info.MaximumComponentNameLength,
+               info.FileSystemAttributes);
 }
 
 } // namespace
@@ -91,7 +69,7 @@ void Df(Shell& shell, const Words&)
 void Label(Shell& shell, const Words& words)
 {
     if (words.size() == 1) return PrintVolume(OpenVolume(shell, FILE_READ_ATTRIBUTES));
-    const NtText label(words[1]);
+    const Text label(words[1]);
     std::vector<uint64_t> record =
         RecordWithText(sizeof(FILE_FS_LABEL_INFORMATION), FIELD_OFFSET(FILE_FS_LABEL_INFORMATION, VolumeLabelLength),
                        FIELD_OFFSET(FILE_FS_LABEL_INFORMATION, VolumeLabel), label.Bytes());
@@ -122,16 +100,19 @@ void Unmount(Shell& shell, const Words&)
 
 void As(Shell& shell, const Words& words)
 {
-    const nthost::User user = UserOf(words[1]);
-    CheckSid(user.Sid);
-    for (const std::string& group : user.Groups) CheckSid(group);
+    const nthost::User user = [&] {
+        try {
+            return workbench::UserOf(words[1]);
+        } catch (const std::invalid_argument& error) {
+            throw Usage(error.what());
+        }
+    }();
     for (const Command& command : Commands()) {
         if (words[2] == command.Name && command.Needs == Needs::Handles) {
             throw Usage(fmt::format("{} cannot be run as another user: handles end with the user's process", words[2]));
         }
     }
-    const nthost::Process process("another user", user);
-    const nthost::ActAs acting(process.Object());
+    const workbench::AsUser acting(user);
     shell.RunWords(Words(words.begin() + 2, words.end()));
 }
 

@@ -2,8 +2,8 @@
 // directory first: removing a link must not remove what it leads to.
 #include <fmt/format.h>
 
-#include "gvnd/commands.h"
-#include "gvnd/info.h"
+#include "gvnd/commands/commands.h"
+#include "gvnd/commands/info.h"
 #include "gvnd/status.h"
 #include "gvnd/text.h"
 
@@ -32,7 +32,7 @@ void MakeDirectory(Shell& shell, const Words& words)
 {
     shell.Open(
         words[1],
-        {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE, .Options = FILE_DIRECTORY_FILE, .Disposition = FILE_CREATE});
+        {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE, .Disposition = FILE_CREATE, .Options = FILE_DIRECTORY_FILE});
 }
 
 void Remove(Shell& shell, const Words& words)
@@ -56,15 +56,10 @@ void Move(Shell& shell, const Words& words)
     const std::string& to = words.back();
     if (IsLink(shell, from)) throw Usage("a link cannot be renamed; remove it and make another");
     const SplitPath place = SplitLast(to);
-    const bool sameDirectory = Session::VolumePath(place.Directory) == Session::VolumePath(SplitLast(from).Directory);
-    const NtText name(sameDirectory ? place.Last : shell.Volume().NtPath(to));
-
-    std::vector<uint64_t> record =
-        RecordWithText(sizeof(FILE_RENAME_INFORMATION), FIELD_OFFSET(FILE_RENAME_INFORMATION, FileNameLength),
-                       FIELD_OFFSET(FILE_RENAME_INFORMATION, FileName), name.Bytes());
-    reinterpret_cast<FILE_RENAME_INFORMATION*>(record.data())->ReplaceIfExists = replace;
+    const bool sameDirectory = VolumePath(place.Directory) == VolumePath(SplitLast(from).Directory);
+    const Text name(sameDirectory ? place.Last : shell.Volume().NtPath(to));
     const File file = shell.Open(from, {.Access = DELETE | SYNCHRONIZE});
-    file.SetRaw(FileRenameInformation, record.data(), record.size() * 8, "rename");
+    Require("rename " + ShownPath(file.Path()), workbench::Rename(file.Handle(), name, replace));
 }
 
 void Link(Shell& shell, const Words& words) { shell.Volume().MakeLink(words[2], words[1]); }

@@ -1,12 +1,11 @@
 // What is known of objects: listings, all information classes, attributes and times.
-#include "gvnd/info.h"
+#include "gvnd/commands/info.h"
 
 #include <cstring>
 
 #include <fmt/format.h>
-#include <nthost/debug.h>
 
-#include "gvnd/commands.h"
+#include "gvnd/commands/commands.h"
 #include "gvnd/status.h"
 #include "gvnd/text.h"
 
@@ -54,10 +53,7 @@ void PrintLink(Session& session, const std::string& path, const Entry& entry)
     fmt::print("leads to    {}\n", session.ReadLink(path));
 }
 
-std::string NameOf(const FILE_NAME_INFORMATION& info)
-{
-    return nthost::ToUtf8(info.FileName, info.FileNameLength / sizeof(WCHAR));
-}
+std::string NameOf(const FILE_NAME_INFORMATION& info) { return workbench::Utf8(info.FileName, info.FileNameLength); }
 
 void PrintName(const File& file)
 {

@@ -3,7 +3,7 @@
 
 #include <fmt/format.h>
 
-#include "gvnd/commands.h"
+#include "gvnd/commands/commands.h"
 #include "gvnd/eas.h"
 #include "gvnd/status.h"
 #include "gvnd/text.h"

@@ -1,12 +1,12 @@
 // Section, view, and the end of both.
 
-#include "support/view.h"
+#include "workbench/view.h"
 
 #include <utility>
 
 #include <nthost/debug.h>
 
-namespace support {
+namespace workbench {
 
 namespace {
 
@@ -35,7 +35,8 @@ View::View(HANDLE file, Kind kind, LONGLONG size)
     Handle section;
     status_ = NtCreateSection(section.Out(), protection.Access, nullptr, size ? &maximum : nullptr, protection.Page,
                               protection.Attributes, file);
-    if (!NT_SUCCESS(status_)) return;
+    hasSection_ = NT_SUCCESS(status_);
+    if (!hasSection_) return;
     status_ = NtMapViewOfSection(section.Get(), NtCurrentProcess(), &address_, 0, 0, nullptr, &size_, ViewUnmap, 0,
                                  protection.Page);
 }
@@ -71,4 +72,4 @@ void View::Unmap()
     if (void* const address = std::exchange(address_, nullptr)) NtUnmapViewOfSection(NtCurrentProcess(), address);
 }
 
-} // namespace support
+} // namespace workbench

@@ -1,5 +1,5 @@
-// The table of the shell's commands, and their handlers by verb group, each group in a file of its name. A handler gets
-// all words of its line, the command's name first; how many there are has been checked.
+// The table of the shell's commands, and their handlers by verb group, each group in a file of its name beside this
+// one. A handler gets all words of its line, the command's name first; how many there are has been checked.
 #pragma once
 
 #include <cstddef>
@@ -56,7 +56,7 @@ void Link(Shell& shell, const Words& words);
 void Ea(Shell& shell, const Words& words);
 void Map(Shell& shell, const Words& words);
 
-// transfer.cpp
+// trees.cpp
 void Import(Shell& shell, const Words& words);
 void Export(Shell& shell, const Words& words);
 
@@ -75,7 +75,7 @@ void Mounted(Shell& shell, const Words& words);
 void Unmount(Shell& shell, const Words& words);
 void As(Shell& shell, const Words& words);
 
-// commands.cpp
+// table.cpp
 void Trace(Shell& shell, const Words& words);
 void Calls(Shell& shell, const Words& words);
 void Help(Shell& shell, const Words& words);

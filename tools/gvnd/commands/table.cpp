@@ -1,5 +1,5 @@
 // The table of commands, and those that are about the shell itself.
-#include "gvnd/commands.h"
+#include "gvnd/commands/commands.h"
 
 #include <fmt/format.h>
 

@@ -6,7 +6,7 @@
 
 #include <fmt/format.h>
 
-#include "gvnd/commands.h"
+#include "gvnd/commands/commands.h"
 #include "gvnd/progress.h"
 #include "gvnd/status.h"
 #include "gvnd/text.h"
@@ -43,14 +43,14 @@ namespace commands {
 
 void Cat(Shell& shell, const Words& words)
 {
-    const File file = shell.Open(words[1], {.Options = FILE_NON_DIRECTORY_FILE});
+    const File file = shell.Open(words[1], {.Access = kReading, .Options = FILE_NON_DIRECTORY_FILE});
     ReadAll(file, [](std::string_view piece) { std::fwrite(piece.data(), 1, piece.size(), stdout); });
     std::fflush(stdout);
 }
 
 void Get(Shell& shell, const Words& words)
 {
-    const File file = shell.Open(words[1], {.Options = FILE_NON_DIRECTORY_FILE});
+    const File file = shell.Open(words[1], {.Access = kReading, .Options = FILE_NON_DIRECTORY_FILE});
     std::ofstream target(words[2], std::ios::binary | std::ios::trunc);
     if (!target) throw HostFailure(fmt::format("create {}: {}", words[2], std::strerror(errno)));
     const auto size = file.Query<FILE_STANDARD_INFORMATION>(FileStandardInformation, "size").EndOfFile.QuadPart;
@@ -71,8 +71,8 @@ void Put(Shell& shell, const Words& words)
     ProgressLine line(true, "copied", static_cast<uint64_t>(source.tellg()));
     source.seekg(0);
     const File file = shell.Open(words[2], {.Access = FILE_WRITE_DATA | SYNCHRONIZE,
-                                            .Options = FILE_NON_DIRECTORY_FILE,
-                                            .Disposition = FILE_OVERWRITE_IF});
+                                            .Disposition = FILE_OVERWRITE_IF,
+                                            .Options = FILE_NON_DIRECTORY_FILE});
     std::vector<char> buffer(kChunk);
     for (uint64_t offset = 0;;) {
         source.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
@@ -89,7 +89,7 @@ void Write(Shell& shell, const Words& words)
     const std::string bytes = Unescape(words[3]);
     const File file = shell.Open(
         words[1],
-        {.Access = FILE_WRITE_DATA | SYNCHRONIZE, .Options = FILE_NON_DIRECTORY_FILE, .Disposition = FILE_OPEN_IF});
+        {.Access = FILE_WRITE_DATA | SYNCHRONIZE, .Disposition = FILE_OPEN_IF, .Options = FILE_NON_DIRECTORY_FILE});
     file.Write(Number(words[2]), bytes.data(), bytes.size());
 }
 
@@ -98,7 +98,7 @@ void Append(Shell& shell, const Words& words)
     const std::string bytes = Unescape(words[2]);
     const File file = shell.Open(
         words[1],
-        {.Access = FILE_APPEND_DATA | SYNCHRONIZE, .Options = FILE_NON_DIRECTORY_FILE, .Disposition = FILE_OPEN_IF});
+        {.Access = FILE_APPEND_DATA | SYNCHRONIZE, .Disposition = FILE_OPEN_IF, .Options = FILE_NON_DIRECTORY_FILE});
     file.Append(bytes.data(), bytes.size());
 }
 

@@ -3,7 +3,7 @@
 
 #include <fmt/format.h>
 
-#include "gvnd/commands.h"
+#include "gvnd/commands/commands.h"
 #include "gvnd/status.h"
 #include "gvnd/text.h"
 
@@ -33,7 +33,7 @@ void Open(Shell& shell, const Words& words)
 {
     const std::string access = words.size() > 2 ? words[2] : "r";
     const std::string share = words.size() > 3 ? words[3] : "rwd";
-    const OpenHow how = {
+    const OpenRequest how = {
         .Access = SYNCHRONIZE | Letters(access, {{'r', FILE_READ_DATA | FILE_READ_ATTRIBUTES},
                                                  {'w', FILE_WRITE_DATA},
                                                  {'a', FILE_APPEND_DATA},

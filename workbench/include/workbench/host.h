@@ -1,0 +1,66 @@
+// The kernel interface from boot to shutdown, the driver, and mounting by the driver's services. One at a time; it ends
+// on the thread that made it.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <gvnd/plugin.h>
+#include <nthost/host.h>
+
+namespace workbench {
+
+// What was left at the end: leaks, drivers that would not go, and findings ("rule: detail"), which nthost has printed
+// with their stacks when it met them.
+struct Report {
+    std::vector<std::string> Lines;
+    bool Clean() const { return Lines.empty(); }
+    // Of a program that did all it had to do: 0, or 4 when something was left.
+    int ExitCode() const { return Clean() ? 0 : 4; }
+    // "left behind: ..." on standard error.
+    void Print() const;
+};
+
+// A volume's names and who may open it.
+struct MountOptions {
+    std::string Name = "Volume"; // \Device\Name and \??\Name
+    std::string Sddl = {};       // empty: everybody may
+};
+
+class Host {
+public:
+    explicit Host(const nthost::BootOptions& options = {});
+    // Finish, if nobody has asked for the report.
+    ~Host();
+    Host(const Host&) = delete;
+    Host& operator=(const Host&) = delete;
+
+    // The driver itself; the status of its entry.
+    [[nodiscard]] NTSTATUS LoadGvnd();
+    PDRIVER_OBJECT Gvnd() const;
+    // Another driver, such as a plugin that is one.
+    [[nodiscard]] NTSTATUS Load(const std::string& name, PDRIVER_INITIALIZE entry);
+    // All of them, the last loaded first; what they left.
+    Report UnloadDrivers();
+    // Unloads and shuts down. All volumes must be unmounted.
+    Report Finish();
+
+    // Through the table of services, which is fetched as a kernel plugin fetches it. The table must stay until its
+    // OnUnmounted has returned; volume.h waits for that.
+    [[nodiscard]] NTSTATUS Mount(const MountOptions& options, const PluginOps* table, PDEVICE_OBJECT* device);
+    // Idle sections go first: one keeps its file open, and so the volume.
+    [[nodiscard]] NTSTATUS RequestUnmount(PDEVICE_OBJECT device);
+
+private:
+    struct Loaded {
+        std::string Name;
+        PDRIVER_OBJECT Driver;
+    };
+    NTSTATUS FetchServices();
+
+    std::vector<Loaded> drivers_;
+    const GvServices* services_ = nullptr;
+    bool running_ = true;
+};
+
+} // namespace workbench
