@@ -1,5 +1,5 @@
 // The open path: what one create asks for, the paths it works with, and the routines that end it. Everything here runs
-// under Vcb.Resource, held exclusively by GvDoCreate, at PASSIVE_LEVEL on the caller's thread.
+// under Vcb.Resource, which GvDoCreate takes exclusively, at PASSIVE_LEVEL on the caller's thread.
 #pragma once
 
 #include "objects/fcb.h"

@@ -144,6 +144,7 @@ bool IsOverwrite(ULONG disposition) { return disposition == FILE_OVERWRITE || di
 NTSTATUS GvInitExistingFcb(IrpContext* context, const CreateParameters& parameters, const ResolvedPaths& paths,
                            Fcb* fcb, ULONG* information)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     GvHeldResource lock;
     NTSTATUS status = lock.Exclusive(fcb->Header.Resource);
     if (!NT_SUCCESS(status)) return status;

@@ -6,6 +6,7 @@
 
 #include "ea/ea.h"
 #include "frame/plugincall.h"
+#include "frame/resource.h"
 
 namespace {
 
@@ -141,6 +142,7 @@ void CloseNewHandle(IrpContext* context, PluginFd fd)
 NTSTATUS GvCreateNewFileOrDir(IrpContext* context, const CreateParameters& parameters, const ResolvedPaths& paths,
                               Fcb* parent, NTSTATUS lookupStatus, ULONG* information)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     ULONG type;
     NTSTATUS status = CheckRules(parameters, paths, parent, lookupStatus, &type);
     if (!NT_SUCCESS(status)) return status;

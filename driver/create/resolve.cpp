@@ -5,6 +5,7 @@
 #include "create/create.h"
 
 #include "frame/plugincall.h"
+#include "frame/resource.h"
 
 namespace {
 
@@ -209,6 +210,7 @@ NTSTATUS GvPnGetNormalizedPathFromPlugin(IrpContext* context, PCUNICODE_STRING p
 
 NTSTATUS GvResolveName(IrpContext* context, PFILE_OBJECT fileObject, ResolvedPaths* paths)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     GvString normalized;
     bool useNormalized = false;
     if (fileObject->FileName.Length != 0) {

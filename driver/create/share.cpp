@@ -2,10 +2,12 @@
 
 #include "create/create.h"
 
+#include "frame/resource.h"
 #include "frame/trace.h"
 
 NTSTATUS GvJoinShareAccess(const char* function, const CreateParameters& parameters, Fcb* fcb)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(fcb->Header.Resource);
     if (GvLoad(fcb->OpenCount) == 0) {
         IoSetShareAccess(parameters.DesiredAccess, parameters.ShareAccess, parameters.FileObject, &fcb->ShareAccess);
         return STATUS_SUCCESS;

@@ -98,6 +98,7 @@ SplitPath GvSplitLastComponent(PCUNICODE_STRING path)
 NTSTATUS GvOpenTargetDirectory(IrpContext* context, const CreateParameters& parameters, const ResolvedPaths& paths,
                                const WalkResult& found, ULONG* information)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     if (GvUtlIsRootPath(paths.FullPath.Get())) {
         GV_TRACE(GvTraceError, "can't open tgt-dir of root-dir, path: %wZ, err: 0x%x\n", paths.FullPath.Get(),
                  STATUS_INVALID_PARAMETER);

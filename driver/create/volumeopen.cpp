@@ -36,6 +36,7 @@ constexpr char kName[] = "GvPerformVolumeOpen"; // whose steps the checks below 
 
 NTSTATUS GvPerformVolumeOpen(IrpContext* context, const CreateParameters& parameters, ULONG* information)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     Fcb* const volume = context->Vcb->VolumeFcb;
     GvHeldResource lock;
     NTSTATUS status = lock.Exclusive(volume->Header.Resource);

@@ -6,6 +6,7 @@
 #include "create/create.h"
 
 #include "frame/plugincall.h"
+#include "frame/resource.h"
 
 NTSTATUS GvPerformLookupOnPlugin(IrpContext* context, PCUNICODE_STRING path, GvBlock<PluginFileInfo>* info,
                                  PluginAccessMask* maxAccess)
@@ -184,6 +185,7 @@ bool TakeComponent(ResolvedPaths* paths)
 
 NTSTATUS GvFullyOpenPath(IrpContext* context, PFILE_OBJECT fileObject, ResolvedPaths* paths, WalkResult* result)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     GvFcbReference current(context);
     NTSTATUS status = StartOfWalk(context, fileObject, paths, &current);
     if (status != STATUS_SUCCESS) return status;

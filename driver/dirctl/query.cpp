@@ -209,6 +209,7 @@ Placed Place(const DirectoryQuery& query, const PluginDirEntry* entry, Listing* 
 
 [[nodiscard]] NTSTATUS GvPerformQueryDir(IrpContext* context, const DirectoryQuery& query, ULONG* information)
 {
+    GV_ASSERT_HELD(&context->Vcb->Resource);
     *information = 0;
     Listing listing = {.Buffer = nullptr, .Previous = nullptr, .Remaining = query.Length, .Index = 0};
     void* buffer = nullptr;

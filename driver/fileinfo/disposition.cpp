@@ -3,6 +3,7 @@
 
 #include "fileinfo/fileinfo.h"
 
+#include "frame/resource.h"
 #include "frame/trace.h"
 #include "objects/util.h"
 
@@ -25,6 +26,7 @@ namespace {
 
 NTSTATUS GvSetDispositionInfo(const GvSetRequest& set)
 {
+    GV_ASSERT_HELD_OR_NESTED(set.Context, &set.Context->Vcb->Resource);
     // For the whole object: a withdrawal also undoes what another handle has asked for.
     const bool isDelete = static_cast<PFILE_DISPOSITION_INFORMATION>(set.Buffer)->DeleteFile != FALSE;
     if (isDelete) {

@@ -128,6 +128,7 @@ private:
 
 NTSTATUS GvCheckRenameDestination(IrpContext* context, bool replaceIfExists, GvRenameDestination* destination)
 {
+    GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
     const PCUNICODE_STRING path = destination->Normalized.Get();
     const GvFcbReference live(context, GvFcbGetExistingFcb(context->Vcb->FcbTables, path));
     if (live) return CheckLive(live.Get(), replaceIfExists, &destination->TargetReplaced);

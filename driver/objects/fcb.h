@@ -1,5 +1,5 @@
-// Control blocks: their life, their references, the pair of trees. Trees change under Vcb.Resource, held exclusively;
-// the counts are atomic, since a close that is not top-level gives its reference back with no lock.
+// Control blocks: their life, their references, the pair of trees. Trees change under Vcb.Resource, exclusive; the
+// counts are atomic, since a close that is not top-level gives its reference back with no lock.
 #pragma once
 
 #include "frame/records.h"
@@ -54,7 +54,7 @@ void GvFcbSetFileSize(Fcb* fcb, const LONGLONG* size);
 
 inline void GvFcbAddReference(Fcb* fcb) { InterlockedIncrement(&fcb->RefCount); }
 
-// Owns one reference until the end of the scope. Vcb.Resource is held exclusively there.
+// Owns one reference until the end of the scope, which is under Vcb.Resource, exclusive.
 class GvFcbReference {
 public:
     explicit GvFcbReference(IrpContext* context, Fcb* fcb = nullptr) : context_(context), fcb_(fcb) {}

@@ -113,14 +113,13 @@ NTSTATUS GvFcbMoveFcbForRename(IrpContext* context, Fcb* fcb, PFILE_OBJECT targe
 {
     GvTree* const tree = context->Vcb->FcbTables->NameTree;
     GV_ASSERT_HELD_EXCLUSIVE(&context->Vcb->Resource);
-    GvTreeRemoveEntryByVal(tree, &fcb->TreeEntry);
     if (target) {
         const NTSTATUS status = GvFcbDerefFcbAndParentChain(context, fcb->ParentFcb);
         if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvFcbDerefFcbAndParentChain", status);
         fcb->ParentFcb = GvFcbOf(target);
         GvFcbAddReference(fcb->ParentFcb);
     }
-    const NTSTATUS status = GvTreeAddEntry(tree, newPath, &fcb->TreeEntry);
+    const NTSTATUS status = GvTreeMoveEntry(tree, newPath, &fcb->TreeEntry);
     if (!NT_SUCCESS(status)) GV_TRACE_FAILED("GvTreeAddEntry", status);
     return status;
 }

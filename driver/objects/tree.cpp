@@ -57,6 +57,15 @@ PUNICODE_STRING ExchangeKey(GvTreeEntry* entry, PUNICODE_STRING key)
     return old;
 }
 
+void ReplaceKey(GvTreeEntry* entry, PUNICODE_STRING key) { const GvString old(ExchangeKey(entry, key)); }
+
+// The table has no use for the key any more; readers of the name may.
+void Unlink(GvTree* tree, GvTreeEntry* entry)
+{
+    RtlRemoveUnicodePrefix(&tree->PrefixTable, &entry->PrefixEntry);
+    InterlockedDecrement(&tree->Count);
+}
+
 } // namespace
 
 NTSTATUS GvTreeAddEntry(GvTree* tree, PCUNICODE_STRING name, GvTreeEntry* entry)
@@ -71,17 +80,24 @@ NTSTATUS GvTreeAddEntry(GvTree* tree, PCUNICODE_STRING name, GvTreeEntry* entry)
         GV_TRACE(GvTraceError, "RtlInsertUnicodePrefix(%wZ): FAILED\n", name);
         return STATUS_UNSUCCESSFUL;
     }
-    ExchangeKey(entry, key.Release());
+    ReplaceKey(entry, key.Release());
     InterlockedIncrement(&tree->Count);
     return STATUS_SUCCESS;
 }
 
 NTSTATUS GvTreeRemoveEntryByVal(GvTree* tree, GvTreeEntry* entry)
 {
-    RtlRemoveUnicodePrefix(&tree->PrefixTable, &entry->PrefixEntry);
-    GvFree(ExchangeKey(entry, nullptr));
-    InterlockedDecrement(&tree->Count);
+    Unlink(tree, entry);
+    ReplaceKey(entry, nullptr);
     return STATUS_SUCCESS;
+}
+
+NTSTATUS GvTreeMoveEntry(GvTree* tree, PCUNICODE_STRING name, GvTreeEntry* entry)
+{
+    Unlink(tree, entry);
+    const NTSTATUS status = GvTreeAddEntry(tree, name, entry);
+    if (!NT_SUCCESS(status)) ReplaceKey(entry, nullptr);
+    return status;
 }
 
 namespace {

@@ -1,4 +1,5 @@
-// The name trees. Every change and walk happens with Vcb.Resource held exclusively; only the count is read without it.
+// The name trees. Every change and walk happens under Vcb.Resource, exclusive; the count and a name are read without
+// it.
 #pragma once
 
 #include "frame/records.h"
@@ -12,6 +13,9 @@
 [[nodiscard]] NTSTATUS GvTreeAddEntry(GvTree* tree, PCUNICODE_STRING name, GvTreeEntry* entry);
 // The entry must be on this tree. Always succeeds.
 NTSTATUS GvTreeRemoveEntryByVal(GvTree* tree, GvTreeEntry* entry);
+// Takes the entry from its name to another. Its old name can be read until it has the new one; after a failure, which
+// is one of GvTreeAddEntry's, it is on no tree.
+[[nodiscard]] NTSTATUS GvTreeMoveEntry(GvTree* tree, PCUNICODE_STRING name, GvTreeEntry* entry);
 
 // The entry is on a tree. Under Vcb.Resource.
 inline bool GvTreeHasEntry(const GvTreeEntry* entry) GV_NO_ANALYSIS { return entry->Key != nullptr; }

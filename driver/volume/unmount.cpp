@@ -3,9 +3,11 @@
 
 #include "volume/volume.h"
 
+#include "frame/context.h"
 #include "frame/pool.h"
 #include "frame/trace.h"
 #include "objects/fcb.h"
+#include "objects/tree.h"
 #include "objects/util.h"
 #include "volume/workers.h"
 
@@ -96,6 +98,22 @@ bool ClaimUnmount(Vcb* vcb)
     return true;
 }
 
+// Whoever asked gets no answer to wait for, so the log says what the volume waits for. Under a pin of the caller's.
+void TraceHolders(Vcb* vcb)
+{
+    ULONG pins, calls;
+    {
+        GvHeldSpinLock lock(vcb->PinLock);
+        pins = vcb->PinCount - 1;
+        calls = vcb->PluginCallCount;
+    }
+    if (!pins && !calls && !GvFcbGetFcbCount(vcb->FcbTables) && !GvLoad(vcb->VolumeFcb->OpenCount)) return;
+    GV_TRACE_AS("GvUnmountRequest", GvTraceNotable,
+                "unmount waits, pins: %d, plugin calls: %d, objects: %d, deleted: %d, volume opens: %d\n", pins, calls,
+                GvTreeGetEntryCount(vcb->FcbTables->NameTree), GvTreeGetEntryCount(vcb->FcbTables->DeletionTree),
+                GvLoad(vcb->VolumeFcb->OpenCount));
+}
+
 } // namespace
 
 NTSTATUS GvUnmountIfDrained(PDEVICE_OBJECT device)
@@ -114,6 +132,9 @@ NTSTATUS NTAPI GvUnmountRequest(PDEVICE_OBJECT device)
         GvHeldSpinLock lock(vcb->PinLock);
         if (vcb->MountState == GvMounted) GvStore(vcb->MountState, GvUnmountRequested);
     }
+    GvPinVcb(device);
+    TraceHolders(vcb);
+    GvUnpinVcb(device);
     GvUnmountIfDrained(device);
     ObDereferenceObject(device);
     return STATUS_SUCCESS;
