@@ -234,9 +234,8 @@ TEST_F(Hangs, ANestedCloseOfTheVolumeLetsARequestedUnmountGoOn)
     ASSERT_STATUS(STATUS_SUCCESS, GvInitFileObj(&file, volume, false));
     InterlockedDecrement(&volume->HandleCount);
     ObReferenceObject(device);
-    EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(device));
-    EXPECT_TRUE(
-        Trace().Contains("unmount waits, pins: 0, plugin calls: 0, objects: 0, deleted: 0, volume opens: 1\n"));
+    EXPECT_STATUS(STATUS_SUCCESS, Host().Services()->UnmountRequest(device));
+    EXPECT_TRUE(Trace().Contains("unmount waits, pins: 0, plugin calls: 0, objects: 0, deleted: 0, volume opens: 1\n"));
     ForgetDevice();
     {
         HandMade close(device, &file, IRP_MJ_CLOSE);

@@ -1,6 +1,7 @@
 // What a plugin answers is not believed: counts beyond what was asked for, names that are no names. What the driver
 // answers holds nothing but the answer.
 
+#include <cstring>
 #include <thread>
 
 #include <nthost/process.h>
