@@ -158,7 +158,7 @@ TEST_F(UnmountRace, OpensAreServedOrRefused)
     while (opened < 50) std::this_thread::yield();
     const PDEVICE_OBJECT device = Device();
     ForgetDevice();
-    EXPECT_STATUS(STATUS_SUCCESS, Mounter::Services->UnmountRequest(device));
+    EXPECT_STATUS(STATUS_SUCCESS, Host().Services()->UnmountRequest(device));
     for (std::thread& thread : threads) thread.join();
     Plugin().WaitUntilUnmounted();
     EXPECT_EQ(Plugin().Unmounted(), 1u);
@@ -175,7 +175,7 @@ TEST_F(UnmountRace, WaitsForTheCallsThatRun)
     gate->WaitForArrivals(1);
     const PDEVICE_OBJECT device = Device();
     ForgetDevice();
-    EXPECT_STATUS(STATUS_SUCCESS, Mounter::Services->UnmountRequest(device));
+    EXPECT_STATUS(STATUS_SUCCESS, Host().Services()->UnmountRequest(device));
     ASSERT_STATUS(STATUS_PENDING, late.StartRead(file.Get(), &bytes[1], 1, 7));
     EXPECT_STATUS(STATUS_ACCESS_DENIED, late.Wait());
     EXPECT_EQ(Plugin().Unmounted(), 0u);

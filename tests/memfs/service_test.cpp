@@ -1,6 +1,9 @@
 // The kernel service: what it mounts for which settings, and that it gives everything back when a step fails or it is
 // unloaded. A small driver stands in for the one that has the control device.
 
+#include <cstdlib>
+
+#include <nthost/image.h>
 #include <nthost/registry.h>
 
 #include "volume.h"
@@ -97,6 +100,13 @@ protected:
         if (control) Unload(control);
         HostTest::TearDown();
     }
+    // The plugin that is a driver of its own, or its image.
+    NTSTATUS LoadService()
+    {
+        const char* const image = std::getenv("GVND_MEMFS_IMAGE");
+        return image ? nthost::LoadImage("memfs", image, &service)
+                     : nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service);
+    }
     void LoadControl() { ASSERT_EQ(nthost::LoadDriver("control", ControlEntry, &control), STATUS_SUCCESS); }
     static void Unload(PDRIVER_OBJECT driver)
     {
@@ -110,7 +120,7 @@ protected:
 TEST_F(ServiceTest, MountsUnderItsDefaultNames)
 {
     LoadControl();
-    ASSERT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_SUCCESS);
+    ASSERT_EQ(LoadService(), STATUS_SUCCESS);
     EXPECT_EQ(g_mounted.Device, "\\Device\\GvMemfs");
     EXPECT_EQ(g_mounted.Link, "\\??\\Memfs");
     EXPECT_EQ(g_mounted.Backing, "\\Device\\Null");
@@ -130,7 +140,7 @@ TEST_F(ServiceTest, FollowsItsServiceKey)
     SetText("Label", u"Scratch");
     ASSERT_EQ(nthost::SetRegistryValue(kServiceKey, "Capacity", REG_QWORD, &capacity, sizeof(capacity)),
               STATUS_SUCCESS);
-    ASSERT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_SUCCESS);
+    ASSERT_EQ(LoadService(), STATUS_SUCCESS);
     EXPECT_EQ(g_mounted.Device, "\\Device\\Other");
     EXPECT_EQ(g_mounted.Link, "\\??\\Other");
     EXPECT_EQ(g_mounted.Backing, "\\Device\\Backing");
@@ -149,15 +159,15 @@ TEST_F(ServiceTest, FollowsItsServiceKey)
 // The host reports whatever a failed entry leaves behind.
 TEST_F(ServiceTest, AFailedStartLeavesNothing)
 {
-    EXPECT_FALSE(NT_SUCCESS(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service))); // no control device
+    EXPECT_FALSE(NT_SUCCESS(LoadService())); // no control device
 
     LoadControl();
     g_mountStatus = STATUS_OBJECT_NAME_COLLISION;
-    EXPECT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(LoadService(), STATUS_OBJECT_NAME_COLLISION);
 
     g_mountStatus = STATUS_SUCCESS;
     SetText("Capacity", u"7"); // not a number, but text
-    EXPECT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_OBJECT_TYPE_MISMATCH);
+    EXPECT_EQ(LoadService(), STATUS_OBJECT_TYPE_MISMATCH);
     EXPECT_EQ(g_mounted.UnmountRequests, 0);
 }
 
