@@ -1,6 +1,6 @@
 // Kernel routines by name: the list in zw/routines.inc, less what a test hides. The table is built once and never
 // changes; the hidden names have a lock of their own.
-#include <nthost/routines.h>
+#include "mm/system_routine.h"
 
 #include <mutex>
 #include <set>
@@ -10,6 +10,7 @@
 #include <ntifs.h>
 
 #include "ke/word_lock.h"
+#include <nthost/routines.h>
 
 namespace nthost {
 
@@ -59,11 +60,15 @@ HiddenRoutine::~HiddenRoutine()
     g_hidden.erase(g_hidden.find(name_));
 }
 
+void* mm::FindSystemRoutine(const std::string& name)
+{
+    const auto found = Routines().find(name);
+    return found == Routines().end() || IsHidden(name) ? nullptr : found->second;
+}
+
 } // namespace nthost
 
 PVOID NTAPI MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineName)
 {
-    const std::string name = nthost::Narrow(SystemRoutineName);
-    const auto found = nthost::Routines().find(name);
-    return found == nthost::Routines().end() || nthost::IsHidden(name) ? nullptr : found->second;
+    return nthost::mm::FindSystemRoutine(nthost::Narrow(SystemRoutineName));
 }

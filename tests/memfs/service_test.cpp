@@ -1,6 +1,9 @@
 // The kernel service: what it mounts for which settings, and that it gives everything back when a step fails or it is
 // unloaded. A small driver stands in for the one that has the control device.
 
+#include <cstdlib>
+
+#include <nthost/image.h>
 #include <nthost/registry.h>
 
 #include "volume.h"
@@ -97,6 +100,13 @@ protected:
         if (control) Unload(control);
         HostTest::TearDown();
     }
+    // The plugin that is a driver of its own, or its image.
+    NTSTATUS LoadService()
+    {
+        const char* const image = std::getenv("GVND_MEMFS_IMAGE");
+        return image ? nthost::LoadImage("memfs", image, &service)
+                     : nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service);
+    }
     void LoadControl() { ASSERT_EQ(nthost::LoadDriver("control", ControlEntry, &control), STATUS_SUCCESS); }
     static void Unload(PDRIVER_OBJECT driver)
     {
@@ -110,7 +120,7 @@ protected:
 TEST_F(ServiceTest, MountsUnderItsDefaultNames)
 {
     LoadControl();
-    ASSERT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_SUCCESS);
+    ASSERT_EQ(LoadService(), STATUS_SUCCESS);
     EXPECT_EQ(g_mounted.Device, "\\Device\\Gvmemfs");
     EXPECT_EQ(g_mounted.Link, "\\??\\memfs");
     EXPECT_EQ(g_mounted.Backing, "\\Device\\Null");
@@ -127,7 +137,7 @@ TEST_F(ServiceTest, FollowsItsServiceKey)
     SetText("BackingPath", u"\\Device\\Backing");
     SetText("Sddl", u"D:P(A;;GA;;;SY)");
     SetText("Arguments", u"capacity=28K,label=Scratch \u00fc \U0001f600");
-    ASSERT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_SUCCESS);
+    ASSERT_EQ(LoadService(), STATUS_SUCCESS);
     EXPECT_EQ(g_mounted.Device, "\\Device\\Other");
     EXPECT_EQ(g_mounted.Link, "\\??\\Other");
     EXPECT_EQ(g_mounted.Backing, "\\Device\\Backing");
@@ -146,23 +156,23 @@ TEST_F(ServiceTest, FollowsItsServiceKey)
 // The host reports whatever a failed entry leaves behind.
 TEST_F(ServiceTest, AFailedStartLeavesNothing)
 {
-    EXPECT_FALSE(NT_SUCCESS(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service))); // no control device
+    EXPECT_FALSE(NT_SUCCESS(LoadService())); // no control device
 
     LoadControl();
     g_mountStatus = STATUS_OBJECT_NAME_COLLISION;
-    EXPECT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(LoadService(), STATUS_OBJECT_NAME_COLLISION);
 
     g_mountStatus = STATUS_SUCCESS;
     for (const char16_t* bad :
          {u"capacity=", u"capacity=7Q", u"capacity=99999999999999999999", u"size=7", u"capacity=4K;"}) {
         SetText("Arguments", bad);
-        EXPECT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(LoadService(), STATUS_INVALID_PARAMETER);
     }
     SetText("Arguments", u"label=123456789012345678901234567890123");
-    EXPECT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_INVALID_VOLUME_LABEL);
+    EXPECT_EQ(LoadService(), STATUS_INVALID_VOLUME_LABEL);
     const ULONG number = 7;
     ASSERT_EQ(nthost::SetRegistryValue(kServiceKey, "Arguments", REG_DWORD, &number, sizeof number), STATUS_SUCCESS);
-    EXPECT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_OBJECT_TYPE_MISMATCH);
+    EXPECT_EQ(LoadService(), STATUS_OBJECT_TYPE_MISMATCH);
     EXPECT_EQ(g_mounted.UnmountRequests, 0);
 }
 

@@ -1,0 +1,11 @@
+// Kernel routines and variables by name, for MmGetSystemRoutineAddress and for the imports of images.
+#pragma once
+
+#include <string>
+
+namespace nthost::mm {
+
+// Null for a name that is not known or that a test hides.
+void* FindSystemRoutine(const std::string& name);
+
+} // namespace nthost::mm
