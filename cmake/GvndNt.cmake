@@ -42,7 +42,7 @@ endfunction()
 
 # One that is shipped: with its PDB, and with its map, by which nthost names its functions.
 function(gvnd_nt_product name directory)
-    gvnd_nt_image(${name} ${directory})
+    gvnd_nt_image(${name} ${directory} ${ARGN})
     install(FILES ${PROJECT_BINARY_DIR}/${name}.sys ${PROJECT_BINARY_DIR}/${name}.pdb ${PROJECT_BINARY_DIR}/${name}.map
         DESTINATION drivers)
     add_test(NAME nt.${name}.ImageIsSound

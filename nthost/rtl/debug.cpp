@@ -108,13 +108,13 @@ ULONG NTAPI DbgPrint(PCSTR Format, ...)
     return STATUS_SUCCESS;
 }
 
-ULONG DbgPrintEx(ULONG, ULONG, PCSTR Format, ...)
+ULONG NTAPI DbgPrintEx(ULONG, ULONG, PCSTR Format, ...)
 {
     if (!nthost::DebugOutputWanted()) return STATUS_SUCCESS;
-    va_list arguments;
-    va_start(arguments, Format);
+    NT_VA_LIST arguments;
+    NT_VA_START(arguments, Format);
     nthost::Print(Format, arguments);
-    va_end(arguments);
+    NT_VA_END(arguments);
     return STATUS_SUCCESS;
 }
 
