@@ -175,7 +175,8 @@ __attribute__((noinline)) ULONG64 Deep(ULONG64 bytes)
 {
     volatile UCHAR room[512];
     room[0] = static_cast<UCHAR>(bytes);
-    return bytes <= sizeof room ? room[0] : Deep(bytes - sizeof room) + room[0];
+    return bytes <= sizeof room ? reinterpret_cast<ULONG64>(PsGetCurrentThreadId())
+                                : Deep(bytes - sizeof room) + room[0];
 }
 
 } // namespace

@@ -210,7 +210,7 @@ TEST_F(Completion, ControlNeedsTheAccessItsCodeNames)
     EXPECT_EQ(control(FILE_READ_ACCESS), STATUS_SUCCESS);
     EXPECT_EQ(control(FILE_WRITE_ACCESS), STATUS_ACCESS_DENIED);
     EXPECT_EQ(control(FILE_READ_ACCESS | FILE_WRITE_ACCESS), STATUS_ACCESS_DENIED);
-    const PIO_APC_ROUTINE apc = [](PVOID, PIO_STATUS_BLOCK, ULONG) {};
+    const PIO_APC_ROUTINE apc = [](PVOID, PIO_STATUS_BLOCK, ULONG) NTAPI {};
     EXPECT_EQ(NtDeviceIoControlFile(opened.Handle, nullptr, apc, nullptr, &block, Code(METHOD_NEITHER), nullptr, 0,
                                     nullptr, 0),
               STATUS_NOT_SUPPORTED);
@@ -241,7 +241,7 @@ TEST_F(Completion, RoutineTakesItsPacketBackWithMoreProcessingRequired)
             int Calls = 0;
             PDEVICE_OBJECT Device = nullptr;
         } note;
-        const PIO_COMPLETION_ROUTINE routine = [](PDEVICE_OBJECT target, PIRP, PVOID context) -> NTSTATUS {
+        const PIO_COMPLETION_ROUTINE routine = [](PDEVICE_OBJECT target, PIRP, PVOID context) NTAPI -> NTSTATUS {
             static_cast<Note*>(context)->Calls++;
             static_cast<Note*>(context)->Device = target;
             return STATUS_MORE_PROCESSING_REQUIRED;
@@ -266,7 +266,7 @@ TEST_F(Completion, PendingMarkTravelsUpThroughTheStack)
     IoSetNextIrpStackLocation(irp);
     IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_FLUSH_BUFFERS;
     BOOLEAN pendingReturned = FALSE;
-    const PIO_COMPLETION_ROUTINE routine = [](PDEVICE_OBJECT, PIRP request, PVOID context) -> NTSTATUS {
+    const PIO_COMPLETION_ROUTINE routine = [](PDEVICE_OBJECT, PIRP request, PVOID context) NTAPI -> NTSTATUS {
         *static_cast<BOOLEAN*>(context) = request->PendingReturned;
         return STATUS_MORE_PROCESSING_REQUIRED;
     };

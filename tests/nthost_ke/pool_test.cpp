@@ -128,7 +128,7 @@ TEST_F(Pool, NamedRoutinesFailOnDemand)
         const nthost::FaultPlan resources("ExInitializeResourceLite", 1), threads("PsCreateSystemThread", 1);
         EXPECT_EQ(ExInitializeResourceLite(&resource), STATUS_INSUFFICIENT_RESOURCES);
         EXPECT_EQ(PsCreateSystemThread(
-                      &thread, 0, nullptr, nullptr, nullptr, [](PVOID) {}, nullptr),
+                      &thread, 0, nullptr, nullptr, nullptr, [](PVOID) NTAPI {}, nullptr),
                   STATUS_INSUFFICIENT_RESOURCES);
         EXPECT_EQ(thread, nullptr);
         EXPECT_EQ(ExInitializeResourceLite(&resource), STATUS_SUCCESS);
