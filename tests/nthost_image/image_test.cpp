@@ -227,15 +227,15 @@ TEST_F(Images, HaveTheirStackMeasured)
     Load();
     Exercise exercise{};
     exercise.Case = ExerciseDeepStack;
-    exercise.Address = reinterpret_cast<void*>(11000u);
+    exercise.Address = reinterpret_cast<void*>(9000u);
     EXPECT_STATUS(STATUS_SUCCESS, Run(exercise));
     const StackUse use = DeepestImageStack();
-    EXPECT_GT(use.Bytes, 11000u);
+    EXPECT_GT(use.Bytes, 9000u);
     EXPECT_NE(use.Stack.find("exerciser.sys!"), std::string::npos) << use.Stack;
     ExpectFindings({});
 
     const QuietFindings quiet;
-    exercise.Address = reinterpret_cast<void*>(13000u);
+    exercise.Address = reinterpret_cast<void*>(12000u);
     EXPECT_STATUS(STATUS_SUCCESS, Run(exercise));
     ExpectFindings({"image-stack-deep"});
 }

@@ -3,6 +3,7 @@
 #include "support/host.h"
 
 #include <cstdio>
+#include <sstream>
 
 #include <nthost/check.h>
 #include <nthost/debug.h>
@@ -18,7 +19,11 @@ public:
     void TearDown() override
     {
         const nthost::StackUse use = nthost::DeepestImageStack();
-        if (use.Bytes) std::printf("deepest stack of images: %zu bytes\n%s", use.Bytes, use.Stack.c_str());
+        if (!use.Bytes) return;
+        std::printf("deepest stack of images: %zu bytes\n", use.Bytes);
+        std::istringstream lines(use.Stack);
+        for (std::string line; std::getline(lines, line);)
+            if (line.find(".sys!") != line.npos) std::printf("  %s\n", line.c_str());
     }
 };
 const ::testing::Environment* const deepestStack = ::testing::AddGlobalTestEnvironment(new DeepestStack);
