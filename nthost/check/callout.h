@@ -34,8 +34,7 @@ class DriverCall {
 public:
     explicit DriverCall(const char* what)
         : thread_(ke::CurrentThread()),
-          mode_(thread_->PreviousMode), record_{thread_->Calls, what, thread_->Calls ? thread_->Calls->Depth + 1 : 1,
-                                                thread_->CurrentIrp}
+          mode_(thread_->PreviousMode), record_{thread_->Calls, what, thread_->ImageStack, thread_->CurrentIrp}
     {
         thread_->Calls = &record_;
         thread_->PreviousMode = KernelMode;
@@ -43,6 +42,7 @@ public:
     ~DriverCall()
     {
         thread_->Calls = record_.Outer;
+        thread_->ImageStack = record_.ImageStack;
         thread_->PreviousMode = mode_;
     }
     DriverCall(const DriverCall&) = delete;

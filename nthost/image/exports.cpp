@@ -37,12 +37,13 @@ const Export kRuntime[] = {
 
 } // namespace
 
-void* FindExport(const char* module, const char* name)
+ExportedAddress FindExport(const char* module, const char* name)
 {
-    if (strcasecmp(module, "ntoskrnl.exe") != 0) return nullptr;
+    if (strcasecmp(module, "ntoskrnl.exe") != 0) return {};
     for (const Export& each : kRuntime)
-        if (each.Name == name) return each.Address;
-    return mm::FindSystemRoutine(name);
+        if (each.Name == name) return {each.Address, true};
+    const mm::SystemRoutine found = mm::FindSystemRoutine(name);
+    return {found.Address, found.IsRoutine};
 }
 
 } // namespace nthost::image

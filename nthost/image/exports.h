@@ -3,8 +3,13 @@
 
 namespace nthost::image {
 
+struct ExportedAddress {
+    void* Address;
+    bool IsRoutine;
+};
+
 // The address of the routine, or of the variable. Null for what nthost does not have, for what a test hides
 // (nthost/routines.h), and for any module but the kernel.
-void* FindExport(const char* module, const char* name);
+ExportedAddress FindExport(const char* module, const char* name);
 
 } // namespace nthost::image

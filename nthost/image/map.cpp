@@ -5,6 +5,8 @@
 #include <sys/mman.h>
 
 #include "image/exports.h"
+#include "image/stack_use.h"
+#include <nthost/check.h>
 
 namespace nthost::image {
 
@@ -81,7 +83,7 @@ public:
             if (mprotect(base_ + section.Address, PageUp(section.VirtualSize), access))
                 return "its sections cannot be protected";
         }
-        return nullptr;
+        return SealStubs(module_) ? nullptr : "the stubs of its imports cannot be made executable";
     }
 
     const char* CheckFunctions()
@@ -121,10 +123,17 @@ private:
             if (entry >> 63) return "it imports by ordinal, and nthost has names only";
             const char* const name = TextAt(entry + 2);
             if (!name) return "its imports are damaged";
-            void* const target = FindExport(module, name);
-            if (!target) missing->push_back(std::string(module) + "!" + name);
-            Store(base_ + slots, reinterpret_cast<uint64_t>(target));
+            const ExportedAddress found = FindExport(module, name);
+            if (!found.Address) missing->push_back(std::string(module) + "!" + name);
+            Store(base_ + slots, reinterpret_cast<uint64_t>(TargetOf(found)));
         }
+    }
+
+    void* TargetOf(const ExportedAddress& found)
+    {
+        if (!NTHOST_CHECKS || !found.IsRoutine) return found.Address;
+        void* const stub = MeasuredImport(module_, found.Address);
+        return stub ? stub : found.Address;
     }
 
     const PeFile& file_;
@@ -166,6 +175,7 @@ bool MapImage(const PeFile& file, Module* module, std::string* reason, std::vect
 
 void UnmapImage(Module* module)
 {
+    ReleaseStubs(module);
     // Mapped anew rather than protected: the pages go, and the next load finds zeros.
     mmap(module->Base, module->Size, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE | MAP_FIXED, -1, 0);
 }

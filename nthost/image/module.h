@@ -33,7 +33,9 @@ struct Module {
     std::vector<uint8_t> Frames; // .eh_frame made from the exception directory
     std::vector<uint8_t> Object; // what the debugger reads
     void* Debugger = nullptr;    // its registration
-    bool Unloaded = false;       // nothing is mapped there any more, but nothing else either
+    uint8_t* Stubs = nullptr;    // what imports are bound to when stacks are measured
+    size_t StubCount = 0;
+    bool Unloaded = false; // nothing is mapped there any more, but nothing else either
 
     bool Contains(uint64_t address) const { return address - reinterpret_cast<uint64_t>(Base) < Size; }
     uint32_t OffsetOf(uint64_t address) const

@@ -33,9 +33,9 @@ struct HeldLock {
 // A call into driver code that is under way, on the stack of the caller (check/callout.h).
 struct DriverCallRecord {
     DriverCallRecord* Outer;
-    const char* What; // for reports
-    uint32_t Depth;   // this one included
-    PIRP CurrentIrp;  // when it was made
+    const char* What;  // for reports
+    size_t ImageStack; // of the thread when it was made
+    PIRP CurrentIrp;   // when it was made
 };
 } // namespace nthost
 
@@ -64,6 +64,7 @@ struct _ETHREAD {
     std::vector<const void*> AtWork;    // what else others wait for until it is done (check/lock_order.h)
     bool TakesWork;                     // a driver's own thread: who takes a permit, takes work from its semaphore
     const void* ReleasedSemaphore;      // the last that the innermost dispatch routine released; with checks on
+    size_t ImageStack;                  // in frames of images, when one of them last called the kernel
     nthost::DriverCallRecord* Calls;    // the innermost call into driver code that is under way on this thread
     uint32_t Closing;                   // cleanups and closes among them; no fault is injected there
     PIRP CurrentIrp;                    // innermost request whose dispatch routine runs here

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <set>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 
 #include <ntifs.h>
@@ -16,12 +17,12 @@ namespace nthost {
 
 namespace {
 
-using Table = std::unordered_map<std::string_view, PVOID>;
+using Table = std::unordered_map<std::string_view, mm::SystemRoutine>;
 
 const Table& Routines()
 {
     static const Table table{
-#define X(name) {#name, (PVOID)(&name)},
+#define X(name) {#name, {(PVOID)(&name), std::is_function_v<decltype(name)>}},
 #include "zw/routines.inc"
 #undef X
     };
@@ -60,15 +61,15 @@ HiddenRoutine::~HiddenRoutine()
     g_hidden.erase(g_hidden.find(name_));
 }
 
-void* mm::FindSystemRoutine(const std::string& name)
+mm::SystemRoutine mm::FindSystemRoutine(const std::string& name)
 {
     const auto found = Routines().find(name);
-    return found == Routines().end() || IsHidden(name) ? nullptr : found->second;
+    return found == Routines().end() || IsHidden(name) ? SystemRoutine{} : found->second;
 }
 
 } // namespace nthost
 
 PVOID NTAPI MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineName)
 {
-    return nthost::mm::FindSystemRoutine(nthost::Narrow(SystemRoutineName));
+    return nthost::mm::FindSystemRoutine(nthost::Narrow(SystemRoutineName)).Address;
 }

@@ -5,7 +5,12 @@
 
 namespace nthost::mm {
 
+struct SystemRoutine {
+    void* Address;
+    bool IsRoutine; // not a variable
+};
+
 // Null for a name that is not known or that a test hides.
-void* FindSystemRoutine(const std::string& name);
+SystemRoutine FindSystemRoutine(const std::string& name);
 
 } // namespace nthost::mm

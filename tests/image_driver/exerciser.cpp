@@ -175,7 +175,9 @@ __attribute__((noinline)) ULONG64 Deep(ULONG64 bytes)
 {
     volatile UCHAR room[512];
     room[0] = static_cast<UCHAR>(bytes);
-    return bytes <= sizeof room ? room[0] : Deep(bytes - sizeof room) + room[0];
+    asm volatile("" ::"r"(&room[0]) : "memory"); // all of it, not the one byte
+    return bytes <= sizeof room ? reinterpret_cast<ULONG64>(PsGetCurrentThreadId())
+                                : Deep(bytes - sizeof room) + room[0];
 }
 
 } // namespace

@@ -5,6 +5,7 @@
 
 #include <nthost/image.h>
 #include <nthost/registry.h>
+#include <workbench/file.h>
 
 #include "volume.h"
 
@@ -151,6 +152,24 @@ TEST_F(ServiceTest, FollowsItsServiceKey)
     EXPECT_EQ(info->TotalAllocationUnits, 7u);
     EXPECT_EQ(nthost::ToUtf8(info->VolumeLabel, info->VolumeLabelLength / sizeof(WCHAR)), "Scratch \u00fc \U0001f600");
     Unload(service);
+}
+
+// With the driver that it is made for; on the images, both are what is shipped.
+TEST_F(ServiceTest, ServesFilesThroughTheDriver)
+{
+    ASSERT_EQ(Host().LoadGvnd(), STATUS_SUCCESS);
+    ASSERT_EQ(LoadService(), STATUS_SUCCESS);
+    {
+        const workbench::File file =
+            workbench::OpenFile("\\??\\Memfs\\file",
+                                {.Access = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE, .Disposition = FILE_CREATE});
+        file.Write(0, "content", 7);
+        char back[16] = {};
+        EXPECT_EQ(file.Read(3, back, sizeof back), 4u);
+        EXPECT_STREQ(back, "tent");
+    }
+    Unload(service);
+    EXPECT_TRUE(Host().UnloadDrivers().Clean());
 }
 
 // The host reports whatever a failed entry leaves behind.

@@ -221,6 +221,26 @@ TEST_F(Images, AreNamedInTheReportOfWhatTheyLeave)
     ExFreePoolWithTag(exercise.Address, 0);
 }
 
+#if NTHOST_CHECKS
+TEST_F(Images, HaveTheirStackMeasured)
+{
+    Load();
+    Exercise exercise{};
+    exercise.Case = ExerciseDeepStack;
+    exercise.Address = reinterpret_cast<void*>(9000u);
+    EXPECT_STATUS(STATUS_SUCCESS, Run(exercise));
+    const StackUse use = DeepestImageStack();
+    EXPECT_GT(use.Bytes, 9000u);
+    EXPECT_NE(use.Stack.find("exerciser.sys!"), std::string::npos) << use.Stack;
+    ExpectFindings({});
+
+    const QuietFindings quiet;
+    exercise.Address = reinterpret_cast<void*>(12000u);
+    EXPECT_STATUS(STATUS_SUCCESS, Run(exercise));
+    ExpectFindings({"image-stack-deep"});
+}
+#endif
+
 TEST_F(Images, ComeAgainWhereTheyWere)
 {
     Load();

@@ -18,7 +18,10 @@ _Static_assert(sizeof(wchar_t) == 2, "compile with -fshort-wchar");
 // Every routine and callback that crosses between kernel, driver and plugin carries NTAPI. With NTHOST_MS_ABI, which
 // everything that is linked together must agree on, they all have the calling convention of the platform, and a kernel
 // image can call them and be called as it is.
-#if defined(NTHOST_MS_ABI) && NTHOST_MS_ABI
+#ifndef NTHOST_MS_ABI
+#define NTHOST_MS_ABI 0
+#endif
+#if NTHOST_MS_ABI
 #define NTAPI __attribute__((ms_abi))
 // The rest of an NTAPI routine's arguments, for va_arg.
 #define NT_VA_LIST        __builtin_ms_va_list

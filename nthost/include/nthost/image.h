@@ -20,4 +20,12 @@ inline constexpr bool kLoadsImages = NTHOST_MS_ABI;
 // "image-import-missing").
 [[nodiscard]] NTSTATUS LoadImage(const std::string& name, const std::string& path, PDRIVER_OBJECT* driver);
 
+// The most stack that frames of images took on one thread, nested requests included, and what was on it then. Known in
+// builds with checks, since the process began; a finding "image-stack-deep" comes above half a kernel stack.
+struct StackUse {
+    size_t Bytes;
+    std::string Stack;
+};
+StackUse DeepestImageStack();
+
 } // namespace nthost
