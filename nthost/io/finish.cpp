@@ -66,14 +66,15 @@ bool TellsCaller(PIRP irp, Pended pended)
 void SignalFile(PIRP irp)
 {
     PFILE_OBJECT const file = irp->Tail.Overlay.OriginalFileObject;
-    file->FinalStatus = irp->IoStatus.Status;
+    // Requests of one file may end at the same moment.
+    std::atomic_ref(file->FinalStatus).store(irp->IoStatus.Status, std::memory_order_relaxed);
     if (!(file->Flags & FO_SKIP_SET_EVENT)) KeSetEvent(&file->Event, IO_NO_INCREMENT, FALSE);
 }
 
-void TellCaller(PIRP irp, Pended pended)
+void TellCaller(PIRP irp, Pended pended, bool tells)
 {
     const bool synchronousFile = OnSynchronousFile(irp);
-    if (TellsCaller(irp, pended)) {
+    if (tells) {
         // The address may have gone bad since the service probed it; then nobody is left to be told.
         if (irp->UserIosb) (void)zw::WriteUser(irp->UserIosb, irp->IoStatus, irp->RequestorMode);
         if (irp->UserEvent) KeSetEvent(irp->UserEvent, IO_NO_INCREMENT, FALSE);
@@ -123,7 +124,6 @@ void PostToPort(IrpRecord* record, const IO_COMPLETION_CONTEXT& port)
 void PostEnd(IrpRecord* record, Pended pended)
 {
     PIRP const irp = &record->Irp;
-    if (!TellsCaller(irp, pended)) return;
     const auto& asked = irp->Overlay.AsynchronousParameters;
     if (asked.UserApcRoutine) return PostApc(record);
     const IO_COMPLETION_CONTEXT* const port = PortOf(record->File);
@@ -139,8 +139,10 @@ NTSTATUS EndRequest(IrpRecord* record, Pended pended, IO_STATUS_BLOCK* result)
     const NTSTATUS status = irp->IoStatus.Status;
     if (result) *result = irp->IoStatus;
     if (record->File) { // what the I/O manager asks for itself concerns no caller
-        TellCaller(irp, pended);
-        PostEnd(record, pended);
+        // Asked before the caller is told, who may be closing the file by the next line.
+        const bool tells = TellsCaller(irp, pended);
+        TellCaller(irp, pended, tells);
+        if (tells) PostEnd(record, pended);
     }
     // After the caller was told: a thread that cancels its requests and waits for their end finds its status blocks
     // filled.
