@@ -196,7 +196,7 @@ void DispatchException(const mm::Exception& exception)
         NthostCaptureContext(&dispatch.Start);
     dispatch.Exact = exception.Fault;
     dispatch.Record.Code = static_cast<uint32_t>(exception.Code);
-    dispatch.Record.Flags = exception.Fault ? 0 : NonContinuable;
+    if (!exception.Fault) dispatch.Record.Flags = NonContinuable;
     dispatch.Record.Address = dispatch.Start.Rip;
     dispatch.Record.ParameterCount = exception.ParameterCount;
     memcpy(dispatch.Record.Parameters, exception.Parameters, sizeof(exception.Parameters));

@@ -232,7 +232,7 @@ private:
 uint64_t& General(Context& context, unsigned column)
 {
     if (column == kReturn) return context.Rip;
-    return context.Gpr[column < 8 ? kGeneral[column] : column];
+    return context.Gpr[column < 8 ? static_cast<unsigned>(kGeneral[column]) : column];
 }
 
 // Register plus offset, followed, which is what a function with a realigned stack has.

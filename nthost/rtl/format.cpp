@@ -4,6 +4,7 @@
 #include "rtl/format.h"
 
 #include <algorithm>
+#include <cstdarg>
 #include <cstdint>
 #include <cstring>
 #include <iterator>
