@@ -70,7 +70,7 @@ TEST_F(Mapped, ViewsSeeWhatHandlesWriteAndHandlesWhatViewsWrite)
     EXPECT_EQ(view.Text(2 * PAGE_SIZE, 4), "KxEP");
 }
 
-// The copy of a chunk faults, and the paging read goes through while the write holds the file's lock.
+// The data is fetched before the write takes the file's lock, so the fault's paging read goes through.
 TEST_F(Mapped, ViewsOfAFileCanBeWrittenToIt)
 {
     Handle file = OpenFilled();
