@@ -44,7 +44,8 @@ if(GVND_NTHOST_SOURCES)
     target_compile_features(gvnd_nthost PUBLIC cxx_std_20)
     # WCHAR is wchar_t in NT code, and has 16 bits there.
     target_compile_options(gvnd_nthost PUBLIC -fshort-wchar)
-    target_compile_definitions(gvnd_nthost PUBLIC NTHOST_CHECKS=$<BOOL:${GVND_CHECKS}>)
+    target_compile_definitions(gvnd_nthost PUBLIC NTHOST_CHECKS=$<BOOL:${GVND_CHECKS}>
+        NTHOST_MS_ABI=$<BOOL:${GVND_MS_ABI}>)
     target_link_libraries(gvnd_nthost PUBLIC Threads::Threads)
     # Reports name the functions of a stack, which only exported symbols allow.
     target_link_options(gvnd_nthost INTERFACE -rdynamic)

@@ -38,14 +38,22 @@ function(gvnd_nt_image name directory)
     add_custom_command(TARGET ${name} POST_BUILD
         COMMAND ${PROJECT_SOURCE_DIR}/packaging/nt/set_checksum.py ${name}.sys VERBATIM)
     set_property(TARGET ${name} APPEND PROPERTY ADDITIONAL_CLEAN_FILES ${name}.pdb ${name}.map)
-    install(FILES ${PROJECT_BINARY_DIR}/${name}.sys ${PROJECT_BINARY_DIR}/${name}.pdb DESTINATION drivers)
+endfunction()
+
+# One that is shipped: with its PDB, and with its map, by which nthost names its functions.
+function(gvnd_nt_product name directory)
+    gvnd_nt_image(${name} ${directory} ${ARGN})
+    install(FILES ${PROJECT_BINARY_DIR}/${name}.sys ${PROJECT_BINARY_DIR}/${name}.pdb ${PROJECT_BINARY_DIR}/${name}.map
+        DESTINATION drivers)
     add_test(NAME nt.${name}.ImageIsSound
         COMMAND ${PROJECT_SOURCE_DIR}/packaging/nt/check_image.py $<TARGET_FILE:${name}>)
 endfunction()
 
 enable_testing()
-gvnd_nt_image(gvnd driver)
-gvnd_nt_image(gvmemfs plugins/memfs plugins/entry)
+gvnd_nt_product(gvnd driver)
+gvnd_nt_product(gvmemfs plugins/memfs plugins/entry)
+# A driver for the tests of nthost's loader.
+gvnd_nt_image(exerciser tests/image_driver)
 
 gvnd_sources(GVND_LAYOUT_SOURCES tests/layout)
 if(GVND_LAYOUT_SOURCES)

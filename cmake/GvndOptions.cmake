@@ -2,6 +2,8 @@
 # GvndFunctions.cmake applies per target, so that a project which adds this one as a subdirectory keeps its own.
 
 option(GVND_CHECKS "Build nthost with its checks (lock order, request life cycle, leaks)" ON)
+option(GVND_MS_ABI "NT routines and callbacks have the Microsoft calling convention, so that kernel images can be loaded"
+    OFF)
 option(GVND_BUILD_TESTS "Build the tests" ${PROJECT_IS_TOP_LEVEL})
 option(GVND_BUILD_TOOL "Build the gvnd command line tool" ${PROJECT_IS_TOP_LEVEL})
 option(GVND_BUILD_BENCH "Build the benchmarks" OFF)

@@ -61,12 +61,15 @@ function(gvnd_test_directory name)
     target_link_libraries(${target} PRIVATE $<TARGET_NAME_IF_EXISTS:gvnd_testsupport> ${GVND_LINK_ALL} gvnd_plugin
         ${GVND_GTEST})
     target_precompile_headers(${target} REUSE_FROM gvnd_test_header)
+    if("NOT_DISCOVERED" IN_LIST ARGN)
+        return()
+    endif()
     gtest_discover_tests(${target} DISCOVERY_MODE PRE_TEST TEST_PREFIX ${name}. PROPERTIES TIMEOUT 120)
 endfunction()
 
 file(GLOB GVND_TEST_DIRS CONFIGURE_DEPENDS LIST_DIRECTORIES true RELATIVE ${PROJECT_SOURCE_DIR}/tests
     ${PROJECT_SOURCE_DIR}/tests/*)
-list(REMOVE_ITEM GVND_TEST_DIRS support layout outsider scripts mounted)
+list(REMOVE_ITEM GVND_TEST_DIRS support layout outsider scripts mounted image_driver nthost_image)
 if(TARGET gvnd_nthost)
     foreach(directory IN LISTS GVND_TEST_DIRS)
         if(IS_DIRECTORY ${PROJECT_SOURCE_DIR}/tests/${directory})
@@ -131,4 +134,9 @@ if(TARGET gvnd_driver AND NOT GVND_SANITIZE AND NOT GVND_CHECKS AND EXISTS ${PRO
         COMMAND ${CMAKE_COMMAND} -D SOURCE_DIR=${PROJECT_SOURCE_DIR}/tests/outsider -D BUILD_DIR=${PROJECT_BINARY_DIR}
             -D CXX=${CMAKE_CXX_COMPILER} -P ${PROJECT_SOURCE_DIR}/cmake/run_outsider.cmake)
     set_tests_properties(outsider.InstalledPackageBuildsAndRuns PROPERTIES TIMEOUT 120)
+endif()
+
+if(GVND_MS_ABI)
+    gvnd_test_directory(nthost_image NOT_DISCOVERED)
+    include(GvndImageTests)
 endif()

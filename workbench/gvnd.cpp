@@ -1,5 +1,8 @@
 // The one place that says which driver is loaded.
+#include <cstdlib>
+
 #include <gvnd/driver.h>
+#include <nthost/image.h>
 
 #include "workbench/host.h"
 
@@ -11,7 +14,16 @@ constexpr char kName[] = "gvnd";
 
 } // namespace
 
-NTSTATUS Host::LoadGvnd() { return Load(kName, GvndDriverEntry); }
+std::string ImageOfEnvironment(const char* variable)
+{
+    const char* const path = std::getenv(variable);
+    return path ? path : "";
+}
+
+NTSTATUS Host::LoadGvnd(const std::string& image)
+{
+    return image.empty() ? Load(kName, GvndDriverEntry) : LoadImage(kName, image);
+}
 
 PDRIVER_OBJECT Host::Gvnd() const
 {

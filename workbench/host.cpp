@@ -6,6 +6,7 @@
 
 #include <nthost/check.h>
 #include <nthost/debug.h>
+#include <nthost/image.h>
 #include <nthost/sections.h>
 
 #include "workbench/requests.h"
@@ -34,6 +35,14 @@ NTSTATUS Host::Load(const std::string& name, PDRIVER_INITIALIZE entry)
 {
     PDRIVER_OBJECT driver = nullptr;
     const NTSTATUS status = nthost::LoadDriver(name, entry, &driver);
+    if (NT_SUCCESS(status)) drivers_.push_back({name, driver});
+    return status;
+}
+
+NTSTATUS Host::LoadImage(const std::string& name, const std::string& path)
+{
+    PDRIVER_OBJECT driver = nullptr;
+    const NTSTATUS status = nthost::LoadImage(name, path, &driver);
     if (NT_SUCCESS(status)) drivers_.push_back({name, driver});
     return status;
 }
@@ -75,6 +84,12 @@ NTSTATUS Host::FetchServices()
     IO_STATUS_BLOCK block{};
     return ZwDeviceIoControlFile(control.File.Get(), nullptr, nullptr, nullptr, &block, IOCTL_GVND_GET_SERVICE_TABLE,
                                  nullptr, 0, &services_, sizeof services_);
+}
+
+const GvServices* Host::Services()
+{
+    if (!services_ && !NT_SUCCESS(FetchServices())) return nullptr;
+    return services_;
 }
 
 NTSTATUS Host::Mount(const MountOptions& options, const PluginOps* table, PDEVICE_OBJECT* device)

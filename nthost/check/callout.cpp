@@ -47,4 +47,12 @@ void CompareThreadState(const ThreadState& before, const char* what)
     thread->TopLevelIrp = before.TopLevelIrp;
 }
 
+void ReturnToCall(_ETHREAD* thread, const void* frame)
+{
+    while (thread->Calls && thread->Calls < frame) thread->Calls = thread->Calls->Outer;
+    if (!thread->Calls) return;
+    thread->PreviousMode = KernelMode;
+    thread->CurrentIrp = thread->Calls->CurrentIrp;
+}
+
 } // namespace nthost

@@ -30,19 +30,37 @@ ThreadState CaptureThreadState();
 // "lock-held-at-return", naming `what`.
 void CompareThreadState(const ThreadState& before, const char* what);
 
+class DriverCall {
+public:
+    explicit DriverCall(const char* what)
+        : thread_(ke::CurrentThread()),
+          mode_(thread_->PreviousMode), record_{thread_->Calls, what, thread_->ImageStack, thread_->CurrentIrp}
+    {
+        thread_->Calls = &record_;
+        thread_->PreviousMode = KernelMode;
+    }
+    ~DriverCall()
+    {
+        thread_->Calls = record_.Outer;
+        thread_->ImageStack = record_.ImageStack;
+        thread_->PreviousMode = mode_;
+    }
+    DriverCall(const DriverCall&) = delete;
+    DriverCall& operator=(const DriverCall&) = delete;
+
+private:
+    _ETHREAD* const thread_;
+    const KPROCESSOR_MODE mode_;
+    DriverCallRecord record_;
+};
+
+// An exception goes on in driver code whose frame is at this address: calls further in are over.
+void ReturnToCall(_ETHREAD* thread, const void* frame);
+
 template <typename Routine, typename... Args>
 auto CallDriver(MustRestore must, const char* what, Routine routine, Args... args)
 {
-    struct Depth {
-        _ETHREAD* Thread = ke::CurrentThread();
-        KPROCESSOR_MODE Mode = Thread->PreviousMode;
-        const char* Outer = Thread->DriverCall;
-        explicit Depth(const char* call)
-        {
-            ++Thread->DriverDepth, Thread->PreviousMode = KernelMode, Thread->DriverCall = call;
-        }
-        ~Depth() { --Thread->DriverDepth, Thread->PreviousMode = Mode, Thread->DriverCall = Outer; }
-    } depth(what);
+    const DriverCall call(what);
     [[maybe_unused]] ThreadState before{};
     if constexpr (NTHOST_CHECKS) before = CaptureThreadState();
     auto finish = [&] {

@@ -91,7 +91,7 @@ void DescribeThread(std::string& text)
     text += Format("  thread %zu of process %zu (%s), IRQL %u, critical regions %u\n",
                    reinterpret_cast<size_t>(thread->Id), reinterpret_cast<size_t>(thread->Process->Id),
                    thread->Process->Name.c_str(), thread->Irql, thread->ApcDisable);
-    if (thread->DriverCall) text += Format("  in %s, request %p\n", thread->DriverCall, thread->CurrentIrp);
+    if (thread->Calls) text += Format("  in %s, request %p\n", thread->Calls->What, thread->CurrentIrp);
     DescribeHeld(*thread, text);
 }
 

@@ -47,7 +47,7 @@ std::atomic<bool> detail::anyFaultArmed;
 bool detail::CountForFaults(const char* routine)
 {
     const _ETHREAD* const thread = ke::CurrentThreadOrNull();
-    if (!thread || !thread->DriverDepth) return false;
+    if (!thread || !thread->Calls) return false;
     std::lock_guard lock(plansLock);
     bool fails = false;
     for (Armed& armed : plans)

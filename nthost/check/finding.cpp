@@ -24,7 +24,7 @@ std::string Place()
     const _ETHREAD* const thread = ke::CurrentThreadOrNull();
     if (!thread) return "";
     std::string place = Format(" [thread %zu", reinterpret_cast<size_t>(thread->Id));
-    if (thread->DriverCall) place += Format(", in %s", thread->DriverCall);
+    if (thread->Calls) place += Format(", in %s", thread->Calls->What);
     if (thread->CurrentIrp) place += Format(", request %p", thread->CurrentIrp);
     return place + "]";
 }

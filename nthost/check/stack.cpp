@@ -2,6 +2,7 @@
 // symboliser where one is linked, else from the dynamic symbol table.
 #include "check/stack.h"
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -18,6 +19,14 @@ extern "C" __attribute__((weak)) void __sanitizer_symbolize_pc(void* pc, const c
 namespace nthost {
 
 namespace {
+
+std::atomic<const StackHooks*> g_hooks;
+
+const StackHooks* WantedHooks()
+{
+    const StackHooks* const hooks = g_hooks.load(std::memory_order_acquire);
+    return hooks && hooks->Wanted() ? hooks : nullptr;
+}
 
 uintptr_t StackEnd()
 {
@@ -50,20 +59,25 @@ std::string DynamicSymbol(void* address)
 
 } // namespace
 
+void SetStackHooks(const StackHooks* hooks) { g_hooks.store(hooks, std::memory_order_release); }
+
 // The frame chain is followed within the thread's own stack only and always upwards, so a register that never was a
 // frame pointer ends the walk instead of leading it astray.
 __attribute__((noinline, no_sanitize("address", "thread", "undefined"))) void CaptureStack(CapturedStack& stack)
 {
     const uintptr_t end = StackEnd();
+    const StackHooks* const hooks = WantedHooks();
     auto frame = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
     unsigned count = 0;
     while (count < kMaximumFrames && frame % sizeof(void*) == 0 && frame + 2 * sizeof(void*) <= end) {
         void* const* const words = reinterpret_cast<void**>(frame);
         if (!words[1]) break;
         stack.Frames[count++] = words[1];
-        const auto next = reinterpret_cast<uintptr_t>(words[0]);
-        if (next <= frame) break;
-        frame = next;
+        StackPosition position{words[1], frame + 2 * sizeof(void*), reinterpret_cast<uintptr_t>(words[0])};
+        while (hooks && count < kMaximumFrames && hooks->Step(&position))
+            stack.Frames[count++] = position.ReturnAddress;
+        if (position.FramePointer <= frame) break;
+        frame = position.FramePointer;
     }
     while (count < kMaximumFrames) stack.Frames[count++] = nullptr;
 }
@@ -72,6 +86,8 @@ std::string FrameText(void* address)
 {
     // A return address may belong to the line, even the function, after the call.
     char* const call = static_cast<char*>(address) - 1;
+    if (const StackHooks* hooks = WantedHooks())
+        if (std::string text; hooks->AddressText(call, &text)) return text;
     if (!__sanitizer_symbolize_pc) return DynamicSymbol(call);
     char text[1024] = "";
     __sanitizer_symbolize_pc(call, "%f %s:%l", text, sizeof(text));

@@ -1,6 +1,7 @@
 // Stack traces: captured cheaply while running, turned into text only for a report.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 namespace nthost {
@@ -19,5 +20,17 @@ std::string StackText(const CapturedStack& stack);
 std::string CurrentStackText();
 // "function file:line" as far as known, else "module+offset".
 std::string FrameText(void* address);
+
+// Code that is not the compiler's of this process: who knows it says so here.
+struct StackPosition {
+    void* ReturnAddress;
+    uint64_t StackPointer, FramePointer; // in the frame that it returns to
+};
+struct StackHooks {
+    bool (*Wanted)(); // nothing else is asked otherwise
+    bool (*AddressText)(void* address, std::string* text);
+    bool (*Step)(StackPosition* position); // to the caller's frame; false where it knows nothing
+};
+void SetStackHooks(const StackHooks* hooks);
 
 } // namespace nthost

@@ -141,7 +141,7 @@ void* Allocate(ULONG type, SIZE_T size, ULONG tag, For whom)
     header->Serial = counts ? allocations.fetch_add(1, std::memory_order_relaxed) + 1 : 0;
     header->Tag = tag;
     header->Type = IsPaged(type) ? PagedPool : NonPagedPool;
-    header->FromDriver = counts && thread && thread->DriverDepth;
+    header->FromDriver = counts && thread && thread->Calls;
     header->Magic = kLiveMagic;
 #if NTHOST_CHECKS
     CaptureStack(header->Stack);

@@ -7,6 +7,7 @@
 #include "check/text.h"
 #include "host/builtin.h"
 #include "host/loader.h"
+#include "image/load.h"
 #include "io/irp.h"
 #include "io/manager.h"
 #include "ke/boot.h"
@@ -70,6 +71,7 @@ LeakReport Shutdown()
     ob::Shutdown();
     mm::Shutdown();
     host::ForgetLoadedDrivers();
+    image::Forget();
     return report;
 }
 

@@ -10,11 +10,16 @@
 
 #include <ntifs.h>
 
+namespace nthost::image {
+struct Module;
+}
+
 namespace nthost::host {
 
 struct LoadedDriver {
     PDRIVER_OBJECT Object;
     std::set<ULONG> Tags; // of pool blocks, its own
+    image::Module* Image; // null for a driver that is linked into the process
 };
 
 // Names of symbolic links that lead to a device of the driver.

@@ -1,11 +1,13 @@
-// Loading and unloading of drivers that are linked into this process. The list of loaded drivers has one lock, which is
-// not held while a driver runs: an entry routine may well load nothing, but it may call into other drivers.
+// Loading and unloading of drivers: those that are linked into this process, and images. The list of loaded drivers has
+// one lock, which is not held while a driver runs: an entry routine may well load nothing, but it may call into other
+// drivers.
 #include <mutex>
 #include <utility>
 
 #include <nthost/check.h>
 #include <nthost/debug.h>
 #include <nthost/host.h>
+#include <nthost/image.h>
 #include <nthost/pool.h>
 #include <nthost/process.h>
 #include <nthost/registry.h>
@@ -14,6 +16,7 @@
 #include "check/callout.h"
 #include "host/leftovers.h"
 #include "host/loader.h"
+#include "image/load.h"
 #include "io/device.h"
 #include "io/manager.h"
 #include "ob/object.h"
@@ -50,7 +53,7 @@ bool IsClaimed(ULONG tag)
 // Tags that show up for the first time during an entry routine are its driver's.
 LoadedDriver NewLoaded(PDRIVER_OBJECT driver, uint64_t before)
 {
-    LoadedDriver loaded{driver, {}};
+    LoadedDriver loaded{driver, {}, nullptr};
     const std::lock_guard hold(g_lock);
     for (const PoolBlock& block : LivePoolBlocks(before))
         if (block.FromDriver && !IsClaimed(block.Tag)) loaded.Tags.insert(block.Tag);
@@ -67,7 +70,7 @@ void AddLoaded(LoadedDriver loaded)
 LoadedDriver TakeLoaded(PDRIVER_OBJECT driver, bool* isLast)
 {
     const std::lock_guard hold(g_lock);
-    LoadedDriver taken{driver, {}};
+    LoadedDriver taken{driver, {}, nullptr};
     for (LoadedDriver& loaded : g_loaded)
         if (loaded.Object == driver) taken = std::move(loaded);
     std::erase_if(g_loaded, [driver](const LoadedDriver& loaded) { return loaded.Object == driver; });
@@ -125,13 +128,43 @@ void ReportFailedEntry(const LoadedDriver& loaded, const std::string& name, uint
     for (const std::string& line : host::CollectLeftovers(departure)) ReportFinding("driver-leak", name + ": " + line);
 }
 
-NTSTATUS MakeDriverObject(const std::string& name, PDRIVER_INITIALIZE entry, PDRIVER_OBJECT* driver)
+NTSTATUS MakeDriverObject(const std::string& name, PDRIVER_INITIALIZE entry, const image::Module* image,
+                          PDRIVER_OBJECT* driver)
 {
     NTSTATUS status = CreateRegistryKey(ServiceKey(name));
     if (!NT_SUCCESS(status)) return status;
     status = io::NewDriverObject(FromUtf8(name), driver);
     if (status == STATUS_OBJECT_NAME_COLLISION) return STATUS_IMAGE_ALREADY_LOADED;
-    if (NT_SUCCESS(status)) (*driver)->DriverInit = entry;
+    if (!NT_SUCCESS(status)) return status;
+    (*driver)->DriverInit = entry;
+    if (image) {
+        (*driver)->DriverStart = image->Base;
+        (*driver)->DriverSize = static_cast<ULONG>(image->Size);
+    }
+    return status;
+}
+
+NTSTATUS Enter(const std::string& name, PDRIVER_INITIALIZE entry, image::Module* image, PDRIVER_OBJECT* driver)
+{
+    *driver = nullptr;
+    const ActAs system(PsInitialSystemProcess, KernelMode);
+    PDRIVER_OBJECT object;
+    NTSTATUS status = MakeDriverObject(name, entry, image, &object);
+    if (!NT_SUCCESS(status)) return status;
+
+    NoteLoading();
+    const uint64_t before = PoolAllocations();
+    status = CallEntry(object, name);
+    LoadedDriver loaded = NewLoaded(object, before);
+    if (!NT_SUCCESS(status)) {
+        ReportFailedEntry(loaded, name, before);
+        DropDriverObject(object);
+        return status;
+    }
+    OpenDevices(object);
+    loaded.Image = image;
+    AddLoaded(std::move(loaded));
+    *driver = object;
     return status;
 }
 
@@ -145,24 +178,17 @@ void host::ForgetLoadedDrivers()
 
 NTSTATUS LoadDriver(const std::string& name, PDRIVER_INITIALIZE entry, PDRIVER_OBJECT* driver)
 {
-    *driver = nullptr;
-    const ActAs system(PsInitialSystemProcess, KernelMode);
-    PDRIVER_OBJECT object;
-    NTSTATUS status = MakeDriverObject(name, entry, &object);
-    if (!NT_SUCCESS(status)) return status;
+    return Enter(name, entry, nullptr, driver);
+}
 
-    NoteLoading();
-    const uint64_t before = PoolAllocations();
-    status = CallEntry(object, name);
-    LoadedDriver loaded = NewLoaded(object, before);
-    if (!NT_SUCCESS(status)) {
-        ReportFailedEntry(loaded, name, before);
-        DropDriverObject(object);
-        return status;
-    }
-    OpenDevices(object);
-    AddLoaded(std::move(loaded));
-    *driver = object;
+NTSTATUS LoadImage(const std::string& name, const std::string& path, PDRIVER_OBJECT* driver)
+{
+    *driver = nullptr;
+    image::Module* module;
+    NTSTATUS status = image::Load(path, &module);
+    if (!NT_SUCCESS(status)) return status;
+    status = Enter(name, reinterpret_cast<PDRIVER_INITIALIZE>(module->Base + module->Entry), module, driver);
+    if (!NT_SUCCESS(status)) image::Unload(module);
     return status;
 }
 
@@ -184,6 +210,7 @@ NTSTATUS UnloadDriver(PDRIVER_OBJECT driver, LeakReport* leaks)
     if (!isLast) loaded.Tags.clear();
     leaks->Lines = host::CollectLeftovers({loaded, isLast, g_poolBefore, links, devices});
     DropDriverObject(driver);
+    if (loaded.Image) image::Unload(loaded.Image);
     return STATUS_SUCCESS;
 }
 

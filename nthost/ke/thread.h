@@ -29,6 +29,14 @@ struct HeldLock {
     uint32_t Exclusive; // times held exclusive
     void* Where;        // return address of the first acquisition
 };
+
+// A call into driver code that is under way, on the stack of the caller (check/callout.h).
+struct DriverCallRecord {
+    DriverCallRecord* Outer;
+    const char* What;  // for reports
+    size_t ImageStack; // of the thread when it was made
+    PIRP CurrentIrp;   // when it was made
+};
 } // namespace nthost
 
 struct _EPROCESS {
@@ -56,9 +64,9 @@ struct _ETHREAD {
     std::vector<const void*> AtWork;    // what else others wait for until it is done (check/lock_order.h)
     bool TakesWork;                     // a driver's own thread: who takes a permit, takes work from its semaphore
     const void* ReleasedSemaphore;      // the last that the innermost dispatch routine released; with checks on
-    uint32_t DriverDepth;               // calls into driver code that are under way on this thread
+    size_t ImageStack;                  // in frames of images, when one of them last called the kernel
+    nthost::DriverCallRecord* Calls;    // the innermost call into driver code that is under way on this thread
     uint32_t Closing;                   // cleanups and closes among them; no fault is injected there
-    const char* DriverCall;             // the innermost of them, for reports
     PIRP CurrentIrp;                    // innermost request whose dispatch routine runs here
     std::atomic<uint32_t> WakeWord;     // the wait core parks on it; changed by wakers
     PKSTART_ROUTINE StartRoutine;

@@ -7,30 +7,48 @@
 #include <ucontext.h>
 
 #include "check/fatal.h"
+#include "check/stack.h"
 #include "ke/thread.h"
+#include "mm/exceptions.h"
 #include "mm/memory.h"
 #include "mm/page_fault.h"
 #include <nthost/debug.h>
 
 namespace nthost::mm {
 
+void JumpToGuard(_ETHREAD* thread, PNT_GUARD guard, NTSTATUS code)
+{
+    // The guard comes off the chain before the jump, so that a raise in its handler goes to the next one.
+    thread->Guard = guard->Outer;
+    thread->PreviousMode = guard->PreviousMode;
+    thread->CurrentIrp = static_cast<PIRP>(guard->CurrentIrp);
+    thread->Calls = static_cast<DriverCallRecord*>(guard->Calls);
+    guard->Code = code;
+    longjmp(guard->Context, 1);
+}
+
 namespace {
+
+std::atomic<const ExceptionHooks*> g_exceptionHooks;
 
 constexpr size_t MaximumHooks = 8;
 std::atomic<FaultHook> g_hooks[MaximumHooks];
 
 struct sigaction g_previousSegv, g_previousBus;
 
-// The innermost guard comes off the chain before the jump, so that a raise in its handler goes to the next one.
-[[noreturn]] void JumpToGuard(_ETHREAD* thread, NTSTATUS code)
+const ExceptionHooks* WantedHooks()
 {
-    NT_GUARD* const guard = thread->Guard;
-    thread->Guard = guard->Outer;
-    thread->DriverDepth = guard->DriverDepth;
-    thread->PreviousMode = guard->PreviousMode;
-    thread->CurrentIrp = static_cast<PIRP>(guard->CurrentIrp);
-    guard->Code = code;
-    longjmp(guard->Context, 1);
+    const ExceptionHooks* const hooks = g_exceptionHooks.load(std::memory_order_acquire);
+    return hooks && hooks->Wanted() ? hooks : nullptr;
+}
+
+// Returns if nobody handles the exception.
+void Deliver(_ETHREAD* thread, const Exception& exception)
+{
+    if (const ExceptionHooks* hooks = WantedHooks())
+        hooks->Dispatch(exception);
+    else if (thread->Guard)
+        JumpToGuard(thread, thread->Guard, exception.Code);
 }
 
 bool ResolvedByHook(void* address, bool write)
@@ -76,13 +94,22 @@ void PassOn(int signal, siginfo_t* info, void* context)
     if (info->si_code <= 0) raise(signal);
 }
 
+// A privileged instruction faults without an address, an access to the kernel's half with one that no process can map.
+bool Emulated(const siginfo_t* info, ucontext_t* context)
+{
+    if (info->si_code != SI_KERNEL && reinterpret_cast<intptr_t>(info->si_addr) >= 0) return false;
+    const ExceptionHooks* const hooks = WantedHooks();
+    return hooks && hooks->Emulate(context, info->si_addr);
+}
+
 void OnFault(int signal, siginfo_t* info, void* frame)
 {
     const int error = errno;
-    const auto* context = static_cast<const ucontext_t*>(frame);
+    auto* const context = static_cast<ucontext_t*>(frame);
     const bool write = IsWrite(context);
     _ETHREAD* const thread = ke::CurrentThreadOrNull();
     if (!thread || info->si_code <= 0) return PassOn(signal, info, frame);
+    if (Emulated(info, context)) return;
 
     // A hook may take long and fault itself, and a jump to a guard never comes back: whatever mask the handler was
     // entered with (sanitizers block everything) ends here.
@@ -94,9 +121,9 @@ void OnFault(int signal, siginfo_t* info, void* frame)
     }
     const NTSTATUS code =
         fault == STATUS_IN_PAGE_ERROR || signal == SIGBUS ? STATUS_IN_PAGE_ERROR : STATUS_ACCESS_VIOLATION;
-    if (thread->Guard) JumpToGuard(thread, code);
-    Fatal("fault outside of any guard: %s of address %p at %p, %s", write ? "write" : "read", info->si_addr,
-          ProgramCounter(context), StatusName(code).c_str());
+    Deliver(thread, {code, 2, {write, reinterpret_cast<ULONG64>(info->si_addr)}, context});
+    Fatal("fault outside of any guard: %s of address %p at %s, %s", write ? "write" : "read", info->si_addr,
+          FrameText(static_cast<char*>(ProgramCounter(context)) + 1).c_str(), StatusName(code).c_str());
 }
 
 void Install(int signal, struct sigaction* previous)
@@ -119,6 +146,8 @@ void AddFaultHook(FaultHook hook)
     Fatal("no room for another fault hook");
 }
 
+void SetExceptionHooks(const ExceptionHooks* hooks) { g_exceptionHooks.store(hooks, std::memory_order_release); }
+
 void Boot()
 {
     Install(SIGSEGV, &g_previousSegv);
@@ -140,7 +169,8 @@ void NtGuardPush(PNT_GUARD guard)
     _ETHREAD* const thread = CurrentThread();
     guard->Outer = thread->Guard;
     guard->Code = STATUS_SUCCESS;
-    guard->DriverDepth = thread->DriverDepth;
+    guard->Frame = __builtin_frame_address(0);
+    guard->Calls = thread->Calls;
     guard->PreviousMode = thread->PreviousMode;
     guard->CurrentIrp = thread->CurrentIrp;
     thread->Guard = guard;
@@ -156,8 +186,8 @@ void NtGuardLeave(PNT_GUARD guard)
 VOID NTAPI ExRaiseStatus(NTSTATUS Status)
 {
     _ETHREAD* const thread = CurrentThread();
-    if (!thread->Guard) nthost::Fatal("%s raised outside of any guard", nthost::StatusName(Status).c_str());
-    nthost::mm::JumpToGuard(thread, Status);
+    nthost::mm::Deliver(thread, {Status, 0, {}, nullptr});
+    nthost::Fatal("%s raised outside of any guard", nthost::StatusName(Status).c_str());
 }
 
 VOID NTAPI ExRaiseAccessViolation(VOID) { ExRaiseStatus(STATUS_ACCESS_VIOLATION); }

@@ -1,26 +1,28 @@
 // Kernel routines by name: the list in zw/routines.inc, less what a test hides. The table is built once and never
 // changes; the hidden names have a lock of their own.
-#include <nthost/routines.h>
+#include "mm/system_routine.h"
 
 #include <mutex>
 #include <set>
 #include <string_view>
+#include <type_traits>
 #include <unordered_map>
 
 #include <ntifs.h>
 
 #include "ke/word_lock.h"
+#include <nthost/routines.h>
 
 namespace nthost {
 
 namespace {
 
-using Table = std::unordered_map<std::string_view, PVOID>;
+using Table = std::unordered_map<std::string_view, mm::SystemRoutine>;
 
 const Table& Routines()
 {
     static const Table table{
-#define X(name) {#name, (PVOID)(&name)},
+#define X(name) {#name, {(PVOID)(&name), std::is_function_v<decltype(name)>}},
 #include "zw/routines.inc"
 #undef X
     };
@@ -59,11 +61,15 @@ HiddenRoutine::~HiddenRoutine()
     g_hidden.erase(g_hidden.find(name_));
 }
 
+mm::SystemRoutine mm::FindSystemRoutine(const std::string& name)
+{
+    const auto found = Routines().find(name);
+    return found == Routines().end() || IsHidden(name) ? SystemRoutine{} : found->second;
+}
+
 } // namespace nthost
 
 PVOID NTAPI MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineName)
 {
-    const std::string name = nthost::Narrow(SystemRoutineName);
-    const auto found = nthost::Routines().find(name);
-    return found == nthost::Routines().end() || nthost::IsHidden(name) ? nullptr : found->second;
+    return nthost::mm::FindSystemRoutine(nthost::Narrow(SystemRoutineName)).Address;
 }

@@ -44,8 +44,7 @@ void RunStartRoutine(const StartParameters& start)
 // What the frames that were jumped over would have put back.
 void ForgetFrames(_ETHREAD* thread)
 {
-    thread->DriverDepth = 0;
-    thread->DriverCall = nullptr;
+    thread->Calls = nullptr;
     thread->PreviousMode = KernelMode;
     thread->Guard = nullptr;
 }

@@ -51,7 +51,7 @@ void Leave(Debug& state, Listener& listener)
 }
 
 // The formats are read before the listener is entered: a fault on an argument leaves nothing behind.
-void Print(const char* format, va_list arguments)
+void Print(const char* format, NT_VA_LIST arguments)
 {
     char text[rtl::kDebugTextBytes];
     const size_t bytes = rtl::FormatDebug(text, sizeof(text), format, arguments);
@@ -98,23 +98,23 @@ std::string StatusName(NTSTATUS status)
 
 } // namespace nthost
 
-ULONG DbgPrint(PCSTR Format, ...)
+ULONG NTAPI DbgPrint(PCSTR Format, ...)
 {
     if (!nthost::DebugOutputWanted()) return STATUS_SUCCESS;
-    va_list arguments;
-    va_start(arguments, Format);
+    NT_VA_LIST arguments;
+    NT_VA_START(arguments, Format);
     nthost::Print(Format, arguments);
-    va_end(arguments);
+    NT_VA_END(arguments);
     return STATUS_SUCCESS;
 }
 
-ULONG DbgPrintEx(ULONG, ULONG, PCSTR Format, ...)
+ULONG NTAPI DbgPrintEx(ULONG, ULONG, PCSTR Format, ...)
 {
     if (!nthost::DebugOutputWanted()) return STATUS_SUCCESS;
-    va_list arguments;
-    va_start(arguments, Format);
+    NT_VA_LIST arguments;
+    NT_VA_START(arguments, Format);
     nthost::Print(Format, arguments);
-    va_end(arguments);
+    NT_VA_END(arguments);
     return STATUS_SUCCESS;
 }
 

@@ -4,6 +4,7 @@
 #include "rtl/format.h"
 
 #include <algorithm>
+#include <cstdarg>
 #include <cstdint>
 #include <cstring>
 #include <iterator>
@@ -47,8 +48,8 @@ private:
 // Every argument is fetched here and nowhere else.
 class Arguments {
 public:
-    explicit Arguments(va_list list) { va_copy(list_, list); }
-    ~Arguments() { va_end(list_); }
+    explicit Arguments(NT_VA_LIST list) { NT_VA_COPY(list_, list); }
+    ~Arguments() { NT_VA_END(list_); }
     Arguments(const Arguments&) = delete;
     Arguments& operator=(const Arguments&) = delete;
 
@@ -61,7 +62,7 @@ public:
     }
 
 private:
-    va_list list_;
+    NT_VA_LIST list_;
 };
 
 enum class Width : uint8_t {
@@ -322,7 +323,7 @@ bool Convert(Output& out, const Directive& directive, Arguments& arguments)
 
 } // namespace
 
-size_t FormatDebug(char* out, size_t size, const char* format, va_list list)
+size_t FormatDebug(char* out, size_t size, const char* format, NT_VA_LIST list)
 {
     Output output(out, size);
     Arguments arguments(list);

@@ -28,13 +28,14 @@ fi
 build_in "$work/quite/another/place"
 second=$work/quite/another/place/build/nt
 
+# The first may hold images of tests besides.
 found=0
-for image in "$first"/*.sys; do
+for image in "$second"/*.sys; do
     [ -e "$image" ] || continue
     for file in "$image" "${image%.sys}.pdb"; do
-        cmp "$file" "$second/$(basename "$file")"
+        cmp "$file" "$first/$(basename "$file")"
         found=$((found + 1))
     done
 done
-[ "$found" -gt 0 ] || { echo "no image in $first" >&2; exit 1; }
+[ "$found" -gt 0 ] || { echo "no image in $second" >&2; exit 1; }
 echo "$found files are identical"

@@ -38,7 +38,7 @@ PluginOps MakeOperations(Volume* volume)
     PluginOps operations = {};
     operations.Version = GVND_PLUGIN_VERSION;
     operations.PluginContext = volume;
-    operations.OnUnmounted = [](void* context) { Volume::From(context).Unmounted(); };
+    operations.OnUnmounted = [](void* context) NTAPI { Volume::From(context).Unmounted(); };
     operations.Lookup = Lookup;
     operations.Open = Open;
     operations.OpenDir = OpenDir;

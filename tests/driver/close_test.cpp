@@ -139,7 +139,7 @@ TEST_F(Closes, AnAsynchronousOneLetsARequestedUnmountGoOn)
     Plugin().Clear();
     const PDEVICE_OBJECT device = Device();
     ObReferenceObject(device); // as a file object of the I/O manager's would
-    EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(device));
+    EXPECT_STATUS(STATUS_SUCCESS, Host().Services()->UnmountRequest(device));
     ForgetDevice();
     EXPECT_EQ(Plugin().Unmounted(), 0u);
     {

@@ -234,7 +234,7 @@ TEST_F(Hangs, ANestedCloseOfTheVolumeLetsARequestedUnmountGoOn)
     ASSERT_STATUS(STATUS_SUCCESS, GvInitFileObj(&file, volume, false));
     InterlockedDecrement(&volume->HandleCount);
     ObReferenceObject(device);
-    EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(device));
+    EXPECT_STATUS(STATUS_SUCCESS, Host().Services()->UnmountRequest(device));
     EXPECT_TRUE(Trace().Contains("unmount waits, pins: 0, plugin calls: 0, objects: 0, deleted: 0, volume opens: 1\n"));
     ForgetDevice();
     {

@@ -17,13 +17,20 @@ namespace {
 struct Mounter {
     static inline PluginOps* Table;
     static inline PDEVICE_OBJECT Device;
+    static inline const GvServices* Services;
     static inline std::string Name; // another one each time: the end of the volume before may still be under way
 
+    static NTSTATUS NTAPI RequestUnmount(PDRIVER_OBJECT, PUNICODE_STRING)
+    {
+        EXPECT_STATUS(STATUS_SUCCESS, Services->UnmountRequest(Device));
+        return STATUS_UNSUCCESSFUL;
+    }
+    static void NTAPI Unload(PDRIVER_OBJECT) {}
     static NTSTATUS NTAPI Entry(PDRIVER_OBJECT driver, PUNICODE_STRING)
     {
-        driver->DriverUnload = [](PDRIVER_OBJECT) {};
-        return GvMount(Text("\\Device\\Null"), Text("\\Device\\" + Name), Text("\\??\\" + Name), nullptr, Table,
-                       &Device);
+        driver->DriverUnload = Unload;
+        return Services->Mount(Text("\\Device\\Null"), Text("\\Device\\" + Name), Text("\\??\\" + Name), nullptr, Table,
+                               &Device);
     }
 };
 
@@ -41,6 +48,12 @@ protected:
         HostFixture::TearDown();
     }
 
+    // The services too, before faults are counted.
+    void Load()
+    {
+        LoadGvndOrFail();
+        Mounter::Services = Host().Services();
+    }
     // True if the mount succeeded; it is unmounted again.
     bool MountOnce()
     {
@@ -56,7 +69,7 @@ protected:
             return false;
         }
         EXPECT_EQ(layer.Mounted(), 1u);
-        EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(std::exchange(Mounter::Device, nullptr)));
+        EXPECT_STATUS(STATUS_SUCCESS, Mounter::Services->UnmountRequest(std::exchange(Mounter::Device, nullptr)));
         layer.WaitUntilUnmounted();
         // The rest of the unmount runs on a system worker; the unload of gvnd, which waits for it, holds it to account.
         nthost::LeakReport ignored;
@@ -73,7 +86,7 @@ private:
 TEST_F(MountFaults, UnwindsFromEachStep)
 {
     ASSERT_STATUS(STATUS_SUCCESS, nthost::SetRegistryDword(support::kServiceKey, "NumVcbWorkers", 3));
-    LoadGvndOrFail();
+    Load();
     for (const char* routine : {"ExAllocatePoolWithTag", "ExInitializeResourceLite", "PsCreateSystemThread",
                                 "IoCreateDevice", "IoCreateSymbolicLink", "ZwCreateFile"}) {
         SCOPED_TRACE(routine);
@@ -87,7 +100,7 @@ TEST_F(MountFaults, UnwindsFromEachStep)
 TEST_F(MountFaults, StopsTheThreadsThatHadStarted)
 {
     ASSERT_STATUS(STATUS_SUCCESS, nthost::SetRegistryDword(support::kServiceKey, "NumVcbWorkers", 511));
-    LoadGvndOrFail();
+    Load();
     const nthost::FaultPlan fault("PsCreateSystemThread", 300);
     EXPECT_FALSE(MountOnce());
     EXPECT_TRUE(Trace().Contains("PsCreateSystemThread(): 0xc000009a\n"));
@@ -97,19 +110,15 @@ TEST_F(MountFaults, StopsTheThreadsThatHadStarted)
 // Nothing is left that could try again, so the volume stays as it is; here the test tries again.
 TEST_F(MountFaults, WithoutAWorkItemTheVolumeStays)
 {
-    LoadGvndOrFail();
+    Load();
     layer::PluginLayer layer(memfs_);
     ASSERT_STATUS(STATUS_SUCCESS, Host().Mount({.Name = "Stays"}, layer.Table(), &Mounter::Device));
     const PDEVICE_OBJECT device = Mounter::Device;
     // From an entry, since only what a driver calls can be made to fail.
-    const auto request = [](PDRIVER_OBJECT, PUNICODE_STRING) {
-        EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(Mounter::Device));
-        return STATUS_UNSUCCESSFUL;
-    };
     PDRIVER_OBJECT none = nullptr;
     {
         const nthost::FaultPlan plan("IoAllocateWorkItem", 1);
-        EXPECT_STATUS(STATUS_UNSUCCESSFUL, nthost::LoadDriver("requester", request, &none));
+        EXPECT_STATUS(STATUS_UNSUCCESSFUL, nthost::LoadDriver("requester", Mounter::RequestUnmount, &none));
         EXPECT_EQ(plan.Injected(), 1u);
     }
     EXPECT_TRUE(Trace().Contains("IoAllocateWorkItem(): 0xc000009a\n"));
@@ -149,7 +158,7 @@ TEST_F(UnmountRace, OpensAreServedOrRefused)
     while (opened < 50) std::this_thread::yield();
     const PDEVICE_OBJECT device = Device();
     ForgetDevice();
-    EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(device));
+    EXPECT_STATUS(STATUS_SUCCESS, Host().Services()->UnmountRequest(device));
     for (std::thread& thread : threads) thread.join();
     Plugin().WaitUntilUnmounted();
     EXPECT_EQ(Plugin().Unmounted(), 1u);
@@ -166,7 +175,7 @@ TEST_F(UnmountRace, WaitsForTheCallsThatRun)
     gate->WaitForArrivals(1);
     const PDEVICE_OBJECT device = Device();
     ForgetDevice();
-    EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(device));
+    EXPECT_STATUS(STATUS_SUCCESS, Host().Services()->UnmountRequest(device));
     ASSERT_STATUS(STATUS_PENDING, late.StartRead(file.Get(), &bytes[1], 1, 7));
     EXPECT_STATUS(STATUS_ACCESS_DENIED, late.Wait());
     EXPECT_EQ(Plugin().Unmounted(), 0u);

@@ -86,7 +86,7 @@ TEST_F(Protocol, RefusesCallsOnceAnUnmountIsRequested)
 {
     Handle file = OpenOrFail("\\dir\\sub\\deep");
     Plugin().Clear();
-    EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(Device()));
+    EXPECT_STATUS(STATUS_SUCCESS, Host().Services()->UnmountRequest(Device()));
     EXPECT_EQ(Plugin().Unmounted(), 0u); // somebody has a file open
     EXPECT_STATUS(STATUS_ACCESS_DENIED, ReadOne(file.Get()));
     EXPECT_TRUE(Trace().Contains("GvAddrefThreadForPluginCall(): 0xc0000022\n"));
@@ -104,7 +104,7 @@ TEST_F(Protocol, RefusesCallsOnceAnUnmountIsRequested)
 TEST_F(Protocol, UnmountBetweenTwoCallsOfOneCreateFailsTheSecond)
 {
     Plugin().Before(
-        "Lookup", [this](PKEVENT) { EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(Device())); }, 2);
+        "Lookup", [this](PKEVENT) { EXPECT_STATUS(STATUS_SUCCESS, Host().Services()->UnmountRequest(Device())); }, 2);
     EXPECT_STATUS(STATUS_ACCESS_DENIED, Open("\\dir\\file").Status);
     Plugin().WaitUntilUnmounted(); // the create's own unpin ended the volume
     ForgetDevice();
@@ -116,8 +116,9 @@ TEST_F(Protocol, MountWantsTheRightTable)
         PluginOps table = *Plugin().Table();
         table.Version = version;
         PDEVICE_OBJECT device = nullptr;
-        EXPECT_STATUS(STATUS_INVALID_PARAMETER, GvMount(Text("\\Device\\Null"), Text("\\Device\\Second"),
-                                                        Text("\\??\\Second"), nullptr, &table, &device));
+        EXPECT_STATUS(STATUS_INVALID_PARAMETER,
+                      Host().Services()->Mount(Text("\\Device\\Null"), Text("\\Device\\Second"), Text("\\??\\Second"),
+                                               nullptr, &table, &device));
         EXPECT_EQ(device, nullptr);
         EXPECT_STATUS(STATUS_OBJECT_NAME_NOT_FOUND, support::Open("\\??\\Second").Status);
     }
@@ -125,16 +126,19 @@ TEST_F(Protocol, MountWantsTheRightTable)
 
     PDEVICE_OBJECT device = nullptr;
     EXPECT_STATUS(STATUS_INVALID_PARAMETER,
-                  GvMount(nullptr, Text("\\Device\\Second"), Text("\\??\\Second"), nullptr, Plugin().Table(), &device));
+                  Host().Services()->Mount(nullptr, Text("\\Device\\Second"), Text("\\??\\Second"), nullptr,
+                                           Plugin().Table(), &device));
     EXPECT_TRUE(Trace().Contains("bad params\n"));
     // The status of the open comes back, and neither device nor link stays.
-    EXPECT_STATUS(STATUS_OBJECT_NAME_NOT_FOUND, GvMount(Text("\\Device\\Nothing"), Text("\\Device\\Second"),
-                                                        Text("\\??\\Second"), nullptr, Plugin().Table(), &device));
+    EXPECT_STATUS(STATUS_OBJECT_NAME_NOT_FOUND,
+                  Host().Services()->Mount(Text("\\Device\\Nothing"), Text("\\Device\\Second"), Text("\\??\\Second"),
+                                           nullptr, Plugin().Table(), &device));
     EXPECT_EQ(device, nullptr);
     EXPECT_STATUS(STATUS_OBJECT_NAME_NOT_FOUND, support::Open("\\Device\\Second").Status);
     // Neither may a taken name cost the volume that has it.
-    EXPECT_STATUS(STATUS_OBJECT_NAME_COLLISION, GvMount(Text("\\Device\\Null"), Text("\\Device\\Second"),
-                                                        Text("\\??\\Opening"), nullptr, Plugin().Table(), &device));
+    EXPECT_STATUS(STATUS_OBJECT_NAME_COLLISION,
+                  Host().Services()->Mount(Text("\\Device\\Null"), Text("\\Device\\Second"), Text("\\??\\Opening"),
+                                           nullptr, Plugin().Table(), &device));
     EXPECT_EQ(device, nullptr);
     OpenOrFail("\\file");
 }

@@ -202,9 +202,10 @@ TEST_F(LocalParse, ListsGrowUpToWhatTheirSizeCanTell)
 struct Runner {
     static inline std::function<NTSTATUS()> Body;
 
+    static void NTAPI Unload(PDRIVER_OBJECT) {}
     static NTSTATUS NTAPI Entry(PDRIVER_OBJECT driver, PUNICODE_STRING)
     {
-        driver->DriverUnload = [](PDRIVER_OBJECT) {};
+        driver->DriverUnload = Unload;
         return Body();
     }
     static NTSTATUS Run(std::function<NTSTATUS()> body)
@@ -255,12 +256,12 @@ protected:
         layer_ = std::make_unique<layer::PluginLayer>(memfs_);
         Text text(sddl);
         device_ = nullptr;
-        return GvMount(Text("\\Device\\Null"), Text("\\Device\\" + name_), Text(Link()), text, layer_->Table(),
-                       &device_);
+        return Host().Services()->Mount(Text("\\Device\\Null"), Text("\\Device\\" + name_), Text(Link()), text,
+                                        layer_->Table(), &device_);
     }
     void Unmount()
     {
-        EXPECT_STATUS(STATUS_SUCCESS, GvUnmountRequest(std::exchange(device_, nullptr)));
+        EXPECT_STATUS(STATUS_SUCCESS, Host().Services()->UnmountRequest(std::exchange(device_, nullptr)));
         layer_->WaitUntilUnmounted();
         layers_.push_back(std::move(layer_)); // its table is read until the last of the unmount
     }

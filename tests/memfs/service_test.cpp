@@ -1,7 +1,11 @@
 // The kernel service: what it mounts for which settings, and that it gives everything back when a step fails or it is
 // unloaded. A small driver stands in for the one that has the control device.
 
+#include <cstdlib>
+
+#include <nthost/image.h>
 #include <nthost/registry.h>
+#include <workbench/file.h>
 
 #include "volume.h"
 
@@ -97,6 +101,13 @@ protected:
         if (control) Unload(control);
         HostTest::TearDown();
     }
+    // The plugin that is a driver of its own, or its image.
+    NTSTATUS LoadService()
+    {
+        const char* const image = std::getenv("GVND_MEMFS_IMAGE");
+        return image ? nthost::LoadImage("memfs", image, &service)
+                     : nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service);
+    }
     void LoadControl() { ASSERT_EQ(nthost::LoadDriver("control", ControlEntry, &control), STATUS_SUCCESS); }
     static void Unload(PDRIVER_OBJECT driver)
     {
@@ -110,7 +121,7 @@ protected:
 TEST_F(ServiceTest, MountsUnderItsDefaultNames)
 {
     LoadControl();
-    ASSERT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_SUCCESS);
+    ASSERT_EQ(LoadService(), STATUS_SUCCESS);
     EXPECT_EQ(g_mounted.Device, "\\Device\\Gvmemfs");
     EXPECT_EQ(g_mounted.Link, "\\??\\memfs");
     EXPECT_EQ(g_mounted.Backing, "\\Device\\Null");
@@ -127,7 +138,7 @@ TEST_F(ServiceTest, FollowsItsServiceKey)
     SetText("BackingPath", u"\\Device\\Backing");
     SetText("Sddl", u"D:P(A;;GA;;;SY)");
     SetText("Arguments", u"capacity=28K,label=Scratch \u00fc \U0001f600");
-    ASSERT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_SUCCESS);
+    ASSERT_EQ(LoadService(), STATUS_SUCCESS);
     EXPECT_EQ(g_mounted.Device, "\\Device\\Other");
     EXPECT_EQ(g_mounted.Link, "\\??\\Other");
     EXPECT_EQ(g_mounted.Backing, "\\Device\\Backing");
@@ -143,26 +154,44 @@ TEST_F(ServiceTest, FollowsItsServiceKey)
     Unload(service);
 }
 
+// With the driver that it is made for; on the images, both are what is shipped.
+TEST_F(ServiceTest, ServesFilesThroughTheDriver)
+{
+    ASSERT_EQ(Host().LoadGvnd(), STATUS_SUCCESS);
+    ASSERT_EQ(LoadService(), STATUS_SUCCESS);
+    {
+        const workbench::File file =
+            workbench::OpenFile("\\??\\Memfs\\file",
+                                {.Access = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE, .Disposition = FILE_CREATE});
+        file.Write(0, "content", 7);
+        char back[16] = {};
+        EXPECT_EQ(file.Read(3, back, sizeof back), 4u);
+        EXPECT_STREQ(back, "tent");
+    }
+    Unload(service);
+    EXPECT_TRUE(Host().UnloadDrivers().Clean());
+}
+
 // The host reports whatever a failed entry leaves behind.
 TEST_F(ServiceTest, AFailedStartLeavesNothing)
 {
-    EXPECT_FALSE(NT_SUCCESS(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service))); // no control device
+    EXPECT_FALSE(NT_SUCCESS(LoadService())); // no control device
 
     LoadControl();
     g_mountStatus = STATUS_OBJECT_NAME_COLLISION;
-    EXPECT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(LoadService(), STATUS_OBJECT_NAME_COLLISION);
 
     g_mountStatus = STATUS_SUCCESS;
     for (const char16_t* bad :
          {u"capacity=", u"capacity=7Q", u"capacity=99999999999999999999", u"size=7", u"capacity=4K;"}) {
         SetText("Arguments", bad);
-        EXPECT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(LoadService(), STATUS_INVALID_PARAMETER);
     }
     SetText("Arguments", u"label=123456789012345678901234567890123");
-    EXPECT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_INVALID_VOLUME_LABEL);
+    EXPECT_EQ(LoadService(), STATUS_INVALID_VOLUME_LABEL);
     const ULONG number = 7;
     ASSERT_EQ(nthost::SetRegistryValue(kServiceKey, "Arguments", REG_DWORD, &number, sizeof number), STATUS_SUCCESS);
-    EXPECT_EQ(nthost::LoadDriver("memfs", GvMemfsDriverEntry, &service), STATUS_OBJECT_TYPE_MISMATCH);
+    EXPECT_EQ(LoadService(), STATUS_OBJECT_TYPE_MISMATCH);
     EXPECT_EQ(g_mounted.UnmountRequests, 0);
 }
 

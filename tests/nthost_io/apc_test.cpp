@@ -143,7 +143,7 @@ TEST_F(IoApc, CancelsAlertableSynchronousRequests)
     const Opened opened = Open({.Options = FILE_SYNCHRONOUS_IO_ALERT});
     Driver().Majors[IRP_MJ_DEVICE_CONTROL] = [](PDEVICE_OBJECT, PIRP irp) {
         IoMarkIrpPending(irp);
-        IoSetCancelRoutine(irp, [](PDEVICE_OBJECT, PIRP cancelled) {
+        IoSetCancelRoutine(irp, [](PDEVICE_OBJECT, PIRP cancelled) NTAPI {
             IoReleaseCancelSpinLock(cancelled->CancelIrql);
             Complete(cancelled, STATUS_CANCELLED);
         });
@@ -151,7 +151,7 @@ TEST_F(IoApc, CancelsAlertableSynchronousRequests)
     };
     static int ran;
     ran = 0;
-    const PPS_APC_ROUTINE note = [](PVOID, PVOID, PVOID) { ++ran; };
+    const PPS_APC_ROUTINE note = [](PVOID, PVOID, PVOID) NTAPI { ++ran; };
     ASSERT_EQ(NtQueueApcThread(NtCurrentThread(), note, nullptr, nullptr, nullptr), STATUS_SUCCESS);
     IO_STATUS_BLOCK block{};
     EXPECT_EQ(probe::Control(opened.Handle, nullptr, &block), STATUS_CANCELLED);

@@ -173,7 +173,7 @@ TEST_F(Cancel, AtThreadExitKeepsTheFileOfTheRequest)
     references = 0;
     Driver().Majors[IRP_MJ_DEVICE_CONTROL] = [](PDEVICE_OBJECT, PIRP irp) {
         IoMarkIrpPending(irp);
-        IoSetCancelRoutine(irp, [](PDEVICE_OBJECT, PIRP cancelled) {
+        IoSetCancelRoutine(irp, [](PDEVICE_OBJECT, PIRP cancelled) NTAPI {
             IoReleaseCancelSpinLock(cancelled->CancelIrql);
             references = nthost::ob::PointerCount(IoGetCurrentIrpStackLocation(cancelled)->FileObject);
             Complete(cancelled, STATUS_CANCELLED);

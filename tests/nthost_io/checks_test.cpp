@@ -109,7 +109,7 @@ TEST_F(Checks, CancelRoutineThatKeepsTheLockIsFound)
 {
     Parked parked;
     Driver().Majors[IRP_MJ_DEVICE_CONTROL] = [&, park = parked.Routine()](PDEVICE_OBJECT target, PIRP irp) {
-        IoSetCancelRoutine(irp, [](PDEVICE_OBJECT, PIRP) {});
+        IoSetCancelRoutine(irp, [](PDEVICE_OBJECT, PIRP) NTAPI {});
         return park(target, irp);
     };
     const Opened opened = Open({.Options = 0});

@@ -102,7 +102,7 @@ TEST_F(Port, GivesSeveralAtOnceAndWaitsAlertably)
     EXPECT_EQ(remove(0), STATUS_INVALID_PARAMETER);
     static bool ran;
     ran = false;
-    const PPS_APC_ROUTINE note = [](PVOID, PVOID, PVOID) { ran = true; };
+    const PPS_APC_ROUTINE note = [](PVOID, PVOID, PVOID) NTAPI { ran = true; };
     ASSERT_EQ(NtQueueApcThread(NtCurrentThread(), note, nullptr, nullptr, nullptr), STATUS_SUCCESS);
     EXPECT_EQ(RemoveNow().Status, STATUS_TIMEOUT); // which is not alertable
     EXPECT_EQ(remove(3), STATUS_USER_APC);
@@ -190,7 +190,7 @@ TEST_F(Port, IsBoundOnceAndToAsynchronousFilesOnly)
     EXPECT_EQ(Bind(synchronous.Handle, 1), STATUS_INVALID_PARAMETER);
     NtClose(synchronous.Handle);
     const Opened opened = Open({.Options = Async});
-    const auto unused = [](PVOID, PIO_STATUS_BLOCK, ULONG) {};
+    const auto unused = [](PVOID, PIO_STATUS_BLOCK, ULONG) NTAPI {};
     EXPECT_EQ(Bind(opened.Handle, 1), STATUS_SUCCESS);
     EXPECT_EQ(Bind(opened.Handle, 2), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(Control(opened.Handle, unused, 1), STATUS_INVALID_PARAMETER); // one of the two would not be told

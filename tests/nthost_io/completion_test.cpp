@@ -277,7 +277,7 @@ TEST_F(Completion, RoutineTakesItsPacketBackWithMoreProcessingRequired)
             int Calls = 0;
             PDEVICE_OBJECT Device = nullptr;
         } note;
-        const PIO_COMPLETION_ROUTINE routine = [](PDEVICE_OBJECT target, PIRP, PVOID context) -> NTSTATUS {
+        const PIO_COMPLETION_ROUTINE routine = [](PDEVICE_OBJECT target, PIRP, PVOID context) NTAPI -> NTSTATUS {
             static_cast<Note*>(context)->Calls++;
             static_cast<Note*>(context)->Device = target;
             return STATUS_MORE_PROCESSING_REQUIRED;
@@ -302,7 +302,7 @@ TEST_F(Completion, PendingMarkTravelsUpThroughTheStack)
     IoSetNextIrpStackLocation(irp);
     IoGetNextIrpStackLocation(irp)->MajorFunction = IRP_MJ_FLUSH_BUFFERS;
     BOOLEAN pendingReturned = FALSE;
-    const PIO_COMPLETION_ROUTINE routine = [](PDEVICE_OBJECT, PIRP request, PVOID context) -> NTSTATUS {
+    const PIO_COMPLETION_ROUTINE routine = [](PDEVICE_OBJECT, PIRP request, PVOID context) NTAPI -> NTSTATUS {
         *static_cast<BOOLEAN*>(context) = request->PendingReturned;
         return STATUS_MORE_PROCESSING_REQUIRED;
     };

@@ -205,7 +205,7 @@ TEST_F(FastIo, IsNotAskedWhereItDoesNotApply)
               STATUS_SUCCESS);
     EXPECT_EQ(TakeCalls(), Names{});
     // An APC has to come with a packet.
-    const PIO_APC_ROUTINE apc = [](PVOID, PIO_STATUS_BLOCK, ULONG) {};
+    const PIO_APC_ROUTINE apc = [](PVOID, PIO_STATUS_BLOCK, ULONG) NTAPI {};
     EXPECT_EQ(NtDeviceIoControlFile(asynchronous.Handle, nullptr, apc, nullptr, &block_, Code(METHOD_BUFFERED), nullptr,
                                     0, nullptr, 0),
               STATUS_SUCCESS);

@@ -50,7 +50,7 @@ TEST_F(Loader, EntryRunsForTheSystemAndItsDevicesAreOpenAfterwards)
 
 TEST_F(Loader, DriverWithoutUnloadStaysAndMajorsLeftAloneRefuse)
 {
-    const PDRIVER_INITIALIZE bare = [](PDRIVER_OBJECT driver, PUNICODE_STRING path) -> NTSTATUS {
+    const PDRIVER_INITIALIZE bare = [](PDRIVER_OBJECT driver, PUNICODE_STRING path) NTAPI -> NTSTATUS {
         EXPECT_EQ(Text(path), "\\Registry\\Machine\\System\\CurrentControlSet\\Services\\bare");
         Name name(L"\\Device\\Bare");
         PDEVICE_OBJECT made;
@@ -61,7 +61,7 @@ TEST_F(Loader, DriverWithoutUnloadStaysAndMajorsLeftAloneRefuse)
     EXPECT_EQ(Open({.Path = L"\\Device\\Bare\\x"}).Status, STATUS_INVALID_DEVICE_REQUEST);
     nthost::LeakReport leaks;
     EXPECT_EQ(nthost::UnloadDriver(driver, &leaks), STATUS_INVALID_DEVICE_REQUEST);
-    driver->DriverUnload = [](PDRIVER_OBJECT object) { IoDeleteDevice(object->DeviceObject); };
+    driver->DriverUnload = [](PDRIVER_OBJECT object) NTAPI { IoDeleteDevice(object->DeviceObject); };
     EXPECT_EQ(nthost::UnloadDriver(driver, &leaks), STATUS_SUCCESS);
     EXPECT_TRUE(leaks.Clean());
 }
@@ -221,7 +221,7 @@ TEST_F(Loader, WorkItemKeepsItsDevice)
         bool IsSystem = false;
     } job;
     job.Item = IoAllocateWorkItem(nameless);
-    const PIO_WORKITEM_ROUTINE routine = [](PDEVICE_OBJECT target, PVOID context) {
+    const PIO_WORKITEM_ROUTINE routine = [](PDEVICE_OBJECT target, PVOID context) NTAPI {
         auto* const self = static_cast<Job*>(context);
         self->Queued.acquire();
         IoFreeWorkItem(self->Item);

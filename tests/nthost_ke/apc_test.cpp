@@ -84,7 +84,7 @@ TEST_F(Apc, RunWhenTheServiceReturnsToUserMode)
 TEST_F(Apc, TheQueueRunsEmptyInOrder)
 {
     Queue(1);
-    const PPS_APC_ROUTINE more = [](PVOID, PVOID, PVOID) {
+    const PPS_APC_ROUTINE more = [](PVOID, PVOID, PVOID) NTAPI {
         ran.push_back(2);
         Queue(4); // runs in the same wait
     };

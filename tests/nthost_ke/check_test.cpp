@@ -145,9 +145,9 @@ struct LeftBehind {
 TEST_F(Check, WhatAWorkItemLeavesBehind)
 {
     const LeftBehind rows[] = {
-        {"irql-changed", [](PVOID) { KfRaiseIrql(APC_LEVEL); }},
-        {"critical-region-left-open", [](PVOID) { KeEnterCriticalRegion(); }},
-        {"top-level-irp-left", [](PVOID) { IoSetTopLevelIrp(reinterpret_cast<PIRP>(FSRTL_FSP_TOP_LEVEL_IRP)); }},
+        {"irql-changed", [](PVOID) NTAPI { KfRaiseIrql(APC_LEVEL); }},
+        {"critical-region-left-open", [](PVOID) NTAPI { KeEnterCriticalRegion(); }},
+        {"top-level-irp-left", [](PVOID) NTAPI { IoSetTopLevelIrp(reinterpret_cast<PIRP>(FSRTL_FSP_TOP_LEVEL_IRP)); }},
     };
     for (const LeftBehind& row : rows)
         TheFinding(row.Rule, [&] {
@@ -159,7 +159,7 @@ TEST_F(Check, WhatAWorkItemLeavesBehind)
             // One worker serves that queue: the second item runs after the first was looked at.
             WORK_QUEUE_ITEM last;
             ExInitializeWorkItem(
-                &last, [](PVOID semaphore) { KeReleaseSemaphore(static_cast<PKSEMAPHORE>(semaphore), 0, 1, FALSE); },
+                &last, [](PVOID semaphore) NTAPI { KeReleaseSemaphore(static_cast<PKSEMAPHORE>(semaphore), 0, 1, FALSE); },
                 &ended);
             ExQueueWorkItem(&last, HyperCriticalWorkQueue);
             WaitFor(&ended);
@@ -270,9 +270,9 @@ void QueueOneTwice()
     static WORK_QUEUE_ITEM holder, item;
     KeInitializeEvent(&never, NotificationEvent, FALSE);
     ExInitializeWorkItem(
-        &holder, [](PVOID) { WaitFor(&never); }, nullptr);
+        &holder, [](PVOID) NTAPI { WaitFor(&never); }, nullptr);
     ExInitializeWorkItem(
-        &item, [](PVOID) {}, nullptr);
+        &item, [](PVOID) NTAPI {}, nullptr);
     ExQueueWorkItem(&holder, HyperCriticalWorkQueue);
     ExQueueWorkItem(&item, HyperCriticalWorkQueue);
     ExQueueWorkItem(&item, HyperCriticalWorkQueue);

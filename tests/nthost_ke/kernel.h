@@ -33,7 +33,7 @@ inline void OnOtherThread(std::function<void()> body) { nthost::StartThread(ntho
 inline void AsDriver(std::function<void()> body)
 {
     HANDLE handle;
-    const auto run = [](PVOID context) { (*static_cast<std::function<void()>*>(context))(); };
+    const auto run = [](PVOID context) NTAPI { (*static_cast<std::function<void()>*>(context))(); };
     ASSERT_EQ(PsCreateSystemThread(&handle, 0x1fffff, nullptr, nullptr, nullptr, run, &body), STATUS_SUCCESS);
     PVOID thread;
     ASSERT_EQ(ObReferenceObjectByHandle(handle, SYNCHRONIZE, PsThreadType, KernelMode, &thread, nullptr),

@@ -87,11 +87,11 @@ TEST_F(Lookaside, SharedByThreads)
     NPAGED_LOOKASIDE_LIST list;
     ExInitializeNPagedLookasideList(
         &list,
-        [](POOL_TYPE type, SIZE_T size, ULONG tag) {
+        [](POOL_TYPE type, SIZE_T size, ULONG tag) NTAPI {
             ++live;
             return ExAllocatePoolWithTag(type, size, tag);
         },
-        [](PVOID block) {
+        [](PVOID block) NTAPI {
             --live;
             ExFreePoolWithTag(block, kTag);
         },

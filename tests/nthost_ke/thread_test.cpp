@@ -106,7 +106,7 @@ TEST_F(Threads, SystemThreadInAnotherProcess)
 {
     HANDLE handle;
     HANDLE seen = nullptr;
-    const auto routine = [](PVOID context) { *static_cast<HANDLE*>(context) = PsGetCurrentProcessId(); };
+    const auto routine = [](PVOID context) NTAPI { *static_cast<HANDLE*>(context) = PsGetCurrentProcessId(); };
     const NTSTATUS status =
         PsCreateSystemThread(&handle, SYNCHRONIZE, nullptr, NtCurrentProcess(), nullptr, routine, &seen);
     ASSERT_EQ(status, STATUS_SUCCESS);
@@ -133,7 +133,7 @@ TEST_F(WorkItems, FirstInFirstOutAndFreedByThemselves)
     std::vector<int> order;
     KEVENT done;
     KeInitializeEvent(&done, SynchronizationEvent, FALSE);
-    const auto run = [](PVOID context) {
+    const auto run = [](PVOID context) NTAPI {
         auto* const item = static_cast<OrderedItem*>(context);
         item->Order->push_back(item->Number);
         delete item;
@@ -145,7 +145,7 @@ TEST_F(WorkItems, FirstInFirstOutAndFreedByThemselves)
     }
     WORK_QUEUE_ITEM last;
     ExInitializeWorkItem(
-        &last, [](PVOID event) { KeSetEvent(static_cast<PRKEVENT>(event), 0, FALSE); }, &done);
+        &last, [](PVOID event) NTAPI { KeSetEvent(static_cast<PRKEVENT>(event), 0, FALSE); }, &done);
     ExQueueWorkItem(&last, DelayedWorkQueue);
     EXPECT_EQ(WaitFor(&done), STATUS_SUCCESS);
     ASSERT_EQ(order.size(), 20u);
@@ -162,14 +162,14 @@ TEST_F(WorkItems, CriticalWorkPassesBlockedDelayedWork)
     WORK_QUEUE_ITEM waits, sets;
     ExInitializeWorkItem(
         &waits,
-        [](PVOID context) {
+        [](PVOID context) NTAPI {
             auto* const both = static_cast<PRKEVENT*>(context);
             WaitFor(both[0]);
             KeSetEvent(both[1], 0, FALSE);
         },
         events);
     ExInitializeWorkItem(
-        &sets, [](PVOID event) { KeSetEvent(static_cast<PRKEVENT>(event), 0, FALSE); }, &critical);
+        &sets, [](PVOID event) NTAPI { KeSetEvent(static_cast<PRKEVENT>(event), 0, FALSE); }, &critical);
     ExQueueWorkItem(&waits, DelayedWorkQueue);
     ExQueueWorkItem(&sets, CriticalWorkQueue);
     EXPECT_EQ(WaitFor(&delayed), STATUS_SUCCESS);
@@ -184,7 +184,7 @@ TEST_F(WorkItems, ShutdownRunsOutTheQueues)
     } again{{}, 50};
     ExInitializeWorkItem(
         &again.Item,
-        [](PVOID context) {
+        [](PVOID context) NTAPI {
             auto* const self = static_cast<Again*>(context);
             if (--self->Left) ExQueueWorkItem(&self->Item, self->Left % 2 ? CriticalWorkQueue : DelayedWorkQueue);
         },

@@ -96,7 +96,7 @@ TEST_F(Timer, DpcIsQueuedOnceAndCanBeTakenBack)
     KDPC blocker;
     KeInitializeDpc(
         &blocker,
-        [](PKDPC, PVOID context, PVOID, PVOID) {
+        [](PKDPC, PVOID context, PVOID, PVOID) NTAPI {
             auto* const g = static_cast<Gate*>(context);
             g->Entered = true;
             YieldUntil([g] { return g->Open.load(); });

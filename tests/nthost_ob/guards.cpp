@@ -119,7 +119,7 @@ TEST_F(GuardTest, JumpsPutBackWhatCallsIntoDriversChange)
         });
     });
     EXPECT_EQ(status, STATUS_ACCESS_VIOLATION);
-    EXPECT_EQ(ke::CurrentThread()->DriverDepth, 0u);
+    EXPECT_EQ(ke::CurrentThread()->Calls, nullptr);
     EXPECT_EQ(ke::CurrentThread()->CurrentIrp, nullptr);
     EXPECT_EQ(ExGetPreviousMode(), UserMode);
 }

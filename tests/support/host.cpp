@@ -2,10 +2,33 @@
 
 #include "support/host.h"
 
+#include <cstdio>
+#include <sstream>
+
 #include <nthost/check.h>
 #include <nthost/debug.h>
+#include <nthost/image.h>
 
 namespace support {
+
+namespace {
+
+// With an image for the driver, the end of a program tells how deep its stack was.
+class DeepestStack : public ::testing::Environment {
+public:
+    void TearDown() override
+    {
+        const nthost::StackUse use = nthost::DeepestImageStack();
+        if (!use.Bytes) return;
+        std::printf("deepest stack of images: %zu bytes\n", use.Bytes);
+        std::istringstream lines(use.Stack);
+        for (std::string line; std::getline(lines, line);)
+            if (line.find(".sys!") != line.npos) std::printf("  %s\n", line.c_str());
+    }
+};
+const ::testing::Environment* const deepestStack = ::testing::AddGlobalTestEnvironment(new DeepestStack);
+
+} // namespace
 
 std::vector<std::string> BootedTest::ShutDown()
 {

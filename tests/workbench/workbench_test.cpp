@@ -113,16 +113,15 @@ TEST_F(Workbench, NamesAndSidsAreCheckedBeforeNtSeesThem)
 TEST_F(Workbench, TablesAreHeldToWhatTheyOwe)
 {
     PluginOps table = {};
-    table.Lookup = [](void*, PKEVENT, PCUNICODE_STRING, PluginFileInfo**, PluginAccessMask*) { return STATUS_SUCCESS; };
-    table.Open = [](void*, PKEVENT, PCUNICODE_STRING, PluginAccessMask, PluginFd*) { return STATUS_SUCCESS; };
-    table.Write = [](void*, PKEVENT, PluginFd, LONGLONG, ULONG* length, const void*) {
-        return --*length, STATUS_SUCCESS;
-    };
-    table.SetFileSize = [](void*, PKEVENT, PluginFd, LONGLONG* size, const LONGLONG*) {
-        return ++*size, STATUS_SUCCESS;
-    };
+    table.Lookup = [](void*, PKEVENT, PCUNICODE_STRING, PluginFileInfo**, PluginAccessMask*)
+                       NTAPI { return STATUS_SUCCESS; };
+    table.Open = [](void*, PKEVENT, PCUNICODE_STRING, PluginAccessMask, PluginFd*) NTAPI { return STATUS_SUCCESS; };
+    table.Write = [](void*, PKEVENT, PluginFd, LONGLONG, ULONG* length, const void*)
+                      NTAPI { return --*length, STATUS_SUCCESS; };
+    table.SetFileSize = [](void*, PKEVENT, PluginFd, LONGLONG* size, const LONGLONG*)
+                            NTAPI { return ++*size, STATUS_SUCCESS; };
     // A record that comes with a failure is freed all the same; the fixture would see it.
-    table.ReadDirEntry = [](void*, PKEVENT, PluginFd, ULONG, PluginDirEntry** entry) {
+    table.ReadDirEntry = [](void*, PKEVENT, PluginFd, ULONG, PluginDirEntry** entry) NTAPI {
         *entry = static_cast<PluginDirEntry*>(ExAllocatePoolWithTag(PagedPool, sizeof **entry, 'tseT'));
         RtlZeroMemory(*entry, sizeof **entry);
         return STATUS_DISK_CORRUPT_ERROR;

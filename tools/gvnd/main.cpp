@@ -25,6 +25,7 @@ using namespace tool;
 struct Options {
     VolumeChoice Volume;
     bool Trace = false;
+    std::string Image = workbench::ImageOfEnvironment("GVND_IMAGE");
     std::string Script;     // -c
     std::string ScriptFile; // a file, or - for standard input
     std::string Capacity;
@@ -68,7 +69,7 @@ VolumeChoice ChoiceOf(const Options& options)
 
 int RunShell(const Options& options)
 {
-    Session session(options.Trace);
+    Session session(options.Trace, options.Image);
     session.Mount(ChoiceOf(options));
     {
         Shell shell(session);
@@ -80,7 +81,7 @@ int RunShell(const Options& options)
 // An import or an export, by its function.
 int RunTransfer(const Options& options, CopyTotals (*transfer)(Session&, const std::string&, const std::string&))
 {
-    Session session(options.Trace);
+    Session session(options.Trace, options.Image);
     session.Mount(ChoiceOf(options));
     const int agreed = PrintTotals(transfer(session, options.From, options.To));
     const int leaked = ReportLeaks(session);
@@ -97,6 +98,8 @@ void AddVolumeOptions(CLI::App* command, Options& options)
     command->add_option("--capacity", options.Capacity, "size of memfs in bytes, or as 512M or 4G (1G)");
     command->add_option("--sddl", options.Volume.Sddl,
                         "who may open the volume, as in \"D:P(A;;GA;;;SY)(A;;GR;;;WD)\"; everybody without it");
+    command->add_option("--image", options.Image,
+                        "a kernel image of the driver (gvnd.sys), run instead of the driver inside");
     command->add_flag("--trace", options.Trace, "the driver's trace on standard error, from the load on");
 }
 

@@ -20,10 +20,10 @@ constexpr char kName[] = "Gvnd";
 
 } // namespace
 
-Session::Session(bool trace)
+Session::Session(bool trace, const std::string& image)
 {
     SetTrace(trace);
-    Require("load the driver", host_.LoadGvnd());
+    Require("load the driver " + image, host_.LoadGvnd(image));
 }
 
 Session::~Session()

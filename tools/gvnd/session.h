@@ -21,8 +21,8 @@ struct VolumeChoice {
 
 class Session {
 public:
-    // Boots, loads the driver, prints each line of the trace if asked to.
-    explicit Session(bool trace);
+    // Boots, loads the driver or the kernel image of it, prints each line of the trace if asked to.
+    explicit Session(bool trace, const std::string& image = workbench::ImageOfEnvironment("GVND_IMAGE"));
     // Ends what is still there; Finish tells what was left.
     ~Session();
     Session(const Session&) = delete;

@@ -15,10 +15,25 @@ static_assert(sizeof(wchar_t) == 2, "compile with -fshort-wchar");
 _Static_assert(sizeof(wchar_t) == 2, "compile with -fshort-wchar");
 #endif
 
-// Every routine and callback that crosses between kernel, driver and plugin carries NTAPI, so that one build flag can
-// give them all another calling convention.
-#ifndef NTAPI
+// Every routine and callback that crosses between kernel, driver and plugin carries NTAPI. With NTHOST_MS_ABI, which
+// everything that is linked together must agree on, they all have the calling convention of the platform, and a kernel
+// image can call them and be called as it is.
+#ifndef NTHOST_MS_ABI
+#define NTHOST_MS_ABI 0
+#endif
+#if NTHOST_MS_ABI
+#define NTAPI __attribute__((ms_abi))
+// The rest of an NTAPI routine's arguments, for va_arg.
+#define NT_VA_LIST        __builtin_ms_va_list
+#define NT_VA_START(l, p) __builtin_ms_va_start(l, p)
+#define NT_VA_COPY(d, s)  __builtin_ms_va_copy(d, s)
+#define NT_VA_END(l)      __builtin_ms_va_end(l)
+#else
 #define NTAPI
+#define NT_VA_LIST        __builtin_va_list
+#define NT_VA_START(l, p) __builtin_va_start(l, p)
+#define NT_VA_COPY(d, s)  __builtin_va_copy(d, s)
+#define NT_VA_END(l)      __builtin_va_end(l)
 #endif
 #define FASTCALL NTAPI
 #define NTKERNELAPI

@@ -20,9 +20,10 @@ NT_EXTERN_C_BEGIN
 typedef struct _NT_GUARD {
     struct _NT_GUARD* Outer;
     NTSTATUS Code;
-    ULONG DriverDepth;            // the thread's depth of driver calls and mode at the guard, put back
-    KPROCESSOR_MODE PreviousMode; // when an exception jumps over nthost's own frames
+    KPROCESSOR_MODE PreviousMode; // of the thread at the guard, put back when an exception jumps over nthost's frames
     void* CurrentIrp;             // the same
+    void* Calls;                  // the same: calls into driver code
+    void* Frame;                  // where on the stack: frames of what the guard encloses lie below
     jmp_buf Context;
 } NT_GUARD, *PNT_GUARD;
 

@@ -55,7 +55,7 @@ NTSYSAPI SIZE_T NTAPI RtlCompareMemory(const VOID* Source1, const VOID* Source2,
 // Debug output goes to nthost's sink (nthost/debug.h), which costs a load and a branch when nobody listens. Formats:
 // flags, width and precision as in C; %d %i %u %x %X %o %c %C %s %S %ws %ls %hs %Z %wZ %p, with the size prefixes h, l,
 // ll, I64, I32, I. %S and %ws take 16-bit text, %Z and %wZ counted strings.
-NTSYSAPI ULONG DbgPrint(PCSTR Format, ...);
+NTSYSAPI ULONG NTAPI DbgPrint(PCSTR Format, ...);
 #define DPFLTR_DEFAULT_ID    101
 #define DPFLTR_IHVDRIVER_ID  77
 #define DPFLTR_ERROR_LEVEL   0
@@ -64,7 +64,7 @@ NTSYSAPI ULONG DbgPrint(PCSTR Format, ...);
 #define DPFLTR_INFO_LEVEL    3
 #define DPFLTR_MASK          0x80000000u
 // Nothing is filtered: all components and levels go to the sink.
-NTSYSAPI ULONG DbgPrintEx(ULONG ComponentId, ULONG Level, PCSTR Format, ...);
+NTSYSAPI ULONG NTAPI DbgPrintEx(ULONG ComponentId, ULONG Level, PCSTR Format, ...);
 
 NT_EXTERN_C_END
 

@@ -27,6 +27,10 @@ struct MountOptions {
     std::string Sddl = {};       // empty: everybody may
 };
 
+// A path that the environment gives, or nothing. GVND_IMAGE stands for the driver, GVND_MEMFS_IMAGE for the plugin that
+// is a driver of its own: so that every program that uses this library can be run on what is shipped.
+std::string ImageOfEnvironment(const char* variable);
+
 class Host {
 public:
     explicit Host(const nthost::BootOptions& options = {});
@@ -35,17 +39,21 @@ public:
     Host(const Host&) = delete;
     Host& operator=(const Host&) = delete;
 
-    // The driver itself; the status of its entry.
-    [[nodiscard]] NTSTATUS LoadGvnd();
+    // The driver itself, or the kernel image of it; the status of its entry.
+    [[nodiscard]] NTSTATUS LoadGvnd(const std::string& image = ImageOfEnvironment("GVND_IMAGE"));
     PDRIVER_OBJECT Gvnd() const;
     // Another driver, such as a plugin that is one.
     [[nodiscard]] NTSTATUS Load(const std::string& name, PDRIVER_INITIALIZE entry);
+    // The same from a kernel image (nthost/image.h).
+    [[nodiscard]] NTSTATUS LoadImage(const std::string& name, const std::string& path);
     // All of them, the last loaded first; what they left.
     Report UnloadDrivers();
     // Unloads and shuts down. All volumes must be unmounted.
     Report Finish();
 
-    // Through the table of services, which is fetched as a kernel plugin fetches it. The table must stay until its
+    // The driver's table of services, fetched as a kernel plugin fetches it; null if the driver is not there.
+    const GvServices* Services();
+    // Through that. The table must stay until its
     // OnUnmounted has returned; volume.h waits for that.
     [[nodiscard]] NTSTATUS Mount(const MountOptions& options, const PluginOps* table, PDEVICE_OBJECT* device);
     // Idle sections go first: one keeps its file open, and so the volume.

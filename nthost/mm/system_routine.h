@@ -1,0 +1,16 @@
+// Kernel routines and variables by name, for MmGetSystemRoutineAddress and for the imports of images.
+#pragma once
+
+#include <string>
+
+namespace nthost::mm {
+
+struct SystemRoutine {
+    void* Address;
+    bool IsRoutine; // not a variable
+};
+
+// Null for a name that is not known or that a test hides.
+SystemRoutine FindSystemRoutine(const std::string& name);
+
+} // namespace nthost::mm
