@@ -41,7 +41,7 @@ void CompareThreadState(const ThreadState& before, const char* what)
     if (const size_t held = ke::HeldBy(thread).size(); held != before.HeldCount)
         ReportFinding("lock-held-at-return",
                       Format("%s: %zu locks before, %zu after:", what, before.HeldCount, held) + HeldText(thread));
-    thread->Irql = before.Irql;
+    ke::SetIrql(thread, before.Irql);
     thread->ApcDisable = before.ApcDisable;
     thread->GuardedRegions = before.GuardedRegions;
     thread->TopLevelIrp = before.TopLevelIrp;

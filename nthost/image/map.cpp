@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 
 #include "image/exports.h"
+#include "image/platform.h"
 #include "image/stack_use.h"
 #include <nthost/check.h>
 
@@ -150,6 +151,7 @@ const char* MapInto(const PeFile& file, Module* module, std::vector<std::string>
     if (const char* wrong = mapping.BindImports(missing)) return wrong;
     if (!missing->empty()) return "it imports what nthost does not have";
     if (const char* wrong = mapping.CheckFunctions()) return wrong;
+    ReplaceIrqlReads(module);
     return mapping.Protect();
 }
 

@@ -2,6 +2,7 @@
 #include "image/platform.h"
 
 #include <cstring>
+#include <sys/auxv.h>
 
 #include <ntifs.h>
 
@@ -29,7 +30,7 @@ bool EmulateIrqlMove(ucontext_t* fault, const uint8_t* code)
     if (code[2] == 0x20)
         general = thread->Irql;
     else
-        thread->Irql = static_cast<KIRQL>(general);
+        ke::SetIrql(thread, static_cast<KIRQL>(general));
     fault->uc_mcontext.gregs[REG_RIP] += 4;
     return true;
 }
@@ -56,6 +57,24 @@ bool EmulateTimeLoad(ucontext_t* fault, const uint8_t* code, uint64_t address)
 }
 
 } // namespace
+
+void ReplaceIrqlReads(Module* module)
+{
+    // mov r64, cr8, and rdgsbase r32, for the first eight registers.
+    constexpr uint8_t kRead[] = {0x44, 0x0f, 0x20}, kInstead[] = {0xf3, 0x0f, 0xae};
+    constexpr unsigned long SegmentBases = 2; // the processor lets a process set them
+    if (!(getauxval(AT_HWCAP2) & SegmentBases)) return;
+    // Threads that run now have had no code of an image before, and their own IRQL comes with its next change.
+    ke::gsHoldsIrql.store(true, std::memory_order_relaxed);
+    for (size_t i = 0; i < module->FunctionCount; ++i) {
+        uint8_t* const end = module->Base + module->Functions[i].End;
+        for (uint8_t* at = module->Base + module->Functions[i].Begin; at + 4 <= end; ++at) {
+            if (memcmp(at, kRead, sizeof kRead) != 0 || (at[3] & 0xf8) != 0xc0) continue;
+            memcpy(at, kInstead, sizeof kInstead);
+            at[3] += 0xc8 - 0xc0;
+        }
+    }
+}
 
 bool EmulateInstruction(ucontext_t* fault, const void* address)
 {

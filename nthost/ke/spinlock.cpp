@@ -45,7 +45,7 @@ KIRQL NTAPI KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock)
 {
     _ETHREAD* const thread = ke::CurrentThread();
     const KIRQL before = thread->Irql;
-    if (before < DISPATCH_LEVEL) thread->Irql = DISPATCH_LEVEL;
+    if (before < DISPATCH_LEVEL) ke::SetIrql(thread, DISPATCH_LEVEL);
     if (NTHOST_CHECKS) CheckAcquire(thread, SpinLock);
     ke::LockWord(WordOf(SpinLock));
     if (NTHOST_CHECKS)
@@ -57,5 +57,5 @@ VOID NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql)
 {
     _ETHREAD* const thread = ke::CurrentThread();
     if (!NTHOST_CHECKS || CheckRelease(thread, SpinLock)) ke::UnlockWord(WordOf(SpinLock));
-    thread->Irql = NewIrql;
+    ke::SetIrql(thread, NewIrql);
 }

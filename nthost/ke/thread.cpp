@@ -31,7 +31,11 @@ int64_t Nanoseconds(clockid_t clock)
 
 void NotAttached() { Fatal("an NT routine was called on a thread that is not attached to a process"); }
 
-void SetCurrentThread(_ETHREAD* thread) { currentThread = thread; }
+void SetCurrentThread(_ETHREAD* thread)
+{
+    currentThread = thread;
+    if (thread) SetIrql(thread, thread->Irql);
+}
 
 int64_t MonotonicNow() { return Nanoseconds(CLOCK_MONOTONIC); }
 
@@ -61,7 +65,7 @@ KIRQL NTAPI KfRaiseIrql(KIRQL NewIrql)
     const KIRQL before = thread->Irql;
     if (NTHOST_CHECKS && NewIrql < before)
         ReportFinding("irql-not-raised", Format("raise from %u to %u", before, NewIrql));
-    thread->Irql = NewIrql;
+    ke::SetIrql(thread, NewIrql);
     return before;
 }
 
@@ -70,7 +74,7 @@ VOID NTAPI KeLowerIrql(KIRQL NewIrql)
     _ETHREAD* const thread = ke::CurrentThread();
     if (NTHOST_CHECKS && NewIrql > thread->Irql)
         ReportFinding("irql-not-lowered", Format("lowering from %u to %u", thread->Irql, NewIrql));
-    thread->Irql = NewIrql;
+    ke::SetIrql(thread, NewIrql);
     ke::AllowKernelApcs(thread);
 }
 

@@ -96,6 +96,18 @@ extern constinit thread_local _ETHREAD* currentThread;
 
 [[noreturn]] void NotAttached();
 
+// Since an image is mapped whose code reads the IRQL in one instruction (image/platform.h): from the base of the gs
+// segment, which is otherwise unused here. Keeping it there has a price, so nobody does until then.
+inline constinit std::atomic<bool> gsHoldsIrql = false;
+
+inline void SetIrql(_ETHREAD* thread, KIRQL irql)
+{
+    thread->Irql = irql;
+#if NTHOST_MS_ABI
+    if (gsHoldsIrql.load(std::memory_order_relaxed)) asm volatile("wrgsbase %0" ::"r"(uint64_t{irql}));
+#endif
+}
+
 constexpr size_t ModeIndex(KPROCESSOR_MODE mode) { return mode == KernelMode ? 0 : 1; }
 
 // Whether normal kernel APCs stay away: in a critical or guarded region, with a mutex, at APC_LEVEL (fast mutexes).

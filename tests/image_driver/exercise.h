@@ -22,7 +22,8 @@ enum ExerciseCase {
     ExercisePrint,       // DbgPrint with arguments of all kinds
     ExerciseThread,      // a system thread of the image, with its alignment, ends by a raise that it guards
     ExerciseLeak,        // leaves a block of pool behind
-    ExerciseDeepStack    // uses Address bytes of stack
+    ExerciseDeepStack,   // uses Address bytes of stack
+    ExerciseIrql         // reads the IRQL in place: Info[0], with a spin lock held Info[1], and after a write Value
 };
 
 typedef struct Exercise {

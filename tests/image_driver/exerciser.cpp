@@ -180,6 +180,20 @@ __attribute__((noinline)) ULONG64 Deep(ULONG64 bytes)
                                 : Deep(bytes - sizeof room) + room[0];
 }
 
+// The last two go by instructions that nobody replaces.
+void Irql(Exercise* exercise)
+{
+    static KSPIN_LOCK lock;
+    exercise->Info[0] = KeGetCurrentIrql();
+    const KIRQL before = KeAcquireSpinLockRaiseToDpc(&lock);
+    exercise->Info[1] = KeGetCurrentIrql();
+    KeReleaseSpinLock(&lock, before);
+    ULONG64 irql = APC_LEVEL;
+    asm volatile("movq %1, %%cr8\n\tmovq %%cr8, %%r9\n\tmovq %%r9, %0" : "=r"(exercise->Value) : "r"(irql) : "r9");
+    irql = before;
+    asm volatile("movq %0, %%cr8" ::"r"(irql));
+}
+
 } // namespace
 
 extern "C" __attribute__((noinline)) void ExerciserLeak(Exercise* exercise)
@@ -204,6 +218,7 @@ NTSTATUS Run(Exercise* exercise)
     case ExerciseThread: return Thread(exercise);
     case ExerciseLeak: ExerciserLeak(exercise); break;
     case ExerciseDeepStack: exercise->Value = Deep(reinterpret_cast<ULONG64>(exercise->Address)); break;
+    case ExerciseIrql: Irql(exercise); break;
     default: return STATUS_INVALID_PARAMETER;
     }
     return STATUS_SUCCESS;

@@ -193,6 +193,17 @@ TEST_F(Images, LetARaiseThroughToAGuardOfTheHost)
     ObDereferenceObject(file);
 }
 
+TEST_F(Images, ReadTheIrqlInPlace)
+{
+    Load();
+    Exercise exercise{};
+    exercise.Case = ExerciseIrql;
+    EXPECT_STATUS(STATUS_SUCCESS, Run(exercise));
+    EXPECT_EQ(exercise.Info[0], ULONG64{PASSIVE_LEVEL});
+    EXPECT_EQ(exercise.Info[1], ULONG64{DISPATCH_LEVEL});
+    EXPECT_EQ(exercise.Value, ULONG64{APC_LEVEL});
+}
+
 TEST_F(Images, PrintWithTheirArguments)
 {
     std::string text;
