@@ -159,7 +159,8 @@ TEST_F(Check, WhatAWorkItemLeavesBehind)
             // One worker serves that queue: the second item runs after the first was looked at.
             WORK_QUEUE_ITEM last;
             ExInitializeWorkItem(
-                &last, [](PVOID semaphore) NTAPI { KeReleaseSemaphore(static_cast<PKSEMAPHORE>(semaphore), 0, 1, FALSE); },
+                &last,
+                [](PVOID semaphore) NTAPI { KeReleaseSemaphore(static_cast<PKSEMAPHORE>(semaphore), 0, 1, FALSE); },
                 &ended);
             ExQueueWorkItem(&last, HyperCriticalWorkQueue);
             WaitFor(&ended);
