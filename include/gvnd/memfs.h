@@ -34,7 +34,7 @@ VOID NTAPI MemFsDestroy(PluginOps* ops);
 // The service's entry, for loading it into the process that hosts the driver; plugins/entry/plugin_driver.cpp says what
 // its service key may hold. And the plugin's, with arguments "capacity=SIZE,label=TEXT".
 NTSTATUS NTAPI GvMemfsDriverEntry(PDRIVER_OBJECT driver, PUNICODE_STRING registryPath);
-const GvndPlugin* NTAPI GvMemfsPlugin(VOID);
+const GvndPlugin* GvMemfsPlugin(VOID);
 #endif
 
 #ifdef __cplusplus

@@ -9,7 +9,13 @@
 extern "C" {
 #endif
 
+// Of a program and a plugin that agree on the version, the calls between them agree as well: a build for kernel images
+// has the kernel's calling convention in a process too, and says so in the upper half.
+#if defined(_WIN32) || (defined(NTHOST_MS_ABI) && NTHOST_MS_ABI)
+#define GVND_PLUGIN_ENTRY_VERSION 0x10001u
+#else
 #define GVND_PLUGIN_ENTRY_VERSION 1u
+#endif
 
 typedef struct GvndPlugin {
     ULONG Version; // GVND_PLUGIN_ENTRY_VERSION
@@ -33,10 +39,11 @@ typedef struct GvndPlugin {
 #define GVND_PLUGIN_EXPORT __attribute__((visibility("default")))
 #endif
 
-// The record is constant, and stays as long as the code.
-typedef const GvndPlugin*(NTAPI* GvndGetPluginFn)(VOID);
+// The record is constant, and stays as long as the code. The function itself has the convention of C where it runs, so
+// that the version can be asked of any plugin.
+typedef const GvndPlugin* (*GvndGetPluginFn)(VOID);
 #define GVND_PLUGIN_ENTRY_NAME "GvndGetPlugin"
-GVND_PLUGIN_EXPORT const GvndPlugin* NTAPI GvndGetPlugin(VOID);
+GVND_PLUGIN_EXPORT const GvndPlugin* GvndGetPlugin(VOID);
 
 #ifdef __cplusplus
 }

@@ -5,7 +5,8 @@
 
 Unwind data is checked over the code itself, not over symbols: each byte of an executable section belongs to a function
 with an entry in .pdata, or to code that provably leaves the stack alone and may therefore be unwound as a leaf. So are the reads of
-imported data: each is as deep as the list of allowed imports says.
+imported data: each is as deep as the list of allowed imports says. So are the registers: a driver keeps off those that the
+platform does not save for it.
 """
 import argparse
 import pathlib
@@ -16,6 +17,8 @@ import sys
 import data_imports
 import pe
 
+# x87, MMX, AVX and mask registers: a driver that uses them must save the interrupted thread's first.
+UNSAVED_REGISTER = re.compile(r"%(st\b|mm[0-7]\b|[yz]mm\d|k[0-7]\b)|^(f(ld|st|ist|ild|in|n|add|sub|mul|div|com|xch|wait)|emms|v[a-z]+ )")
 # What a leaf must not do: move the stack pointer, or call.
 NOT_A_LEAF = re.compile(r"^(push|pop|call|enter|leave)|,\s*%(rsp|esp)$")
 INSTRUCTION = re.compile(r"^\s*([0-9a-f]+):\s+(\S.*?)\s*(#.*)?$")
@@ -42,6 +45,8 @@ def check_header(image):
     for section in image.sections:
         if section.flags & pe.SECTION_EXECUTE and section.flags & pe.SECTION_WRITE:
             yield f"section {section.name} is writable and executable"
+        if section.name.startswith("PAGE") or section.flags & pe.SECTION_DISCARDABLE and section.flags & pe.SECTION_EXECUTE:
+            yield f"section {section.name} may be paged out, and nothing says which of its code runs above APC_LEVEL"
 
 
 def check_relocations(image):
@@ -152,6 +157,12 @@ def check_leaves(image, instructions, functions):
             yield f"code at {address:#x} has no unwind data but uses the stack: {text}"
 
 
+def check_registers(instructions):
+    for address, text, _ in instructions:
+        if UNSAVED_REGISTER.search(text):
+            yield f"code at {address:#x} uses a register that the platform does not save for a driver: {text}"
+
+
 def report(image, path, functions, loads, allowed):
     imports = sorted({name for _, name in image.imports()})
     handlers = sum(1 for f in functions if image.unwind_version_and_flags(f)[1] & pe.UNWIND_HANDLERS)
@@ -185,6 +196,7 @@ def main():
         *check_pdb(image, arguments.image),
         *check_unwind_entries(image, functions),
         *check_leaves(image, instructions, functions),
+        *check_registers(instructions),
     ]
     for complaint in complaints:
         print(f"{arguments.image.name}: {complaint}", file=sys.stderr)

@@ -47,6 +47,13 @@ class DataImports(unittest.TestCase):
         self.assertEqual(list(check_image.check_data({}, ["PsThreadType"], ALLOWED)),
                          ["imports PsThreadType, but nothing shows how it is read"])
 
+    def test_registers_that_nobody_saves_are_refused(self):
+        text = ["movaps %xmm0, 32(%rsp)", "movq %rax, %rcx", "verw %ax", "fxsave64 (%rax)",
+                "vmovdqu (%rcx), %ymm0", "movq %rax, %mm1", "fldl (%rcx)", "fstp %st(1)", "vzeroupper ", "kmovw %eax, %k1"]
+        listing = "\n".join(f"{0x1000 + at:x}: {line}" for at, line in enumerate(text))
+        complaints = list(check_image.check_registers(check_image.parse(listing, 0)))
+        self.assertEqual(len(complaints), 6, complaints)
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -35,4 +35,4 @@ constexpr GvndPlugin kPlugin = {
 } // namespace
 } // namespace hostfs
 
-extern "C" const GvndPlugin* NTAPI GvndGetPlugin(VOID) { return &hostfs::kPlugin; }
+extern "C" const GvndPlugin* GvndGetPlugin(VOID) { return &hostfs::kPlugin; }

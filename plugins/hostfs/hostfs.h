@@ -34,4 +34,4 @@ void HostFsDestroy(PluginOps* operations);
 [[nodiscard]] NTSTATUS HostFsMakeLink(PluginOps* operations, PCUNICODE_STRING path, PCUNICODE_STRING target);
 
 // The plugin's entry, under the name that it has beside others in one process. Arguments: "[ro:]DIRECTORY".
-extern "C" const GvndPlugin* NTAPI GvHostfsPlugin(VOID);
+extern "C" const GvndPlugin* GvHostfsPlugin(VOID);

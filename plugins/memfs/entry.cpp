@@ -34,4 +34,4 @@ constexpr GvndPlugin kPlugin = {
 } // namespace
 } // namespace memfs
 
-extern "C" const GvndPlugin* NTAPI GvndGetPlugin(VOID) { return &memfs::kPlugin; }
+extern "C" const GvndPlugin* GvndGetPlugin(VOID) { return &memfs::kPlugin; }

@@ -121,4 +121,4 @@ constexpr GvndPlugin kPlugin = {
 
 } // namespace
 
-extern "C" const GvndPlugin* NTAPI GvndGetPlugin(VOID) { return &kPlugin; }
+extern "C" const GvndPlugin* GvndGetPlugin(VOID) { return &kPlugin; }

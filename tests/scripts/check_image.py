@@ -33,6 +33,10 @@ def executable_and_writable(image, data):
     struct.pack_into("<I", data, offset, flags | pe.SECTION_EXECUTE | pe.SECTION_WRITE)
 
 
+def rename_code(name):
+    return put("8s", lambda image: image.optional + struct.unpack_from("<H", image.data, image.header + 20)[0], name)
+
+
 def directory_size(index):
     return lambda image: image.optional + 112 + 8 * index + 4
 
@@ -52,6 +56,7 @@ DAMAGES = [
     (without_flag(pe.DYNAMIC_BASE), "cannot be loaded at another address"),
     (put("<I", directory_size(pe.RELOCATIONS), 0), "no relocations"),
     (executable_and_writable, "is writable and executable"),
+    (rename_code(b"PAGEcode"), "section PAGEcode may be paged out"),
     (put("<I", directory_size(pe.DEBUG), 0), "names no PDB"),
     (put("<I", directory_size(pe.EXCEPTIONS), 0), "no unwind data"),
     (swapped_functions, "unwind entries out of order"),

@@ -51,6 +51,24 @@ expect "missing directory" 1 'STATUS_OBJECT_PATH_NOT_FOUND' "$gvnd" shell "${vol
 expect "unknown command" 2 "unknown command 'frob'" "$gvnd" shell "${volume[@]}" -c 'frob'
 expect "open handles at unmount" 2 'close them first' "$gvnd" shell "${volume[@]}" -c 'open /hello.txt; unmount'
 expect "unknown plugin" 2 'memfs, hostfs, and so:PATH' "$gvnd" shell -p nofs -c 'ls'
+
+# --- of two shared objects that differ in their calling convention, the one that is not the tool's is refused
+cat >"$work/none.c" <<'END'
+#include <gvnd/plugin_entry.h>
+static NTSTATUS NTAPI Create(const char* arguments, PluginOps** ops) { return STATUS_DISK_FULL; }
+static VOID NTAPI Done(PluginOps* ops) {}
+static const GvndPlugin kPlugin = {GVND_PLUGIN_ENTRY_VERSION, 0, "none", "", "", Create, Done, Done};
+const GvndPlugin* GvndGetPlugin(VOID) { return &kPlugin; }
+END
+for kernel in 0 1; do
+    cc -shared -fPIC -fshort-wchar -DNTHOST_MS_ABI=$kernel -I"$source/nthost/include" -I"$source/include" \
+        -o "$work/none$kernel.so" "$work/none.c"
+    "$gvnd" shell -p "so:$work/none$kernel.so" -c ls
+done >"$work/conventions" 2>&1
+expect "a plugin of the tool's convention" 0 STATUS_DISK_FULL cat "$work/conventions"
+expect "a plugin of another convention" 0 'built for version 1( in the kernel.s .*)? of the plugin entry, and this is 1( in the .*)?; build it' \
+    cat "$work/conventions"
+
 expect "missing root" 1 'STATUS_OBJECT_NAME_NOT_FOUND' "$gvnd" shell -p hostfs:/no/such/dir -c 'ls'
 expect "usage" 2 'Run with --help' "$gvnd" export
 expect "memfs is empty" 0 '^0 entries$' "$gvnd" shell -c 'ls -l'

@@ -25,6 +25,11 @@ std::string Names()
     return names + "and so:PATH for a shared object";
 }
 
+std::string VersionText(ULONG version)
+{
+    return fmt::format("{}{}", version & 0xffff, version >> 16 ? " in the kernel's calling convention" : "");
+}
+
 // A path without a slash would be looked for where the system's libraries are.
 ChosenPlugin Load(const std::string& path)
 {
@@ -44,8 +49,10 @@ ChosenPlugin Load(const std::string& path)
     }
     const GvndPlugin* const plugin = get();
     if (!plugin || plugin->Version != GVND_PLUGIN_ENTRY_VERSION) {
-        throw HostFailure(fmt::format("{} was built for version {} of the plugin entry, and this is {}; build it anew",
-                                      path, plugin ? plugin->Version : 0, GVND_PLUGIN_ENTRY_VERSION));
+        throw HostFailure(fmt::format(
+            "{} was built for version {} of the plugin entry, and this is {}; build it anew against the gvnd "
+            "that loads it",
+            path, VersionText(plugin ? plugin->Version : 0), VersionText(GVND_PLUGIN_ENTRY_VERSION)));
     }
     if (!plugin->Name || !plugin->Create || !plugin->WaitUntilUnmounted || !plugin->Destroy)
         throw HostFailure(fmt::format("{}: its entry leaves a field empty (gvnd/plugin_entry.h)", path));
