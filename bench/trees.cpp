@@ -12,7 +12,7 @@ namespace bench {
 
 namespace {
 
-constexpr unsigned kCounts[] = {10, 1'000, 100'000};
+constexpr unsigned kCounts[] = {10, 1'000, 100'000, 1'000'000};
 
 template <typename Body>
 void ForEachPath(benchmark::State& state, Population& population, Body body)

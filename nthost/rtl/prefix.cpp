@@ -1,13 +1,17 @@
 // The Unicode prefix table. Names with equally many components make up one splay tree, ordered by their folded text;
 // the roots hang in a list, most components first. Names that differ only in case form a ring, of which one member is
-// in the tree. Callers serialise everything; nothing is allocated.
+// in the tree. A table of many names has an index too (rtl/prefix_index.h), whose head stands in front of the roots; it
+// comes and goes with their number. Callers serialise everything.
 
 #include <algorithm>
 #include <cstring>
 
 #include "rtl/casing.h"
+#include "rtl/prefix_index.h"
 #include "rtl/splay.h"
 
+using nthost::rtl::FoldedHash;
+using nthost::rtl::PrefixIndex;
 using nthost::rtl::Upcase;
 
 namespace {
@@ -19,6 +23,10 @@ constexpr CSHORT kTable = 0x0800;
 constexpr CSHORT kRoot = 0x0801;
 constexpr CSHORT kChild = 0x0802;
 constexpr CSHORT kCaseMatch = 0x0803; // in a ring, not in a tree
+constexpr CSHORT kIndex = 0x0804;
+
+// So many entries in trees make an index, and half of it ends it. Below, the table's NameLength counts them.
+constexpr CSHORT kIndexed = 64;
 
 struct Name {
     PCWCH Text;
@@ -60,6 +68,13 @@ int CompareFolded(Name a, Name b)
     return a.Units == b.Units ? 0 : a.Units < b.Units ? -1 : 1;
 }
 
+FoldedHash HashOf(Name name)
+{
+    FoldedHash hash;
+    for (size_t i = 0; i < name.Units; ++i) hash.Append(Upcase(name.Text[i]));
+    return hash;
+}
+
 // Whether the prefix is spelled as the name is, as far as `units` goes.
 bool SameCase(Name prefix, Name name, size_t units)
 {
@@ -77,6 +92,17 @@ public:
     bool EndsInBackslash() const { return name_.Units > 1 && name_.Text[name_.Units - 1] == L'\\'; }
     void DropBackslash() { --name_.Units; }
 
+    // Of what is left.
+    uint64_t Hash()
+    {
+        if (!hashed_)
+            hash_ = HashOf(name_);
+        else
+            while (hashed_ > name_.Units) hash_.RemoveLast(Upcase(name_.Text[--hashed_]));
+        hashed_ = name_.Units;
+        return hash_.Value();
+    }
+
     // What is left of a name at the root is the root's own backslash.
     Name ShrinkTo(CSHORT components)
     {
@@ -91,14 +117,28 @@ public:
 
 private:
     Name name_;
-    size_t cut_; // no backslash that separates components stands at or behind it
+    FoldedHash hash_;
+    size_t hashed_ = 0; // units; 0 before the first use
+    size_t cut_;        // no backslash that separates components stands at or behind it
     CSHORT components_;
 };
+
+PrefixIndex* IndexOf(PUNICODE_PREFIX_TABLE table)
+{
+    Entry* const first = table->NextPrefixTree;
+    return first && first->NodeTypeCode == kIndex ? static_cast<PrefixIndex*>(first) : nullptr;
+}
+
+Entry** FirstTree(PUNICODE_PREFIX_TABLE table)
+{
+    PrefixIndex* const index = IndexOf(table);
+    return index ? &index->NextPrefixTree : &table->NextPrefixTree;
+}
 
 // Where the tree for so many components hangs, or would hang.
 Entry** TreeLink(PUNICODE_PREFIX_TABLE table, CSHORT components)
 {
-    Entry** link = &table->NextPrefixTree;
+    Entry** link = FirstTree(table);
     while (*link && (*link)->NameLength > components) link = &(*link)->NextPrefixTree;
     return link;
 }
@@ -135,10 +175,14 @@ Place Locate(Entry* root, Name name)
     }
 }
 
-// The tree's entry for the name, now its root, or null. A walk that fails lifts the last entry as well.
-Entry* FindInTree(Entry** link, Name name)
+// The entry in a tree for what is left of the name, or null. Without an index it becomes its tree's root; a walk that
+// fails lifts the last entry as well.
+Entry* FindName(const PrefixIndex* index, Entry** link, ShrinkingName* name)
 {
-    const Place place = Locate(*link, name);
+    const Name left = name->ShrinkTo((*link)->NameLength);
+    if (index)
+        return index->Find(name->Hash(), [left](Entry* e) { return CompareFolded(left, NameOf(e->Prefix)) == 0; });
+    const Place place = Locate(*link, left);
     MoveToRoot(link, place.Last);
     return place.Order == 0 ? place.Last : nullptr;
 }
@@ -188,6 +232,43 @@ void RemoveFromTree(Entry** link, Entry* entry)
         *link = nextTree;
 }
 
+void MakeIndex(PUNICODE_PREFIX_TABLE table)
+{
+    auto* const index = new PrefixIndex({kIndex, 0, table->NextPrefixTree, nullptr, {}, nullptr});
+    for (Entry* tree = table->NextPrefixTree; tree; tree = tree->NextPrefixTree)
+        for (PRTL_SPLAY_LINKS links = nthost::rtl::FirstLinks(&tree->Links); links;
+             links = nthost::rtl::NextLinks(links))
+            index->Insert(HashOf(NameOf(EntryOf(links)->Prefix)).Value(), EntryOf(links));
+    table->NextPrefixTree = index;
+    table->NameLength = 0;
+}
+
+// After an entry has come into a tree.
+void CountIn(PUNICODE_PREFIX_TABLE table, Entry* entry)
+{
+    if (PrefixIndex* const index = IndexOf(table))
+        index->Insert(HashOf(NameOf(entry->Prefix)).Value(), entry);
+    else if (++table->NameLength == kIndexed)
+        MakeIndex(table);
+}
+
+// Before an entry leaves its tree, for an heir or for nobody.
+void CountOut(PUNICODE_PREFIX_TABLE table, Entry* entry, Entry* heir)
+{
+    PrefixIndex* const index = IndexOf(table);
+    if (!index) {
+        if (!heir) --table->NameLength;
+        return;
+    }
+    const uint64_t hash = HashOf(NameOf(entry->Prefix)).Value();
+    if (heir) return index->Replace(hash, entry, heir);
+    index->Remove(hash, entry);
+    if (index->Count() > kIndexed / 2) return;
+    table->NameLength = static_cast<CSHORT>(index->Count());
+    table->NextPrefixTree = index->NextPrefixTree;
+    delete index;
+}
+
 // The entry after this one in table order, without regard to rings; null at the end.
 Entry* NextInTrees(PUNICODE_PREFIX_TABLE table, Entry* entry)
 {
@@ -222,12 +303,15 @@ BOOLEAN NTAPI RtlInsertUnicodePrefix(PUNICODE_PREFIX_TABLE PrefixTable, PUNICODE
     if (ring) {
         entry->CaseMatch = ring->CaseMatch;
         ring->CaseMatch = entry;
-    } else if (treeExists) {
+        return TRUE;
+    }
+    if (treeExists) {
         Attach(entry, place);
         MoveToRoot(link, entry);
     } else {
         SetRoot(link, entry, *link);
     }
+    CountIn(PrefixTable, entry);
     return TRUE;
 }
 
@@ -236,6 +320,7 @@ VOID NTAPI RtlRemoveUnicodePrefix(PUNICODE_PREFIX_TABLE PrefixTable, PUNICODE_PR
     Entry* const entry = PrefixTableEntry;
     PrefixTable->LastNextEntry = nullptr;
     if (entry->NodeTypeCode != kCaseMatch) {
+        CountOut(PrefixTable, entry, entry->CaseMatch != entry ? entry->CaseMatch : nullptr);
         Entry** const link = TreeLink(PrefixTable, entry->NameLength);
         if (entry->CaseMatch != entry)
             ReplaceByCaseMatch(link, entry);
@@ -249,14 +334,15 @@ PUNICODE_PREFIX_TABLE_ENTRY NTAPI RtlFindUnicodePrefix(PUNICODE_PREFIX_TABLE Pre
                                                        ULONG CaseInsensitiveIndex)
 {
     const Name full = NameOf(FullName);
+    const PrefixIndex* const index = IndexOf(PrefixTable);
     ShrinkingName name(full);
     Entry** link = TreeLink(PrefixTable, name.Count());
     for (; *link; link = &(*link)->NextPrefixTree) {
-        Entry* found = FindInTree(link, name.ShrinkTo((*link)->NameLength));
+        Entry* found = FindName(index, link, &name);
         // A name that ends in a backslash is longer than the same one without, with as many components.
         if (!found && name.EndsInBackslash()) {
             name.DropBackslash();
-            found = FindInTree(link, name.ShrinkTo((*link)->NameLength));
+            found = FindName(index, link, &name);
         }
         if (found) found = FindCaseMatch(found, full, CaseInsensitiveIndex);
         if (found) return found;
@@ -269,7 +355,7 @@ PUNICODE_PREFIX_TABLE_ENTRY NTAPI RtlNextUnicodePrefix(PUNICODE_PREFIX_TABLE Pre
     Entry* const last = Restart ? nullptr : PrefixTable->LastNextEntry;
     Entry* next = nullptr;
     if (!last) {
-        Entry* const tree = PrefixTable->NextPrefixTree;
+        Entry* const tree = *FirstTree(PrefixTable);
         if (tree) next = EntryOf(nthost::rtl::FirstLinks(&tree->Links));
     } else {
         // A ring begins with its member in the tree, and coming back there ends it.

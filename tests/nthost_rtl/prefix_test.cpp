@@ -181,6 +181,13 @@ public:
         }
         return u"-";
     }
+    // A ring with members, if there is one.
+    std::map<std::u16string, Node*>& Any()
+    {
+        for (auto& [folded, ring] : rings_)
+            if (!ring.empty()) return ring;
+        return rings_.begin()->second;
+    }
     std::vector<std::string> Names() const
     {
         std::vector<std::string> names;
@@ -207,22 +214,27 @@ TEST(UnicodePrefix, RandomRunAgreesWithAModel)
     std::mt19937 random(20240229);
     Table table;
     Model model;
+    size_t fewest = 1000, most = 0;
     for (int step = 0; step < 60000; ++step) {
         const std::string path = RandomPath(random);
         const std::u16string wide = nthost::FromUtf8(path);
         auto& ring = model.Ring(wide);
         const auto at = ring.find(wide);
+        const bool shrinking = step / 3000 % 2; // an index comes and goes with the number of names
         switch (random() % 4) {
         case 0: {
+            if (shrinking) break;
             Node* const node = table.Insert(path);
             ASSERT_EQ(node == nullptr, at != ring.end()) << path;
             if (node) ring[wide] = node;
             break;
         }
         case 1:
-            if (at != ring.end()) {
-                table.Remove(at->second);
-                ring.erase(at);
+            if (auto& leaving = shrinking && at == ring.end() ? model.Any() : ring; !leaving.empty()) {
+                const auto first = &leaving == &ring ? at : leaving.begin();
+                if (first == leaving.end()) break;
+                table.Remove(first->second);
+                leaving.erase(first);
             }
             break;
         default: {
@@ -238,7 +250,16 @@ TEST(UnicodePrefix, RandomRunAgreesWithAModel)
         std::sort(walked.begin(), walked.end());
         std::sort(expected.begin(), expected.end());
         ASSERT_EQ(walked, expected);
+        fewest = std::min(fewest, walked.size());
+        most = std::max(most, walked.size());
     }
+    EXPECT_LT(fewest, 10u);
+    EXPECT_GT(most, 200u);
+    for (auto* ring = &model.Any(); !ring->empty(); ring = &model.Any()) {
+        table.Remove(ring->begin()->second);
+        ring->erase(ring->begin());
+    }
+    EXPECT_TRUE(table.Walk().empty());
 }
 
 } // namespace
