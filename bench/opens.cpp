@@ -1,5 +1,9 @@
 // Opening and closing. Live: another handle keeps the object open, so the driver joins its control block. Cold: nothing
-// is open, so the driver opens every directory on the way and closes them all again, which neither other side does.
+// is open, so the driver opens every directory on the way and closes them all again. The plugin's side makes the same
+// calls by itself; the file system of this machine need not.
+
+#include <deque>
+#include <vector>
 
 #include <unistd.h>
 
@@ -25,11 +29,18 @@ void LoopDriver(benchmark::State& state, const Path& path)
     for ([[maybe_unused]] auto _ : state) NtClose(OpenByDriver(path));
 }
 
-void LoopPlugin(benchmark::State& state, const Place& place, const Path& path)
+// The path alone, or each directory on the way to it.
+void LoopPlugin(benchmark::State& state, const Place& place, const std::string& path, bool wholeWay)
 {
+    std::deque<Path> paths;
+    for (size_t end = 1; wholeWay && (end = path.find('\\', end)) != std::string::npos; ++end)
+        paths.emplace_back(place.Link(), path.substr(0, end));
+    paths.emplace_back(place.Link(), path);
+    std::vector<PluginFd> open;
     for ([[maybe_unused]] auto _ : state) {
-        const PluginFd fd = OpenByPlugin(place, path);
-        Require(place.Plugin()->Close(place.Context(), NoCancel(), fd), "Close");
+        for (const Path& each : paths) open.push_back(OpenByPlugin(place, each));
+        for (; !open.empty(); open.pop_back())
+            Require(place.Plugin()->Close(place.Context(), NoCancel(), open.back()), "Close");
     }
 }
 
@@ -51,9 +62,8 @@ void RegisterOpen(Run& run, const Target& target, Warmth warmth)
         LoopDriver(state, path);
         if (kept) NtClose(kept);
     });
-    Register(name, Side::Plugin, [&run, text](benchmark::State& state) {
-        LoopPlugin(state, run.Common(), Path(run.Common().Link(), text));
-    });
+    Register(name, Side::Plugin,
+             [&run, text, live](benchmark::State& state) { LoopPlugin(state, run.Common(), text, !live); });
     Register(name, Side::Tmpfs, [&run, text](benchmark::State& state) {
         LoopTmpfs(state, run.Common(), Path(run.Common().Link(), text));
     });

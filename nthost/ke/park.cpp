@@ -36,6 +36,12 @@ void UnparkAddress(std::atomic<uint32_t>* word, unsigned count) { syscall(SYS_fu
 
 void GiveWay() { sched_yield(); }
 
+unsigned HostProcessors()
+{
+    cpu_set_t allowed;
+    return sched_getaffinity(0, sizeof allowed, &allowed) == 0 ? static_cast<unsigned>(CPU_COUNT(&allowed)) : 1;
+}
+
 void LockWordContended(std::atomic<uint32_t>& word)
 {
     for (unsigned spin = 0; spin < kSpins; ++spin) {

@@ -15,5 +15,7 @@ bool ParkOnAddress(std::atomic<uint32_t>* word, uint32_t expected, int64_t deadl
 void UnparkAddress(std::atomic<uint32_t>* word, unsigned count);
 // Lets another thread run that can.
 void GiveWay();
+// On how many processors threads of this process may run.
+unsigned HostProcessors();
 
 } // namespace nthost::ke

@@ -69,6 +69,7 @@ struct _ETHREAD {
     uint32_t Closing;                   // cleanups and closes among them; no fault is injected there
     PIRP CurrentIrp;                    // innermost request whose dispatch routine runs here
     std::atomic<uint32_t> WakeWord;     // the wait core parks on it; changed by wakers
+    bool Spins;                         // its last wait was short: the next begins awake
     PKSTART_ROUTINE StartRoutine;
     PVOID StartContext;
     // Requests that this thread issued and that are not complete: the I/O manager's, under its own lock.

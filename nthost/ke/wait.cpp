@@ -168,6 +168,37 @@ void NoteMutexes(const WaitRecord& wait)
             NoteHeld(wait.Thread, wait.Blocks[i].Object, HeldLock::Kind::Mutex, HoldMode::Exclusive, wait.Where);
 }
 
+// Parking and being woken takes two system calls and the way through the host's scheduler, some ten microseconds. So a
+// thread whose last wait was over sooner looks for a moment whether this one is, unless it has the only processor.
+constexpr uint64_t kSpinCycles = 40'000, kWorthSpinning = 3 * kSpinCycles;
+
+bool SpinForWake(const std::atomic<uint32_t>& word)
+{
+    const uint64_t start = __builtin_ia32_rdtsc();
+    do {
+        if (word.load(std::memory_order_acquire) == 1) return true;
+        __builtin_ia32_pause();
+    } while (__builtin_ia32_rdtsc() - start < kSpinCycles);
+    return false;
+}
+
+// Tells from how long this wait takes whether the thread's next one spins.
+class WatchedWait {
+public:
+    explicit WatchedWait(_ETHREAD* thread) : thread_(thread), start_(__builtin_ia32_rdtsc()) {}
+    ~WatchedWait()
+    {
+        static const bool severalProcessors = HostProcessors() > 1;
+        thread_->Spins = severalProcessors && __builtin_ia32_rdtsc() - start_ < kWorthSpinning;
+    }
+    WatchedWait(const WatchedWait&) = delete;
+    WatchedWait& operator=(const WatchedWait&) = delete;
+
+private:
+    _ETHREAD* thread_;
+    uint64_t start_;
+};
+
 bool TookObjects(NTSTATUS result) { return (result & ~STATUS_ABANDONED_WAIT_0) < MAXIMUM_WAIT_OBJECTS; }
 
 NTSTATUS Block(WaitRecord& wait, int64_t deadline)
@@ -245,12 +276,25 @@ NTSTATUS Wait(WaitRecord& wait, PVOID* objects, const LARGE_INTEGER* timeout)
 
 } // namespace
 
+// Of a driver's own threads that wait for work, which any of them can do, the last that came: it may not sleep yet, and
+// the caches still hold what it works with.
+WaitRecord* LastWorker(DISPATCHER_HEADER* object)
+{
+    if (object->Type != kSemaphoreObject || IsListEmpty(&object->WaitListHead)) return nullptr;
+    WaitRecord* const wait = CONTAINING_RECORD(object->WaitListHead.Blink, WaitBlock, Link)->Record;
+    return wait->Thread->TakesWork && wait->Type == WaitAny ? wait : nullptr;
+}
+
 // A waiter that leaves may have had several blocks in this very list, so the walk begins anew after each. Waits for all
-// that lack another object are passed over. First come, first served.
+// that lack another object are passed over. First come, first served, but for workers.
 WakeChain ReleaseWaiters(DISPATCHER_HEADER* object)
 {
     WakeChain first = nullptr;
     WakeChain* last = &first;
+    if (WaitRecord* const worker = LastWorker(object); worker && TrySatisfy(*worker)) {
+        first = EndWait(worker, worker->Result);
+        last = &worker->NextToWake;
+    }
     LIST_ENTRY* entry = object->WaitListHead.Flink;
     while (entry != &object->WaitListHead && object->SignalState > 0) {
         WaitRecord& wait = *CONTAINING_RECORD(entry, WaitBlock, Link)->Record;
@@ -296,6 +340,8 @@ bool WaitsForAlerts(const WaitRecord* wait, KPROCESSOR_MODE mode)
 bool AwaitWake(_ETHREAD* thread, int64_t deadline)
 {
     std::atomic<uint32_t>& word = thread->WakeWord;
+    const WatchedWait watched(thread);
+    if (thread->Spins && SpinForWake(word)) return true;
     uint32_t expected = 0;
     if (!word.compare_exchange_strong(expected, 2, std::memory_order_acquire) && expected == 1) return true;
     while (word.load(std::memory_order_acquire) != 1)
