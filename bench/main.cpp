@@ -1,5 +1,8 @@
 // One run of everything, ended by the table of ratios. Google Benchmark's own flags work; the ones given here first are
-// only defaults. Rounds of all cases are shuffled, so that a disturbance of the machine hits no side alone.
+// only defaults. --instructions as the first argument counts instead (bench/instructions.py). Rounds of all cases are
+// shuffled, so that a disturbance of the machine hits no side alone.
+
+#include <cstring>
 
 #include <benchmark/benchmark.h>
 
@@ -11,7 +14,14 @@ int main(int argc, char** argv)
     char repetitions[] = "--benchmark_repetitions=50";
     char interleaving[] = "--benchmark_enable_random_interleaving=true";
     char time[] = "--benchmark_min_time=0.004";
-    std::vector<char*> arguments = {argv[0], repetitions, interleaving, time};
+    const bool counts = argc > 1 && std::strcmp(argv[1], "--instructions") == 0;
+    std::vector<char*> arguments = {argv[0]};
+    if (counts) {
+        bench::CountInstructions();
+        --argc, ++argv;
+    } else {
+        arguments.insert(arguments.end(), {repetitions, interleaving, time});
+    }
     arguments.insert(arguments.end(), argv + 1, argv + argc);
     int count = static_cast<int>(arguments.size());
     benchmark::Initialize(&count, arguments.data());

@@ -1,9 +1,17 @@
-// The table of ratios.
+// The table of ratios, and the counting of instructions.
 
 #include "ratios.h"
 
 #include <algorithm>
 #include <cstdio>
+
+#if __has_include(<valgrind/callgrind.h>)
+#include <valgrind/callgrind.h>
+#else
+#define CALLGRIND_TOGGLE_COLLECT
+#define CALLGRIND_DUMP_STATS_AT(name)
+#define CALLGRIND_ZERO_STATS
+#endif
 
 namespace bench {
 
@@ -40,10 +48,52 @@ std::string Ratio(double value, double base)
     return text;
 }
 
+bool countsInstructions;
+
+// What goes on while it lives is counted, under this name.
+class Counted {
+public:
+    explicit Counted(const std::string& name) : name_(name)
+    {
+        CALLGRIND_ZERO_STATS;
+        CALLGRIND_TOGGLE_COLLECT;
+    }
+    ~Counted()
+    {
+        CALLGRIND_TOGGLE_COLLECT;
+        CALLGRIND_DUMP_STATS_AT(name_.c_str());
+    }
+    Counted(const Counted&) = delete;
+    Counted& operator=(const Counted&) = delete;
+
+private:
+    std::string name_;
+};
+
+// Few and many times, after a round that makes what the case works on: the difference is without beginning and end.
+void RegisterCounting(const std::string& name, const std::function<void(benchmark::State&)>& body)
+{
+    constexpr benchmark::IterationCount warm = 2, few = 5, many = 25;
+    for (const auto iterations : {warm, few, many}) {
+        const auto counted = [name, body, iterations](benchmark::State& state) {
+            if (iterations == warm) return body(state);
+            const Counted counting(name + " x " + std::to_string(iterations));
+            body(state);
+        };
+        benchmark::RegisterBenchmark(name.c_str(), counted)->Iterations(iterations);
+    }
+}
+
 } // namespace
+
+void CountInstructions() { countsInstructions = true; }
 
 void Register(const std::string& name, Side side, std::function<void(benchmark::State&)> body)
 {
+    if (countsInstructions) {
+        if (side == Side::Driver) RegisterCounting(name, body);
+        return;
+    }
     std::vector<std::string>& cases = Cases();
     if (std::find(cases.begin(), cases.end(), name) == cases.end()) cases.push_back(name);
     // By the clock: a pended request spends its time on other threads.

@@ -17,6 +17,10 @@ enum class Side { Driver, Plugin, Tmpfs };
 // One measured side of a case; cases appear in the table in the order of their first registration.
 void Register(const std::string& name, Side side, std::function<void(benchmark::State&)> body);
 
+// From now on cases are registered for callgrind, on the driver's side alone: each is dumped under "NAME x ITERATIONS",
+// twice (bench/instructions.py).
+void CountInstructions();
+
 class RatioReporter : public benchmark::BenchmarkReporter {
 public:
     bool ReportContext(const Context& context) override;

@@ -100,6 +100,14 @@ if(GVND_BUILD_BENCH AND GVND_BENCH_SOURCES AND TARGET gvnd_driver)
     add_test(NAME bench.EachCaseRuns COMMAND gvnd_bench --benchmark_repetitions=1 --benchmark_min_time=0.0001
         "--benchmark_filter=-among 100000")
     set_tests_properties(bench.EachCaseRuns PROPERTIES TIMEOUT 120)
+    # The counts are those of one compiler, without checks.
+    find_program(GVND_VALGRIND valgrind)
+    if(GVND_VALGRIND AND CMAKE_BUILD_TYPE STREQUAL "Release" AND CMAKE_CXX_COMPILER_ID STREQUAL "Clang"
+            AND NOT GVND_CHECKS AND NOT GVND_MS_ABI)
+        add_test(NAME bench.InstructionsAreAsRecorded
+            COMMAND ${PROJECT_SOURCE_DIR}/bench/instructions.py $<TARGET_FILE:gvnd_bench> --check)
+        set_tests_properties(bench.InstructionsAreAsRecorded PROPERTIES TIMEOUT 300)
+    endif()
 endif()
 
 # The scripts that the build leans on.
