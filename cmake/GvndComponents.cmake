@@ -115,11 +115,12 @@ if(GVND_BUILD_TOOL AND GVND_TOOL_SOURCES AND TARGET gvnd_driver)
     mark_as_advanced(GVND_READLINE)
     gvnd_executable(gvnd ${GVND_TOOL_SOURCES})
     target_include_directories(gvnd PRIVATE ${PROJECT_SOURCE_DIR}/tools)
+    target_compile_definitions(gvnd PRIVATE GVND_PLUGIN_DIRECTORY="${CMAKE_INSTALL_LIBDIR}/gvnd")
     # A plugin that is loaded may use any routine of the host, also one that nobody here uses.
     target_link_options(gvnd PRIVATE
         LINKER:--whole-archive,$<TARGET_FILE:gvnd_nthost>,--no-whole-archive)
     target_link_libraries(gvnd PRIVATE ${GVND_LINK_ALL} ${CMAKE_DL_LIBS} CLI11::CLI11 fmt::fmt nlohmann_json::nlohmann_json
         PkgConfig::FUSE3 ${GVND_READLINE})
     set_target_properties(gvnd PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR})
-    install(TARGETS gvnd)
+    install(TARGETS gvnd COMPONENT runtime)
 endif()

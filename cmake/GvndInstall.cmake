@@ -17,3 +17,20 @@ configure_package_config_file(cmake/gvndConfig.cmake.in ${PROJECT_BINARY_DIR}/gv
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/gvndConfigVersion.cmake COMPATIBILITY SameMinorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/gvndConfig.cmake ${PROJECT_BINARY_DIR}/gvndConfigVersion.cmake
     DESTINATION ${GVND_CONFIG_DIR})
+
+# What belongs to the tool, if it has been written, is recognised by its name.
+file(GLOB_RECURSE GVND_MANUAL_PAGES CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tools/*.1 ${PROJECT_SOURCE_DIR}/docs/*.1)
+install(FILES ${GVND_MANUAL_PAGES} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT runtime)
+function(gvnd_install_completion name destination)
+    file(GLOB_RECURSE found CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/tools/${name})
+    install(FILES ${found} DESTINATION ${CMAKE_INSTALL_DATADIR}/${destination} COMPONENT runtime ${ARGN})
+endfunction()
+gvnd_install_completion(gvnd.bash bash-completion/completions RENAME gvnd)
+gvnd_install_completion(_gvnd zsh/vendor-completions)
+gvnd_install_completion(gvnd.fish fish/vendor_completions.d)
+
+# Documents and examples.
+install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
+install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc FILES_MATCHING PATTERN "*.md")
+install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT doc)
+install(DIRECTORY ${PROJECT_BINARY_DIR}/reference/html DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc OPTIONAL)

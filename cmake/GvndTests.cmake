@@ -126,6 +126,12 @@ if(TARGET gvnd_workbench)
     add_test(NAME outsider.TestsAPluginInC COMMAND hello_c_test)
 endif()
 
+# The example plugins, with the compiler and sanitizers of the preset.
+if(TARGET gvnd)
+    add_test(NAME examples.ToolUsesThem COMMAND ${PROJECT_SOURCE_DIR}/tests/outsider/use_examples.sh
+        $<TARGET_FILE:gvnd> ${PROJECT_BINARY_DIR}/examples)
+endif()
+
 # The tool's mount, by programs that know nothing of it.
 if(TARGET gvnd)
     add_executable(mount_exerciser tests/mounted/exerciser.cpp)
@@ -142,6 +148,11 @@ if(TARGET gvnd_driver AND NOT GVND_SANITIZE AND NOT GVND_CHECKS AND EXISTS ${PRO
         COMMAND ${CMAKE_COMMAND} -D SOURCE_DIR=${PROJECT_SOURCE_DIR}/tests/outsider -D BUILD_DIR=${PROJECT_BINARY_DIR}
             -D CXX=${CMAKE_CXX_COMPILER} -P ${PROJECT_SOURCE_DIR}/cmake/run_outsider.cmake)
     set_tests_properties(outsider.InstalledPackageBuildsAndRuns PROPERTIES TIMEOUT 120)
+    if(TARGET gvnd)
+        add_test(NAME packages.InstallRunAndGo
+            COMMAND ${PROJECT_SOURCE_DIR}/tests/scripts/packages.sh ${PROJECT_BINARY_DIR})
+        set_tests_properties(packages.InstallRunAndGo PROPERTIES TIMEOUT 120 SKIP_RETURN_CODE 77)
+    endif()
 endif()
 
 if(GVND_MS_ABI)

@@ -1,5 +1,6 @@
 # Installs BUILD_DIR into a prefix that is made anew. Then, against that prefix: builds the project in SOURCE_DIR and runs
-# it; builds the plugin of the guide from a directory of its own, and has the installed tool read its file.
+# it; builds the installed examples, each from a directory of its own, has the installed tool use them, and checks their
+# images.
 
 set(work ${BUILD_DIR}/outsider)
 file(REMOVE_RECURSE ${work})
@@ -19,17 +20,16 @@ run(${CMAKE_COMMAND} --build ${work}/build)
 run(${work}/build/outsider)
 run(${work}/build/hello_test)
 
-set(plugin ${work}/hello)
-file(COPY ${SOURCE_DIR}/plugin/CMakeLists.txt ${SOURCE_DIR}/../plugin_example/hello_plugin.cpp DESTINATION ${plugin})
-run(${CMAKE_COMMAND} -G Ninja -S ${plugin} -B ${plugin}/build -D CMAKE_PREFIX_PATH=${work}/prefix
-    -D CMAKE_CXX_COMPILER=${CXX} -D CMAKE_BUILD_TYPE=Release)
-run(${CMAKE_COMMAND} --build ${plugin}/build)
-execute_process(COMMAND ${work}/prefix/bin/gvnd shell -p so:${plugin}/build/hello.so -c "cat /hello.txt"
-    OUTPUT_VARIABLE output RESULT_VARIABLE result)
-if(NOT result EQUAL 0 OR NOT output STREQUAL "Hello, volume.\n")
-    message(FATAL_ERROR "the plugin's file reads '${output}', exit code ${result}")
-endif()
-if(NOT EXISTS ${plugin}/build/hello.sys)
-    message(FATAL_ERROR "the plugin has no image")
-endif()
-run(${SOURCE_DIR}/../../packaging/nt/check_image.py ${plugin}/build/hello.sys)
+set(plugins ${work}/plugins)
+foreach(example hello slots archive)
+    set(source ${work}/prefix/share/doc/gvnd/examples/${example})
+    set(build ${work}/${example})
+    run(${CMAKE_COMMAND} -G Ninja -S ${source} -B ${build} -D CMAKE_PREFIX_PATH=${work}/prefix
+        -D CMAKE_CXX_COMPILER=${CXX} -D CMAKE_BUILD_TYPE=Release)
+    run(${CMAKE_COMMAND} --build ${build})
+    file(COPY ${build}/${example}.so DESTINATION ${plugins})
+endforeach()
+run(${SOURCE_DIR}/use_examples.sh ${work}/prefix/bin/gvnd ${plugins})
+foreach(example hello slots)
+    run(${SOURCE_DIR}/../../packaging/nt/check_image.py ${work}/${example}/${example}.sys)
+endforeach()

@@ -2,6 +2,7 @@
 #include "gvnd/plugins.h"
 
 #include <algorithm>
+#include <filesystem>
 
 #include <dlfcn.h>
 
@@ -18,10 +19,30 @@ namespace {
 
 constexpr GvndGetPluginFn kBuiltIn[] = {GvMemfsPlugin, GvHostfsPlugin};
 
+// Where plugins are installed: in the library directory beside the tool's. Empty if nobody can say.
+std::filesystem::path InstalledPlugins()
+{
+    std::error_code error;
+    const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe", error);
+    return error ? self : self.parent_path().parent_path() / GVND_PLUGIN_DIRECTORY;
+}
+
+std::vector<std::string> InstalledNames()
+{
+    std::vector<std::string> names;
+    std::error_code error; // most often there is no such directory
+    for (const auto& entry : std::filesystem::directory_iterator(InstalledPlugins(), error)) {
+        if (entry.path().extension() == ".so") names.push_back(entry.path().stem());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
 std::string Names()
 {
     std::string names;
     for (const GvndGetPluginFn get : kBuiltIn) names += fmt::format("{}, ", get()->Name);
+    for (const std::string& name : InstalledNames()) names += name + ", ";
     return names + "and so:PATH for a shared object";
 }
 
@@ -75,6 +96,12 @@ ChosenPlugin ChoosePlugin(const std::string& words)
     for (const GvndGetPluginFn get : kBuiltIn) {
         if (name == get()->Name) return {get(), rest, nullptr};
     }
+    const std::vector<std::string> installed = InstalledNames();
+    if (std::find(installed.begin(), installed.end(), name) != installed.end()) {
+        ChosenPlugin chosen = Load(InstalledPlugins() / (name + ".so"));
+        chosen.Arguments = rest;
+        return chosen;
+    }
     if (name != "so") throw Usage(fmt::format("unknown plugin '{}'; there are {}", words, Names()));
     const size_t end = std::min(rest.find(':'), rest.size());
     ChosenPlugin chosen = Load(rest.substr(0, end));
@@ -85,6 +112,7 @@ ChosenPlugin ChoosePlugin(const std::string& words)
 void PrintPlugins(const std::vector<std::string>& sharedObjects)
 {
     for (const GvndGetPluginFn get : kBuiltIn) PrintLine(*get(), get()->Name);
+    for (const std::string& name : InstalledNames()) PrintLine(*Load(InstalledPlugins() / (name + ".so")).Plugin, name);
     for (const std::string& path : sharedObjects) {
         const ChosenPlugin chosen = Load(path);
         PrintLine(*chosen.Plugin, fmt::format("so:{} ({})", path, chosen.Plugin->Name));

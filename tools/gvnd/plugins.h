@@ -1,4 +1,4 @@
-// Plugins by the words of -p: those that are built in, and shared objects.
+// Plugins by the words of -p: those that are built in, those that are installed beside the tool, and shared objects.
 #pragma once
 
 #include <memory>
@@ -15,11 +15,11 @@ struct ChosenPlugin {
     std::shared_ptr<void> Library; // of a shared object; the code is there as long as this
 };
 
-// "memfs", "hostfs:DIR", or "so:PATH[:ARGUMENTS]". Usage if there is no such plugin, HostFailure for a shared object
-// that cannot be loaded or is no plugin.
+// "memfs", "hostfs:DIR", the name of an installed one with its arguments, or "so:PATH[:ARGUMENTS]". Usage if there is
+// no such plugin, HostFailure for a shared object that cannot be loaded or is no plugin.
 ChosenPlugin ChoosePlugin(const std::string& words);
 
-// One line for each that is built in, and for each shared object given.
+// One line for each that is built in or installed, and for each shared object given.
 void PrintPlugins(const std::vector<std::string>& sharedObjects);
 
 } // namespace tool
