@@ -8,8 +8,10 @@ install(DIRECTORY include/gvnd DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MAT
 install(DIRECTORY nthost/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/gvnd-nthost FILES_MATCHING PATTERN "*.h")
 
 set(GVND_DATA_DIR ${CMAKE_INSTALL_DATADIR}/gvnd)
-install(FILES plugins/entry/plugin_driver.cpp packaging/nt/set_checksum.py packaging/nt/pe.py DESTINATION ${GVND_DATA_DIR})
-install(FILES cmake/gvndPlugin.cmake cmake/GvndNtFlags.cmake DESTINATION ${GVND_CONFIG_DIR})
+install(FILES plugins/entry/plugin_driver.cpp packaging/nt/set_checksum.py packaging/nt/pe.py packaging/nt/plugin.inf.in
+    packaging/nt/version.rc.in DESTINATION ${GVND_DATA_DIR})
+install(PROGRAMS packaging/nt/inf_to_reg.py packaging/nt/symbol_store.py packaging/nt/sign DESTINATION ${GVND_DATA_DIR})
+install(FILES cmake/gvndPlugin.cmake cmake/gvndService.cmake cmake/GvndNtFlags.cmake DESTINATION ${GVND_CONFIG_DIR})
 
 install(EXPORT gvndTargets NAMESPACE gvnd:: DESTINATION ${GVND_CONFIG_DIR})
 configure_package_config_file(cmake/gvndConfig.cmake.in ${PROJECT_BINARY_DIR}/gvndConfig.cmake

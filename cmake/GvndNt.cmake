@@ -2,6 +2,8 @@
 # gvmemfs.sys, each with its PDB. Images carry no time and no path, so two builds anywhere are byte-identical.
 
 include(GvndNtFlags)
+set(GVND_VERSION_TEMPLATE ${PROJECT_SOURCE_DIR}/packaging/nt/version.rc.in)
+include(gvndService)
 set(GVND_NT_FLAGS ${GVND_WARNING_FLAGS} ${GVND_KERNEL_FLAGS} ${GVND_NT_COMPILE_FLAGS} -fno-threadsafe-statics
     -ffile-prefix-map=${PROJECT_SOURCE_DIR}=. -ffile-compilation-dir=.)
 
@@ -40,18 +42,26 @@ function(gvnd_nt_image name directory)
     set_property(TARGET ${name} APPEND PROPERTY ADDITIONAL_CLEAN_FILES ${name}.pdb ${name}.map)
 endfunction()
 
-# One that is shipped: with its PDB, and with its map, by which nthost names its functions.
+# One that is shipped: with its INF and version, its PDB, and its map, by which nthost names its functions.
 function(gvnd_nt_product name directory)
-    gvnd_nt_image(${name} ${directory} ${ARGN})
-    install(FILES ${PROJECT_BINARY_DIR}/${name}.sys ${PROJECT_BINARY_DIR}/${name}.pdb ${PROJECT_BINARY_DIR}/${name}.map
-        DESTINATION drivers)
+    cmake_parse_arguments(ARG "" "INF;DESCRIPTION;ARGUMENTS" "DIRECTORIES" ${ARGN})
+    gvnd_nt_image(${name} ${directory} ${ARG_DIRECTORIES})
+    gvnd_service_files(${name} INF ${PROJECT_SOURCE_DIR}/packaging/nt/${ARG_INF} VERSION ${PROJECT_VERSION}
+        DATE ${GVND_RELEASE_DATE} PROVIDER gvnd DESCRIPTION "${ARG_DESCRIPTION}" ARGUMENTS "${ARG_ARGUMENTS}")
+    target_link_options(${name} PRIVATE ${name}.res)
+    target_sources(${name} PRIVATE ${PROJECT_BINARY_DIR}/${name}.res)
+    set_property(TARGET ${name} APPEND PROPERTY LINK_DEPENDS ${PROJECT_BINARY_DIR}/${name}.res)
+    foreach(extension sys inf pdb map)
+        install(FILES ${PROJECT_BINARY_DIR}/${name}.${extension} DESTINATION drivers)
+    endforeach()
     add_test(NAME nt.${name}.ImageIsSound
         COMMAND ${PROJECT_SOURCE_DIR}/packaging/nt/check_image.py $<TARGET_FILE:${name}>)
 endfunction()
 
 enable_testing()
-gvnd_nt_product(gvnd driver)
-gvnd_nt_product(gvmemfs plugins/memfs plugins/entry)
+gvnd_nt_product(gvnd driver INF gvnd.inf.in DESCRIPTION "File system whose storage is a plugin's")
+gvnd_nt_product(gvmemfs plugins/memfs DIRECTORIES plugins/entry INF plugin.inf.in
+    DESCRIPTION "File system in memory, a plugin of gvnd" ARGUMENTS "capacity=1G,label=Memory")
 # A driver for the tests of nthost's loader.
 gvnd_nt_image(exerciser tests/image_driver)
 
@@ -68,5 +78,7 @@ add_test(NAME nt.ImageCheckRefusesWrongReads
 # On the smaller of the two, since each damage means another disassembly.
 add_test(NAME nt.DamagedImagesAreRefused
     COMMAND ${PROJECT_SOURCE_DIR}/tests/scripts/check_image.py $<TARGET_FILE:gvmemfs>)
+add_test(NAME nt.Delivery COMMAND ${PROJECT_SOURCE_DIR}/tests/scripts/nt_delivery.py ${PROJECT_BINARY_DIR}
+    ${PROJECT_VERSION})
 add_test(NAME nt.ImagesAreReproducible
     COMMAND ${PROJECT_SOURCE_DIR}/packaging/nt/check_reproducible.sh ${PROJECT_BINARY_DIR})

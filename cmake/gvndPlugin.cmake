@@ -1,14 +1,19 @@
-# gvnd_add_plugin(NAME SOURCES FILE... [INCLUDE_DIRECTORIES DIRECTORY...] [NO_IMAGE])
+# gvnd_add_plugin(NAME SOURCES FILE... [INCLUDE_DIRECTORIES DIRECTORY...] [NO_IMAGE]
+#                 [VERSION A.B.C [DATE MM/DD/YYYY] [PROVIDER TEXT] [DESCRIPTION TEXT] [ARGUMENTS TEXT]])
 #
 # Makes of the same sources, in C or C++:
 # - the shared object NAME.so, target NAME, which `gvnd shell -p so:NAME.so` and `gvnd mount` load;
 # - the kernel driver NAME.sys with its PDB, target NAME_sys, in all. It needs clang, lld-link, Python and the MinGW-w64
-#   headers and import libraries; where one of them is missing, a line says so and there is no such target.
+#   headers and import libraries, and llvm-rc for a version; where one of them is missing, a line says so and there is no
+#   such target.
+#   With VERSION the driver has a version resource, and NAME.inf beside it, which installs its service; DATE is today's by
+#   default, and ARGUMENTS are what the service's volume is made with.
 #
 # The sources define GvndGetPlugin (gvnd/plugin_entry.h) and use nothing but <ntifs.h> and the C++ language: what else the
 # shared object needs is linked with target_link_libraries(NAME ...), and then there can be no image (NO_IMAGE).
 
 include("${CMAKE_CURRENT_LIST_DIR}/GvndNtFlags.cmake")
+include("${CMAKE_CURRENT_LIST_DIR}/gvndService.cmake")
 set(GVND_PLUGIN_CMAKE_DIR "${CMAKE_CURRENT_LIST_DIR}")
 
 find_program(GVND_CROSS_CLANG NAMES clang clang-14 clang-15 clang-16)
@@ -18,7 +23,8 @@ set(GVND_MINGW_DIR /usr/x86_64-w64-mingw32 CACHE PATH "Where the NT headers and 
 mark_as_advanced(GVND_CROSS_CLANG GVND_LLD_LINK GVND_PYTHON GVND_MINGW_DIR)
 
 function(gvnd_add_plugin name)
-    cmake_parse_arguments(ARG "NO_IMAGE" "" "SOURCES;INCLUDE_DIRECTORIES" ${ARGN})
+    cmake_parse_arguments(ARG "NO_IMAGE" "VERSION;DATE;PROVIDER;DESCRIPTION;ARGUMENTS" "SOURCES;INCLUDE_DIRECTORIES"
+        ${ARGN})
     if(NOT ARG_SOURCES)
         message(FATAL_ERROR "gvnd_add_plugin(${name} ...) has no SOURCES")
     endif()
@@ -30,8 +36,10 @@ function(gvnd_add_plugin name)
     if(ARG_NO_IMAGE)
         return()
     endif()
-    if(NOT GVND_CROSS_CLANG OR NOT GVND_LLD_LINK OR NOT GVND_PYTHON OR NOT EXISTS "${GVND_MINGW_DIR}/include/ddk")
-        message(STATUS "${name}: no ${name}.sys, for want of clang, lld-link, python3 or ${GVND_MINGW_DIR}/include/ddk")
+    if(NOT GVND_CROSS_CLANG OR NOT GVND_LLD_LINK OR NOT GVND_PYTHON OR NOT EXISTS "${GVND_MINGW_DIR}/include/ddk" OR
+       (ARG_VERSION AND NOT GVND_LLVM_RC))
+        message(STATUS
+            "${name}: no ${name}.sys, for want of clang, lld-link, llvm-rc, python3 or ${GVND_MINGW_DIR}/include/ddk")
         return()
     endif()
     _gvnd_plugin_image(${name})
@@ -63,6 +71,14 @@ function(_gvnd_plugin_image name)
             COMMENT "Building ${name}.sys: ${file}" VERBATIM)
         list(APPEND objects "${object}")
     endforeach()
+    if(ARG_VERSION)
+        if(NOT ARG_DATE)
+            string(TIMESTAMP ARG_DATE "%m/%d/%Y" UTC)
+        endif()
+        gvnd_service_files(${name} INF "${GVND_PLUGIN_INF_TEMPLATE}" VERSION ${ARG_VERSION} DATE ${ARG_DATE}
+            PROVIDER "${ARG_PROVIDER}" DESCRIPTION "${ARG_DESCRIPTION}" ARGUMENTS "${ARG_ARGUMENTS}")
+        list(APPEND objects "${CMAKE_CURRENT_BINARY_DIR}/${name}.res")
+    endif()
     add_custom_command(OUTPUT "${CMAKE_CURRENT_BINARY_DIR}/${name}.sys"
         COMMAND ${GVND_LLD_LINK} ${GVND_NT_LINK_FLAGS} /pdb:${name}.pdb /out:${name}.sys ${objects}
             ${GVND_MINGW_DIR}/lib/libntoskrnl.a
