@@ -85,6 +85,7 @@ run()
     chroot "$root" /usr/bin/gvnd "$@"
 }
 
+cmake --build "$build" --target doc >"$work/log" 2>&1 || fail "doc: $(cat "$work/log")"
 cpack --config "$build/CPackConfig.cmake" -B "$work/packages" >"$work/log" 2>&1 || fail "cpack: $(cat "$work/log")"
 packages=("$work"/packages/*.deb)
 names=()
@@ -123,6 +124,8 @@ run import /tmp/tree / >"$work/log" 2>&1 || fail "import: $(cat "$work/log")"
 [ "$(run shell -p archive:/tmp/tree.tar -c 'cat note')" = packaged ] || fail "the packaged plugin is not found"
 umount --recursive --lazy "$root/proc"
 rm -r "$root"/tmp/tree*
+
+grep -q 'The plugin&#39;s table' "$root/usr/share/doc/gvnd/html/structPluginOps.html" || fail "there is no reference"
 
 # A plugin, by the packages alone.
 cmake -G Ninja -S "$root/usr/share/doc/gvnd/examples/slots" -B "$work/slots" -D CMAKE_PREFIX_PATH="$root/usr" >"$work/log" 2>&1 &&
