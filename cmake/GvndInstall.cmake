@@ -35,6 +35,8 @@ gvnd_install_completion(gvnd.fish fish/vendor_completions.d)
 install(FILES README.md CHANGELOG.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc)
 install(DIRECTORY docs/ DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc FILES_MATCHING PATTERN "*.md")
 install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT doc)
-add_custom_target(doc COMMAND ${PROJECT_SOURCE_DIR}/scripts/doc ${PROJECT_BINARY_DIR}/reference
-    COMMENT "Making the reference" VERBATIM)
+if(PROJECT_IS_TOP_LEVEL)
+    add_custom_target(doc COMMAND ${PROJECT_SOURCE_DIR}/scripts/doc ${PROJECT_BINARY_DIR}/reference
+        COMMENT "Making the reference" VERBATIM)
+endif()
 install(DIRECTORY ${PROJECT_BINARY_DIR}/reference/html DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT doc OPTIONAL)

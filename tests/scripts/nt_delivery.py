@@ -160,6 +160,10 @@ class Delivery(unittest.TestCase):
             self.assertEqual(entry.Signature_String.upper(), key.upper())
             key = f"{image.FILE_HEADER.TimeDateStamp:08X}{image.OPTIONAL_HEADER.SizeOfImage:x}"
             self.assertTrue((self.work / "store" / f"{name}.sys" / key / f"{name}.sys").exists())
+            # And addresses are named by them.
+            self.assertEqual(run("llvm-symbolizer", f"--obj={BUILD / name}.sys", "--relative-address",
+                                 hex(image.OPTIONAL_HEADER.AddressOfEntryPoint)).splitlines()[0].split("(")[0],
+                             "DriverEntry")
         # One image's PDB beside the other.
         shutil.copy(BUILD / "gvnd.sys", self.work)
         shutil.copy(BUILD / "gvmemfs.pdb", self.work / "gvnd.pdb")
