@@ -147,11 +147,13 @@ if(TARGET gvnd_driver AND NOT GVND_SANITIZE AND NOT GVND_CHECKS AND EXISTS ${PRO
     add_test(NAME outsider.InstalledPackageBuildsAndRuns
         COMMAND ${CMAKE_COMMAND} -D SOURCE_DIR=${PROJECT_SOURCE_DIR}/tests/outsider -D BUILD_DIR=${PROJECT_BINARY_DIR}
             -D CXX=${CMAKE_CXX_COMPILER} -P ${PROJECT_SOURCE_DIR}/cmake/run_outsider.cmake)
-    set_tests_properties(outsider.InstalledPackageBuildsAndRuns PROPERTIES TIMEOUT 120)
+    # What is installed is not to be changed, by the making of the reference, while somebody installs it.
+    set_tests_properties(outsider.InstalledPackageBuildsAndRuns PROPERTIES TIMEOUT 300 RESOURCE_LOCK installed_files)
     if(TARGET gvnd)
         add_test(NAME packages.InstallRunAndGo
             COMMAND ${PROJECT_SOURCE_DIR}/tests/scripts/packages.sh ${PROJECT_BINARY_DIR})
-        set_tests_properties(packages.InstallRunAndGo PROPERTIES TIMEOUT 120 SKIP_RETURN_CODE 77)
+        set_tests_properties(packages.InstallRunAndGo PROPERTIES TIMEOUT 300 SKIP_RETURN_CODE 77
+            RESOURCE_LOCK installed_files)
     endif()
 endif()
 

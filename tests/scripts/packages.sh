@@ -121,6 +121,7 @@ echo packaged >"$root/tmp/tree/note"
 tar -cf "$root/tmp/tree.tar" -C "$root/tmp/tree" note
 [ "$(run shell -c 'write a.txt 0 text; cat a.txt')" = text ] || fail "the tool's volume does not keep text"
 run import /tmp/tree / >"$work/log" 2>&1 || fail "import: $(cat "$work/log")"
+run plugins | grep -q '^archive:FILE ' || fail "the packaged plugin is not listed"
 [ "$(run shell -p archive:/tmp/tree.tar -c 'cat note')" = packaged ] || fail "the packaged plugin is not found"
 umount --recursive --lazy "$root/proc"
 rm -r "$root"/tmp/tree*
@@ -128,8 +129,9 @@ rm -r "$root"/tmp/tree*
 grep -q 'The plugin&#39;s table' "$root/usr/share/doc/gvnd/html/structPluginOps.html" || fail "there is no reference"
 
 # A plugin, by the packages alone.
-cmake -G Ninja -S "$root/usr/share/doc/gvnd/examples/slots" -B "$work/slots" -D CMAKE_PREFIX_PATH="$root/usr" >"$work/log" 2>&1 &&
-    cmake --build "$work/slots" >>"$work/log" 2>&1 || fail "slots: $(cat "$work/log")"
+cmake -G Ninja -S "$root/usr/share/doc/gvnd/examples/slots" -B "$work/slots" -D CMAKE_PREFIX_PATH="$root/usr" \
+    >"$work/log" 2>&1 || fail "slots: $(cat "$work/log")"
+cmake --build "$work/slots" >"$work/log" 2>&1 || fail "slots: $(cat "$work/log")"
 [ -e "$work/slots/slots.so" ] || fail "there is no slots.so"
 
 in_root --purge "${names[@]}"
