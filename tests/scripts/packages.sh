@@ -126,7 +126,7 @@ run plugins | grep -q '^archive:FILE ' || fail "the packaged plugin is not liste
 umount --recursive --lazy "$root/proc"
 rm -r "$root"/tmp/tree*
 
-grep -q 'The plugin&#39;s table' "$root/usr/share/doc/gvnd/html/structPluginOps.html" || fail "there is no reference"
+grep -q "The plugin's table" "$root/usr/share/doc/gvnd/html/structPluginOps.html" || fail "there is no reference"
 
 # A plugin, by the packages alone.
 cmake -G Ninja -S "$root/usr/share/doc/gvnd/examples/slots" -B "$work/slots" -D CMAKE_PREFIX_PATH="$root/usr" \
