@@ -77,7 +77,7 @@ make_root()
 # Nobody else's packages are looked at or changed.
 in_root()
 {
-    dpkg --root="$root" --force-script-chrootless --log=/dev/null "$@" >"$work/log" 2>&1 || fail "dpkg $1: $(cat "$work/log")"
+    dpkg --root="$root" --force-script-chrootless --force-unsafe-io --log=/dev/null "$@" >"$work/log" 2>&1 || fail "dpkg $1: $(cat "$work/log")"
 }
 
 run()
@@ -96,6 +96,7 @@ for package in "${packages[@]}"; do
 done
 [ "${names[*]}" = "gvnd-dev gvnd-doc gvnd-plugins gvnd" ] || fail "there are ${names[*]}"
 mapfile -t needed < <(closure <<<"$depends")
+[ -n "${needed[0]}" ] || fail "the packages depend on nothing"
 make_root "${needed[@]}"
 find "$root" -path "$root/var" -prune -o -print | sort >"$work/before"
 
