@@ -45,5 +45,6 @@ set(CPACK_COMPONENT_DOC_DESCRIPTION "Documents and examples of gvnd
  the reference of the interfaces, and the sources of example plugins.")
 set(CPACK_DEBIAN_DOC_PACKAGE_SECTION doc)
 set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_DOC_PACKAGE_SHLIBDEPS OFF) # asks of each file what it is
 
 include(CPack)
