@@ -69,7 +69,7 @@ endfunction()
 
 file(GLOB GVND_TEST_DIRS CONFIGURE_DEPENDS LIST_DIRECTORIES true RELATIVE ${PROJECT_SOURCE_DIR}/tests
     ${PROJECT_SOURCE_DIR}/tests/*)
-list(REMOVE_ITEM GVND_TEST_DIRS support layout outsider scripts mounted image_driver nthost_image)
+list(REMOVE_ITEM GVND_TEST_DIRS support layout outsider scripts mounted soak image_driver nthost_image)
 if(TARGET gvnd_nthost)
     foreach(directory IN LISTS GVND_TEST_DIRS)
         if(IS_DIRECTORY ${PROJECT_SOURCE_DIR}/tests/${directory})
@@ -108,6 +108,16 @@ if(GVND_BUILD_BENCH AND GVND_BENCH_SOURCES AND TARGET gvnd_driver)
             COMMAND ${PROJECT_SOURCE_DIR}/bench/instructions.py $<TARGET_FILE:gvnd_bench> --check)
         set_tests_properties(bench.InstructionsAreAsRecorded PROPERTIES TIMEOUT 300)
     endif()
+endif()
+
+# Everything at once: a moment here, hours by hand.
+if(TARGET gvnd_workbench)
+    gvnd_sources(GVND_SOAK_SOURCES tests/soak)
+    gvnd_executable(gvnd_soak ${GVND_SOAK_SOURCES})
+    target_include_directories(gvnd_soak PRIVATE ${PROJECT_SOURCE_DIR}/tests ${PROJECT_SOURCE_DIR}/driver)
+    target_link_libraries(gvnd_soak PRIVATE ${GVND_LINK_ALL} gvnd_plugin)
+    add_test(NAME soak.AMoment COMMAND gvnd_soak 12)
+    set_tests_properties(soak.AMoment PROPERTIES TIMEOUT 300)
 endif()
 
 # The scripts that the build leans on.
