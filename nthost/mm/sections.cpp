@@ -40,15 +40,13 @@ SectionUse UseOf(PFILE_OBJECT file, AreaKind kind)
             static_cast<unsigned>(area->Views.size())};
 }
 
-enum class IfDirty { Keep, Drop };
-
 // True if the area, which the caller holds, goes with the caller's hold.
-bool Trim(ControlArea* area, IfDirty ifDirty, NTSTATUS* written)
+bool Trim(ControlArea* area, IfUnwritable ifUnwritable, NTSTATUS* written)
 {
     IO_STATUS_BLOCK result;
     FlushRange(area, Everything, &result);
     *written = result.Status;
-    return DropUnused(area, ifDirty == IfDirty::Drop);
+    return DropUnused(area, ifUnwritable == IfUnwritable::Goes);
 }
 
 struct Writing {
@@ -106,7 +104,7 @@ void EndSections(std::vector<std::string>* leaks)
     for (ControlArea* idle : HoldIdleAreas()) {
         const AreaHold area(idle);
         NTSTATUS written;
-        Trim(idle, IfDirty::Drop, &written);
+        Trim(idle, IfUnwritable::Goes, &written);
         if (NT_SUCCESS(written)) continue;
         leaks->push_back("changes of mapped file " + ToUtf8(&area->File->FileName) +
                          " could not be written: " + StatusName(written));
@@ -138,14 +136,14 @@ NTSTATUS StepModifiedPageWriter(PFILE_OBJECT file)
     return writing.Result.Status;
 }
 
-unsigned TrimSections()
+unsigned TrimSections(IfUnwritable ifUnwritable)
 {
     const ActAs system(PsInitialSystemProcess, KernelMode);
     unsigned trimmed = 0;
     for (ControlArea* idle : HoldIdleAreas()) {
         const AreaHold area(idle);
         NTSTATUS written;
-        trimmed += Trim(idle, IfDirty::Keep, &written);
+        trimmed += Trim(idle, ifUnwritable, &written);
     }
     return trimmed;
 }

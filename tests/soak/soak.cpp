@@ -77,12 +77,14 @@ void MakeTrouble(Run& run, Volumes& volumes, unsigned seed)
     std::mt19937 random(seed);
     while (!run.Ended()) {
         std::this_thread::sleep_for(std::chrono::microseconds(random() % 2000));
+        // A plugin that has lost a handle can never write its file's pages, which would keep the volume for ever.
+        const auto unwritable = random() % 8 ? nthost::IfUnwritable::Stays : nthost::IfUnwritable::Goes;
         if (run.WantsQuiet()) {
-            (void)nthost::TrimSections();
+            (void)nthost::TrimSections(unwritable);
             continue;
         }
         switch (random() % 6) {
-        case 0: (void)nthost::TrimSections(); break;
+        case 0: (void)nthost::TrimSections(unwritable); break;
         case 1: WriteModifiedPages(volumes, random); break;
         case 2:
         case 3: FailThePlugin(volumes, random), ++run.Faults; break;
@@ -113,8 +115,11 @@ public:
 
     void Look()
     {
-        // A section stays when its pages cannot be written, and failures of writes may be to come still.
-        for (unsigned tries = 0; tries < 100 && volumes_.ControlBlocks(); ++tries) (void)nthost::TrimSections();
+        // What another thread trims at this moment is on its way.
+        for (unsigned tries = 0; tries < 1000 && volumes_.ControlBlocks(); ++tries) {
+            (void)nthost::TrimSections(nthost::IfUnwritable::Goes);
+            std::this_thread::sleep_for(5ms);
+        }
         if (const std::string wrong = volumes_.Empty(); !wrong.empty()) return run_.Complain(wrong);
         const nthost::PoolUsage now = nthost::PoolTotals();
         if (looks_++ == 0) {
@@ -207,7 +212,7 @@ int Soak(std::chrono::seconds time, unsigned seed, const std::filesystem::path& 
                     static_cast<unsigned long long>(run.Remounts.load()), quiet.Looks(),
                     static_cast<unsigned long long>(quiet.WarmKib() / 1024),
                     static_cast<unsigned long long>(ResidentKib() / 1024));
-        (void)nthost::TrimSections();
+        (void)nthost::TrimSections(nthost::IfUnwritable::Goes);
     }
     const workbench::Report report = host.Finish();
     report.Print();

@@ -39,7 +39,7 @@ public:
     // are gone, those of the directory are there again.
     void Remount(unsigned which);
     uint64_t PluginCalls();
-    // Of all volumes, while none comes or goes.
+    // Of all volumes.
     ULONG ControlBlocks();
     // While nothing is open: every file goes behind the driver's back. What came in the way, or nothing.
     std::string Empty();

@@ -26,9 +26,11 @@ SectionUse ImageSectionOf(PFILE_OBJECT file);
 [[nodiscard]] NTSTATUS StepModifiedPageWriter(PFILE_OBJECT file);
 
 // Lets go of every section that has no handle and no view: changed pages are written, with the flush callbacks around,
-// then all pages go, and with them the reference on the file object, which may send its close. A section whose changes
-// cannot be written stays. Returns how many went.
-unsigned TrimSections();
+// then all pages go, and with them the reference on the file object, which may send its close. One whose changes cannot
+// be written stays, and keeps its file open and its volume mounted, unless the changes may be lost. Returns how many
+// went.
+enum class IfUnwritable { Stays, Goes };
+unsigned TrimSections(IfUnwritable ifUnwritable = IfUnwritable::Stays);
 
 // Copies as a user program would, with views at either end: STATUS_SUCCESS, or the exception's status
 // (STATUS_IN_PAGE_ERROR, STATUS_ACCESS_VIOLATION). A view's address must not be given to Linux system calls, which fail
