@@ -53,15 +53,30 @@ public:
     Arguments(const Arguments&) = delete;
     Arguments& operator=(const Arguments&) = delete;
 
-    int Int() { return va_arg(list_, int); }
-    int64_t Int64() { return va_arg(list_, long long); }
+    int Int() { return Next<int>(); }
+    int64_t Int64() { return Next<long long>(); }
     template <typename T>
     const T* Pointer()
     {
-        return static_cast<const T*>(va_arg(list_, void*));
+        return static_cast<const T*>(Next<void*>());
     }
 
 private:
+    template <typename T>
+    T Next()
+    {
+#if NTHOST_MS_ABI
+        // In the platform's convention each argument has eight bytes of a row. g++ does not walk the row in a routine
+        // of another convention, unless it optimises.
+        T value;
+        memcpy(&value, list_, sizeof value);
+        list_ += sizeof(uint64_t);
+        return value;
+#else
+        return va_arg(list_, T);
+#endif
+    }
+
     NT_VA_LIST list_;
 };
 
