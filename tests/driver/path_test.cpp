@@ -146,6 +146,13 @@ TEST_F(Paths, MatchesTheNormalisedForm)
     EXPECT_EQ(Find(spelled), nullptr);
     TakeCalls();
 
+    // Whatever is not ASCII may have another form.
+    for (const char* last : {"\x7f", "\xc2\x80"}) {
+        EXPECT_STATUS(STATUS_OBJECT_NAME_NOT_FOUND, Open(std::string("\\") + last).Status);
+        EXPECT_EQ(Plugin().Count("GetNormalizedPath"), last[1] ? 1u : 0u);
+    }
+    TakeCalls();
+
     // Without the operation, names go as they came; with one that fails, the open does.
     Plugin().Fail("GetNormalizedPath", STATUS_DATA_ERROR);
     EXPECT_STATUS(STATUS_DATA_ERROR, Open(spelled).Status);

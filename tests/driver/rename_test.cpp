@@ -44,6 +44,10 @@ TEST_F(Renames, MoveNamesAndKeepHandles)
     EXPECT_EQ(Deletions("\\dir"), 0); // has gained, not lost
     EXPECT_STATUS(STATUS_SUCCESS, Rename(first.Get(), "below", false, target.Get()));
     EXPECT_EQ(NameOf(first.Get()), "\\dir\\below");
+    TakeCalls();
+    EXPECT_STATUS(STATUS_SUCCESS, Rename(first.Get(), Full("\\back")));
+    const Lines calls = TakeCalls();
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), "AccessCheck \\ 2 3"), 1); // may the caller put a file there
 }
 
 TEST_F(Renames, OfCaseAloneAskNobody)

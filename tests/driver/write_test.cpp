@@ -226,6 +226,7 @@ TEST_F(Writes, AreForFilesOnly)
     mdl.Irp()->UserBuffer = &data;
     EXPECT_STATUS(STATUS_INVALID_PARAMETER, mdl.Send());
     support::HandMade bare(Device(), object.Get(), IRP_MJ_WRITE);
+    bare.Stack()->Parameters.Write.Length = 1;
     EXPECT_STATUS(STATUS_UNSUCCESSFUL, bare.Send()); // no buffer of any kind
     Plugin().Table()->Write = nullptr;
     EXPECT_STATUS(STATUS_NOT_SUPPORTED, Write(file.Get(), "x", 0).Status);
