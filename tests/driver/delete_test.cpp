@@ -7,6 +7,7 @@
 namespace opening {
 namespace {
 
+using support::Rename;
 using support::SetDelete;
 
 constexpr OpenRequest kDelete = {.Access = FILE_GENERIC_READ | DELETE};
@@ -35,32 +36,13 @@ TEST_F(Deletion, WaitsForTheLastHandle)
     EXPECT_EQ(FcbCount(), 0u);
 }
 
+// Read-only files and full directories are the model's.
 TEST_F(Deletion, IsRefused)
 {
-    struct Row {
-        const char* Path;
-        ULONG Options;
-        NTSTATUS OnOpen;
-        NTSTATUS OnSet;
-    };
-    const Row rows[] = {
-        {"\\readonly", 0, STATUS_CANNOT_DELETE, STATUS_CANNOT_DELETE},
-        {"\\dir\\sub", FILE_DIRECTORY_FILE, STATUS_SUCCESS, STATUS_DIRECTORY_NOT_EMPTY},
-        {"\\", FILE_DIRECTORY_FILE, STATUS_CANNOT_DELETE, STATUS_DIRECTORY_NOT_EMPTY},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.Path);
-        OpenRequest request = kDelete;
-        request.Options |= row.Options;
-        Handle file = OpenOrFail(row.Path, request);
-        EXPECT_STATUS(row.OnSet, SetDelete(file.Get(), true));
-        EXPECT_STATUS(STATUS_SUCCESS, Open(row.Path).Status); // not pending
-        OpenRequest onClose = kDeleteOnClose;
-        onClose.Options |= row.Options;
-        EXPECT_STATUS(row.OnOpen, Open(row.Path, onClose).Status);
-    }
-    // A directory that is not empty stays at its last cleanup, and nobody is told.
-    EXPECT_TRUE(Exists("\\dir\\sub\\deep"));
+    OpenRequest onClose = kDeleteOnClose;
+    onClose.Options |= FILE_DIRECTORY_FILE;
+    EXPECT_STATUS(STATUS_CANNOT_DELETE, Open("\\", onClose).Status);
+    EXPECT_STATUS(STATUS_INVALID_PARAMETER, Rename(OpenOrFail("\\", kDelete).Get(), "anything"));
     OpenRequest noDelete = kDeleteOnClose;
     noDelete.Access = FILE_GENERIC_READ;
     EXPECT_FALSE(NT_SUCCESS(Open("\\file", noDelete).Status));

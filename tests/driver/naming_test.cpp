@@ -84,14 +84,30 @@ TEST_F(Naming, NewNamesAreOneComponent)
         EXPECT_STATUS(row.Expected, Rename(file.Get(), row.Name, true));
         EXPECT_EQ(NameOf(file.Get()), "\\file"); // which asks the plugin: the handle is not closed
     }
-    // A name of no length, which the services would refuse by themselves.
+    // A name of no length, and names beyond the buffer, which the services would refuse by themselves.
     const FileReference object(file.Get());
-    FILE_RENAME_INFORMATION info = {};
-    HandMade rename(Device(), object.Get(), IRP_MJ_SET_INFORMATION);
-    rename.Irp()->AssociatedIrp.SystemBuffer = &info;
-    rename.Stack()->Parameters.SetFile.Length = sizeof info;
-    rename.Stack()->Parameters.SetFile.FileInformationClass = FileRenameInformation;
-    EXPECT_STATUS(STATUS_OBJECT_NAME_INVALID, rename.Send());
+    for (const ULONG length : {0u, 100u, 0xffffu}) {
+        FILE_RENAME_INFORMATION info = {};
+        info.FileNameLength = length;
+        HandMade rename(Device(), object.Get(), IRP_MJ_SET_INFORMATION);
+        rename.Irp()->AssociatedIrp.SystemBuffer = &info;
+        rename.Stack()->Parameters.SetFile.Length = sizeof info;
+        rename.Stack()->Parameters.SetFile.FileInformationClass = FileRenameInformation;
+        EXPECT_STATUS(length == 0 ? STATUS_OBJECT_NAME_INVALID : STATUS_INVALID_PARAMETER, rename.Send());
+    }
+    // What the plugin makes of a name is looked at too.
+    Plugin().Table()->GetNormalizedPath = [](GVND_CALL, PCUNICODE_STRING, PUNICODE_STRING* normalized) NTAPI {
+        (void)context, (void)cancel;
+        constexpr WCHAR kTwo[] = L"a\\b";
+        auto* const block = static_cast<PUNICODE_STRING>(
+            ExAllocatePoolWithTag(PagedPool, sizeof(UNICODE_STRING) + sizeof kTwo, 'mron'));
+        auto* const text = reinterpret_cast<PWCH>(block + 1);
+        std::memcpy(text, kTwo, sizeof kTwo);
+        *block = {sizeof kTwo - sizeof(WCHAR), sizeof kTwo, text};
+        *normalized = block;
+        return STATUS_SUCCESS;
+    };
+    EXPECT_STATUS(STATUS_OBJECT_NAME_INVALID, Rename(file.Get(), "\xc3\xa9"));
     EXPECT_EQ(ReadText(file.Get(), 2), "01");
 }
 

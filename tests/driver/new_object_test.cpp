@@ -197,14 +197,6 @@ TEST_F(Overwrites, CutTheFileAndAddAttributes)
     EXPECT_EQ(Find("\\file")->Header.FileSize.QuadPart, 0);
 }
 
-TEST_F(Overwrites, NeedWriteAccessThatTheHandleDoesNotGet)
-{
-    EXPECT_STATUS(STATUS_ACCESS_DENIED, Open("\\readonly", Overwrite(FILE_ATTRIBUTE_READONLY)).Status);
-    Handle overwriter = OpenOrFail("\\file", Overwrite(FILE_ATTRIBUTE_READONLY));
-    EXPECT_STATUS(STATUS_ACCESS_DENIED, support::Write(overwriter.Get(), "x").Status); // a reader all the same
-    EXPECT_STATUS(STATUS_ACCESS_DENIED, Open("\\file", {.Access = FILE_GENERIC_WRITE}).Status);
-}
-
 TEST_F(Overwrites, LeaveTheFileCutWhenALaterStepFails)
 {
     struct Row {

@@ -163,15 +163,6 @@ TEST_F(Paths, MatchesTheNormalisedForm)
     EXPECT_NE(Find(spelled), nullptr);
 }
 
-// Three backslashes in a row make an empty component, which ends the walk as if the path were complete.
-TEST_F(Paths, AnEmptyComponentEndsTheWalk)
-{
-    Handle file = OpenOrFail("\\dir\\\\\\nothing");
-    EXPECT_NE(Find("\\dir"), nullptr);
-    EXPECT_EQ(Find("\\dir")->OpenCount, 1);
-    EXPECT_EQ(FcbCount(), 2u);
-}
-
 // A live file in the middle of a path is not asked for its type: the plugin judges what should be below it.
 TEST_F(Paths, ALiveFileInTheMiddleLeavesTheAnswerToThePlugin)
 {

@@ -11,8 +11,6 @@ using support::NameOf;
 using support::Rename;
 
 constexpr OpenRequest kRename = {.Access = FILE_GENERIC_READ | FILE_GENERIC_WRITE | DELETE};
-constexpr OpenRequest kRenameDir = {.Access = FILE_LIST_DIRECTORY | DELETE | SYNCHRONIZE,
-                                    .Options = kSynchronous | FILE_DIRECTORY_FILE};
 
 class Renames : public VolumeTest {
 protected:
@@ -140,24 +138,6 @@ TEST_F(Renames, LeaveTheSourceAsFarAsTheyCame)
     Handle file = OpenOrFail("\\victim", kRename);
     EXPECT_STATUS(STATUS_NOT_SUPPORTED, Rename(file.Get(), "other"));
     EXPECT_EQ(support::ReadText(file.Get(), 4), "0123"); // nothing was touched
-}
-
-TEST_F(Renames, OfADirectoryNeedItsChildrenClosed)
-{
-    Handle directory = OpenOrFail("\\dir", kRenameDir);
-    {
-        Handle child = OpenOrFail("\\dir\\sub\\deep");
-        EXPECT_STATUS(STATUS_ACCESS_DENIED, Rename(directory.Get(), "new"));
-        EXPECT_EQ(support::ReadText(child.Get(), 4), "deep");
-    }
-    EXPECT_STATUS(STATUS_SUCCESS, Rename(directory.Get(), "new"));
-    EXPECT_EQ(Content("\\new\\sub\\deep"), "deep");
-    EXPECT_STATUS(STATUS_SUCCESS, Rename(directory.Get(), Full("\\empty\\inside")));
-    EXPECT_EQ(Content("\\empty\\inside\\sub\\deep"), "deep");
-    directory.Close();
-    EXPECT_EQ(FcbCount(), 0u);
-    Handle root = OpenOrFail("\\", kRenameDir);
-    EXPECT_STATUS(STATUS_INVALID_PARAMETER, Rename(root.Get(), "anything"));
 }
 
 TEST_F(Renames, CountALossOnBothSidesOfAReplacement)
