@@ -96,7 +96,8 @@ TEST_F(Naming, NewNamesAreOneComponent)
         EXPECT_STATUS(length == 0 ? STATUS_OBJECT_NAME_INVALID : STATUS_INVALID_PARAMETER, rename.Send());
     }
     // What the plugin makes of a name is looked at too.
-    Plugin().Table()->GetNormalizedPath = [](GVND_CALL, PCUNICODE_STRING, PUNICODE_STRING* normalized) NTAPI {
+    Plugin().Table()->GetNormalizedPath = [](GVND_CALL, PCUNICODE_STRING, PUNICODE_STRING* normalized)
+                                              NTAPI -> NTSTATUS {
         (void)context, (void)cancel;
         constexpr WCHAR kTwo[] = L"a\\b";
         auto* const block = static_cast<PUNICODE_STRING>(
@@ -250,6 +251,7 @@ TEST_F(Naming, APendedRenameAsksForItsCaller)
     rename.Stack()->Parameters.SetFile.FileInformationClass = FileRenameInformation;
     EXPECT_STATUS(STATUS_PENDING, rename.Send());
     EXPECT_STATUS(STATUS_SUCCESS, rename.Status());
+    EXPECT_EQ(rename.Information(), 0u);
     EXPECT_EQ(asked, caller);
 }
 

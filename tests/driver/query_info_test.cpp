@@ -60,7 +60,7 @@ TEST_F(QueryInfo, HasALeastLengthPerClass)
     for (const FILE_INFORMATION_CLASS unanswered :
          {FileAccessInformation, FileModeInformation, FileAlignmentInformation}) {
         uint64_t buffer[4];
-        EXPECT_STATUS(STATUS_NOT_IMPLEMENTED, Ask(file.Get(), unanswered, buffer, 32).Status);
+        EXPECT_STATUS(STATUS_NOT_IMPLEMENTED, Ask(file.Get(), unanswered, buffer, 0).Status);
     }
     for (const FILE_INFORMATION_CLASS unknown :
          {FileAttributeTagInformation, FileStreamInformation, FileCompressionInformation}) {
