@@ -17,6 +17,7 @@ import subprocess
 TARGETS = ("driver_tests", "model_tests")
 SLOW = 0.3  # seconds for one test
 Step = collections.namedtuple("Step", "target only seconds")
+PASSED = re.compile(r"^\[       OK \] (\S+) \((\d+) ms\)", re.M)
 INCLUDE = re.compile(r'^#include "([^"]+)"', re.M)
 
 
@@ -58,7 +59,7 @@ class Build:
             done = subprocess.run([self.directory / target], env=environment(), capture_output=True, text=True)
             if done.returncode != 0:
                 raise SystemExit(f"{target} fails without a mutant:\n{done.stdout[-3000:]}")
-            took = {test: int(ms) / 1000 for test, ms in re.findall(r"^\[       OK \] (\S+) \((\d+) ms\)", done.stdout, re.M)}
+            took = {test: int(ms) / 1000 for test, ms in PASSED.findall(done.stdout)}
             if target == "driver_tests":
                 slow = [test for test in took if took[test] > SLOW]
                 self.steps = [Step(target, "*-" + ":".join(slow), sum(took.values()) - sum(took[t] for t in slow))]
@@ -83,7 +84,7 @@ class Build:
         overlay.write_text(text)
         source = overlay if name == changed else self.root / name
         out = room / (name.replace("/", ".") + ".o")
-        command = [c for c in self.compile[name]]
+        command = list(self.compile[name])
         command[command.index("-o") + 1] = str(out)
         command[command.index("-c") + 1] = str(source)
         # Asserted lines hold the file's name; they must not differ by it.
@@ -105,7 +106,7 @@ def environment():
 
 
 def killer(output):
-    failed = re.search(r"^\[  FAILED  \] (\S+)", output, re.M)
+    failed = re.search(r"^\[  FAILED  \] ([^\s,]+)", output, re.M)
     running = re.findall(r"^\[ RUN      \] (\S+)", output, re.M)
     return failed.group(1) if failed else (running[-1] if running else "start")
 

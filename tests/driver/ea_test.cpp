@@ -48,8 +48,7 @@ TEST_F(EaRecords, EndTheListWhenNothingIsLeftBehindTheirAlignment)
                                                                     row.ValueLength, &list));
         EXPECT_EQ(list.Remaining, row.Left);
         EXPECT_EQ(list.Previous != nullptr, row.Left != row.Room);
-        const auto* const record = reinterpret_cast<const FILE_FULL_EA_INFORMATION*>(list.Previous);
-        if (record) EXPECT_EQ(record->EaName[row.NameLength], 0);
+        if (list.Previous) EXPECT_EQ(list.Previous[FIELD_OFFSET(FILE_FULL_EA_INFORMATION, EaName) + row.NameLength], 0);
     }
 }
 

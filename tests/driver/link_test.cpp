@@ -64,12 +64,14 @@ TEST_F(Links, ToNowhereFailClearly)
 
 struct BadTarget {
     static inline const WCHAR* Text;
+    static inline USHORT Missing; // bytes
     static NTSTATUS NTAPI ReadLink(void*, PKEVENT, PCUNICODE_STRING, PUNICODE_STRING* target, PUNICODE_STRING* other)
     {
         *other = static_cast<PUNICODE_STRING>(ExAllocatePoolWithTag(PagedPool, sizeof(UNICODE_STRING), 'tset'));
         if (!Text) return STATUS_SUCCESS;
         *target = static_cast<PUNICODE_STRING>(ExAllocatePoolWithTag(PagedPool, sizeof(UNICODE_STRING), 'tset'));
         RtlInitUnicodeString(*target, Text);
+        (*target)->Length -= Missing;
         return STATUS_SUCCESS;
     }
 };
@@ -81,6 +83,10 @@ TEST_F(Links, MustPointToAPathFromTheRoot)
         BadTarget::Text = text;
         EXPECT_STATUS(STATUS_OBJECT_PATH_SYNTAX_BAD, Open("\\link").Status);
     }
+    BadTarget::Text = L"\\file";
+    BadTarget::Missing = 1; // half a character
+    EXPECT_STATUS(STATUS_UNSUCCESSFUL, Open("\\link").Status);
+    BadTarget::Missing = 0;
     Plugin().Table()->ReadLink = nullptr;
     EXPECT_STATUS(STATUS_NOT_SUPPORTED, Open("\\link").Status);
 }

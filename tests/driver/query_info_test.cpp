@@ -80,7 +80,8 @@ TEST_F(QueryInfo, ReportsAllInStages)
         EXPECT_STATUS(STATUS_BUFFER_TOO_SMALL, outcome.Status);
         EXPECT_EQ(outcome.Information, stages[stage]);
     }
-    uint64_t buffer[32] = {};
+    uint64_t buffer[32];
+    std::fill(std::begin(buffer), std::end(buffer), ~0ull);
     auto* const all = reinterpret_cast<PFILE_ALL_INFORMATION>(buffer);
     const Outcome outcome = Ask(file.Get(), FileAllInformation, all, 104);
     EXPECT_STATUS(STATUS_BUFFER_OVERFLOW, outcome.Status);
@@ -89,6 +90,8 @@ TEST_F(QueryInfo, ReportsAllInStages)
     EXPECT_EQ(all->StandardInformation.EndOfFile.QuadPart, 10);
     EXPECT_EQ(all->StandardInformation.NumberOfLinks, 1u);
     EXPECT_EQ(all->StandardInformation.DeletePending, FALSE);
+    EXPECT_EQ(all->EaInformation.EaSize, 0u);
+    EXPECT_EQ(all->AccessInformation.AccessFlags, 0u); // the I/O manager's to fill in
 }
 
 TEST_F(QueryInfo, TellsTheNameWholeOrNotAtAll)
