@@ -131,7 +131,7 @@ def identified(root, names):
 
 
 def drawn(mutants, seed):
-    """Of each folder, its mutants in random order; within it kinds take turns, else numbers would crowd out the rest."""
+    """Of each folder, its mutants in random order. Kinds take turns, else numbers would crowd out the rest."""
     folders = collections.defaultdict(lambda: collections.defaultdict(list))
     for name, mutant in mutants.items():
         folders[mutant.file.split("/")[1]][mutant.kind].append(name)

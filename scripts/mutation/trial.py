@@ -150,8 +150,8 @@ class Trial:
     def run(self, program, only, seconds):
         log = self.room / "log"
         with log.open("wb") as out:
-            process = subprocess.Popen([program, "--gtest_fail_fast", f"--gtest_filter={only}"], cwd=self.room, stdout=out,
-                                       stderr=subprocess.STDOUT, env=environment(), preexec_fn=limit,
+            process = subprocess.Popen([program, "--gtest_fail_fast", f"--gtest_filter={only}"], cwd=self.room,
+                                       stdout=out, stderr=subprocess.STDOUT, env=environment(), preexec_fn=limit,
                                        start_new_session=True)
             try:
                 code = process.wait(seconds)

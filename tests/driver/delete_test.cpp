@@ -65,25 +65,6 @@ TEST_F(Deletion, TakesAReadOnlyAttributeOff)
     EXPECT_FALSE(Exists("\\file"));
 }
 
-TEST_F(Deletion, LeavesTheNameFreeWhileOldObjectsLive)
-{
-    // Three of one name, each deleted while its file object lives.
-    std::vector<std::unique_ptr<FileReference>> old;
-    for (int i = 0; i < 3; ++i) {
-        Handle file = OpenOrFail(
-            "\\twin", {.Access = FILE_GENERIC_READ | FILE_GENERIC_WRITE | DELETE, .Disposition = FILE_CREATE});
-        old.push_back(std::make_unique<FileReference>(file.Get()));
-        EXPECT_STATUS(STATUS_SUCCESS, SetDelete(file.Get(), true));
-        file.Close();
-        EXPECT_EQ(FcbCount(), i + 1u); // the root goes each time: the deleted hold no parent
-    }
-    Handle live = OpenOrFail("\\twin", {.Access = FILE_GENERIC_WRITE, .Disposition = FILE_CREATE});
-    EXPECT_EQ(FcbCount(), 5u);
-    for (const auto& file : old) EXPECT_TRUE(GvFcbOf(file->Get())->OnDeletionTree);
-    old.clear();
-    EXPECT_EQ(FcbCount(), 2u);
-}
-
 TEST_F(Deletion, RestartsAListingOnlyWhenThePluginHasDeleted)
 {
     for (const bool fails : {false, true}) {
