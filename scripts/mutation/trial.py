@@ -15,14 +15,16 @@ import signal
 import subprocess
 
 TARGETS = ("driver_tests", "model_tests")
+STANDSTILL, POLL = 8, 0.5  # seconds: longer than any test waits for nothing
 SLOW = 0.3  # seconds for one test
 Step = collections.namedtuple("Step", "target only seconds")
 PASSED = re.compile(r"^\[       OK \] (\S+) \((\d+) ms\)", re.M)
 INCLUDE = re.compile(r'^#include "([^"]+)"', re.M)
 
 
-def limit():
-    """A mutant may write, allocate or crash without end."""
+def limit(seconds):
+    """A mutant may run, write, allocate or crash without end."""
+    resource.setrlimit(resource.RLIMIT_CPU, (seconds, seconds + 5))
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
     resource.setrlimit(resource.RLIMIT_FSIZE, (256 << 20, 256 << 20))
     resource.setrlimit(resource.RLIMIT_AS, (16 << 30, 16 << 30))
@@ -132,7 +134,7 @@ class Trial:
             program = self.linked(step.target, objects)
             if not program:
                 return "does not compile", ""
-            result, by = self.run(program, step.only, 10 + 6 * step.seconds)
+            result, by = self.run(program, step.only, 10 + round(4 * step.seconds))
             if result != "survived":
                 return result, by
         return "survived", ""
@@ -151,12 +153,35 @@ class Trial:
         log = self.room / "log"
         with log.open("wb") as out:
             process = subprocess.Popen([program, "--gtest_fail_fast", f"--gtest_filter={only}"], cwd=self.room,
-                                       stdout=out, stderr=subprocess.STDOUT, env=environment(), preexec_fn=limit,
-                                       start_new_session=True)
-            try:
-                code = process.wait(seconds)
-            except subprocess.TimeoutExpired:
-                os.killpg(process.pid, signal.SIGKILL)
-                process.wait()
-                return "timeout", killer(log.read_text(errors="replace"))
-        return ("survived", "") if code == 0 else ("killed", killer(log.read_text(errors="replace")))
+                                       stdout=out, stderr=subprocess.STDOUT, env=environment(),
+                                       preexec_fn=lambda: limit(seconds), start_new_session=True)
+            code = ended(process)
+        if code == 0:
+            return "survived", ""
+        spun = code in (-signal.SIGXCPU, -signal.SIGKILL)
+        return ("timeout" if code is None or spun else "killed"), killer(log.read_text(errors="replace"))
+
+
+def ended(process):
+    """The exit code; None for one that stood still, whatever else the machine has to do, and was ended."""
+    still, before = 0, None
+    while still < STANDSTILL:
+        try:
+            return process.wait(POLL)
+        except subprocess.TimeoutExpired:
+            now = consumed(process.pid)
+            still = still + POLL if now == before else 0
+            before = now
+    os.killpg(process.pid, signal.SIGKILL)
+    process.wait()
+    return None
+
+
+def consumed(pid):
+    """Processor time of all threads, or something new as long as one of them only waits for a processor."""
+    try:
+        tasks = pathlib.Path(f"/proc/{pid}/task").iterdir()
+        stats = [(task / "stat").read_text().rsplit(")", 1)[1].split() for task in tasks]
+    except OSError:  # a thread that has just ended
+        return object()
+    return object() if any(s[0] in "RD" for s in stats) else sum(int(s[11]) + int(s[12]) for s in stats)
