@@ -95,20 +95,21 @@ TEST_F(Naming, NewNamesAreOneComponent)
         rename.Stack()->Parameters.SetFile.FileInformationClass = FileRenameInformation;
         EXPECT_STATUS(length == 0 ? STATUS_OBJECT_NAME_INVALID : STATUS_INVALID_PARAMETER, rename.Send());
     }
-    // What the plugin makes of a name is looked at too.
+    // What the plugin makes of a name is looked at too: two components, and none.
+    static USHORT characters;
     Plugin().Table()->GetNormalizedPath = [](GVND_CALL, PCUNICODE_STRING, PUNICODE_STRING* normalized)
                                               NTAPI -> NTSTATUS {
         (void)context, (void)cancel;
-        constexpr WCHAR kTwo[] = L"a\\b";
-        auto* const block = static_cast<PUNICODE_STRING>(
-            ExAllocatePoolWithTag(PagedPool, sizeof(UNICODE_STRING) + sizeof kTwo, 'mron'));
-        auto* const text = reinterpret_cast<PWCH>(block + 1);
-        std::memcpy(text, kTwo, sizeof kTwo);
-        *block = {sizeof kTwo - sizeof(WCHAR), sizeof kTwo, text};
-        *normalized = block;
+        static WCHAR two[] = L"a\\b";
+        *normalized = static_cast<PUNICODE_STRING>(ExAllocatePoolWithTag(PagedPool, sizeof(UNICODE_STRING), 'mron'));
+        const auto length = static_cast<USHORT>(characters * sizeof(WCHAR));
+        **normalized = {length, length, characters ? two : nullptr};
         return STATUS_SUCCESS;
     };
-    EXPECT_STATUS(STATUS_OBJECT_NAME_INVALID, Rename(file.Get(), "\xc3\xa9"));
+    for (const USHORT count : {3, 0}) {
+        characters = count;
+        EXPECT_STATUS(STATUS_OBJECT_NAME_INVALID, Rename(file.Get(), "\xc3\xa9"));
+    }
     EXPECT_EQ(ReadText(file.Get(), 2), "01");
 }
 

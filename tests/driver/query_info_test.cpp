@@ -69,6 +69,18 @@ TEST_F(QueryInfo, HasALeastLengthPerClass)
     }
 }
 
+struct Reported {
+    static inline ULONG Attributes;
+    static inline PluginGetInfoFn Inner;
+    static inline void* InnerContext;
+    static NTSTATUS NTAPI GetInfo(void*, PKEVENT cancel, PluginFd fd, PluginFileInfo** info)
+    {
+        const NTSTATUS status = Inner(InnerContext, cancel, fd, info);
+        if (NT_SUCCESS(status)) (*info)->FileAttributes = Attributes, (*info)->FileId = ~0ull;
+        return status;
+    }
+};
+
 TEST_F(QueryInfo, ReportsAllInStages)
 {
     Handle handle = OpenOrFail("\\file");
@@ -80,8 +92,10 @@ TEST_F(QueryInfo, ReportsAllInStages)
         EXPECT_STATUS(STATUS_BUFFER_TOO_SMALL, outcome.Status);
         EXPECT_EQ(outcome.Information, stages[stage]);
     }
-    uint64_t buffer[32];
-    std::fill(std::begin(buffer), std::end(buffer), ~0ull);
+    Reported::Attributes = FILE_ATTRIBUTE_NORMAL;
+    Reported::Inner = std::exchange(Plugin().Table()->GetInfo, Reported::GetInfo);
+    Reported::InnerContext = &Plugin();
+    uint64_t buffer[32] = {};
     auto* const all = reinterpret_cast<PFILE_ALL_INFORMATION>(buffer);
     const Outcome outcome = Ask(file.Get(), FileAllInformation, all, 104);
     EXPECT_STATUS(STATUS_BUFFER_OVERFLOW, outcome.Status);
@@ -90,8 +104,7 @@ TEST_F(QueryInfo, ReportsAllInStages)
     EXPECT_EQ(all->StandardInformation.EndOfFile.QuadPart, 10);
     EXPECT_EQ(all->StandardInformation.NumberOfLinks, 1u);
     EXPECT_EQ(all->StandardInformation.DeletePending, FALSE);
-    EXPECT_EQ(all->EaInformation.EaSize, 0u);
-    EXPECT_EQ(all->AccessInformation.AccessFlags, 0u); // the I/O manager's to fill in
+    EXPECT_EQ(all->InternalInformation.IndexNumber.QuadPart, -1); // the part behind it is cleared
 }
 
 TEST_F(QueryInfo, TellsTheNameWholeOrNotAtAll)
@@ -105,18 +118,6 @@ TEST_F(QueryInfo, TellsTheNameWholeOrNotAtAll)
     EXPECT_NE(info->FileName[0], L'\\');
     EXPECT_EQ(support::NameOf(handle.Get()), "\\FILE"); // the name it is known by
 }
-
-struct Reported {
-    static inline ULONG Attributes;
-    static inline PluginGetInfoFn Inner;
-    static inline void* InnerContext;
-    static NTSTATUS NTAPI GetInfo(void*, PKEVENT cancel, PluginFd fd, PluginFileInfo** info)
-    {
-        const NTSTATUS status = Inner(InnerContext, cancel, fd, info);
-        if (NT_SUCCESS(status)) (*info)->FileAttributes = Attributes;
-        return status;
-    }
-};
 
 TEST_F(QueryInfo, HoldsThePluginToTheKindOfObject)
 {

@@ -167,6 +167,21 @@ TEST_F(Renames, SurviveADestinationThatOutlivesItsHandles)
     EXPECT_EQ(Content("\\victim"), "0123456789");
 }
 
+// Read-only is forgiven a directory that takes a name in; that nobody may read it is not.
+TEST_F(Renames, NeedADirectoryThatThePluginLetsThemOpen)
+{
+    static PluginLookupFn inner;
+    inner = std::exchange(Plugin().Table()->Lookup,
+                          [](GVND_CALL, PCUNICODE_STRING path, PluginFileInfo** info, PluginAccessMask* access)
+                              NTAPI -> NTSTATUS {
+                                  const NTSTATUS status = inner(context, cancel, path, info, access);
+                                  if (path->Length == 4 * sizeof(WCHAR)) *access = GVND_ACCESS_WRITE; // \dir
+                                  return status;
+                              });
+    Handle file = OpenOrFail("\\file", kRename);
+    EXPECT_STATUS(STATUS_ACCESS_DENIED, Rename(file.Get(), Full("\\dir\\x")));
+}
+
 TEST_F(Renames, HaveNameLimits)
 {
     Handle file = OpenOrFail("\\file", kRename);

@@ -35,6 +35,17 @@ TEST_F(Util, StringsEndBelow65535Bytes)
     EXPECT_TRUE(Trace().Contains("bad param: 0x10002\n"));
 }
 
+TEST_F(Util, FindsTheLastOccurrence)
+{
+    USHORT index = 0x7777;
+    EXPECT_STATUS(STATUS_SUCCESS, GvUtlUniStrRChr(Text("\\a"), L'\\', &index));
+    EXPECT_EQ(index, 0u);
+    EXPECT_STATUS(STATUS_SUCCESS, GvUtlUniStrRChr(Text("\\a\\b\\"), L'\\', &index));
+    EXPECT_EQ(index, 4u);
+    EXPECT_STATUS(STATUS_UNSUCCESSFUL, GvUtlUniStrRChr(Text("abc"), L'\\', &index));
+    EXPECT_STATUS(STATUS_INVALID_PARAMETER, GvUtlUniStrRChr(Text(""), L'\\', &index));
+}
+
 struct ComponentRow {
     const char* Path;
     const WCHAR* Component;
