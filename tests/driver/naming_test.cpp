@@ -86,7 +86,7 @@ TEST_F(Naming, NewNamesAreOneComponent)
     }
     // A name of no length, and names beyond the buffer, which the services would refuse by themselves.
     const FileReference object(file.Get());
-    for (const ULONG length : {0u, 100u, 0xffffu}) {
+    for (const ULONG length : {0u, 20u, 0xffffu}) {
         FILE_RENAME_INFORMATION info = {};
         info.FileNameLength = length;
         HandMade rename(Device(), object.Get(), IRP_MJ_SET_INFORMATION);
