@@ -154,7 +154,7 @@ NTSTATUS GvCreateNewFileOrDir(IrpContext* context, const CreateParameters& param
         GvCloseBareHandle(kName, context, fd);
         return status;
     }
-    // What it was made for need not be what later opens may have: a creator writes a read-only file, also after a rename.
+    // Whatever later opens may have: a creator writes a read-only file, also after a rename.
     fcb->PluginFdGranted = GVND_ACCESS_ALL;
     status = GvInitSharedFileObj(__func__, parameters.FileObject, fcb, parameters.DeleteOnClose);
     if (!NT_SUCCESS(status)) {
