@@ -2,7 +2,7 @@
 // all that is kept of a file. Relies on sectionLock for the looks; flush and purge take it themselves.
 #include <ntifs.h>
 
-#include "mm/control_area.h"
+#include "mm/pages.h"
 
 using namespace nthost::mm;
 

@@ -1,17 +1,26 @@
-// Reports on the current thread, and the end of the process. Relies on no lock: another thread may be stuck with it.
+// Texts for reports, and the end of the process. Relies on no lock: another thread may be stuck with it.
 #include "check/fatal.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 
 #include "check/stack.h"
 #include "check/text.h"
-#include "ke/thread.h"
 
 namespace nthost {
 
 namespace {
+
+std::atomic<const ThreadTexts*> g_threadTexts;
+
+std::string ThreadLines()
+{
+    const ThreadTexts* const texts = g_threadTexts.load(std::memory_order_acquire);
+    const std::string lines = texts ? texts->Lines() : "";
+    return lines.empty() ? "  on a thread that is not attached to a process\n" : lines;
+}
 
 std::string FormatList(const char* format, va_list arguments)
 {
@@ -24,33 +33,13 @@ std::string FormatList(const char* format, va_list arguments)
     return text;
 }
 
-const char* KindText(HeldLock::Kind kind)
-{
-    switch (kind) {
-    case HeldLock::Kind::Resource: return "resource";
-    case HeldLock::Kind::SpinLock: return "spin lock";
-    case HeldLock::Kind::Mutex: return "mutex";
-    case HeldLock::Kind::FastMutex: return "fast mutex";
-    case HeldLock::Kind::GuardedMutex: return "guarded mutex";
-    }
-    return "lock";
-}
-
-// Straight from the record: draining what others posted takes a lock.
-void DescribeHeld(const _ETHREAD& thread, std::string& text)
-{
-    for (const HeldLock& held : thread.Held)
-        text += Format("  holds %s %p shared %u exclusive %u, taken at %s\n", KindText(held.LockKind), held.Address,
-                       held.Shared, held.Exclusive, FrameText(held.Where).c_str());
-}
-
 [[noreturn]] void Die(const std::string& message)
 {
     static thread_local bool dying;
     if (!dying) {
         dying = true;
         std::string text = "nthost: fatal: " + message + "\n";
-        DescribeThread(text);
+        text += ThreadLines();
         fputs(text.c_str(), stderr);
         fputs(CurrentStackText().c_str(), stderr);
         fflush(stderr);
@@ -59,6 +48,14 @@ void DescribeHeld(const _ETHREAD& thread, std::string& text)
 }
 
 } // namespace
+
+void SetThreadTexts(const ThreadTexts* texts) { g_threadTexts.store(texts, std::memory_order_release); }
+
+std::string ThreadPlace()
+{
+    const ThreadTexts* const texts = g_threadTexts.load(std::memory_order_acquire);
+    return texts ? texts->Place() : "";
+}
 
 std::string Format(const char* format, ...)
 {
@@ -79,20 +76,6 @@ std::string TagText(unsigned tag)
         text += character >= 0x20 && character < 0x7f ? character : '.';
     }
     return text;
-}
-
-void DescribeThread(std::string& text)
-{
-    const _ETHREAD* const thread = ke::CurrentThreadOrNull();
-    if (!thread) {
-        text += "  on a thread that is not attached to a process\n";
-        return;
-    }
-    text += Format("  thread %zu of process %zu (%s), IRQL %u, critical regions %u\n",
-                   reinterpret_cast<size_t>(thread->Id), reinterpret_cast<size_t>(thread->Process->Id),
-                   thread->Process->Name.c_str(), thread->Irql, thread->ApcDisable);
-    if (thread->Calls) text += Format("  in %s, request %p\n", thread->Calls->What, thread->CurrentIrp);
-    DescribeHeld(*thread, text);
 }
 
 void Fatal(const char* format, ...)

@@ -12,7 +12,13 @@ namespace nthost {
 [[noreturn]] void Fatal(const char* format, ...) __attribute__((format(printf, 1, 2)));
 // A finding after which the host's state cannot be trusted: reported as one, then fatal.
 [[noreturn]] void FatalFinding(const char* rule, const std::string& detail);
-// Appends what the current thread is and does: ids, IRQL, critical regions, request, held locks.
-void DescribeThread(std::string& text);
+
+// What the current thread is and does, which only those above know. Called from anywhere: takes no lock.
+struct ThreadTexts {
+    std::string (*Lines)(); // ids, IRQL, critical regions, request, held locks; empty if the thread is not attached
+    std::string (*Place)(); // the same in short, for findings: " [thread ...]"
+};
+void SetThreadTexts(const ThreadTexts* texts);
+std::string ThreadPlace();
 
 } // namespace nthost

@@ -7,8 +7,6 @@
 
 #include "check/fatal.h"
 #include "check/stack.h"
-#include "check/text.h"
-#include "ke/thread.h"
 
 namespace nthost {
 
@@ -18,22 +16,11 @@ std::mutex findingsLock;
 std::vector<Finding> findings;
 std::atomic<int> quiet;
 
-// Who did it; a request only by its address, since it may be complete and gone.
-std::string Place()
-{
-    const _ETHREAD* const thread = ke::CurrentThreadOrNull();
-    if (!thread) return "";
-    std::string place = Format(" [thread %zu", reinterpret_cast<size_t>(thread->Id));
-    if (thread->Calls) place += Format(", in %s", thread->Calls->What);
-    if (thread->CurrentIrp) place += Format(", request %p", thread->CurrentIrp);
-    return place + "]";
-}
-
 } // namespace
 
 void ReportFinding(std::string rule, std::string detail)
 {
-    Finding finding{std::move(rule), std::move(detail) + Place(), CurrentStackText()};
+    Finding finding{std::move(rule), std::move(detail) + ThreadPlace(), CurrentStackText()};
     if (quiet.load() == 0)
         fprintf(stderr, "nthost: finding %s: %s\n%s", finding.Rule.c_str(), finding.Detail.c_str(),
                 finding.Stack.c_str());

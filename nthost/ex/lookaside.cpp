@@ -4,8 +4,8 @@
 
 #include <nthost/check.h>
 
-#include "check/callout.h"
-#include "ex/live.h"
+#include "ke/callout.h"
+#include "ke/live.h"
 #include "ke/word_lock.h"
 
 namespace nthost::ex {
@@ -59,12 +59,12 @@ void Initialize(PGENERAL_LOOKASIDE list, const NewList& from)
     list->Size = static_cast<ULONG>(std::max<SIZE_T>(from.Size, sizeof(SLIST_ENTRY)));
     list->Allocate = from.Allocate ? from.Allocate : AllocateFromPool;
     list->Free = from.Free ? from.Free : FreeToPool;
-    if (NTHOST_CHECKS) NoteLiveObject(LiveKind::LookasideList, list);
+    if (NTHOST_CHECKS) ke::NoteLiveObject(ke::LiveKind::LookasideList, list);
 }
 
 void Delete(PGENERAL_LOOKASIDE list)
 {
-    if (NTHOST_CHECKS) ForgetLiveObject(list);
+    if (NTHOST_CHECKS) ke::ForgetLiveObject(list);
     while (PSLIST_ENTRY const entry = ExpInterlockedPopEntrySList(&list->ListHead))
         CallDriver(MustRestore::Everything, "free routine of a lookaside list", list->Free, static_cast<PVOID>(entry));
 }

@@ -9,9 +9,9 @@
 #include <unordered_set>
 
 #include "check/fatal.h"
-#include "check/lock_order.h"
+#include "ke/lock_order.h"
 #include "check/text.h"
-#include "ex/live.h"
+#include "ke/live.h"
 #include "ex/pool_block.h"
 #include "ke/thread.h"
 
@@ -200,7 +200,7 @@ VOID NTAPI ExFreePoolWithTag(PVOID P, ULONG Tag)
         FatalFinding("pool-wrong-tag", "freed with tag " + TagText(Tag) + ": " + Describe(header));
     CheckGuards(header);
     if (NTHOST_CHECKS) {
-        ex::CheckNothingLiveIn(P, header->Size);
+        ke::CheckNothingLiveIn(P, header->Size);
         ForgetLocksIn(P, header->Size);
         memset(P, 0xdd, header->Size);
     }

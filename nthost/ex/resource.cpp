@@ -6,9 +6,9 @@
 #include <nthost/faults.h>
 
 #include "check/fatal.h"
-#include "check/lock_order.h"
+#include "ke/lock_order.h"
 #include "check/text.h"
-#include "ex/live.h"
+#include "ke/live.h"
 #include "ke/held.h"
 #include "ke/wait.h"
 #include "ke/word_lock.h"
@@ -244,7 +244,7 @@ NTSTATUS NTAPI ExInitializeResourceLite(PERESOURCE Resource)
     *Resource = {};
     InitializeListHead(&Resource->SystemResourcesList);
     if (NTHOST_CHECKS) ForgetLocksIn(Resource, sizeof(ERESOURCE));
-    if (NTHOST_CHECKS) ex::NoteLiveObject(ex::LiveKind::Resource, Resource);
+    if (NTHOST_CHECKS) ke::NoteLiveObject(ke::LiveKind::Resource, Resource);
     return STATUS_SUCCESS;
 }
 
@@ -256,7 +256,7 @@ NTSTATUS NTAPI ExDeleteResourceLite(PERESOURCE Resource)
         ReportFinding("resource-deleted-owned",
                       Format("resource %p is held %u times", Resource, static_cast<unsigned>(Count(state))));
     std::erase_if(ke::HeldBy(ke::CurrentThread()), [&](const HeldLock& held) { return held.Address == Resource; });
-    ex::ForgetLiveObject(Resource);
+    ke::ForgetLiveObject(Resource);
     ForgetLocksIn(Resource, sizeof(ERESOURCE));
     RtlFillMemory(Resource, sizeof(ERESOURCE), 0xdd);
     return STATUS_SUCCESS;

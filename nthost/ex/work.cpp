@@ -5,7 +5,7 @@
 
 #include <mutex>
 
-#include "check/callout.h"
+#include "ke/callout.h"
 #include "check/fatal.h"
 #include "check/text.h"
 #include "ke/wait.h"

@@ -1,7 +1,7 @@
 // Calls the acquire and release callbacks, or takes the resources in their place. Holds nothing of its own.
 #include "fsrtl/acquire.h"
 
-#include "check/callout.h"
+#include "ke/callout.h"
 #include "io/fast_io.h"
 
 namespace nthost::fsrtl {

@@ -6,7 +6,7 @@
 #include <iterator>
 #include <utility>
 
-#include "check/callout.h"
+#include "ke/callout.h"
 
 namespace nthost::fsrtl {
 

@@ -5,12 +5,14 @@
 #include <nthost/process.h>
 
 #include "check/text.h"
+#include "host/boot.h"
 #include "host/builtin.h"
 #include "host/loader.h"
 #include "image/load.h"
 #include "io/irp.h"
 #include "io/manager.h"
-#include "ke/boot.h"
+#include "ke/describe.h"
+#include "ke/exceptions.h"
 #include "mm/memory.h"
 #include "ob/object.h"
 #include "zw/services.h"
@@ -44,9 +46,11 @@ void ReportRequests(std::vector<std::string>* lines)
 
 void Boot(const BootOptions& options)
 {
+    ke::DescribeThreadsInReports();
+    ke::TakeFaults();
     mm::Boot();
     ob::Boot();
-    ke::Boot(options.SystemWorkers);
+    host::BootCore(options.SystemWorkers);
     zw::Boot();
     io::Boot();
     host::MakeBuiltinDevices();
@@ -63,13 +67,13 @@ LeakReport Shutdown()
     mm::EndSections(&report.Lines);
     io::AwaitDroppedFiles();
     host::RemoveBuiltinDevices();
-    ke::StopWorkers();
+    host::StopWorkers();
     ReportRequests(&report.Lines);
     ReportObjects(&report.Lines);
-    ke::Shutdown(report.Lines);
+    host::ShutdownCore(report.Lines);
     zw::Shutdown();
     ob::Shutdown();
-    mm::Shutdown();
+    ke::ReturnFaults();
     host::ForgetLoadedDrivers();
     image::Forget();
     return report;

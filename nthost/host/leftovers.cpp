@@ -9,7 +9,7 @@
 #include <nthost/pool.h>
 
 #include "check/text.h"
-#include "ex/live.h"
+#include "ke/live.h"
 #include "io/device.h"
 #include "io/irp.h"
 #include "ke/wait.h"
@@ -127,7 +127,7 @@ std::vector<std::string> CollectLeftovers(const Departure& departure)
         lines.push_back(std::to_string(items) + " work items were not freed");
     CollectRequests(departure, &lines);
     CollectPool(departure, &lines);
-    if (departure.IsLast) ex::ReportLive(lines);
+    if (departure.IsLast) ke::ReportLive(lines);
     return lines;
 }
 

@@ -13,7 +13,7 @@
 #include <nthost/registry.h>
 #include <nthost/sections.h>
 
-#include "check/callout.h"
+#include "ke/callout.h"
 #include "host/leftovers.h"
 #include "host/loader.h"
 #include "image/load.h"

@@ -7,7 +7,7 @@
 #include <strings.h>
 
 #include "image/seh.h"
-#include "mm/system_routine.h"
+#include "image/system_routine.h"
 
 namespace nthost::image {
 
@@ -42,7 +42,7 @@ ExportedAddress FindExport(const char* module, const char* name)
     if (strcasecmp(module, "ntoskrnl.exe") != 0) return {};
     for (const Export& each : kRuntime)
         if (each.Name == name) return {each.Address, true};
-    const mm::SystemRoutine found = mm::FindSystemRoutine(name);
+    const image::SystemRoutine found = image::FindSystemRoutine(name);
     return {found.Address, found.IsRoutine};
 }
 

@@ -13,7 +13,7 @@
 #include "image/platform.h"
 #include "image/seh.h"
 #include "image/symbols.h"
-#include "mm/exceptions.h"
+#include "ke/exceptions.h"
 #include <nthost/check.h>
 
 // The compilers' run-time library: tables for its unwinder, and so for backtrace().
@@ -53,7 +53,7 @@ bool StepOverImage(StackPosition* position)
     return true;
 }
 
-constexpr mm::ExceptionHooks kExceptionHooks = {AnyModule, EmulateInstruction, DispatchException};
+constexpr ke::ExceptionHooks kExceptionHooks = {AnyModule, EmulateInstruction, DispatchException};
 constexpr StackHooks kStackHooks = {AnyModule, AddressText, StepOverImage};
 
 void Announce(Module* module)
@@ -104,7 +104,7 @@ NTSTATUS Load(const std::string& path, Module** module)
     if (!file) return Refuse(path, reason, {});
 
     const std::lock_guard hold(g_lock);
-    mm::SetExceptionHooks(&kExceptionHooks);
+    ke::SetExceptionHooks(&kExceptionHooks);
     SetStackHooks(&kStackHooks);
     const size_t hash = HashOf(file->Bytes);
     Module* const twin = UnloadedTwin(hash);

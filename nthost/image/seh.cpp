@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "check/callout.h"
+#include "ke/callout.h"
 #include "check/fatal.h"
 #include <nthost/debug.h>
 
@@ -152,7 +152,7 @@ void ForgetBelow(uint64_t address)
         if (stop == Walk::AtGuard) {
             if (walk.Guard() != guard) continue;
             while (g_innermost && AddressOf(g_innermost) < AddressOf(guard->Frame)) g_innermost = g_innermost->Outer;
-            mm::JumpToGuard(ke::CurrentThread(), guard, static_cast<NTSTATUS>(dispatch->Record.Code));
+            ke::JumpToGuard(ke::CurrentThread(), guard, static_cast<NTSTATUS>(dispatch->Record.Code));
         }
         const bool isTarget = !guard && walk.Frame().Establisher == targetFrame;
         if (isTarget) dispatch->Record.Flags |= TargetUnwind;
@@ -187,7 +187,7 @@ void Search(Dispatch* dispatch)
 
 } // namespace
 
-void DispatchException(const mm::Exception& exception)
+void DispatchException(const ke::Exception& exception)
 {
     Dispatch dispatch{};
     if (exception.Fault)

@@ -6,7 +6,7 @@
 
 #include "image/context.h"
 #include "image/unwind.h"
-#include "mm/exceptions.h"
+#include "ke/exceptions.h"
 
 namespace nthost::image {
 
@@ -37,6 +37,6 @@ struct DispatcherContext {
 int NTAPI CSpecificHandler(ExceptionRecord* record, uint64_t frame, Context* context, DispatcherContext* dispatcher);
 
 // Looks for an image's handler or a guard, whichever is nearer, and goes on there. Returns if there is neither.
-void DispatchException(const mm::Exception& exception);
+void DispatchException(const ke::Exception& exception);
 
 } // namespace nthost::image

@@ -2,8 +2,8 @@
 #include "io/finish.h"
 #include "io/open.h"
 #include "io/request.h"
-#include "io/service.h"
-#include "zw/capture.h"
+#include "ob/service.h"
+#include "ob/capture.h"
 
 namespace nthost::io {
 
@@ -13,8 +13,8 @@ namespace {
 [[nodiscard]] NTSTATUS OpenByName(KPROCESSOR_MODE mode, POBJECT_ATTRIBUTES attributes, OpenParameters* open,
                                   PFILE_OBJECT* file)
 {
-    zw::CapturedAttributes captured;
-    NTSTATUS status = zw::CaptureObjectAttributes(attributes, mode, &captured);
+    ob::CapturedAttributes captured;
+    NTSTATUS status = ob::CaptureObjectAttributes(attributes, mode, &captured);
     if (!NT_SUCCESS(status)) return status;
     open->Mode = mode;
     open->ShareAccess = FILE_SHARE_VALID_FLAGS;
@@ -56,7 +56,7 @@ NTSTATUS DeleteByName(KPROCESSOR_MODE mode, POBJECT_ATTRIBUTES attributes)
 template <typename Info>
 NTSTATUS QueryByName(KPROCESSOR_MODE mode, POBJECT_ATTRIBUTES attributes, Info* to, FILE_INFORMATION_CLASS kind)
 {
-    NTSTATUS status = zw::ProbeUser(to, mode);
+    NTSTATUS status = ob::ProbeUser(to, mode);
     if (!NT_SUCCESS(status)) return status;
     OpenParameters open{};
     open.DesiredAccess = FILE_READ_ATTRIBUTES;
@@ -67,7 +67,7 @@ NTSTATUS QueryByName(KPROCESSOR_MODE mode, POBJECT_ATTRIBUTES attributes, Info* 
     Info info{};
     status = AskDriver(file, kind, &info, sizeof info);
     ObDereferenceObject(file);
-    return NT_SUCCESS(status) ? zw::WriteUser(to, info, mode) : status;
+    return NT_SUCCESS(status) ? ob::WriteUser(to, info, mode) : status;
 }
 
 NTSTATUS QueryBasic(KPROCESSOR_MODE mode, POBJECT_ATTRIBUTES attributes, PFILE_BASIC_INFORMATION to)

@@ -1,11 +1,11 @@
 // Cancellation: the system-wide cancel lock, the hand-over of the cancel routine, and the services that cancel.
 #include <nthost/check.h>
 
-#include "check/callout.h"
+#include "ke/callout.h"
 #include "io/irp.h"
 #include "io/outstanding.h"
-#include "io/service.h"
-#include "zw/capture.h"
+#include "ob/service.h"
+#include "ob/capture.h"
 
 namespace nthost::io {
 
@@ -26,13 +26,13 @@ NTSTATUS ReferenceFile(HANDLE handle, KPROCESSOR_MODE mode, PFILE_OBJECT* file)
 
 NTSTATUS ReportOutcome(PIO_STATUS_BLOCK statusBlock, NTSTATUS outcome, KPROCESSOR_MODE mode)
 {
-    const NTSTATUS status = zw::WriteUser(statusBlock, IO_STATUS_BLOCK{{outcome}, 0}, mode);
+    const NTSTATUS status = ob::WriteUser(statusBlock, IO_STATUS_BLOCK{{outcome}, 0}, mode);
     return NT_SUCCESS(status) ? outcome : status;
 }
 
 NTSTATUS CancelOwn(KPROCESSOR_MODE mode, HANDLE handle, PIO_STATUS_BLOCK statusBlock)
 {
-    NTSTATUS status = zw::ProbeUser(statusBlock, mode);
+    NTSTATUS status = ob::ProbeUser(statusBlock, mode);
     if (!NT_SUCCESS(status)) return status;
     PFILE_OBJECT file;
     status = ReferenceFile(handle, mode, &file);
@@ -46,7 +46,7 @@ NTSTATUS CancelOwn(KPROCESSOR_MODE mode, HANDLE handle, PIO_STATUS_BLOCK statusB
 
 NTSTATUS CancelAny(KPROCESSOR_MODE mode, HANDLE handle, PIO_STATUS_BLOCK request, PIO_STATUS_BLOCK statusBlock)
 {
-    NTSTATUS status = zw::ProbeUser(statusBlock, mode);
+    NTSTATUS status = ob::ProbeUser(statusBlock, mode);
     if (!NT_SUCCESS(status)) return status;
     PFILE_OBJECT file;
     status = ReferenceFile(handle, mode, &file);

@@ -8,7 +8,7 @@
 
 #include <nthost/check.h>
 
-#include "check/callout.h"
+#include "ke/callout.h"
 #include "check/fatal.h"
 #include "check/text.h"
 #include "io/finish.h"

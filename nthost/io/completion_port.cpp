@@ -10,12 +10,12 @@
 #include <utility>
 #include <vector>
 
-#include "io/service.h"
+#include "ob/service.h"
 #include "ke/word_lock.h"
 #include "ob/handle.h"
 #include "ob/object.h"
-#include "zw/capture.h"
-#include "zw/named.h"
+#include "ob/capture.h"
+#include "ob/named.h"
 
 namespace nthost::io {
 
@@ -52,7 +52,7 @@ PacketContent Take(CompletionPort* port)
 void ClosePort(PEPROCESS process, void* body, ACCESS_MASK granted, ULONG processRemaining, ULONG remaining)
 {
     if (remaining == 0) KeSetEvent(&static_cast<CompletionPort*>(body)->Closed, IO_NO_INCREMENT, FALSE);
-    zw::RemoveNameWithLastHandle(process, body, granted, processRemaining, remaining);
+    ob::RemoveNameWithLastHandle(process, body, granted, processRemaining, remaining);
 }
 
 void DeletePort(void* body)
@@ -87,9 +87,9 @@ CompletionPort* NewPort()
 NTSTATUS CreatePort(KPROCESSOR_MODE mode, PHANDLE handle, ACCESS_MASK desired, POBJECT_ATTRIBUTES objectAttributes,
                     ULONG)
 {
-    if (const NTSTATUS status = zw::ProbeUser(handle, mode); !NT_SUCCESS(status)) return status;
-    zw::CapturedAttributes attributes;
-    if (const NTSTATUS status = zw::CaptureObjectAttributes(objectAttributes, mode, &attributes); !NT_SUCCESS(status))
+    if (const NTSTATUS status = ob::ProbeUser(handle, mode); !NT_SUCCESS(status)) return status;
+    ob::CapturedAttributes attributes;
+    if (const NTSTATUS status = ob::CaptureObjectAttributes(objectAttributes, mode, &attributes); !NT_SUCCESS(status))
         return status;
     // Handles on directories are not given out, so no name can be relative to one.
     if (attributes.RootDirectory) return STATUS_OBJECT_TYPE_MISMATCH;
@@ -97,7 +97,7 @@ NTSTATUS CreatePort(KPROCESSOR_MODE mode, PHANDLE handle, ACCESS_MASK desired, P
     if (granted & ~g_portType.ValidAccess) return STATUS_ACCESS_DENIED;
     CompletionPort* const port = NewPort();
     if (!port) return STATUS_INSUFFICIENT_RESOURCES;
-    return zw::NameAndReturn(port, attributes, granted, mode, handle);
+    return ob::NameAndReturn(port, attributes, granted, mode, handle);
 }
 
 // A port by its handle, referenced while this lives.
@@ -147,7 +147,7 @@ NTSTATUS AwaitPacket(CompletionPort* port, KPROCESSOR_MODE mode, BOOLEAN alertab
 NTSTATUS CaptureTimeout(PLARGE_INTEGER from, LARGE_INTEGER* value, PLARGE_INTEGER* timeout, KPROCESSOR_MODE mode)
 {
     *timeout = from ? value : nullptr;
-    return from ? zw::ReadUser(from, value, mode) : STATUS_SUCCESS;
+    return from ? ob::ReadUser(from, value, mode) : STATUS_SUCCESS;
 }
 
 NTSTATUS Remove(KPROCESSOR_MODE mode, HANDLE handle, PVOID* key, PVOID* context, PIO_STATUS_BLOCK statusBlock,
@@ -155,18 +155,18 @@ NTSTATUS Remove(KPROCESSOR_MODE mode, HANDLE handle, PVOID* key, PVOID* context,
 {
     LARGE_INTEGER value;
     PLARGE_INTEGER timeout;
-    NTSTATUS status = zw::ProbeUser(key, mode);
-    if (NT_SUCCESS(status)) status = zw::ProbeUser(context, mode);
-    if (NT_SUCCESS(status)) status = zw::ProbeUser(statusBlock, mode);
+    NTSTATUS status = ob::ProbeUser(key, mode);
+    if (NT_SUCCESS(status)) status = ob::ProbeUser(context, mode);
+    if (NT_SUCCESS(status)) status = ob::ProbeUser(statusBlock, mode);
     if (NT_SUCCESS(status)) status = CaptureTimeout(userTimeout, &value, &timeout, mode);
     if (!NT_SUCCESS(status)) return status;
     PortReference port;
     if (status = port.Open(handle, mode); !NT_SUCCESS(status)) return status;
     if (status = AwaitPacket(port.Get(), mode, FALSE, timeout); status != STATUS_SUCCESS) return status;
     const PacketContent content = Take(port.Get());
-    status = zw::WriteUser(key, content.Key, mode);
-    if (NT_SUCCESS(status)) status = zw::WriteUser(context, content.Context, mode);
-    return NT_SUCCESS(status) ? zw::WriteUser(statusBlock, content.Status, mode) : status;
+    status = ob::WriteUser(key, content.Key, mode);
+    if (NT_SUCCESS(status)) status = ob::WriteUser(context, content.Context, mode);
+    return NT_SUCCESS(status) ? ob::WriteUser(statusBlock, content.Status, mode) : status;
 }
 
 // After the first: what is there without waiting.
@@ -188,16 +188,16 @@ NTSTATUS RemoveSome(KPROCESSOR_MODE mode, HANDLE handle, PFILE_IO_COMPLETION_INF
     if (count == 0 || count > Most) return STATUS_INVALID_PARAMETER;
     LARGE_INTEGER value;
     PLARGE_INTEGER timeout;
-    NTSTATUS status = zw::ProbeUserForWrite(entries, count * sizeof *entries, 4, mode);
-    if (NT_SUCCESS(status)) status = zw::ProbeUser(removed, mode);
+    NTSTATUS status = ob::ProbeUserForWrite(entries, count * sizeof *entries, 4, mode);
+    if (NT_SUCCESS(status)) status = ob::ProbeUser(removed, mode);
     if (NT_SUCCESS(status)) status = CaptureTimeout(userTimeout, &value, &timeout, mode);
     if (!NT_SUCCESS(status)) return status;
     PortReference port;
     if (status = port.Open(handle, mode); !NT_SUCCESS(status)) return status;
     if (status = AwaitPacket(port.Get(), mode, alertable, timeout); status != STATUS_SUCCESS) return status;
     const auto taken = TakeUpTo(port.Get(), count);
-    status = zw::CopyToUser(entries, taken.data(), taken.size() * sizeof *entries, 4, mode);
-    return NT_SUCCESS(status) ? zw::WriteUser(removed, static_cast<ULONG>(taken.size()), mode) : status;
+    status = ob::CopyToUser(entries, taken.data(), taken.size() * sizeof *entries, 4, mode);
+    return NT_SUCCESS(status) ? ob::WriteUser(removed, static_cast<ULONG>(taken.size()), mode) : status;
 }
 
 } // namespace

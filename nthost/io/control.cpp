@@ -4,8 +4,8 @@
 
 #include "io/fast_io.h"
 #include "io/request.h"
-#include "io/service.h"
-#include "zw/capture.h"
+#include "ob/service.h"
+#include "ob/capture.h"
 
 namespace nthost::io {
 
@@ -30,9 +30,9 @@ struct ControlArguments {
     if (arguments->Method() == METHOD_NEITHER) return STATUS_SUCCESS;
     if (!arguments->Input) arguments->InputLength = 0;
     if (!arguments->Output) arguments->OutputLength = 0;
-    const NTSTATUS status = zw::ProbeUserForRead(arguments->Input, arguments->InputLength, 1, arguments->Mode);
+    const NTSTATUS status = ob::ProbeUserForRead(arguments->Input, arguments->InputLength, 1, arguments->Mode);
     if (!NT_SUCCESS(status) || arguments->Method() != METHOD_BUFFERED) return status;
-    return zw::ProbeUserForWrite(arguments->Output, arguments->OutputLength, 1, arguments->Mode);
+    return ob::ProbeUserForWrite(arguments->Output, arguments->OutputLength, 1, arguments->Mode);
 }
 
 [[nodiscard]] NTSTATUS AttachBuffers(Request& request, const ControlArguments& arguments)
@@ -69,7 +69,7 @@ bool ControlFast(Request& request, const ControlArguments& arguments, NTSTATUS* 
     if (!request.MayBeFast() || !FastIoRoutine(device, &_FAST_IO_DISPATCH::FastIoDeviceControl)) return false;
     // What a packet would have locked is to be good here too.
     if (arguments.Method() == METHOD_OUT_DIRECT) {
-        *status = zw::ProbeUserForWrite(arguments.Output, arguments.OutputLength, 1, arguments.Mode);
+        *status = ob::ProbeUserForWrite(arguments.Output, arguments.OutputLength, 1, arguments.Mode);
         if (!NT_SUCCESS(*status)) return true;
     }
     request.LockFile();

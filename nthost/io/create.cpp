@@ -5,9 +5,9 @@
 
 #include "io/ea_list.h"
 #include "io/open.h"
-#include "io/service.h"
+#include "ob/service.h"
 #include "ob/object.h"
-#include "zw/capture.h"
+#include "ob/capture.h"
 
 namespace nthost::io {
 
@@ -38,19 +38,19 @@ struct CreateArguments {
 [[nodiscard]] NTSTATUS ReadAllocationSize(const CreateArguments& arguments, LARGE_INTEGER* size)
 {
     size->QuadPart = 0;
-    return arguments.AllocationSize ? zw::ReadUser(arguments.AllocationSize, size, arguments.Mode) : STATUS_SUCCESS;
+    return arguments.AllocationSize ? ob::ReadUser(arguments.AllocationSize, size, arguments.Mode) : STATUS_SUCCESS;
 }
 
 // Everything that the caller's addresses decide, before anything is opened.
 [[nodiscard]] NTSTATUS ReadArguments(const CreateArguments& arguments, OpenParameters* open,
-                                     zw::CapturedAttributes* attributes, CapturedList* eas)
+                                     ob::CapturedAttributes* attributes, CapturedList* eas)
 {
-    NTSTATUS status = zw::ProbeUser(arguments.Handle, arguments.Mode);
-    if (NT_SUCCESS(status)) status = zw::ProbeUser(arguments.StatusBlock, arguments.Mode);
+    NTSTATUS status = ob::ProbeUser(arguments.Handle, arguments.Mode);
+    if (NT_SUCCESS(status)) status = ob::ProbeUser(arguments.StatusBlock, arguments.Mode);
     if (NT_SUCCESS(status)) status = ReadAllocationSize(arguments, &open->AllocationSize);
     if (NT_SUCCESS(status)) status = CheckOpenParameters(*open);
     if (NT_SUCCESS(status)) status = CaptureEas(arguments, open, eas);
-    if (NT_SUCCESS(status)) status = zw::CaptureObjectAttributes(arguments.Attributes, arguments.Mode, attributes);
+    if (NT_SUCCESS(status)) status = ob::CaptureObjectAttributes(arguments.Attributes, arguments.Mode, attributes);
     open->Name = attributes->Name.Get();
     open->Attributes = attributes->Attributes;
     return status;
@@ -59,11 +59,11 @@ struct CreateArguments {
 NTSTATUS ReturnFile(const CreateArguments& arguments, ULONG attributes, const OpenedFile& opened)
 {
     PFILE_OBJECT const file = opened.File;
-    NTSTATUS status = zw::WriteUser(arguments.StatusBlock, opened.Result, arguments.Mode);
+    NTSTATUS status = ob::WriteUser(arguments.StatusBlock, opened.Result, arguments.Mode);
     if (NT_SUCCESS(status)) {
         // The file object must know of its handle before another thread can close it.
         file->Flags |= FO_HANDLE_CREATED;
-        status = zw::ReturnHandle(file, opened.Granted, attributes, arguments.Mode, arguments.Handle);
+        status = ob::ReturnHandle(file, opened.Granted, attributes, arguments.Mode, arguments.Handle);
     }
     return status;
 }
@@ -73,7 +73,7 @@ NTSTATUS OpenAndReturn(const CreateArguments& arguments, const OpenParameters& o
     OpenedFile opened{};
     NTSTATUS status = OpenFile(open, &opened);
     if (NT_WARNING(status)) {
-        const NTSTATUS written = zw::WriteUser(arguments.StatusBlock, opened.Result, arguments.Mode);
+        const NTSTATUS written = ob::WriteUser(arguments.StatusBlock, opened.Result, arguments.Mode);
         return NT_SUCCESS(written) ? status : written;
     }
     if (NT_ERROR(status)) return status;
@@ -84,7 +84,7 @@ NTSTATUS OpenAndReturn(const CreateArguments& arguments, const OpenParameters& o
 
 NTSTATUS Open(const CreateArguments& arguments, OpenParameters& open)
 {
-    zw::CapturedAttributes captured;
+    ob::CapturedAttributes captured;
     CapturedList eas;
     NTSTATUS status = ReadArguments(arguments, &open, &captured, &eas);
     if (!NT_SUCCESS(status)) return status;

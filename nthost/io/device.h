@@ -32,7 +32,7 @@ struct DriverBody {
     std::atomic<LONG> LiveDevices; // device objects whose memory is still there
     std::atomic<LONG> WorkItems;   // allocated on its devices
     std::atomic<LONG> QueuedWork;  // work items queued or running
-    EndSignal Ended;               // a device or a work item has
+    ke::EndSignal Ended;           // a device or a work item has
 };
 
 inline DriverBody* BodyOf(PDRIVER_OBJECT driver) { return reinterpret_cast<DriverBody*>(driver); }

@@ -2,8 +2,8 @@
 #include <cstring>
 
 #include "io/request.h"
-#include "io/service.h"
-#include "zw/capture.h"
+#include "ob/service.h"
+#include "ob/capture.h"
 
 namespace nthost::io {
 
@@ -29,13 +29,13 @@ constexpr ListingRecord Records[] = {
     for (const ListingRecord& record : Records) {
         if (record.Class != infoClass) continue;
         if (length < record.Least) return STATUS_INFO_LENGTH_MISMATCH;
-        return zw::ProbeUserForWrite(buffer, length, record.Alignment, mode);
+        return ob::ProbeUserForWrite(buffer, length, record.Alignment, mode);
     }
     return STATUS_INVALID_INFO_CLASS;
 }
 
 // Header and text in one block, which goes with the request's buffers. An empty name is none.
-[[nodiscard]] NTSTATUS AttachName(Request& request, const zw::CapturedString& name)
+[[nodiscard]] NTSTATUS AttachName(Request& request, const ob::CapturedString& name)
 {
     if (name.Empty()) return STATUS_SUCCESS;
     const USHORT length = name.Get()->Length;
@@ -55,8 +55,8 @@ NTSTATUS QueryDirectory(KPROCESSOR_MODE mode, HANDLE file, HANDLE event, PIO_APC
 {
     NTSTATUS status = CheckListing(infoClass, buffer, length, mode);
     if (!NT_SUCCESS(status)) return status;
-    zw::CapturedString name;
-    status = zw::CaptureUnicodeString(fileName, mode, &name);
+    ob::CapturedString name;
+    status = ob::CaptureUnicodeString(fileName, mode, &name);
     if (!NT_SUCCESS(status)) return status;
 
     Request request;
@@ -80,7 +80,7 @@ NTSTATUS NotifyChange(KPROCESSOR_MODE mode, HANDLE file, HANDLE event, PIO_APC_R
                       PIO_STATUS_BLOCK statusBlock, PVOID buffer, ULONG length, ULONG filter, BOOLEAN watchTree)
 {
     if (filter == 0 || (filter & ~FILE_NOTIFY_VALID_MASK)) return STATUS_INVALID_PARAMETER;
-    NTSTATUS status = zw::ProbeUserForWrite(buffer, length, 4, mode);
+    NTSTATUS status = ob::ProbeUserForWrite(buffer, length, 4, mode);
     if (!NT_SUCCESS(status)) return status;
     Request request;
     const ServiceCaller caller{mode, statusBlock, event, apcRoutine, apcContext};

@@ -2,8 +2,8 @@
 // checked here where the I/O manager holds a copy of them, and by the driver where it gets the caller's address.
 #include "io/ea_list.h"
 #include "io/request.h"
-#include "io/service.h"
-#include "zw/capture.h"
+#include "ob/service.h"
+#include "ob/capture.h"
 
 namespace nthost::io {
 
@@ -44,7 +44,7 @@ struct EaSelection {
     if (query.Restart) selection->Flags |= SL_RESTART_SCAN;
     if (query.Index) {
         selection->Flags |= SL_INDEX_SPECIFIED;
-        const NTSTATUS status = zw::ReadUser(query.Index, &selection->Index, query.Mode);
+        const NTSTATUS status = ob::ReadUser(query.Index, &selection->Index, query.Mode);
         if (!NT_SUCCESS(status)) return status;
     }
     return CaptureNames(query, selection);
@@ -69,9 +69,9 @@ NTSTATUS QueryEa(KPROCESSOR_MODE mode, HANDLE file, PIO_STATUS_BLOCK statusBlock
                  BOOLEAN single, PVOID list, ULONG listLength, PULONG index, BOOLEAN restart)
 {
     const EaQuery query{mode, statusBlock, buffer, length, single != FALSE, list, listLength, index, restart != FALSE};
-    NTSTATUS status = zw::ProbeUser(statusBlock, mode);
+    NTSTATUS status = ob::ProbeUser(statusBlock, mode);
     if (!NT_SUCCESS(status)) return status;
-    status = zw::ProbeUserForWrite(buffer, length, sizeof(ULONG), mode);
+    status = ob::ProbeUserForWrite(buffer, length, sizeof(ULONG), mode);
     if (!NT_SUCCESS(status)) return status;
     EaSelection selection;
     status = CaptureSelection(query, &selection);
@@ -92,7 +92,7 @@ NTSTATUS QueryEa(KPROCESSOR_MODE mode, HANDLE file, PIO_STATUS_BLOCK statusBlock
 
 NTSTATUS SetEa(KPROCESSOR_MODE mode, HANDLE file, PIO_STATUS_BLOCK statusBlock, PVOID buffer, ULONG length)
 {
-    NTSTATUS status = zw::ProbeUserForRead(buffer, length, sizeof(ULONG), mode);
+    NTSTATUS status = ob::ProbeUserForRead(buffer, length, sizeof(ULONG), mode);
     if (!NT_SUCCESS(status)) return status;
     Request request;
     status = request.Open({.Mode = mode, .StatusBlock = statusBlock}, file, FILE_WRITE_EA, Service::AlwaysWaits);

@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "io/request.h"
-#include "zw/capture.h"
+#include "ob/capture.h"
 
 namespace nthost::io {
 
@@ -69,11 +69,11 @@ void FreeBuffer::operator()(void* buffer) const { free(buffer); }
 NTSTATUS CaptureList(const void* list, ULONG length, KPROCESSOR_MODE mode, CapturedList* captured)
 {
     if (!list || !length) return STATUS_SUCCESS;
-    const NTSTATUS status = zw::ProbeUserForRead(list, length, sizeof(ULONG), mode);
+    const NTSTATUS status = ob::ProbeUserForRead(list, length, sizeof(ULONG), mode);
     if (!NT_SUCCESS(status)) return status;
     captured->reset(NewSystemBuffer(length));
     if (!*captured) return STATUS_INSUFFICIENT_RESOURCES;
-    return zw::CopyFromUser(captured->get(), list, length, sizeof(ULONG), mode);
+    return ob::CopyFromUser(captured->get(), list, length, sizeof(ULONG), mode);
 }
 
 NTSTATUS CheckEaNames(const void* list, ULONG length, ULONG* errorOffset)
@@ -84,7 +84,7 @@ NTSTATUS CheckEaNames(const void* list, ULONG length, ULONG* errorOffset)
 NTSTATUS TellInconsistent(NTSTATUS status, ULONG errorOffset, PIO_STATUS_BLOCK block, KPROCESSOR_MODE mode)
 {
     if (status != STATUS_EA_LIST_INCONSISTENT) return status;
-    const NTSTATUS written = zw::WriteUser(block, IO_STATUS_BLOCK{{status}, errorOffset}, mode);
+    const NTSTATUS written = ob::WriteUser(block, IO_STATUS_BLOCK{{status}, errorOffset}, mode);
     return NT_SUCCESS(written) ? status : written;
 }
 

@@ -6,7 +6,7 @@
 
 #include <ntifs.h>
 
-#include "check/callout.h"
+#include "ke/callout.h"
 
 namespace nthost::io {
 

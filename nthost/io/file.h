@@ -2,43 +2,18 @@
 // system's to fill; what stands behind it is the I/O manager's.
 #pragma once
 
-#include <atomic>
-
 #include <ntifs.h>
 
-#include "ke/park.h"
+#include "ke/end_signal.h"
 #include "ke/word_lock.h"
 #include "ob/object.h"
 
 namespace nthost::io {
 
-// Lets threads wait for the end of requests that they do not own.
-class EndSignal {
-public:
-    void Raise();
-    // False when the deadline has passed first.
-    template <typename Condition>
-    bool Await(const Condition& reached, int64_t deadline = ke::NoDeadline)
-    {
-        for (bool inTime = true;;) {
-            const uint32_t seen = changes_.load();
-            if (reached()) return true;
-            if (!inTime) return false;
-            waiters_.fetch_add(1);
-            inTime = ke::ParkOnAddress(&changes_, seen, deadline);
-            waiters_.fetch_sub(1);
-        }
-    }
-
-private:
-    std::atomic<uint32_t> changes_{0};
-    std::atomic<uint32_t> waiters_{0};
-};
-
 struct FileBody {
     FILE_OBJECT File; // IrpList is guarded by RequestLock
     ke::WordLock RequestLock;
-    EndSignal Ended; // a request left the list
+    ke::EndSignal Ended; // a request left the list
 };
 
 inline FileBody* BodyOf(PFILE_OBJECT file) { return reinterpret_cast<FileBody*>(file); }

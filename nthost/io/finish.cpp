@@ -8,15 +8,15 @@
 #include <nthost/check.h>
 #include <nthost/process.h>
 
-#include "check/callout.h"
-#include "check/lock_order.h"
+#include "ke/callout.h"
+#include "ke/lock_order.h"
 #include "check/text.h"
 #include "io/file.h"
 #include "io/manager.h"
 #include "io/outstanding.h"
 #include "ob/object.h"
 #include "ps/threads.h"
-#include "zw/capture.h"
+#include "ob/capture.h"
 
 namespace nthost::io {
 
@@ -36,7 +36,7 @@ void CopyOutput(IrpRecord* record)
     const size_t length = std::min<ULONG_PTR>(irp->IoStatus.Information, record->OutputLength);
     if (length == 0) return;
     const NTSTATUS status =
-        zw::CopyToUser(irp->UserBuffer, irp->AssociatedIrp.SystemBuffer, length, 1, irp->RequestorMode);
+        ob::CopyToUser(irp->UserBuffer, irp->AssociatedIrp.SystemBuffer, length, 1, irp->RequestorMode);
     if (NT_SUCCESS(status)) return;
     irp->IoStatus.Status = status;
     irp->IoStatus.Information = 0;
@@ -76,7 +76,7 @@ void TellCaller(PIRP irp, Pended pended, bool tells)
     const bool synchronousFile = OnSynchronousFile(irp);
     if (tells) {
         // The address may have gone bad since the service probed it; then nobody is left to be told.
-        if (irp->UserIosb) (void)zw::WriteUser(irp->UserIosb, irp->IoStatus, irp->RequestorMode);
+        if (irp->UserIosb) (void)ob::WriteUser(irp->UserIosb, irp->IoStatus, irp->RequestorMode);
         if (irp->UserEvent) KeSetEvent(irp->UserEvent, IO_NO_INCREMENT, FALSE);
         const bool waitedElsewhere = irp->UserEvent || (irp->Flags & IRP_SYNCHRONOUS_API);
         if (synchronousFile || !waitedElsewhere) SignalFile(irp);
@@ -163,7 +163,7 @@ NTSTATUS FinishOnIssuer(IrpRecord* record, Pended pended, IO_STATUS_BLOCK* resul
 // Completions whose file reference is not given back yet. Counted before the caller is told, so that a caller that
 // closes its handle and unloads the driver then finds them here.
 std::atomic<LONG> g_filesToDrop;
-EndSignal g_filesDropped;
+ke::EndSignal g_filesDropped;
 
 void NoteDropped()
 {

@@ -18,7 +18,7 @@ namespace {
 
 struct alignas(64) ThreadBucket {
     ke::WordLock Lock;
-    EndSignal Ended;
+    ke::EndSignal Ended;
 };
 
 ThreadBucket g_buckets[16];
@@ -103,12 +103,6 @@ std::vector<HeldRequest> HoldThreadRequests(_ETHREAD* thread)
 
 int64_t CancelPatience = INT64_C(10'000'000'000);
 
-void EndSignal::Raise()
-{
-    changes_.fetch_add(1);
-    if (waiters_.load()) ke::UnparkAddress(&changes_, UINT32_MAX >> 1); // a negative count would wake one
-}
-
 void Enlist(IrpRecord* record)
 {
     FileBody* const file = BodyOf(record->File);
@@ -172,7 +166,7 @@ void CancelThreadRequests(_ETHREAD* thread)
         ObDereferenceObject(request.File);
     }
     const auto allEnded = [thread] { return thread->OutstandingIrps.load(std::memory_order_acquire) == 0; };
-    EndSignal& ended = BucketOf(thread).Ended;
+    ke::EndSignal& ended = BucketOf(thread).Ended;
     if (ended.Await(allEnded, ke::MonotonicNow() + CancelPatience)) return;
     // Its memory cannot go while a driver has requests of it, so the thread stays; but somebody should know why.
     ReportFinding("irp-not-cancelled", "a driver does not end the cancelled requests of a thread that exits");

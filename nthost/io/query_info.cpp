@@ -5,8 +5,8 @@
 #include "io/file.h"
 #include "io/info_class.h"
 #include "io/request.h"
-#include "io/service.h"
-#include "zw/capture.h"
+#include "ob/service.h"
+#include "ob/capture.h"
 
 namespace nthost::io {
 
@@ -58,9 +58,9 @@ ULONG ModeOf(PFILE_OBJECT file)
 template <typename T>
 NTSTATUS Answer(const Query& query, const T& value)
 {
-    const NTSTATUS status = zw::WriteUser(static_cast<T*>(query.Buffer), value, query.Mode);
+    const NTSTATUS status = ob::WriteUser(static_cast<T*>(query.Buffer), value, query.Mode);
     if (!NT_SUCCESS(status)) return status;
-    return zw::WriteUser(query.StatusBlock, IO_STATUS_BLOCK{{STATUS_SUCCESS}, sizeof(T)}, query.Mode);
+    return ob::WriteUser(query.StatusBlock, IO_STATUS_BLOCK{{STATUS_SUCCESS}, sizeof(T)}, query.Mode);
 }
 
 NTSTATUS AnswerPosition(const Query& query, PFILE_OBJECT file)
@@ -76,10 +76,10 @@ NTSTATUS CompleteAll(const Query& query, const Request& request)
 {
     if (request.Result().Information < FIELD_OFFSET(FILE_ALL_INFORMATION, NameInformation)) return STATUS_SUCCESS;
     auto* const all = static_cast<FILE_ALL_INFORMATION*>(query.Buffer);
-    NTSTATUS status = zw::WriteUser(&all->AccessInformation, {request.Granted()}, query.Mode);
-    if (NT_SUCCESS(status)) status = zw::WriteUser(&all->ModeInformation, {ModeOf(request.File())}, query.Mode);
+    NTSTATUS status = ob::WriteUser(&all->AccessInformation, {request.Granted()}, query.Mode);
+    if (NT_SUCCESS(status)) status = ob::WriteUser(&all->ModeInformation, {ModeOf(request.File())}, query.Mode);
     if (!NT_SUCCESS(status)) return status;
-    return zw::WriteUser(&all->AlignmentInformation, {request.Device()->AlignmentRequirement}, query.Mode);
+    return ob::WriteUser(&all->AlignmentInformation, {request.Device()->AlignmentRequirement}, query.Mode);
 }
 
 NTSTATUS AskDriver(const Query& query, Request& request)
@@ -109,7 +109,7 @@ bool AskFast(const Query& query, Request& request, const char* name, Slot _FAST_
     IO_STATUS_BLOCK result{};
     if (!DoneFast(device, name, slot, &result, request.File(), BOOLEAN{TRUE}, &info)) return false;
     if (!NT_ERROR(result.Status))
-        *status = zw::WriteUser(static_cast<Info*>(query.Buffer), info, query.Mode);
+        *status = ob::WriteUser(static_cast<Info*>(query.Buffer), info, query.Mode);
     else
         *status = result.Status;
     // An error that the service returns is told nowhere else.
@@ -164,7 +164,7 @@ NTSTATUS QueryInformation(KPROCESSOR_MODE mode, HANDLE file, PIO_STATUS_BLOCK st
     const InfoClass* row = nullptr;
     NTSTATUS status = CheckClass(Classes, infoClass, length, &row);
     if (!NT_SUCCESS(status)) return status;
-    status = zw::ProbeUserForWrite(buffer, length, row->Alignment, mode);
+    status = ob::ProbeUserForWrite(buffer, length, row->Alignment, mode);
     if (!NT_SUCCESS(status)) return status;
     Request request;
     status = request.Open({.Mode = mode, .StatusBlock = statusBlock}, file, row->Access, Service::AlwaysWaits);

@@ -9,9 +9,9 @@
 #include "io/file.h"
 #include "io/finish.h"
 #include "io/request.h"
-#include "io/service.h"
+#include "ob/service.h"
 #include "ke/thread.h"
-#include "zw/capture.h"
+#include "ob/capture.h"
 
 namespace nthost::io {
 
@@ -25,8 +25,8 @@ struct Range {
 
 [[nodiscard]] NTSTATUS CaptureRange(PLARGE_INTEGER offset, PLARGE_INTEGER length, KPROCESSOR_MODE mode, Range* range)
 {
-    const NTSTATUS status = zw::ReadUser(offset, &range->Offset, mode);
-    return NT_SUCCESS(status) ? zw::ReadUser(length, &range->Length, mode) : status;
+    const NTSTATUS status = ob::ReadUser(offset, &range->Offset, mode);
+    return NT_SUCCESS(status) ? ob::ReadUser(length, &range->Length, mode) : status;
 }
 
 // True if the driver has answered, with the service's status.

@@ -13,8 +13,8 @@
 #include "io/finish.h"
 #include "io/outstanding.h"
 #include "ke/thread.h"
-#include "mm/guarded.h"
-#include "zw/capture.h"
+#include "ke/guarded.h"
+#include "ob/capture.h"
 
 namespace nthost::io {
 
@@ -66,7 +66,7 @@ NTSTATUS Request::Open(const ServiceCaller& caller, HANDLE file, ACCESS_MASK acc
     statusBlock_ = caller.StatusBlock;
     apcRoutine_ = caller.ApcRoutine;
     apcContext_ = caller.ApcContext;
-    NTSTATUS status = zw::ProbeUser(statusBlock_, mode_);
+    NTSTATUS status = ob::ProbeUser(statusBlock_, mode_);
     if (!NT_SUCCESS(status)) return status;
 
     void* object;
@@ -96,7 +96,7 @@ void Request::LockFile()
 NTSTATUS Request::EndFast(const IO_STATUS_BLOCK& result)
 {
     result_ = result;
-    const NTSTATUS written = zw::WriteUser(statusBlock_, result, mode_);
+    const NTSTATUS written = ob::WriteUser(statusBlock_, result, mode_);
     if (event_ && !(file_->Flags & FO_SKIP_SET_FAST_IO)) KeSetEvent(event_, IO_NO_INCREMENT, FALSE);
     if (const auto* const port = PortOf(file_); port && apcContext_ && TellsPort(file_, result.Status, Inline::Yes))
         (void)PostPacket(static_cast<CompletionPort*>(port->Port), port->Key, apcContext_, result);
@@ -136,7 +136,7 @@ NTSTATUS Request::Buffered(const void* input, ULONG inputLength, void* output, U
     if (!buffer) return STATUS_INSUFFICIENT_RESOURCES;
     irp->AssociatedIrp.SystemBuffer = buffer;
     irp->Flags |= IRP_BUFFERED_IO | IRP_DEALLOCATE_BUFFER | (outputLength ? IRP_INPUT_OPERATION : 0);
-    return inputLength ? zw::CopyFromUser(buffer, input, inputLength, 1, mode_) : STATUS_SUCCESS;
+    return inputLength ? ob::CopyFromUser(buffer, input, inputLength, 1, mode_) : STATUS_SUCCESS;
 }
 
 NTSTATUS Request::Direct(void* buffer, ULONG length, LOCK_OPERATION operation)
@@ -144,7 +144,7 @@ NTSTATUS Request::Direct(void* buffer, ULONG length, LOCK_OPERATION operation)
     if (length == 0) return STATUS_SUCCESS;
     PMDL const mdl = IoAllocateMdl(buffer, length, FALSE, TRUE, Irp());
     if (!mdl) return STATUS_INSUFFICIENT_RESOURCES;
-    return mm::Guarded([&] { MmProbeAndLockPages(mdl, mode_, operation); });
+    return ke::Guarded([&] { MmProbeAndLockPages(mdl, mode_, operation); });
 }
 
 NTSTATUS Request::Output(void* buffer, ULONG length)

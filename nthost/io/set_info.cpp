@@ -5,8 +5,8 @@
 #include "io/info_class.h"
 #include "io/rename_target.h"
 #include "io/request.h"
-#include "io/service.h"
-#include "zw/capture.h"
+#include "ob/service.h"
+#include "ob/capture.h"
 
 namespace nthost::io {
 
@@ -41,7 +41,7 @@ struct Change {
 
 NTSTATUS AnswerDone(const Change& change)
 {
-    return zw::WriteUser(change.StatusBlock, IO_STATUS_BLOCK{{STATUS_SUCCESS}, 0}, change.Mode);
+    return ob::WriteUser(change.StatusBlock, IO_STATUS_BLOCK{{STATUS_SUCCESS}, 0}, change.Mode);
 }
 
 bool IsPosition(LARGE_INTEGER position, PFILE_OBJECT file)
@@ -55,7 +55,7 @@ NTSTATUS SetPosition(const Change& change, PFILE_OBJECT file)
 {
     FILE_POSITION_INFORMATION wanted;
     const NTSTATUS status =
-        zw::ReadUser(static_cast<const FILE_POSITION_INFORMATION*>(change.Buffer), &wanted, change.Mode);
+        ob::ReadUser(static_cast<const FILE_POSITION_INFORMATION*>(change.Buffer), &wanted, change.Mode);
     if (!NT_SUCCESS(status)) return status;
     if (!IsPosition(wanted.CurrentByteOffset, file)) return STATUS_INVALID_PARAMETER;
     LockFileObject(file);
@@ -86,7 +86,7 @@ NTSTATUS SetMode(const Change& change, PFILE_OBJECT file)
 {
     FILE_MODE_INFORMATION wanted;
     const NTSTATUS status =
-        zw::ReadUser(static_cast<const FILE_MODE_INFORMATION*>(change.Buffer), &wanted, change.Mode);
+        ob::ReadUser(static_cast<const FILE_MODE_INFORMATION*>(change.Buffer), &wanted, change.Mode);
     if (!NT_SUCCESS(status)) return status;
     if (!IsMode(wanted.Mode, file)) return STATUS_INVALID_PARAMETER;
     // Nothing is held back of what is written unbuffered, so there it means nothing.
@@ -101,7 +101,7 @@ NTSTATUS SetPort(const Change& change, PFILE_OBJECT file)
 {
     FILE_COMPLETION_INFORMATION binding;
     NTSTATUS status =
-        zw::ReadUser(static_cast<const FILE_COMPLETION_INFORMATION*>(change.Buffer), &binding, change.Mode);
+        ob::ReadUser(static_cast<const FILE_COMPLETION_INFORMATION*>(change.Buffer), &binding, change.Mode);
     if (NT_SUCCESS(status)) status = BindPort(file, binding, change.Mode);
     return NT_SUCCESS(status) ? AnswerDone(change) : status;
 }
@@ -111,7 +111,7 @@ NTSTATUS SetNotification(const Change& change, PFILE_OBJECT file)
     constexpr ULONG Known =
         FILE_SKIP_COMPLETION_PORT_ON_SUCCESS | FILE_SKIP_SET_EVENT_ON_HANDLE | FILE_SKIP_SET_USER_EVENT_ON_FAST_IO;
     FILE_IO_COMPLETION_NOTIFICATION_INFORMATION wanted;
-    const NTSTATUS status = zw::ReadUser(static_cast<const FILE_IO_COMPLETION_NOTIFICATION_INFORMATION*>(change.Buffer),
+    const NTSTATUS status = ob::ReadUser(static_cast<const FILE_IO_COMPLETION_NOTIFICATION_INFORMATION*>(change.Buffer),
                                          &wanted, change.Mode);
     if (!NT_SUCCESS(status)) return status;
     if ((wanted.Flags & ~Known) || (file->Flags & FO_SYNCHRONOUS_IO)) return STATUS_INVALID_PARAMETER;
@@ -173,7 +173,7 @@ NTSTATUS SetInformation(KPROCESSOR_MODE mode, HANDLE file, PIO_STATUS_BLOCK stat
     const InfoClass* row = nullptr;
     NTSTATUS status = CheckClass(Classes, infoClass, length, &row);
     if (!NT_SUCCESS(status)) return status;
-    status = zw::ProbeUserForRead(buffer, length, row->Alignment, mode);
+    status = ob::ProbeUserForRead(buffer, length, row->Alignment, mode);
     if (!NT_SUCCESS(status)) return status;
     Request request;
     status = request.Open({.Mode = mode, .StatusBlock = statusBlock}, file, row->Access, Service::AlwaysWaits);

@@ -2,8 +2,8 @@
 // object's own position is taken under its lock, which the request holds from Build on; the file system moves it.
 #include "io/fast_io.h"
 #include "io/request.h"
-#include "io/service.h"
-#include "zw/capture.h"
+#include "ob/service.h"
+#include "ob/capture.h"
 
 namespace nthost::io {
 
@@ -53,7 +53,7 @@ bool OnlyAppends(const Request& request)
 {
     position->Base = Position::From::Current;
     if (transfer.ByteOffset) {
-        const NTSTATUS status = zw::ReadUser(transfer.ByteOffset, &position->Offset, transfer.Mode);
+        const NTSTATUS status = ob::ReadUser(transfer.ByteOffset, &position->Offset, transfer.Mode);
         if (!NT_SUCCESS(status)) return status;
         position->Base = BaseOf(position->Offset, transfer.Way);
     }
@@ -86,8 +86,8 @@ bool IsAligned(const Transfer& transfer, const Position& position, const Request
 
 [[nodiscard]] NTSTATUS ProbeBuffer(const Transfer& transfer)
 {
-    return transfer.Way == Direction::Read ? zw::ProbeUserForWrite(transfer.Buffer, transfer.Length, 1, transfer.Mode)
-                                           : zw::ProbeUserForRead(transfer.Buffer, transfer.Length, 1, transfer.Mode);
+    return transfer.Way == Direction::Read ? ob::ProbeUserForWrite(transfer.Buffer, transfer.Length, 1, transfer.Mode)
+                                           : ob::ProbeUserForRead(transfer.Buffer, transfer.Length, 1, transfer.Mode);
 }
 
 [[nodiscard]] NTSTATUS Attach(Request& request, const Transfer& transfer)
@@ -172,7 +172,7 @@ NTSTATUS Move(const Transfer& transfer, const ServiceCaller& caller, HANDLE file
     status = ProbeBuffer(transfer);
     if (!NT_SUCCESS(status)) return status;
     ULONG key = 0;
-    if (transfer.Key && !NT_SUCCESS(status = zw::ReadUser(transfer.Key, &key, transfer.Mode))) return status;
+    if (transfer.Key && !NT_SUCCESS(status = ob::ReadUser(transfer.Key, &key, transfer.Mode))) return status;
     Position position;
     status = CapturePosition(transfer, request, &position);
     if (!NT_SUCCESS(status)) return status;

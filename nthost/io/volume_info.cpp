@@ -1,8 +1,8 @@
 // Volume information, and flushing: services that always wait for the driver's answer.
 #include "io/info_class.h"
 #include "io/request.h"
-#include "io/service.h"
-#include "zw/capture.h"
+#include "ob/service.h"
+#include "ob/capture.h"
 
 namespace nthost::io {
 
@@ -33,7 +33,7 @@ NTSTATUS QueryVolume(KPROCESSOR_MODE mode, HANDLE file, PIO_STATUS_BLOCK statusB
     const InfoClass* row = nullptr;
     NTSTATUS status = CheckClass(QueryClasses, infoClass, length, &row);
     if (!NT_SUCCESS(status)) return status;
-    status = zw::ProbeUserForWrite(buffer, length, row->Alignment, mode);
+    status = ob::ProbeUserForWrite(buffer, length, row->Alignment, mode);
     if (!NT_SUCCESS(status)) return status;
     Request request;
     status = request.Open({.Mode = mode, .StatusBlock = statusBlock}, file, row->Access, Service::AlwaysWaits);
@@ -53,7 +53,7 @@ NTSTATUS SetVolume(KPROCESSOR_MODE mode, HANDLE file, PIO_STATUS_BLOCK statusBlo
     const InfoClass* row = nullptr;
     NTSTATUS status = CheckClass(SetClasses, infoClass, length, &row);
     if (!NT_SUCCESS(status)) return status;
-    status = zw::ProbeUserForRead(buffer, length, row->Alignment, mode);
+    status = ob::ProbeUserForRead(buffer, length, row->Alignment, mode);
     if (!NT_SUCCESS(status)) return status;
     Request request;
     status = request.Open({.Mode = mode, .StatusBlock = statusBlock}, file, row->Access, Service::AlwaysWaits);

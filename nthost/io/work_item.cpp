@@ -4,7 +4,7 @@
 
 #include <nthost/faults.h>
 
-#include "check/callout.h"
+#include "ke/callout.h"
 #include "io/device.h"
 
 using namespace nthost;

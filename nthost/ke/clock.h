@@ -7,9 +7,11 @@
 
 namespace nthost::ke {
 
-void StartClock();
-// Timers that are still set stay so, but do not come any more.
-void StopClock();
+// Before the thread, which the host makes.
+void PrepareClock();
+VOID NTAPI RunClock(PVOID);
+// The thread ends soon. Timers that are still set stay so, but do not come any more.
+void EndClock();
 
 // The memory goes away: timers in it that are set are taken out of the queue.
 void ForgetTimersIn(const void* memory, size_t size);

@@ -2,7 +2,7 @@
 // all run on one thread, none runs beside another.
 #include "ke/dpc.h"
 
-#include "check/callout.h"
+#include "ke/callout.h"
 #include "ke/dispatcher.h"
 #include "ke/wait.h"
 

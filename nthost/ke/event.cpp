@@ -1,5 +1,5 @@
 // Events and semaphores: what sets their state. Their waits are wait.cpp's.
-#include "check/lock_order.h"
+#include "ke/lock_order.h"
 #include "ke/dispatcher.h"
 #include "ke/thread.h"
 #include "ke/wait.h"

@@ -1,8 +1,8 @@
-// Keeps the record of held locks. Posted releases are guarded by ps's list of running threads, which also tells whether
-// the thread is still there.
+// Keeps the record of held locks. Posted releases are guarded by the lock of the running threads' list, which also
+// tells whether the thread is still there.
 #include "ke/held.h"
 
-#include "ps/threads.h"
+#include "ke/running.h"
 
 namespace nthost::ke {
 
@@ -21,7 +21,7 @@ void NoteReleased(_ETHREAD* thread, HeldLock* held)
 
 void PostReleased(_ETHREAD* thread, void* lock)
 {
-    ps::WithRunningThread(thread, [&] {
+    WithRunningThread(thread, [&] {
         thread->Disowned.push_back(lock);
         thread->HasDisowned.store(true, std::memory_order_release);
     });
@@ -30,7 +30,7 @@ void PostReleased(_ETHREAD* thread, void* lock)
 void ForgetDisowned(_ETHREAD* thread)
 {
     std::vector<void*> disowned;
-    ps::WithRunningThread(thread, [&] {
+    WithRunningThread(thread, [&] {
         disowned.swap(thread->Disowned);
         thread->HasDisowned.store(false, std::memory_order_relaxed);
     });

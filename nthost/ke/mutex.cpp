@@ -3,7 +3,7 @@
 #include <nthost/check.h>
 
 #include "check/fatal.h"
-#include "check/lock_order.h"
+#include "ke/lock_order.h"
 #include "check/text.h"
 #include "ke/apc.h"
 #include "ke/dispatcher.h"

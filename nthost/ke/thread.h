@@ -30,7 +30,7 @@ struct HeldLock {
     void* Where;        // return address of the first acquisition
 };
 
-// A call into driver code that is under way, on the stack of the caller (check/callout.h).
+// A call into driver code that is under way, on the stack of the caller (ke/callout.h).
 struct DriverCallRecord {
     DriverCallRecord* Outer;
     const char* What;  // for reports
@@ -61,7 +61,7 @@ struct _ETHREAD {
     PNT_GUARD Guard;         // innermost
     NTSTATUS ExitStatus;
     std::vector<nthost::HeldLock> Held; // locks held now, in order of acquisition
-    std::vector<const void*> AtWork;    // what else others wait for until it is done (check/lock_order.h)
+    std::vector<const void*> AtWork;    // what else others wait for until it is done (ke/lock_order.h)
     bool TakesWork;                     // a driver's own thread: who takes a permit, takes work from its semaphore
     const void* ReleasedSemaphore;      // the last that the innermost dispatch routine released; with checks on
     size_t ImageStack;                  // in frames of images, when one of them last called the kernel
@@ -75,11 +75,11 @@ struct _ETHREAD {
     // Requests that this thread issued and that are not complete: the I/O manager's, under its own lock.
     LIST_ENTRY IrpList;
     std::atomic<LONG> OutstandingIrps;
-    // Locks that other threads released for this one and that still stand in Held: under ps's thread-list lock; the
-    // flag is read without it (ke/held.h).
+    // Locks that other threads released for this one and that still stand in Held: under the lock of the list of
+    // threads; the flag is read without it (ke/held.h).
     std::vector<void*> Disowned;
     std::atomic<bool> HasDisowned;
-    LIST_ENTRY LiveLink; // in ps's list of running threads
+    LIST_ENTRY LiveLink; // in the list of running threads (ke/running.h)
     // Under the dispatcher lock:
     nthost::ke::WaitRecord* Wait;    // what it is blocked in
     LIST_ENTRY Apcs[MaximumMode];    // queued, by mode (ModeIndex)

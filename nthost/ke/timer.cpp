@@ -2,13 +2,11 @@
 // them is due. Due times are those of the monotonic clock in 100 ns, so setting the clock moves no timer.
 #include <nthost/check.h>
 
-#include "check/fatal.h"
-#include "ex/live.h"
 #include "ke/clock.h"
 #include "ke/dispatcher.h"
 #include "ke/dpc.h"
+#include "ke/live.h"
 #include "ke/wait.h"
-#include "ps/threads.h"
 
 namespace nthost::ke {
 
@@ -17,7 +15,6 @@ namespace {
 LIST_ENTRY g_timers = {&g_timers, &g_timers};
 KEVENT g_work; // something became due earlier than the clock's thread thinks
 std::atomic<bool> g_stopping;
-PETHREAD g_clock;
 
 constexpr ULONGLONG kTicksPerMillisecond = 10000;
 
@@ -59,12 +56,12 @@ WakeChain Expire(PKTIMER timer, ULONGLONG now)
 
 void NoteSet(PKTIMER timer)
 {
-    if (NTHOST_CHECKS) ex::NoteLiveObject(ex::LiveKind::Timer, timer);
+    if (NTHOST_CHECKS) NoteLiveObject(LiveKind::Timer, timer);
 }
 
 void NoteNotSet(PKTIMER timer)
 {
-    if (NTHOST_CHECKS) ex::ForgetLiveObject(timer);
+    if (NTHOST_CHECKS) ForgetLiveObject(timer);
 }
 
 // False when no timer is due.
@@ -93,16 +90,6 @@ PLARGE_INTEGER UntilFirst(LARGE_INTEGER* timeout)
     const ULONGLONG now = Now();
     timeout->QuadPart = timer->DueTime > now ? -static_cast<LONGLONG>(timer->DueTime - now) : 0;
     return timeout;
-}
-
-VOID NTAPI ClockMain(PVOID)
-{
-    while (!g_stopping) {
-        LARGE_INTEGER timeout;
-        (void)KeWaitForSingleObject(&g_work, Executive, KernelMode, FALSE, UntilFirst(&timeout));
-        while (ExpireFirst()) {}
-        RunDpcs();
-    }
 }
 
 ULONGLONG DueTimeOf(LARGE_INTEGER time, ULONGLONG now)
@@ -142,22 +129,28 @@ bool Set(PKTIMER timer, LARGE_INTEGER time, LONG period, PKDPC dpc)
 
 void WakeClock() { KeSetEvent(&g_work, IO_NO_INCREMENT, FALSE); }
 
-void StartClock()
+void PrepareClock()
 {
     InitializeListHead(&g_timers);
     ResetDpcs();
     KeInitializeEvent(&g_work, SynchronizationEvent, FALSE);
     g_stopping = false;
-    if (!NT_SUCCESS(ps::StartSystemThread(PsInitialSystemProcess, ClockMain, nullptr, ps::StartedBy::Host, &g_clock)))
-        Fatal("no thread for timers");
 }
 
-void StopClock()
+VOID NTAPI RunClock(PVOID)
+{
+    while (!g_stopping) {
+        LARGE_INTEGER timeout;
+        (void)KeWaitForSingleObject(&g_work, Executive, KernelMode, FALSE, UntilFirst(&timeout));
+        while (ExpireFirst()) {}
+        RunDpcs();
+    }
+}
+
+void EndClock()
 {
     g_stopping = true;
     WakeClock();
-    (void)KeWaitForSingleObject(g_clock, Executive, KernelMode, FALSE, nullptr);
-    ObDereferenceObject(g_clock);
 }
 
 void ForgetTimersIn(const void* memory, size_t size)

@@ -9,7 +9,7 @@
 #include <nthost/check.h>
 
 #include "check/fatal.h"
-#include "check/lock_order.h"
+#include "ke/lock_order.h"
 #include "ke/apc.h"
 #include "ke/dispatcher.h"
 #include "ke/held.h"

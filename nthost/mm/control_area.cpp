@@ -11,7 +11,7 @@
 #include <nthost/debug.h>
 #include <nthost/faults.h>
 
-#include "check/lock_order.h"
+#include "ke/lock_order.h"
 
 namespace nthost::mm {
 

@@ -5,12 +5,11 @@
 #pragma once
 
 #include <mutex>
-#include <string>
 #include <vector>
 
 #include <ntifs.h>
 
-#include "io/file.h"
+#include "ke/end_signal.h"
 #include "ke/word_lock.h"
 
 namespace nthost::mm {
@@ -47,7 +46,7 @@ struct ControlArea {
     PSECTION_OBJECT_POINTERS Pointers;
     AreaKind Kind;
     int Memfd;
-    io::EndSignal Changed; // a page was read or written
+    ke::EndSignal Changed; // a page was read or written
 
     // Under sectionLock:
     LONGLONG Size;           // of the file when a section was last made; paging requests do not go beyond
@@ -58,6 +57,11 @@ struct ControlArea {
     std::vector<View*> Views;
 };
 
+struct PageRange {
+    size_t First;
+    size_t End; // one past the last
+};
+
 extern ke::WordLock sectionLock;
 using SectionGuard = std::lock_guard<ke::WordLock>;
 
@@ -66,8 +70,6 @@ inline LONGLONG OffsetOfPage(size_t index) { return static_cast<LONGLONG>(index)
 
 // Whoever has the file mapped or could map it without asking the file system again. Under sectionLock.
 inline bool HasUsers(const ControlArea* area) { return area->Sections != 0 || !area->Views.empty(); }
-
-// --- areas (control_area.cpp)
 
 // The area that the pointers name, held for the caller; null if there is none.
 ControlArea* HoldArea(PSECTION_OBJECT_POINTERS pointers, AreaKind kind);
@@ -104,75 +106,5 @@ void ReleaseSection(ControlArea* area);
 std::vector<ControlArea*> HoldIdleAreas();
 // At shutdown, when only areas are left whose sections leaked.
 void ForgetAreas();
-
-// --- pages (pages.cpp)
-
-// Reads the page, which the caller has set to Reading. The status of the failure if it stays absent.
-[[nodiscard]] NTSTATUS ReadPage(ControlArea* area, size_t index);
-// Until nobody reads the page any more.
-void AwaitRead(ControlArea* area, size_t index);
-
-struct PageRange {
-    size_t First;
-    size_t End; // one past the last
-};
-// The pages of a byte range as cache routines take it: a null offset means all, a zero length everything from there on.
-PageRange RangeOf(const ControlArea* area, const LARGE_INTEGER* offset, ULONGLONG length);
-
-enum class WriteFor { Flush, ModifiedWriter };
-// Writes the run of changed pages that comes first in the range, of at most 16 pages, and moves range->First behind it.
-// False if there is none. The outcome is added to *result: its first error, and the bytes written.
-bool WriteNextRun(ControlArea* area, PageRange* range, WriteFor purpose, IO_STATUS_BLOCK* result);
-// Where WriteNextRun would end its run; zero if nothing is changed.
-LONGLONG EndOfNextRun(ControlArea* area, const PageRange& range);
-// All of the range's, with the file system's flush callbacks around. Result as CcFlushCache gives it.
-void FlushRange(ControlArea* area, PageRange range, IO_STATUS_BLOCK* result);
-// Drops the pages, changed or not; views fault on them anew. False if some are locked, which stay.
-bool PurgeRange(ControlArea* area, PageRange range);
-// Drops all pages of an area that has no users; false, with the pages left, if it has some, if a page is locked, or if
-// one is changed and those must not be lost.
-bool DropUnused(ControlArea* area, bool dirtyToo);
-
-// --- locked descriptions (pinned.cpp)
-
-// What an MDL has locked of an area; Area null for other memory.
-struct PinnedRange {
-    ControlArea* Area; // held
-    size_t First;
-    size_t Count;
-};
-// Locks the pages behind a range of one view that has just been touched. Area null if no view of the caller's process
-// has all of it. False if a page went away again meanwhile: touch once more.
-[[nodiscard]] bool PinView(const void* address, size_t length, bool write, PinnedRange* pinned);
-// `written` says that the pages may have been changed until now.
-void UnpinRange(const PinnedRange& pinned, bool written);
-// A second address of the pages, page-aligned; null if there is no room.
-void* MapPinned(const PinnedRange& pinned);
-
-// A locked, unmapped description of the pages for a paging request, which ends it; null without memory.
-PMDL NewPagingMdl(ControlArea* area, size_t firstPage, ULONG length, bool forRead);
-
-// --- views (view.cpp)
-
-// The process's view that has the address, null for none. Under sectionLock.
-View* FindView(PEPROCESS process, const void* address);
-bool AnyViews(); // without the lock
-
-struct ViewRequest {
-    ControlArea* Area;
-    PEPROCESS Process;
-    void* Base; // null: anywhere
-    LONGLONG Offset;
-    size_t Length;
-    bool Readable;
-    bool Writable;
-};
-[[nodiscard]] NTSTATUS MapView(const ViewRequest& request, void** base);
-[[nodiscard]] NTSTATUS UnmapView(PEPROCESS process, const void* address);
-// For a process that ends, or, null, for all: one text per view there was.
-std::vector<std::string> UnmapViewsOf(PEPROCESS process);
-
-// What every view of the area allows on the pages, from now on: PROT_... Under sectionLock.
-void ProtectInViews(ControlArea* area, PageRange range, int protection);
 
 } // namespace nthost::mm

@@ -8,8 +8,8 @@
 
 #include "check/fatal.h"
 #include "mm/arena.h"
-#include "mm/control_area.h"
-#include "mm/guarded.h"
+#include "mm/pinned.h"
+#include "ke/guarded.h"
 #include "mm/touch.h"
 #include <nthost/check.h>
 #include <nthost/faults.h>
@@ -45,7 +45,7 @@ void AttachToIrp(PIRP irp, PMDL mdl, BOOLEAN secondary)
 // The range lies in user space and every page allows the access. The MDL is not touched.
 NTSTATUS TouchRange(char* start, size_t length, KPROCESSOR_MODE mode, LOCK_OPERATION operation)
 {
-    return Guarded([&] {
+    return nthost::ke::Guarded([&] {
         if (mode != KernelMode) ProbeForRead(start, length, 1);
         if (operation == IoReadAccess)
             TouchPages(start, length, TouchForRead);

@@ -1,5 +1,4 @@
-// The memory manager towards the rest of nthost: start and stop of the fault handling, hooks that are asked before a
-// fault becomes an exception, and what the end of processes, drivers and the host does to sections.
+// The memory manager towards the rest of nthost: its start, and what the end of the host does to sections.
 #pragma once
 
 #include <string>
@@ -9,21 +8,9 @@
 
 namespace nthost::mm {
 
-// Asked on every fault, before guards: true if the page is there now and the access can be tried again. Runs on the
-// faulting thread, inside the signal handler, which is sound because the fault is synchronous: it may block and may
-// call drivers. A hook lets an address that is not its own pass quickly, and takes no lock that the faulting code may
-// hold.
-using FaultHook = bool (*)(void* address, bool write);
-
-// At most eight, for the life of the process; adding one twice does nothing.
-void AddFaultHook(FaultHook hook);
-
-// Takes SIGSEGV and SIGBUS; gives them back.
+// Page faults on views are resolved from then on, and a process that ends takes its views with it, and sections that
+// nobody uses any more.
 void Boot();
-void Shutdown();
-
-// A process is over: its views go, and sections that nobody uses any more with them.
-void EndViews(PEPROCESS process);
 // At shutdown, while requests still work: what is mapped is reported and unmapped, and every file object that an unused
 // section refers to is let go, even if its changes cannot be written.
 void EndSections(std::vector<std::string>* leaks);

@@ -8,10 +8,11 @@
 #include <nthost/check.h>
 
 #include "check/fatal.h"
-#include "check/lock_order.h"
+#include "ke/lock_order.h"
 #include "check/text.h"
 #include "ke/thread.h"
-#include "mm/control_area.h"
+#include "mm/pages.h"
+#include "mm/view.h"
 
 namespace nthost::mm {
 

@@ -1,5 +1,7 @@
 // Pages of control areas: paging reads that fill them, paging writes that clean them, and the purge. States change
 // under sectionLock; the file system is called without it, with the page marked as being read or written meanwhile.
+#include "mm/pages.h"
+
 #include <algorithm>
 #include <cstring>
 #include <sys/mman.h>
@@ -9,7 +11,8 @@
 #include "fsrtl/acquire.h"
 #include "io/paging.h"
 #include "ke/thread.h"
-#include "mm/control_area.h"
+#include "mm/pinned.h"
+#include "mm/view.h"
 
 namespace nthost::mm {
 

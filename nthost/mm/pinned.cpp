@@ -1,9 +1,11 @@
 // Pages of control areas that descriptions have locked: they stay while a request uses them, whatever happens to the
 // views. Counts are under sectionLock.
+#include "mm/pinned.h"
+
 #include <sys/mman.h>
 
 #include "ke/thread.h"
-#include "mm/control_area.h"
+#include "mm/view.h"
 
 namespace nthost::mm {
 

@@ -10,9 +10,12 @@
 #include "check/fatal.h"
 #include "check/text.h"
 #include "fsrtl/acquire.h"
-#include "mm/control_area.h"
-#include "mm/guarded.h"
+#include "ke/exceptions.h"
+#include "mm/pages.h"
+#include "mm/view.h"
+#include "ke/guarded.h"
 #include "mm/memory.h"
+#include "mm/page_fault.h"
 #include "ps/threads.h"
 
 namespace nthost::mm {
@@ -66,6 +69,12 @@ bool WriteAsModifiedWriter(ControlArea* area, PageRange* range, IO_STATUS_BLOCK*
     return wrote;
 }
 
+void EndViews(PEPROCESS process)
+{
+    UnmapViewsOf(process);
+    TrimSections();
+}
+
 VOID NTAPI ModifiedPageWriter(PVOID context)
 {
     auto* const writing = static_cast<Writing*>(context);
@@ -84,10 +93,10 @@ VOID NTAPI ModifiedPageWriter(PVOID context)
 
 } // namespace
 
-void EndViews(PEPROCESS process)
+void Boot()
 {
-    UnmapViewsOf(process);
-    TrimSections();
+    ke::AddFaultHook(ResolvePageFault);
+    ps::SetProcessExitHook(EndViews);
 }
 
 void EndSections(std::vector<std::string>* leaks)
@@ -143,7 +152,7 @@ unsigned TrimSections()
 
 NTSTATUS GuardedCopy(void* to, const void* from, size_t length)
 {
-    return Guarded([&] { memcpy(to, from, length); });
+    return ke::Guarded([&] { memcpy(to, from, length); });
 }
 
 } // namespace nthost

@@ -1,5 +1,7 @@
 // Views: where they lie, and what they allow. The table of views is under sectionLock. An address range goes back to
 // Linux under the lock too, so that nothing else can be found at an address that a fault looks up.
+#include "mm/view.h"
+
 #include <algorithm>
 #include <atomic>
 #include <map>
@@ -12,7 +14,6 @@
 
 #include "check/fatal.h"
 #include "check/text.h"
-#include "mm/control_area.h"
 
 #ifndef MAP_FIXED_NOREPLACE
 #define MAP_FIXED_NOREPLACE 0x100000

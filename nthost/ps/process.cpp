@@ -7,7 +7,6 @@
 
 #include "check/fatal.h"
 #include "ke/wait.h"
-#include "mm/memory.h"
 #include "ob/object.h"
 #include "ps/ids.h"
 #include "ps/threads.h"
@@ -37,6 +36,7 @@ _OBJECT_TYPE processType = {"Process",
 PEPROCESS hostProcess;
 
 std::atomic<uintptr_t> nextId;
+std::atomic<nthost::ps::ProcessExitHook> exitHook;
 
 } // namespace
 
@@ -65,11 +65,13 @@ void EndProcess(PEPROCESS process)
     {
         const ActAs as(process, KernelMode);
         ob::CloseAllHandles(process);
-        mm::EndViews(process);
+        if (const ProcessExitHook hook = exitHook.load()) hook(process);
     }
     ke::SignalHeader(&process->Header);
     ObDereferenceObject(process);
 }
+
+void SetProcessExitHook(ProcessExitHook hook) { exitHook = hook; }
 
 void BootProcesses()
 {

@@ -7,7 +7,7 @@
 
 #include <nthost/faults.h>
 
-#include "check/callout.h"
+#include "ke/callout.h"
 #include "check/fatal.h"
 #include "ob/object.h"
 #include "ps/threads.h"

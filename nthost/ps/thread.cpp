@@ -1,15 +1,15 @@
-// Threads: the object type, attaching a Linux thread and letting it go, the list of running threads. The list's lock
-// also guards what other threads post to a thread (ke/held.h).
+// Threads: the object type, attaching a Linux thread and letting it go.
 #include <nthost/process.h>
 
 #include <new>
 
-#include "check/callout.h"
+#include "ke/callout.h"
 #include "check/fatal.h"
 #include "check/stack.h"
 #include "check/text.h"
 #include "ke/apc.h"
 #include "ke/current.h"
+#include "ke/running.h"
 #include "ke/wait.h"
 #include "ob/object.h"
 #include "ps/ids.h"
@@ -38,22 +38,12 @@ _OBJECT_TYPE threadType = {"Thread",
                            {}};
 
 std::atomic<nthost::ps::ThreadExitHook> exitHook;
-LIST_ENTRY running = {&running, &running};
 
 } // namespace
 
 POBJECT_TYPE PsThreadType = &threadType;
 
 namespace nthost::ps {
-
-ke::WordLock runningLock;
-
-bool IsRunning(const _ETHREAD* thread)
-{
-    for (const LIST_ENTRY* entry = running.Flink; entry != &running; entry = entry->Flink)
-        if (entry == &thread->LiveLink) return true;
-    return false;
-}
 
 _ETHREAD* NewThread(PEPROCESS process, KPROCESSOR_MODE mode)
 {
@@ -75,9 +65,7 @@ void EnterThread(_ETHREAD* thread)
 {
     if (ke::CurrentThreadOrNull()) Fatal("this thread is already attached to a process");
     ke::SetCurrentThread(thread);
-    runningLock.lock();
-    InsertTailList(&running, &thread->LiveLink);
-    runningLock.unlock();
+    ke::AddRunning(thread);
 }
 
 void PrepareToLeave()
@@ -93,9 +81,7 @@ void LeaveThread(NTSTATUS exitStatus)
 {
     _ETHREAD* const thread = ke::CurrentThread();
     thread->ExitStatus = exitStatus;
-    runningLock.lock();
-    RemoveEntryList(&thread->LiveLink);
-    runningLock.unlock();
+    ke::RemoveRunning(thread);
     ke::SignalHeader(&thread->Header);
     ke::SetCurrentThread(nullptr);
     ObDereferenceObject(thread);
@@ -105,14 +91,11 @@ void SetThreadExitHook(ThreadExitHook hook) { exitHook = hook; }
 
 void ReportSystemThreads(std::vector<std::string>& lines)
 {
-    runningLock.lock();
-    for (const LIST_ENTRY* entry = running.Flink; entry != &running; entry = entry->Flink) {
-        const _ETHREAD* const thread = CONTAINING_RECORD(entry, _ETHREAD, LiveLink);
+    ke::ForEachRunning([&lines](const _ETHREAD* thread) {
         if (thread->IsSystemThread)
             lines.push_back(Format("system thread %zu still runs, started at ", reinterpret_cast<size_t>(thread->Id)) +
                             FrameText(reinterpret_cast<char*>(thread->StartRoutine) + 1));
-    }
-    runningLock.unlock();
+    });
 }
 
 } // namespace nthost::ps

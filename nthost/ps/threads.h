@@ -1,11 +1,10 @@
-// Inside of ps: how threads and processes are made and ended, and the list of those that run.
+// How threads and processes are made and ended.
 #pragma once
 
 #include <string>
 #include <vector>
 
 #include "ke/thread.h"
-#include "ke/word_lock.h"
 #include "se/token.h"
 
 namespace nthost::ps {
@@ -13,7 +12,7 @@ namespace nthost::ps {
 // One reference for the caller; null without memory. Runs nowhere yet.
 _ETHREAD* NewThread(PEPROCESS process, KPROCESSOR_MODE mode);
 PEPROCESS NewProcess(const std::string& name, se::Token token);
-// The process is over: closes its handles, unmaps its views, signals it, and gives the caller's reference back.
+// The process is over: closes its handles, calls the hook, signals it, and gives the caller's reference back.
 void EndProcess(PEPROCESS process);
 
 // The current Linux thread becomes this one. Takes over the caller's reference.
@@ -26,18 +25,9 @@ void LeaveThread(NTSTATUS exitStatus);
 // Called on a thread that ends, while it still is one: the I/O manager cancels its requests and waits for them.
 using ThreadExitHook = void (*)(PETHREAD thread);
 void SetThreadExitHook(ThreadExitHook hook);
-
-extern ke::WordLock runningLock;        // the list of running threads and what others post to them
-bool IsRunning(const _ETHREAD* thread); // under runningLock
-
-// Runs the body under the lock if the thread runs. The pointer may be stale.
-template <typename Body>
-void WithRunningThread(const _ETHREAD* thread, Body body)
-{
-    runningLock.lock();
-    if (IsRunning(thread)) body();
-    runningLock.unlock();
-}
+// Called when a process has no handles any more, on a thread that acts for it.
+using ProcessExitHook = void (*)(PEPROCESS process);
+void SetProcessExitHook(ProcessExitHook hook);
 
 enum class StartedBy {
     Driver, // the start routine is driver code, and counts as such

@@ -2,10 +2,10 @@
 #include <cstdlib>
 #include <new>
 
-#include "io/service.h"
+#include "ob/service.h"
 #include "ke/apc.h"
 #include "ke/thread.h"
-#include "zw/capture.h"
+#include "ob/capture.h"
 
 namespace nthost::zw {
 
@@ -69,7 +69,7 @@ NTSTATUS AlertThread(KPROCESSOR_MODE mode, HANDLE handle)
 NTSTATUS DelayExecution(KPROCESSOR_MODE mode, BOOLEAN alertable, PLARGE_INTEGER userInterval)
 {
     LARGE_INTEGER interval;
-    const NTSTATUS status = ReadUser(userInterval, &interval, mode);
+    const NTSTATUS status = ob::ReadUser(userInterval, &interval, mode);
     return NT_SUCCESS(status) ? KeDelayExecutionThread(mode, alertable, &interval) : status;
 }
 

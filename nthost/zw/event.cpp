@@ -1,9 +1,9 @@
 // Event objects and the services on them. An event's state is the wait core's; here are its handles and names. A named
 // event keeps its name as long as a handle is open.
-#include "io/service.h"
+#include "ob/service.h"
 #include "ob/handle.h"
-#include "zw/capture.h"
-#include "zw/named.h"
+#include "ob/capture.h"
+#include "ob/named.h"
 
 namespace nthost::zw {
 
@@ -16,17 +16,17 @@ OBJECT_TYPE g_eventType{.Name = "Event",
                         .ValidAccess = EVENT_ALL_ACCESS,
                         .UsesDispatcherHeader = true,
                         .WaitOffset = 0,
-                        .Close = RemoveNameWithLastHandle,
+                        .Close = ob::RemoveNameWithLastHandle,
                         .Delete = nullptr,
                         .Live = {}};
 
 NTSTATUS CreateEvent(KPROCESSOR_MODE mode, PHANDLE handle, ACCESS_MASK desired, POBJECT_ATTRIBUTES objectAttributes,
                      EVENT_TYPE type, BOOLEAN initialState)
 {
-    if (const NTSTATUS status = ProbeUser(handle, mode); !NT_SUCCESS(status)) return status;
+    if (const NTSTATUS status = ob::ProbeUser(handle, mode); !NT_SUCCESS(status)) return status;
     if (type != NotificationEvent && type != SynchronizationEvent) return STATUS_INVALID_PARAMETER;
-    CapturedAttributes attributes;
-    if (const NTSTATUS status = CaptureObjectAttributes(objectAttributes, mode, &attributes); !NT_SUCCESS(status))
+    ob::CapturedAttributes attributes;
+    if (const NTSTATUS status = ob::CaptureObjectAttributes(objectAttributes, mode, &attributes); !NT_SUCCESS(status))
         return status;
     // Handles on directories are not given out, so no name can be relative to one.
     if (attributes.RootDirectory) return STATUS_OBJECT_TYPE_MISMATCH;
@@ -36,7 +36,7 @@ NTSTATUS CreateEvent(KPROCESSOR_MODE mode, PHANDLE handle, ACCESS_MASK desired, 
     void* const body = ob::CreateObject(&g_eventType, sizeof(KEVENT));
     if (!body) return STATUS_INSUFFICIENT_RESOURCES;
     KeInitializeEvent(static_cast<PKEVENT>(body), type, initialState);
-    return NameAndReturn(body, attributes, granted, mode, handle);
+    return ob::NameAndReturn(body, attributes, granted, mode, handle);
 }
 
 using Change = LONG (*)(PKEVENT event);
@@ -44,14 +44,14 @@ using Change = LONG (*)(PKEVENT event);
 NTSTATUS ChangeEvent(KPROCESSOR_MODE mode, HANDLE handle, PLONG previousState, Change change)
 {
     if (previousState)
-        if (const NTSTATUS status = ProbeUser(previousState, mode); !NT_SUCCESS(status)) return status;
+        if (const NTSTATUS status = ob::ProbeUser(previousState, mode); !NT_SUCCESS(status)) return status;
     void* body;
     const NTSTATUS status = ObReferenceObjectByHandle(handle, EVENT_MODIFY_STATE, &g_eventType, mode, &body, nullptr);
     if (!NT_SUCCESS(status)) return status;
     const LONG before = change(static_cast<PKEVENT>(body));
     ObDereferenceObject(body);
     // The event has changed by now, so a pointer that went bad meanwhile is the caller's loss.
-    if (previousState) (void)WriteUser(previousState, before, mode);
+    if (previousState) (void)ob::WriteUser(previousState, before, mode);
     return STATUS_SUCCESS;
 }
 

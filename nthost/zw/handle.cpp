@@ -1,7 +1,7 @@
 // The services on handles of any type: closing and duplicating.
 #include "ke/apc.h"
 #include "ob/handle.h"
-#include "zw/capture.h"
+#include "ob/capture.h"
 
 namespace nthost::zw {
 
@@ -53,7 +53,7 @@ NTSTATUS MakeDuplicate(const ob::HandleEntry& source, const Duplicate& wanted, K
     HANDLE handle;
     NTSTATUS status = ob::InsertHandle(source.Body, wanted.Target, granted, wanted.Attributes, &handle);
     if (!NT_SUCCESS(status) || !wanted.TargetHandle) return status;
-    status = WriteUser(wanted.TargetHandle, handle, mode);
+    status = ob::WriteUser(wanted.TargetHandle, handle, mode);
     if (!NT_SUCCESS(status)) (void)ob::CloseHandle(wanted.Target, handle, KernelMode);
     return status;
 }
@@ -72,7 +72,7 @@ NTSTATUS DuplicateObject(KPROCESSOR_MODE mode, HANDLE sourceProcess, HANDLE sour
                          Duplicate wanted)
 {
     if (wanted.TargetHandle)
-        if (const NTSTATUS status = ProbeUser(wanted.TargetHandle, mode); !NT_SUCCESS(status)) return status;
+        if (const NTSTATUS status = ob::ProbeUser(wanted.TargetHandle, mode); !NT_SUCCESS(status)) return status;
     if (!targetProcess && !(wanted.Options & DUPLICATE_CLOSE_SOURCE)) return STATUS_INVALID_PARAMETER;
     if (mode != KernelMode) wanted.Attributes &= ~OBJ_KERNEL_HANDLE;
 

@@ -6,7 +6,7 @@
 
 #include "ke/apc.h"
 #include "ob/handle.h"
-#include "zw/capture.h"
+#include "ob/capture.h"
 #include "zw/registry.h"
 #include <nthost/faults.h>
 
@@ -24,7 +24,7 @@ OBJECT_TYPE g_keyType{.Name = "Key",
                       .Live = {}};
 
 // The key that a name is relative to, and the rest of the name. An absolute name leads through the namespace.
-NTSTATUS StartOf(const CapturedAttributes& attributes, KPROCESSOR_MODE mode, Key** start, std::u16string* rest)
+NTSTATUS StartOf(const ob::CapturedAttributes& attributes, KPROCESSOR_MODE mode, Key** start, std::u16string* rest)
 {
     void* body;
     const std::u16string_view name = attributes.Name.View();
@@ -46,9 +46,9 @@ NTSTATUS StartOf(const CapturedAttributes& attributes, KPROCESSOR_MODE mode, Key
 
 NTSTATUS OpenKey(KPROCESSOR_MODE mode, PHANDLE handle, ACCESS_MASK desired, POBJECT_ATTRIBUTES objectAttributes)
 {
-    if (const NTSTATUS status = ProbeUser(handle, mode); !NT_SUCCESS(status)) return status;
-    CapturedAttributes attributes;
-    NTSTATUS status = CaptureObjectAttributes(objectAttributes, mode, &attributes);
+    if (const NTSTATUS status = ob::ProbeUser(handle, mode); !NT_SUCCESS(status)) return status;
+    ob::CapturedAttributes attributes;
+    NTSTATUS status = ob::CaptureObjectAttributes(objectAttributes, mode, &attributes);
     if (!NT_SUCCESS(status)) return status;
     const ACCESS_MASK granted = ob::MapAccess(desired, KeyType, KEY_ALL_ACCESS);
     if (granted & ~KeyType->ValidAccess) return STATUS_ACCESS_DENIED;
@@ -65,7 +65,7 @@ NTSTATUS OpenKey(KPROCESSOR_MODE mode, PHANDLE handle, ACCESS_MASK desired, POBJ
 
     void* const body = NewKeyObject(key);
     if (!body) return STATUS_INSUFFICIENT_RESOURCES;
-    status = ReturnHandle(body, granted, attributes.Attributes, mode, handle);
+    status = ob::ReturnHandle(body, granted, attributes.Attributes, mode, handle);
     ObDereferenceObject(body);
     return status;
 }
@@ -133,11 +133,11 @@ NTSTATUS ReadValue(Key* key, std::u16string_view name, MakeImage make, ValueImag
 
 NTSTATUS ReturnImage(const ValueImage& image, PVOID to, ULONG length, PULONG resultLength, KPROCESSOR_MODE mode)
 {
-    NTSTATUS status = WriteUser(resultLength, static_cast<ULONG>(image.Bytes.size()), mode);
+    NTSTATUS status = ob::WriteUser(resultLength, static_cast<ULONG>(image.Bytes.size()), mode);
     if (!NT_SUCCESS(status)) return status;
     if (length < image.Fixed) return STATUS_BUFFER_TOO_SMALL;
     const size_t fits = std::min<size_t>(length, image.Bytes.size());
-    status = CopyToUser(to, image.Bytes.data(), fits, sizeof(ULONG), mode);
+    status = ob::CopyToUser(to, image.Bytes.data(), fits, sizeof(ULONG), mode);
     if (!NT_SUCCESS(status)) return status;
     return fits < image.Bytes.size() ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
 }
@@ -147,10 +147,11 @@ NTSTATUS QueryValueKey(KPROCESSOR_MODE mode, HANDLE handle, PUNICODE_STRING valu
 {
     const auto index = static_cast<size_t>(infoClass);
     if (index >= std::size(kImages)) return STATUS_INVALID_PARAMETER;
-    if (const NTSTATUS status = ProbeUserForWrite(to, length, sizeof(ULONG), mode); !NT_SUCCESS(status)) return status;
-    if (const NTSTATUS status = ProbeUser(resultLength, mode); !NT_SUCCESS(status)) return status;
-    CapturedString name;
-    NTSTATUS status = CaptureUnicodeString(valueName, mode, &name);
+    if (const NTSTATUS status = ob::ProbeUserForWrite(to, length, sizeof(ULONG), mode); !NT_SUCCESS(status))
+        return status;
+    if (const NTSTATUS status = ob::ProbeUser(resultLength, mode); !NT_SUCCESS(status)) return status;
+    ob::CapturedString name;
+    NTSTATUS status = ob::CaptureUnicodeString(valueName, mode, &name);
     if (!NT_SUCCESS(status)) return status;
 
     void* body;

@@ -6,10 +6,10 @@
 
 #include "fsrtl/acquire.h"
 #include "io/paging.h"
-#include "io/service.h"
+#include "ob/service.h"
 #include "mm/protection.h"
 #include "ob/handle.h"
-#include "zw/named.h"
+#include "ob/named.h"
 
 namespace nthost::zw {
 
@@ -94,12 +94,12 @@ NTSTATUS CreateSection(KPROCESSOR_MODE mode, PHANDLE handle, ACCESS_MASK desired
 {
     NTSTATUS status = CheckKind(kind, protection);
     if (!NT_SUCCESS(status)) return status;
-    status = ProbeUser(handle, mode);
+    status = ob::ProbeUser(handle, mode);
     if (!NT_SUCCESS(status)) return status;
     LARGE_INTEGER size{};
-    if (maximumSize && !NT_SUCCESS(status = ReadUser(maximumSize, &size, mode))) return status;
-    CapturedAttributes attributes;
-    status = CaptureObjectAttributes(objectAttributes, mode, &attributes);
+    if (maximumSize && !NT_SUCCESS(status = ob::ReadUser(maximumSize, &size, mode))) return status;
+    ob::CapturedAttributes attributes;
+    status = ob::CaptureObjectAttributes(objectAttributes, mode, &attributes);
     if (!NT_SUCCESS(status)) return status;
     // Handles on directories are not given out, so no name can be relative to one.
     if (attributes.RootDirectory) return STATUS_OBJECT_TYPE_MISMATCH;
@@ -109,7 +109,7 @@ NTSTATUS CreateSection(KPROCESSOR_MODE mode, PHANDLE handle, ACCESS_MASK desired
 
     void* body;
     status = NewSection({desired, protection, kind, size.QuadPart, file}, mode, &body);
-    return NT_SUCCESS(status) ? NameAndReturn(body, attributes, granted, mode, handle) : status;
+    return NT_SUCCESS(status) ? ob::NameAndReturn(body, attributes, granted, mode, handle) : status;
 }
 
 } // namespace
@@ -121,7 +121,7 @@ OBJECT_TYPE SectionType{.Name = "Section",
                         .ValidAccess = SECTION_ALL_ACCESS | SYNCHRONIZE,
                         .UsesDispatcherHeader = false,
                         .WaitOffset = 0,
-                        .Close = RemoveNameWithLastHandle,
+                        .Close = ob::RemoveNameWithLastHandle,
                         .Delete = DeleteSection,
                         .Live = {}};
 

@@ -6,11 +6,11 @@
 
 #include "io/device.h"
 #include "io/device_security.h"
-#include "io/service.h"
+#include "ob/service.h"
 #include "ke/thread.h"
 #include "rtl/descriptor.h"
 #include "se/token.h"
-#include "zw/capture.h"
+#include "ob/capture.h"
 
 namespace nthost::zw {
 
@@ -42,7 +42,7 @@ Part PartAt(PSECURITY_DESCRIPTOR from, ULONG offset)
 NTSTATUS CapturedDescriptor::ReadHeader(PSECURITY_DESCRIPTOR from, KPROCESSOR_MODE mode)
 {
     SECURITY_DESCRIPTOR_RELATIVE relative;
-    NTSTATUS status = ReadUser(static_cast<SECURITY_DESCRIPTOR_RELATIVE*>(from), &relative, mode);
+    NTSTATUS status = ob::ReadUser(static_cast<SECURITY_DESCRIPTOR_RELATIVE*>(from), &relative, mode);
     if (!NT_SUCCESS(status)) return status;
     if (relative.Revision != SECURITY_DESCRIPTOR_REVISION) return STATUS_UNKNOWN_REVISION;
     if (relative.Control & SE_SELF_RELATIVE) {
@@ -51,7 +51,7 @@ NTSTATUS CapturedDescriptor::ReadHeader(PSECURITY_DESCRIPTOR from, KPROCESSOR_MO
                              PartAt<PACL>(from, relative.Sacl), PartAt<PACL>(from, relative.Dacl)});
         return STATUS_SUCCESS;
     }
-    status = ReadUser(static_cast<SECURITY_DESCRIPTOR*>(from), &absolute_, mode);
+    status = ob::ReadUser(static_cast<SECURITY_DESCRIPTOR*>(from), &absolute_, mode);
     absolute_.Control = relative.Control; // read once
     return status;
 }
@@ -60,11 +60,11 @@ NTSTATUS CapturedDescriptor::CaptureSid(PSID* sid, std::vector<UCHAR>* copy, KPR
 {
     if (!*sid) return STATUS_SUCCESS;
     UCHAR head[2]; // revision and count
-    NTSTATUS status = CopyFromUser(head, *sid, sizeof head, 1, mode);
+    NTSTATUS status = ob::CopyFromUser(head, *sid, sizeof head, 1, mode);
     if (!NT_SUCCESS(status)) return status;
     if (head[0] != SID_REVISION || head[1] > SID_MAX_SUB_AUTHORITIES) return STATUS_INVALID_SID;
     copy->resize(FIELD_OFFSET(SID, SubAuthority) + head[1] * sizeof(ULONG));
-    status = CopyFromUser(copy->data(), *sid, copy->size(), 1, mode);
+    status = ob::CopyFromUser(copy->data(), *sid, copy->size(), 1, mode);
     if (!NT_SUCCESS(status)) return status;
     (*copy)[1] = head[1];
     *sid = copy->data();
@@ -75,11 +75,11 @@ NTSTATUS CapturedDescriptor::CaptureAcl(PACL* acl, std::vector<UCHAR>* copy, KPR
 {
     if (!*acl) return STATUS_SUCCESS;
     ACL header;
-    NTSTATUS status = CopyFromUser(&header, *acl, sizeof header, alignof(ACL), mode);
+    NTSTATUS status = ob::CopyFromUser(&header, *acl, sizeof header, alignof(ACL), mode);
     if (!NT_SUCCESS(status)) return status;
     if (header.AclSize < sizeof(ACL)) return STATUS_INVALID_ACL;
     copy->resize(header.AclSize);
-    status = CopyFromUser(copy->data(), *acl, header.AclSize, alignof(ACL), mode);
+    status = ob::CopyFromUser(copy->data(), *acl, header.AclSize, alignof(ACL), mode);
     if (!NT_SUCCESS(status)) return status;
     *acl = reinterpret_cast<PACL>(copy->data());
     (*acl)->AclSize = header.AclSize;

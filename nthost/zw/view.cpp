@@ -1,9 +1,10 @@
 // The services on views: mapping, unmapping, and flushing a range of one. What the caller's pointers hold is taken
 // once, at the start, and given back at the end.
-#include "io/service.h"
-#include "mm/control_area.h"
+#include "ob/service.h"
+#include "mm/pages.h"
+#include "mm/view.h"
 #include "mm/protection.h"
-#include "zw/capture.h"
+#include "ob/capture.h"
 #include "zw/section.h"
 
 namespace nthost::zw {
@@ -27,8 +28,8 @@ struct Placement {
 template <typename T>
 NTSTATUS Take(T* from, T* value, KPROCESSOR_MODE mode)
 {
-    const NTSTATUS status = ProbeUser(from, mode);
-    return NT_SUCCESS(status) ? ReadUser(from, value, mode) : status;
+    const NTSTATUS status = ob::ProbeUser(from, mode);
+    return NT_SUCCESS(status) ? ob::ReadUser(from, value, mode) : status;
 }
 
 [[nodiscard]] NTSTATUS Capture(Placement* placement, KPROCESSOR_MODE mode)
@@ -42,10 +43,10 @@ NTSTATUS Take(T* from, T* value, KPROCESSOR_MODE mode)
 
 [[nodiscard]] NTSTATUS GiveBack(const Placement& placement, KPROCESSOR_MODE mode)
 {
-    NTSTATUS status = WriteUser(placement.ViewSize, placement.Size, mode);
-    if (NT_SUCCESS(status)) status = WriteUser(placement.BaseAddress, placement.Base, mode);
+    NTSTATUS status = ob::WriteUser(placement.ViewSize, placement.Size, mode);
+    if (NT_SUCCESS(status)) status = ob::WriteUser(placement.BaseAddress, placement.Base, mode);
     if (NT_SUCCESS(status) && placement.SectionOffset)
-        status = WriteUser(placement.SectionOffset, placement.Offset, mode);
+        status = ob::WriteUser(placement.SectionOffset, placement.Offset, mode);
     return status;
 }
 
@@ -196,7 +197,7 @@ NTSTATUS FlushVirtualMemory(KPROCESSOR_MODE mode, HANDLE processHandle, PVOID* b
     SIZE_T size;
     NTSTATUS status = Take(baseAddress, &base, mode);
     if (NT_SUCCESS(status)) status = Take(regionSize, &size, mode);
-    if (NT_SUCCESS(status)) status = ProbeUser(statusBlock, mode);
+    if (NT_SUCCESS(status)) status = ob::ProbeUser(statusBlock, mode);
     if (!NT_SUCCESS(status)) return status;
     if (!LiesInUserSpace(base, size)) return STATUS_INVALID_PARAMETER_2;
 
@@ -208,9 +209,9 @@ NTSTATUS FlushVirtualMemory(KPROCESSOR_MODE mode, HANDLE processHandle, PVOID* b
     result.Status = flushed;
     ObDereferenceObject(process);
 
-    status = WriteUser(regionSize, size, mode);
-    if (NT_SUCCESS(status)) status = WriteUser(baseAddress, base, mode);
-    if (NT_SUCCESS(status)) status = WriteUser(statusBlock, result, mode);
+    status = ob::WriteUser(regionSize, size, mode);
+    if (NT_SUCCESS(status)) status = ob::WriteUser(baseAddress, base, mode);
+    if (NT_SUCCESS(status)) status = ob::WriteUser(statusBlock, result, mode);
     return NT_SUCCESS(status) ? flushed : status;
 }
 

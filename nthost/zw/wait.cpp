@@ -2,9 +2,9 @@
 // meanwhile.
 #include <cstring>
 
-#include "io/service.h"
+#include "ob/service.h"
 #include "ob/object.h"
-#include "zw/capture.h"
+#include "ob/capture.h"
 
 namespace nthost::zw {
 
@@ -54,15 +54,15 @@ private:
 // What a kernel-mode caller points at is not probed, but a bad pointer ends in a status all the same.
 NTSTATUS Capture(void* to, const void* from, size_t length, ULONG alignment, KPROCESSOR_MODE mode)
 {
-    if (mode != KernelMode) return CopyFromUser(to, from, length, alignment, mode);
-    return mm::Guarded([&] { memcpy(to, from, length); });
+    if (mode != KernelMode) return ob::CopyFromUser(to, from, length, alignment, mode);
+    return ke::Guarded([&] { memcpy(to, from, length); });
 }
 
 // Null for no timeout, else the captured value.
 NTSTATUS CaptureTimeout(PLARGE_INTEGER from, LARGE_INTEGER* value, PLARGE_INTEGER* timeout, KPROCESSOR_MODE mode)
 {
     *timeout = from ? value : nullptr;
-    return from ? Capture(value, from, sizeof *value, UserAlignment<LARGE_INTEGER>, mode) : STATUS_SUCCESS;
+    return from ? Capture(value, from, sizeof *value, ob::UserAlignment<LARGE_INTEGER>, mode) : STATUS_SUCCESS;
 }
 
 NTSTATUS WaitForSingle(KPROCESSOR_MODE mode, HANDLE handle, BOOLEAN alertable, PLARGE_INTEGER userTimeout)
@@ -84,7 +84,7 @@ NTSTATUS WaitForMultiple(KPROCESSOR_MODE mode, ULONG count, const HANDLE* userHa
     PLARGE_INTEGER timeout;
     if (const NTSTATUS status = CaptureTimeout(userTimeout, &value, &timeout, mode); !NT_SUCCESS(status)) return status;
     HANDLE handles[MAXIMUM_WAIT_OBJECTS];
-    NTSTATUS status = Capture(handles, userHandles, count * sizeof(HANDLE), UserAlignment<HANDLE>, mode);
+    NTSTATUS status = Capture(handles, userHandles, count * sizeof(HANDLE), ob::UserAlignment<HANDLE>, mode);
     if (!NT_SUCCESS(status)) return status;
 
     WaitSet set;

@@ -14,7 +14,7 @@
 #include <workbench/requests.h>
 
 #include "image_driver/exercise.h"
-#include "mm/guarded.h"
+#include "ke/guarded.h"
 #include "support/client.h"
 #include "support/host.h"
 
@@ -186,7 +186,7 @@ TEST_F(Images, LetARaiseThroughToAGuardOfTheHost)
     location->Parameters.DeviceIoControl.Type3InputBuffer = &exercise;
     IoSetNextIrpStackLocation(irp);
     location->DeviceObject = file->DeviceObject;
-    const NTSTATUS status = mm::Guarded(
+    const NTSTATUS status = ke::Guarded(
         [&] { (void)file->DeviceObject->DriverObject->MajorFunction[IRP_MJ_DEVICE_CONTROL](file->DeviceObject, irp); });
     EXPECT_STATUS(STATUS_DISK_FULL, status);
     IoFreeIrp(irp);

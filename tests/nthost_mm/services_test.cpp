@@ -3,7 +3,7 @@
 
 #include <nthost/faults.h>
 
-#include "check/callout.h"
+#include "ke/callout.h"
 
 using namespace minifs;
 

@@ -4,15 +4,15 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "check/callout.h"
+#include "ke/callout.h"
 #include "fixture.h"
 #include "ke/thread.h"
-#include "mm/guarded.h"
-#include "mm/memory.h"
+#include "ke/guarded.h"
+#include "ke/exceptions.h"
 #include <nthost/user_memory.h>
 
 using namespace nthost;
-using mm::Guarded;
+using ke::Guarded;
 
 namespace nthost_ob {
 
@@ -141,20 +141,20 @@ namespace {
 char* g_lazyPage;
 int g_resolved;
 
-bool MapLazily(void* address, bool write)
+NTSTATUS MapLazily(void* address, bool write)
 {
-    if (!g_lazyPage || PAGE_ALIGN(address) != g_lazyPage) return false;
+    if (!g_lazyPage || PAGE_ALIGN(address) != g_lazyPage) return STATUS_NOT_MAPPED_VIEW;
     // A hook may itself meet bad memory.
     EXPECT_EQ(Guarded([] { ExRaiseAccessViolation(); }), STATUS_ACCESS_VIOLATION);
     mprotect(g_lazyPage, PAGE_SIZE, write ? PROT_READ | PROT_WRITE : PROT_READ);
     ++g_resolved;
-    return true;
+    return STATUS_SUCCESS;
 }
 } // namespace
 
 TEST_F(GuardTest, HooksResolveFaultsBeforeGuardsSeeThem)
 {
-    mm::AddFaultHook(MapLazily);
+    ke::AddFaultHook(MapLazily);
     g_resolved = 0;
     void* const page = mmap(nullptr, PAGE_SIZE, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     g_lazyPage = static_cast<char*>(page);

@@ -1,14 +1,14 @@
 // User memory under MDLs: what a request has locked stays usable whatever its process does with the address.
 #include <cstring>
 
-#include "check/callout.h"
+#include "ke/callout.h"
 #include "fixture.h"
-#include "mm/guarded.h"
+#include "ke/guarded.h"
 #include <nthost/routines.h>
 #include <nthost/user_memory.h>
 
 using namespace nthost;
-using mm::Guarded;
+using ke::Guarded;
 
 namespace nthost_ob {
 

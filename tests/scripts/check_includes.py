@@ -22,6 +22,10 @@ CASES = [
     ("nthost/io/irp.cpp", "#include <vector>", None),
     ("nthost/io/irp.cpp", '#include "gvnd/plugin.h"', "nthost knows nothing of the driver"),
     ("nthost/io/irp.cpp", '#include "frame/nt.h"', "nthost knows nothing of the driver"),
+    ("nthost/mm/pages.cpp", '#include "io/irp.h"', None),
+    ("nthost/ke/wait.cpp", '#include "io/irp.h"', "io is not below ke"),
+    ("nthost/zw/view.cpp", '#include "cc/cc.h"', "cc is not below zw"),
+    ("nthost/odd/file.cpp", '#include "io/irp.h"', "nthost/odd stands on no floor"),
 ]
 
 
@@ -38,7 +42,8 @@ class CheckIncludes(unittest.TestCase):
     def test_each_rule(self):
         for path, line, complaint in CASES:
             with self.subTest(path=path, line=line):
-                files = {"include/gvnd/plugin.h": "", "driver/frame/nt.h": "", path: f"// Comment.\n{line}\n"}
+                headers = ("include/gvnd/plugin.h", "driver/frame/nt.h", "nthost/io/irp.h", "nthost/cc/cc.h")
+                files = {**dict.fromkeys(headers, ""), path: f"// Comment.\n{line}\n"}
                 result = self.run_on(files)
                 self.assertEqual(result.returncode, 1 if complaint else 0, result.stderr)
                 if complaint:

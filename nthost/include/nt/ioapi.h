@@ -60,11 +60,6 @@ NTKERNELAPI PIRP NTAPI IoGetTopLevelIrp(VOID);
 #define FSRTL_FAST_IO_TOP_LEVEL_IRP   0x04
 #define FSRTL_MAX_TOP_LEVEL_IRP_FLAG  0xffff
 
-// Fills locked pages from a file, as the memory manager does for a mapped view: a paging request, which no byte-range
-// lock stops and which moves no file position. The event is signalled and the status block filled when it ends.
-NTKERNELAPI NTSTATUS NTAPI IoPageRead(PFILE_OBJECT FileObject, PMDL MemoryDescriptorList, PLARGE_INTEGER StartingOffset,
-                                      PKEVENT Event, PIO_STATUS_BLOCK IoStatusBlock);
-
 // --- cancellation
 
 // TRUE if a cancel routine was there and was called. The routine runs with the cancel spin lock held, which it gives up

@@ -204,7 +204,8 @@ int Bridge::Sync(fuse_req_t request, fuse_file_info* file)
     return 0;
 }
 
-// Space ahead, and with it the size unless that is to stay. Holes are nothing that NT could make here.
+// Space ahead, and with it the size unless that is to stay. Holes are nothing that NT could make here, nor is space
+// behind one: an allocation begins at the file's beginning, and a single byte far out would fill the disk.
 int Bridge::Allocate(fuse_req_t request, int mode, off_t offset, off_t length, fuse_file_info* file)
 {
     if (mode & ~FALLOC_FL_KEEP_SIZE) return EOPNOTSUPP;
@@ -212,6 +213,8 @@ int Bridge::Allocate(fuse_req_t request, int mode, off_t offset, off_t length, f
     const NTSTATUS status = FileOf(file)->With([&](HANDLE handle) {
         FILE_STANDARD_INFORMATION info = {};
         NTSTATUS result = QueryRaw(handle, FileStandardInformation, &info, sizeof info);
+        if (NT_SUCCESS(result) && offset > std::max(info.AllocationSize.QuadPart, info.EndOfFile.QuadPart))
+            return STATUS_NOT_SUPPORTED;
         if (NT_SUCCESS(result) && end > info.AllocationSize.QuadPart) {
             FILE_ALLOCATION_INFORMATION allocation = {};
             allocation.AllocationSize.QuadPart = end;

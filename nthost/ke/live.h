@@ -7,7 +7,7 @@
 
 #include <ntifs.h>
 
-namespace nthost::ex {
+namespace nthost::ke {
 
 enum class LiveKind { Resource, LookasideList, Timer };
 
@@ -19,4 +19,4 @@ void CheckNothingLiveIn(const void* memory, size_t size);
 // One line for each; afterwards none is known.
 void ReportLive(std::vector<std::string>& lines);
 
-} // namespace nthost::ex
+} // namespace nthost::ke

@@ -1,6 +1,6 @@
 // The graph behind the lock-order check. Address nodes tell apart two locks of one class; class nodes connect what was
 // seen on different locks of the same classes. An edge keeps the stack of its first appearance for the report.
-#include "check/lock_order.h"
+#include "ke/lock_order.h"
 
 #include <compare>
 #include <map>

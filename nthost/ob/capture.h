@@ -9,9 +9,9 @@
 
 #include <ntifs.h>
 
-#include "mm/guarded.h"
+#include "ke/guarded.h"
 
-namespace nthost::zw {
+namespace nthost::ob {
 
 [[nodiscard]] NTSTATUS CopyFromUser(void* to, const void* from, size_t length, ULONG alignment, KPROCESSOR_MODE mode);
 [[nodiscard]] NTSTATUS CopyToUser(void* to, const void* from, size_t length, ULONG alignment, KPROCESSOR_MODE mode);
@@ -86,4 +86,4 @@ struct CapturedAttributes {
 [[nodiscard]] NTSTATUS ReturnHandle(void* body, ACCESS_MASK granted, ULONG attributes, KPROCESSOR_MODE mode,
                                     PHANDLE to);
 
-} // namespace nthost::zw
+} // namespace nthost::ob

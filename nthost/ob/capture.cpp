@@ -1,14 +1,14 @@
 // Copies between services and their callers. No locks; every routine here may be called at PASSIVE_LEVEL only, since
 // user memory may fault.
-#include "zw/capture.h"
+#include "ob/capture.h"
 
 #include <cstring>
 
 #include "ob/object.h"
 
-namespace nthost::zw {
+namespace nthost::ob {
 
-using mm::Guarded;
+using ke::Guarded;
 
 namespace {
 
@@ -112,4 +112,4 @@ NTSTATUS ReturnHandle(void* body, ACCESS_MASK granted, ULONG attributes, KPROCES
     return status;
 }
 
-} // namespace nthost::zw
+} // namespace nthost::ob

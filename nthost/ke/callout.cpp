@@ -1,6 +1,6 @@
 // Compares the thread's state around a call into driver code. What was left behind is put back, so that one mistake is
 // one finding; locks stay as they are.
-#include "check/callout.h"
+#include "ke/callout.h"
 
 #include "check/text.h"
 #include "ke/held.h"

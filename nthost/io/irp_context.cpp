@@ -1,4 +1,4 @@
-// Small questions about requests and threads that drivers ask.
+// In which context a request is served: what it and its thread say when a driver asks.
 #include "io/irp.h"
 #include "ke/thread.h"
 

@@ -1,11 +1,24 @@
-// Where exceptions go: to the innermost guard, unless somebody above knows frames that stand nearer.
+// Faults, and where exceptions go: to the innermost guard, unless somebody above knows frames that stand nearer.
 #pragma once
 
 #include <ucontext.h>
 
 #include <ntifs.h>
 
-namespace nthost::mm {
+namespace nthost::ke {
+
+// Asked on every fault, before guards. STATUS_SUCCESS: the page is there now and the access can be tried again.
+// STATUS_NOT_MAPPED_VIEW: the address is not the hook's own. Else the exception's status. Runs on the faulting thread,
+// inside the signal handler, which is sound because the fault is synchronous: it may block and may call drivers. A hook
+// lets an address that is not its own pass quickly, and takes no lock that the faulting code may hold.
+using FaultHook = NTSTATUS (*)(void* address, bool write);
+
+// At most eight, for the life of the process; adding one twice does nothing.
+void AddFaultHook(FaultHook hook);
+
+// Takes SIGSEGV and SIGBUS; gives them back.
+void TakeFaults();
+void ReturnFaults();
 
 struct Exception {
     NTSTATUS Code;
@@ -28,4 +41,4 @@ void SetExceptionHooks(const ExceptionHooks* hooks);
 // Ends everything that was called since the guard was entered.
 [[noreturn]] void JumpToGuard(_ETHREAD* thread, PNT_GUARD guard, NTSTATUS code);
 
-} // namespace nthost::mm
+} // namespace nthost::ke

@@ -1,18 +1,18 @@
 // A table beside the objects: their own memory may be freed without a delete, and that has to be told, not followed.
 // One lock, taken last but for the findings' own.
-#include "ex/live.h"
+#include "ke/live.h"
 
 #include <map>
 #include <mutex>
 
 #include <nthost/check.h>
 
-#include "check/lock_order.h"
+#include "ke/lock_order.h"
 #include "check/stack.h"
 #include "check/text.h"
 #include "ke/clock.h"
 
-namespace nthost::ex {
+namespace nthost::ke {
 
 namespace {
 
@@ -80,7 +80,7 @@ void CheckNothingLiveIn(const void* memory, size_t size)
         const KindTexts& texts = TextsOf(live);
         ReportFinding(texts.Rule, Format("the memory of a %s is freed; it was %s at\n", texts.Name, texts.Begun) +
                                       StackText(live.Stack));
-        if (live.Kind == LiveKind::Timer) ke::ForgetTimersIn(reinterpret_cast<void*>(address), 1);
+        if (live.Kind == LiveKind::Timer) ForgetTimersIn(reinterpret_cast<void*>(address), 1);
     }
 }
 
@@ -91,7 +91,7 @@ void ReportLive(std::vector<std::string>& lines)
         lines.push_back(std::string(texts.Name) + " " + LockText(reinterpret_cast<void*>(address)) + " " +
                         texts.NotEnded + ", " + texts.Begun + " at\n" + StackText(live.Stack));
     }
-    ke::ForgetAllTimers();
+    ForgetAllTimers();
 }
 
-} // namespace nthost::ex
+} // namespace nthost::ke

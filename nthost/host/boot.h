@@ -4,16 +4,16 @@
 #include <string>
 #include <vector>
 
-namespace nthost::ke {
+namespace nthost::host {
 
 // Makes the system process and the first user process, attaches the calling thread to the latter, starts the workers
 // and the clock.
-void Boot(unsigned systemWorkers);
+void BootCore(unsigned systemWorkers);
 // Runs out the work queues, ends the clock and the workers; after it no work item may be queued. The calling thread
 // stays attached.
 void StopWorkers();
 // Reports system threads that still run, resources and the like not deleted and live pool blocks, closes the first user
 // process and the system process with their handles, and detaches the calling thread.
-void Shutdown(std::vector<std::string>& leaks);
+void ShutdownCore(std::vector<std::string>& leaks);
 
-} // namespace nthost::ke
+} // namespace nthost::host

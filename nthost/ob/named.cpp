@@ -1,7 +1,7 @@
 // Names of objects that services make. The namespace has its own lock; nothing is kept here.
-#include "zw/named.h"
+#include "ob/named.h"
 
-namespace nthost::zw {
+namespace nthost::ob {
 
 namespace {
 
@@ -43,4 +43,4 @@ void RemoveNameWithLastHandle(PEPROCESS, void* body, ACCESS_MASK, ULONG, ULONG r
     if (remaining == 0) ob::RemoveName(body);
 }
 
-} // namespace nthost::zw
+} // namespace nthost::ob

@@ -3,7 +3,7 @@
 
 #include <string>
 
-namespace nthost::mm {
+namespace nthost::image {
 
 struct SystemRoutine {
     void* Address;
@@ -13,4 +13,4 @@ struct SystemRoutine {
 // Null for a name that is not known or that a test hides.
 SystemRoutine FindSystemRoutine(const std::string& name);
 
-} // namespace nthost::mm
+} // namespace nthost::image

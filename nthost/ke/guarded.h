@@ -4,7 +4,7 @@
 
 #include <ntifs.h>
 
-namespace nthost::mm {
+namespace nthost::ke {
 
 // STATUS_SUCCESS, or the status of the exception that ended the body. Not inlined, so that what the body changes in its
 // caller's frame has had its address taken and survives the jump.
@@ -18,4 +18,4 @@ template <typename Body>
     return STATUS_SUCCESS;
 }
 
-} // namespace nthost::mm
+} // namespace nthost::ke

@@ -8,13 +8,11 @@
 
 #include "check/fatal.h"
 #include "check/stack.h"
+#include "ke/exceptions.h"
 #include "ke/thread.h"
-#include "mm/exceptions.h"
-#include "mm/memory.h"
-#include "mm/page_fault.h"
 #include <nthost/debug.h>
 
-namespace nthost::mm {
+namespace nthost::ke {
 
 void JumpToGuard(_ETHREAD* thread, PNT_GUARD guard, NTSTATUS code)
 {
@@ -51,14 +49,18 @@ void Deliver(_ETHREAD* thread, const Exception& exception)
         JumpToGuard(thread, thread->Guard, exception.Code);
 }
 
-bool ResolvedByHook(void* address, bool write)
+// A hook that knows the address may still leave it to another.
+NTSTATUS AskHooks(void* address, bool write)
 {
+    NTSTATUS answer = STATUS_NOT_MAPPED_VIEW;
     for (const std::atomic<FaultHook>& slot : g_hooks) {
         const FaultHook hook = slot.load(std::memory_order_acquire);
-        if (!hook) return false;
-        if (hook(address, write)) return true;
+        if (!hook) break;
+        const NTSTATUS status = hook(address, write);
+        if (NT_SUCCESS(status)) return status;
+        if (status != STATUS_NOT_MAPPED_VIEW) answer = status;
     }
-    return false;
+    return answer;
 }
 
 bool IsWrite(const ucontext_t* context)
@@ -114,8 +116,8 @@ void OnFault(int signal, siginfo_t* info, void* frame)
     // A hook may take long and fault itself, and a jump to a guard never comes back: whatever mask the handler was
     // entered with (sanitizers block everything) ends here.
     pthread_sigmask(SIG_SETMASK, &context->uc_sigmask, nullptr);
-    const NTSTATUS fault = ResolvePageFault(info->si_addr, write);
-    if (NT_SUCCESS(fault) || ResolvedByHook(info->si_addr, write)) {
+    const NTSTATUS fault = AskHooks(info->si_addr, write);
+    if (NT_SUCCESS(fault)) {
         errno = error;
         return;
     }
@@ -148,19 +150,19 @@ void AddFaultHook(FaultHook hook)
 
 void SetExceptionHooks(const ExceptionHooks* hooks) { g_exceptionHooks.store(hooks, std::memory_order_release); }
 
-void Boot()
+void TakeFaults()
 {
     Install(SIGSEGV, &g_previousSegv);
     Install(SIGBUS, &g_previousBus);
 }
 
-void Shutdown()
+void ReturnFaults()
 {
     sigaction(SIGSEGV, &g_previousSegv, nullptr);
     sigaction(SIGBUS, &g_previousBus, nullptr);
 }
 
-} // namespace nthost::mm
+} // namespace nthost::ke
 
 using nthost::ke::CurrentThread;
 
@@ -186,7 +188,7 @@ void NtGuardLeave(PNT_GUARD guard)
 VOID NTAPI ExRaiseStatus(NTSTATUS Status)
 {
     _ETHREAD* const thread = CurrentThread();
-    nthost::mm::Deliver(thread, {Status, 0, {}, nullptr});
+    nthost::ke::Deliver(thread, {Status, 0, {}, nullptr});
     nthost::Fatal("%s raised outside of any guard", nthost::StatusName(Status).c_str());
 }
 

@@ -1,6 +1,6 @@
-// Kernel routines by name: the list in zw/routines.inc, less what a test hides. The table is built once and never
+// Kernel routines by name: the list in image/routines.inc, less what a test hides. The table is built once and never
 // changes; the hidden names have a lock of their own.
-#include "mm/system_routine.h"
+#include "image/system_routine.h"
 
 #include <mutex>
 #include <set>
@@ -17,13 +17,13 @@ namespace nthost {
 
 namespace {
 
-using Table = std::unordered_map<std::string_view, mm::SystemRoutine>;
+using Table = std::unordered_map<std::string_view, image::SystemRoutine>;
 
 const Table& Routines()
 {
     static const Table table{
 #define X(name) {#name, {(PVOID)(&name), std::is_function_v<decltype(name)>}},
-#include "zw/routines.inc"
+#include "image/routines.inc"
 #undef X
     };
     return table;
@@ -61,7 +61,7 @@ HiddenRoutine::~HiddenRoutine()
     g_hidden.erase(g_hidden.find(name_));
 }
 
-mm::SystemRoutine mm::FindSystemRoutine(const std::string& name)
+image::SystemRoutine image::FindSystemRoutine(const std::string& name)
 {
     const auto found = Routines().find(name);
     return found == Routines().end() || IsHidden(name) ? SystemRoutine{} : found->second;
@@ -71,5 +71,5 @@ mm::SystemRoutine mm::FindSystemRoutine(const std::string& name)
 
 PVOID NTAPI MmGetSystemRoutineAddress(PUNICODE_STRING SystemRoutineName)
 {
-    return nthost::mm::FindSystemRoutine(nthost::Narrow(SystemRoutineName)).Address;
+    return nthost::image::FindSystemRoutine(nthost::Narrow(SystemRoutineName)).Address;
 }

@@ -2,9 +2,9 @@
 #pragma once
 
 #include "ob/object.h"
-#include "zw/capture.h"
+#include "ob/capture.h"
 
-namespace nthost::zw {
+namespace nthost::ob {
 
 // Names the object if the attributes have a name, and gives a handle to the caller. With OBJ_OPENIF a name that stands
 // already gives that object instead, with STATUS_OBJECT_NAME_EXISTS. Takes over the caller's reference.
@@ -14,4 +14,4 @@ namespace nthost::zw {
 // For types whose objects keep their name as long as a handle is open.
 void RemoveNameWithLastHandle(PEPROCESS, void* body, ACCESS_MASK, ULONG, ULONG remaining);
 
-} // namespace nthost::zw
+} // namespace nthost::ob
