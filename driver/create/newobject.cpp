@@ -154,6 +154,8 @@ NTSTATUS GvCreateNewFileOrDir(IrpContext* context, const CreateParameters& param
         GvCloseBareHandle(kName, context, fd);
         return status;
     }
+    // Whatever later opens may have: a creator writes a read-only file, also after a rename.
+    fcb->PluginFdGranted = GVND_ACCESS_ALL;
     status = GvInitSharedFileObj(__func__, parameters.FileObject, fcb, parameters.DeleteOnClose);
     if (!NT_SUCCESS(status)) {
         GvFcbReleaseFcb(context, fcb); // the only reference: the handle is closed with it

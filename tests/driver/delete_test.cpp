@@ -7,6 +7,7 @@
 namespace opening {
 namespace {
 
+using support::Rename;
 using support::SetDelete;
 
 constexpr OpenRequest kDelete = {.Access = FILE_GENERIC_READ | DELETE};
@@ -35,32 +36,13 @@ TEST_F(Deletion, WaitsForTheLastHandle)
     EXPECT_EQ(FcbCount(), 0u);
 }
 
+// Read-only files and full directories are the model's.
 TEST_F(Deletion, IsRefused)
 {
-    struct Row {
-        const char* Path;
-        ULONG Options;
-        NTSTATUS OnOpen;
-        NTSTATUS OnSet;
-    };
-    const Row rows[] = {
-        {"\\readonly", 0, STATUS_CANNOT_DELETE, STATUS_CANNOT_DELETE},
-        {"\\dir\\sub", FILE_DIRECTORY_FILE, STATUS_SUCCESS, STATUS_DIRECTORY_NOT_EMPTY},
-        {"\\", FILE_DIRECTORY_FILE, STATUS_CANNOT_DELETE, STATUS_DIRECTORY_NOT_EMPTY},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.Path);
-        OpenRequest request = kDelete;
-        request.Options |= row.Options;
-        Handle file = OpenOrFail(row.Path, request);
-        EXPECT_STATUS(row.OnSet, SetDelete(file.Get(), true));
-        EXPECT_STATUS(STATUS_SUCCESS, Open(row.Path).Status); // not pending
-        OpenRequest onClose = kDeleteOnClose;
-        onClose.Options |= row.Options;
-        EXPECT_STATUS(row.OnOpen, Open(row.Path, onClose).Status);
-    }
-    // A directory that is not empty stays at its last cleanup, and nobody is told.
-    EXPECT_TRUE(Exists("\\dir\\sub\\deep"));
+    OpenRequest onClose = kDeleteOnClose;
+    onClose.Options |= FILE_DIRECTORY_FILE;
+    EXPECT_STATUS(STATUS_CANNOT_DELETE, Open("\\", onClose).Status);
+    EXPECT_STATUS(STATUS_INVALID_PARAMETER, Rename(OpenOrFail("\\", kDelete).Get(), "anything"));
     OpenRequest noDelete = kDeleteOnClose;
     noDelete.Access = FILE_GENERIC_READ;
     EXPECT_FALSE(NT_SUCCESS(Open("\\file", noDelete).Status));
@@ -81,25 +63,6 @@ TEST_F(Deletion, TakesAReadOnlyAttributeOff)
     file.Close();
     EXPECT_EQ(TakeCalls(), (Lines{"GetInfo", "SetAttr 0", "Close", "Delete \\file", "Close"}));
     EXPECT_FALSE(Exists("\\file"));
-}
-
-TEST_F(Deletion, LeavesTheNameFreeWhileOldObjectsLive)
-{
-    // Three of one name, each deleted while its file object lives.
-    std::vector<std::unique_ptr<FileReference>> old;
-    for (int i = 0; i < 3; ++i) {
-        Handle file = OpenOrFail(
-            "\\twin", {.Access = FILE_GENERIC_READ | FILE_GENERIC_WRITE | DELETE, .Disposition = FILE_CREATE});
-        old.push_back(std::make_unique<FileReference>(file.Get()));
-        EXPECT_STATUS(STATUS_SUCCESS, SetDelete(file.Get(), true));
-        file.Close();
-        EXPECT_EQ(FcbCount(), i + 1u); // the root goes each time: the deleted hold no parent
-    }
-    Handle live = OpenOrFail("\\twin", {.Access = FILE_GENERIC_WRITE, .Disposition = FILE_CREATE});
-    EXPECT_EQ(FcbCount(), 5u);
-    for (const auto& file : old) EXPECT_TRUE(GvFcbOf(file->Get())->OnDeletionTree);
-    old.clear();
-    EXPECT_EQ(FcbCount(), 2u);
 }
 
 TEST_F(Deletion, RestartsAListingOnlyWhenThePluginHasDeleted)

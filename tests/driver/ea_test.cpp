@@ -48,6 +48,7 @@ TEST_F(EaRecords, EndTheListWhenNothingIsLeftBehindTheirAlignment)
                                                                     row.ValueLength, &list));
         EXPECT_EQ(list.Remaining, row.Left);
         EXPECT_EQ(list.Previous != nullptr, row.Left != row.Room);
+        if (list.Previous) EXPECT_EQ(list.Previous[FIELD_OFFSET(FILE_FULL_EA_INFORMATION, EaName) + row.NameLength], 0);
     }
 }
 
@@ -122,6 +123,38 @@ TEST_F(Eas, AreQueriedByListAllOrNothing)
 }
 
 // Lists that the service would refuse, sent to the driver as they are.
+TEST_F(Eas, RefuseAMalformedListBeforeItsFirstRecordIsSet)
+{
+    Handle file = OpenWithThree();
+    FileReference object(file.Get());
+    EaList list;
+    std::string bytes = list.Add("ONE", "new").Add("TWO", "new").Bytes();
+    support::HandMade request(Device(), object.Get(), IRP_MJ_SET_EA);
+    request.Irp()->UserBuffer = bytes.data();
+    request.Stack()->Parameters.SetEa.Length = static_cast<ULONG>(bytes.size() - 1);
+    EXPECT_STATUS(STATUS_EA_LIST_INCONSISTENT, request.Send());
+    EXPECT_EQ(request.Information(), list.LastOffset());
+    EXPECT_TRUE(TakeCalls().empty());
+}
+
+TEST_F(Eas, TellBadBuffersFromNone)
+{
+    Handle file = OpenWithThree();
+    FileReference object(file.Get());
+    nthost::UserMemory memory(PAGE_SIZE);
+    memory.Unmap();
+    for (const bool has : {true, false}) {
+        support::HandMade query(Device(), object.Get(), IRP_MJ_QUERY_EA), set(Device(), object.Get(), IRP_MJ_SET_EA);
+        for (support::HandMade* request : {&query, &set}) {
+            request->Irp()->RequestorMode = UserMode;
+            request->Irp()->UserBuffer = has ? memory.Address() : nullptr;
+            request->Stack()->Parameters.QueryEa.Length = 64;
+        }
+        EXPECT_STATUS(has ? STATUS_UNSUCCESSFUL : STATUS_BUFFER_OVERFLOW, query.Send());
+        EXPECT_STATUS(has ? STATUS_INVALID_PARAMETER : STATUS_UNSUCCESSFUL, set.Send());
+    }
+}
+
 TEST_F(Eas, RefuseMalformedNameLists)
 {
     Handle file = OpenWithThree();
@@ -201,7 +234,7 @@ TEST_F(Eas, AreSetRecordByRecord)
         const support::Outcome outcome = SetEas(file.Get(), list.Bytes());
         EXPECT_STATUS(row.Expected, outcome.Status);
         const bool refused = !NT_SUCCESS(row.Expected);
-        if (refused) EXPECT_EQ(outcome.Information, offset);
+        EXPECT_EQ(outcome.Information, refused ? offset : 0u);
         // What came before the bad record is there, what came after it is not.
         EXPECT_EQ(QueryEas(file.Get(), {.Names = {"FIRST", "LAST"}}).Records,
                   (Lines{"FIRST=" + row.Name, refused ? "LAST=" : "LAST=" + row.Name}));

@@ -27,21 +27,6 @@ TEST_F(Locks, HoldForBothKindsOfHandle)
     }
 }
 
-// Offsets and lengths are unsigned, so that a whole file is locked by the greatest length there is.
-TEST_F(Locks, ReachToTheEndOfTheOffsets)
-{
-    constexpr LONGLONG kTop = INT64_MIN, kAll = -1;
-    Handle owner = OpenOrFail("\\file", kSync), other = OpenOrFail("\\file", kAsync);
-    EXPECT_STATUS(STATUS_SUCCESS, Lock(owner.Get(), {0, kAll}));
-    EXPECT_EQ(ReadText(other.Get(), 1, 0), "<STATUS_FILE_LOCK_CONFLICT>");
-    EXPECT_STATUS(STATUS_LOCK_NOT_GRANTED, Lock(other.Get(), {kTop, 1}));
-    EXPECT_STATUS(STATUS_SUCCESS, Unlock(owner.Get(), {0, kAll}));
-    EXPECT_STATUS(STATUS_SUCCESS, Lock(owner.Get(), {kTop, INT64_MAX}));
-    EXPECT_STATUS(STATUS_SUCCESS, Lock(other.Get(), {kAll, 1})); // the very last byte
-    EXPECT_STATUS(STATUS_INVALID_LOCK_RANGE, Lock(other.Get(), {kAll, 2}));
-    EXPECT_EQ(ReadText(other.Get(), 1, 0), "0");
-}
-
 // Refused before anything is handed over, so an asynchronous handle gets the same answer at once.
 TEST_F(Locks, AreForTopLevelRequestsOnFiles)
 {

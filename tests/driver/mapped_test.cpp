@@ -70,25 +70,6 @@ TEST_F(Mapped, ViewsSeeWhatHandlesWriteAndHandlesWhatViewsWrite)
     EXPECT_EQ(view.Text(2 * PAGE_SIZE, 4), "KxEP");
 }
 
-// The data is fetched before the write takes the file's lock, so the fault's paging read goes through.
-TEST_F(Mapped, ViewsOfAFileCanBeWrittenToIt)
-{
-    Handle file = OpenFilled();
-    View view(file.Get());
-    IO_STATUS_BLOCK block = {};
-    LARGE_INTEGER offset;
-    offset.QuadPart = 7;
-    EXPECT_STATUS(STATUS_SUCCESS, NtWriteFile(file.Get(), nullptr, nullptr, nullptr, &block, view.Address(),
-                                              2 * PAGE_SIZE, &offset, nullptr));
-    EXPECT_EQ(block.Information, ULONG_PTR(2 * PAGE_SIZE));
-    EXPECT_EQ(support::ReadText(file.Get(), 16, 0), "0123456"
-                                                    "012345678");
-    // The copy has brought pages in before their new content was written; the next write or flush drops them.
-    EXPECT_STATUS(STATUS_SUCCESS, support::Flush(file.Get()));
-    EXPECT_EQ(view.Text(0, 16), "0123456"
-                                "012345678");
-}
-
 TEST_F(Mapped, ViewsAreBuffersOfReadsAndWritesOnAnyHandle)
 {
     Handle file = OpenFilled();
@@ -100,24 +81,6 @@ TEST_F(Mapped, ViewsAreBuffersOfReadsAndWritesOnAnyHandle)
     EXPECT_EQ(view.Text(PAGE_SIZE, 16), "in a directoryef");
     EXPECT_STATUS(STATUS_SUCCESS, view.Flush());
     EXPECT_EQ(support::ReadText(file.Get(), 14, PAGE_SIZE), "in a directory");
-}
-
-TEST_F(Mapped, FilesRefuseToBeCut)
-{
-    Handle file = OpenFilled();
-    {
-        View view(file.Get());
-        EXPECT_EQ(view.Text(0, 1), "0");
-        TakeCalls();
-        EXPECT_STATUS(STATUS_USER_MAPPED_FILE, support::SetSize(file.Get(), 10));
-        EXPECT_EQ(TakeCalls(), Lines{"GetInfo"});
-        EXPECT_STATUS(STATUS_USER_MAPPED_FILE, support::SetAllocation(file.Get(), 0));
-        EXPECT_STATUS(STATUS_USER_MAPPED_FILE, Open("\\file", {.Disposition = FILE_OVERWRITE}).Status);
-        EXPECT_STATUS(STATUS_SUCCESS, support::SetSize(file.Get(), 2 * kSize)); // growing is no matter
-        EXPECT_EQ(view.Text(0, 4), "0123");
-    }
-    EXPECT_STATUS(STATUS_SUCCESS, support::SetSize(file.Get(), 10));
-    EXPECT_STATUS(STATUS_SUCCESS, Open("\\file", {.Disposition = FILE_OVERWRITE}).Status);
 }
 
 TEST_F(Mapped, ImagesRefuseWritersAndDeletion)

@@ -84,14 +84,32 @@ TEST_F(Naming, NewNamesAreOneComponent)
         EXPECT_STATUS(row.Expected, Rename(file.Get(), row.Name, true));
         EXPECT_EQ(NameOf(file.Get()), "\\file"); // which asks the plugin: the handle is not closed
     }
-    // A name of no length, which the services would refuse by themselves.
+    // A name of no length, and names beyond the buffer, which the services would refuse by themselves.
     const FileReference object(file.Get());
-    FILE_RENAME_INFORMATION info = {};
-    HandMade rename(Device(), object.Get(), IRP_MJ_SET_INFORMATION);
-    rename.Irp()->AssociatedIrp.SystemBuffer = &info;
-    rename.Stack()->Parameters.SetFile.Length = sizeof info;
-    rename.Stack()->Parameters.SetFile.FileInformationClass = FileRenameInformation;
-    EXPECT_STATUS(STATUS_OBJECT_NAME_INVALID, rename.Send());
+    for (const ULONG length : {0u, 20u, 0xffffu}) {
+        FILE_RENAME_INFORMATION info = {};
+        info.FileNameLength = length;
+        HandMade rename(Device(), object.Get(), IRP_MJ_SET_INFORMATION);
+        rename.Irp()->AssociatedIrp.SystemBuffer = &info;
+        rename.Stack()->Parameters.SetFile.Length = sizeof info;
+        rename.Stack()->Parameters.SetFile.FileInformationClass = FileRenameInformation;
+        EXPECT_STATUS(length == 0 ? STATUS_OBJECT_NAME_INVALID : STATUS_INVALID_PARAMETER, rename.Send());
+    }
+    // What the plugin makes of a name is looked at too: two components, and none.
+    static USHORT characters;
+    Plugin().Table()->GetNormalizedPath = [](GVND_CALL, PCUNICODE_STRING, PUNICODE_STRING* normalized)
+                                              NTAPI -> NTSTATUS {
+        (void)context, (void)cancel;
+        static WCHAR two[] = L"a\\b";
+        *normalized = static_cast<PUNICODE_STRING>(ExAllocatePoolWithTag(PagedPool, sizeof(UNICODE_STRING), 'mron'));
+        const auto length = static_cast<USHORT>(characters * sizeof(WCHAR));
+        **normalized = {length, length, characters ? two : nullptr};
+        return STATUS_SUCCESS;
+    };
+    for (const USHORT count : {3, 0}) {
+        characters = count;
+        EXPECT_STATUS(STATUS_OBJECT_NAME_INVALID, Rename(file.Get(), "\xc3\xa9"));
+    }
     EXPECT_EQ(ReadText(file.Get(), 2), "01");
 }
 
@@ -234,6 +252,7 @@ TEST_F(Naming, APendedRenameAsksForItsCaller)
     rename.Stack()->Parameters.SetFile.FileInformationClass = FileRenameInformation;
     EXPECT_STATUS(STATUS_PENDING, rename.Send());
     EXPECT_STATUS(STATUS_SUCCESS, rename.Status());
+    EXPECT_EQ(rename.Information(), 0u);
     EXPECT_EQ(asked, caller);
 }
 

@@ -78,36 +78,6 @@ TEST_F(OpenRules, OpensTheRelatedObjectItself)
     OpenOrFail("sub\\deep", {.Root = directory.Get()});
 }
 
-TEST_F(OpenRules, SharesAsTheHandlesAgree)
-{
-    struct Row {
-        ACCESS_MASK FirstAccess;
-        ULONG FirstShare;
-        ACCESS_MASK SecondAccess;
-        ULONG SecondShare;
-        NTSTATUS Expected;
-    };
-    constexpr ULONG kRead = FILE_SHARE_READ, kWrite = FILE_SHARE_WRITE;
-    const Row rows[] = {
-        {FILE_READ_DATA, kRead, FILE_READ_DATA, kRead, STATUS_SUCCESS},
-        {FILE_READ_DATA, kRead, FILE_WRITE_DATA, kRead | kWrite, STATUS_SHARING_VIOLATION},
-        {FILE_READ_DATA, kRead | kWrite, FILE_WRITE_DATA, kRead, STATUS_SUCCESS},
-        {FILE_WRITE_DATA, kRead | kWrite, FILE_READ_DATA, kRead, STATUS_SHARING_VIOLATION}, // who is there writes
-        {FILE_READ_DATA, 0, FILE_READ_DATA, kRead, STATUS_SHARING_VIOLATION},
-        {FILE_READ_ATTRIBUTES, 0, FILE_READ_DATA, kRead, STATUS_SUCCESS}, // attributes do not count
-    };
-    for (size_t i = 0; i < std::size(rows); ++i) {
-        SCOPED_TRACE(i);
-        const Row& row = rows[i];
-        Handle first = OpenOrFail("\\file", {.Access = row.FirstAccess | SYNCHRONIZE, .Share = row.FirstShare});
-        EXPECT_STATUS(row.Expected,
-                      Open("\\file", {.Access = row.SecondAccess | SYNCHRONIZE, .Share = row.SecondShare}).Status);
-        // The record holds nothing of an open that failed, nor of a handle that is gone.
-        first.Close();
-        OpenOrFail("\\file", {.Access = FILE_WRITE_DATA | SYNCHRONIZE, .Share = 0});
-    }
-}
-
 TEST_F(OpenRules, UpgradesThePluginHandleOnce)
 {
     Handle reader = OpenOrFail("\\file");

@@ -129,6 +129,11 @@ TEST_F(Protocol, MountWantsTheRightTable)
                   Host().Services()->Mount(nullptr, Text("\\Device\\Second"), Text("\\??\\Second"), nullptr,
                                            Plugin().Table(), &device));
     EXPECT_TRUE(Trace().Contains("bad params\n"));
+    {
+        const support::AtIrql irql(APC_LEVEL);
+        EXPECT_STATUS(STATUS_UNSUCCESSFUL,
+                      Host().Services()->Mount(nullptr, nullptr, nullptr, nullptr, nullptr, &device));
+    }
     // The status of the open comes back, and neither device nor link stays.
     EXPECT_STATUS(STATUS_OBJECT_NAME_NOT_FOUND,
                   Host().Services()->Mount(Text("\\Device\\Nothing"), Text("\\Device\\Second"), Text("\\??\\Second"),
@@ -161,6 +166,7 @@ TEST_F(Protocol, JudgesWhereARequestComesFrom)
         {"lock", IRP_MJ_LOCK_CONTROL, IRP_MN_LOCK, false, APC_LEVEL, STATUS_UNSUCCESSFUL},
         {"listing", IRP_MJ_DIRECTORY_CONTROL, IRP_MN_QUERY_DIRECTORY, false, APC_LEVEL, STATUS_INVALID_PARAMETER},
         {"listing above", IRP_MJ_DIRECTORY_CONTROL, IRP_MN_QUERY_DIRECTORY, false, DISPATCH_LEVEL, STATUS_UNSUCCESSFUL},
+        {"control", IRP_MJ_FILE_SYSTEM_CONTROL, IRP_MN_USER_FS_REQUEST, false, APC_LEVEL, STATUS_UNSUCCESSFUL},
         {"cleanup", IRP_MJ_CLEANUP, 0, false, APC_LEVEL, STATUS_UNSUCCESSFUL},
         {"nested cleanup", IRP_MJ_CLEANUP, 0, true, PASSIVE_LEVEL, STATUS_INVALID_PARAMETER},
     };
@@ -180,6 +186,7 @@ TEST_F(Protocol, JudgesWhereARequestComesFrom)
             EXPECT_STATUS(NT_SUCCESS(row.Expected) ? STATUS_PENDING : row.Expected, returned);
         }
         EXPECT_STATUS(row.Expected, request.Status());
+        EXPECT_EQ(request.Information(), NT_SUCCESS(row.Expected) ? 1u : 0u);
         EXPECT_EQ(byte, NT_SUCCESS(row.Expected) ? '0' : 0);
     }
     EXPECT_EQ(Find("\\file")->HandleCount, 1);

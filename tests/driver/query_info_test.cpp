@@ -60,7 +60,7 @@ TEST_F(QueryInfo, HasALeastLengthPerClass)
     for (const FILE_INFORMATION_CLASS unanswered :
          {FileAccessInformation, FileModeInformation, FileAlignmentInformation}) {
         uint64_t buffer[4];
-        EXPECT_STATUS(STATUS_NOT_IMPLEMENTED, Ask(file.Get(), unanswered, buffer, 32).Status);
+        EXPECT_STATUS(STATUS_NOT_IMPLEMENTED, Ask(file.Get(), unanswered, buffer, 0).Status);
     }
     for (const FILE_INFORMATION_CLASS unknown :
          {FileAttributeTagInformation, FileStreamInformation, FileCompressionInformation}) {
@@ -68,6 +68,18 @@ TEST_F(QueryInfo, HasALeastLengthPerClass)
         EXPECT_STATUS(STATUS_INVALID_PARAMETER, Ask(file.Get(), unknown, buffer, 32).Status);
     }
 }
+
+struct Reported {
+    static inline ULONG Attributes;
+    static inline PluginGetInfoFn Inner;
+    static inline void* InnerContext;
+    static NTSTATUS NTAPI GetInfo(void*, PKEVENT cancel, PluginFd fd, PluginFileInfo** info)
+    {
+        const NTSTATUS status = Inner(InnerContext, cancel, fd, info);
+        if (NT_SUCCESS(status)) (*info)->FileAttributes = Attributes, (*info)->FileId = ~0ull;
+        return status;
+    }
+};
 
 TEST_F(QueryInfo, ReportsAllInStages)
 {
@@ -80,6 +92,9 @@ TEST_F(QueryInfo, ReportsAllInStages)
         EXPECT_STATUS(STATUS_BUFFER_TOO_SMALL, outcome.Status);
         EXPECT_EQ(outcome.Information, stages[stage]);
     }
+    Reported::Attributes = FILE_ATTRIBUTE_NORMAL;
+    Reported::Inner = std::exchange(Plugin().Table()->GetInfo, Reported::GetInfo);
+    Reported::InnerContext = &Plugin();
     uint64_t buffer[32] = {};
     auto* const all = reinterpret_cast<PFILE_ALL_INFORMATION>(buffer);
     const Outcome outcome = Ask(file.Get(), FileAllInformation, all, 104);
@@ -89,6 +104,7 @@ TEST_F(QueryInfo, ReportsAllInStages)
     EXPECT_EQ(all->StandardInformation.EndOfFile.QuadPart, 10);
     EXPECT_EQ(all->StandardInformation.NumberOfLinks, 1u);
     EXPECT_EQ(all->StandardInformation.DeletePending, FALSE);
+    EXPECT_EQ(all->InternalInformation.IndexNumber.QuadPart, -1); // the part behind it is cleared
 }
 
 TEST_F(QueryInfo, TellsTheNameWholeOrNotAtAll)
@@ -102,18 +118,6 @@ TEST_F(QueryInfo, TellsTheNameWholeOrNotAtAll)
     EXPECT_NE(info->FileName[0], L'\\');
     EXPECT_EQ(support::NameOf(handle.Get()), "\\FILE"); // the name it is known by
 }
-
-struct Reported {
-    static inline ULONG Attributes;
-    static inline PluginGetInfoFn Inner;
-    static inline void* InnerContext;
-    static NTSTATUS NTAPI GetInfo(void*, PKEVENT cancel, PluginFd fd, PluginFileInfo** info)
-    {
-        const NTSTATUS status = Inner(InnerContext, cancel, fd, info);
-        if (NT_SUCCESS(status)) (*info)->FileAttributes = Attributes;
-        return status;
-    }
-};
 
 TEST_F(QueryInfo, HoldsThePluginToTheKindOfObject)
 {

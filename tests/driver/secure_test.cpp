@@ -98,7 +98,7 @@ TEST_F(LocalParse, Texts)
         {"D:(A;;0XfFfFfFfF;;;WD)", "(ffffffff S-1-1-0)"},
         {"D:(A;;4294967295;;;WD)", "(ffffffff S-1-1-0)"},
         {"D:(A;;RCWDWOSDGAGRGWGX;;;WD)", "(f00f0000 S-1-1-0)"},
-        {"D:(A;;gr0x1GX2sd;;;wd)", "(a0010003 S-1-1-0)"},
+        {"D:(A;;gr0x1GX2sd;;;ba)", "(a0010003 S-1-5-32-544)"},
         {"D:(A;;;;;WD)", "(0 S-1-1-0)"},
         {"D:A;;GA;;;SY)a;;GR;;;BU)", "(10000000 S-1-5-18)(80000000 S-1-5-32-545)"}, // no opening parenthesis
         {" D: ( A ; ; GR GW ; ; ; BU ) ( A;;1;;;SY)  ", "(c0000000 S-1-5-32-545)(1 S-1-5-18)"},

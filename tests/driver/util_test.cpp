@@ -78,9 +78,11 @@ TEST_F(Util, SeesWholeComponentsOnly)
         EXPECT_EQ(found, row.Found);
     }
     Text odd("\\ab");
-    odd.Get()->Length = 5;
-    bool found;
-    EXPECT_STATUS(STATUS_INVALID_PARAMETER, GvUtlDoesPathHaveComponent(odd, L"ab", &found));
+    for (const USHORT length : {5, 0}) {
+        odd.Get()->Length = length;
+        bool found;
+        EXPECT_STATUS(STATUS_INVALID_PARAMETER, GvUtlDoesPathHaveComponent(odd, L"ab", &found));
+    }
 }
 
 TEST_F(Util, MapsTheMdlBeforeTheCallersAddress)

@@ -2,7 +2,6 @@
 #include "lock_fixture.h"
 
 #include <algorithm>
-#include <tuple>
 
 namespace {
 
@@ -81,31 +80,6 @@ TEST_F(LockRules, ALongLockIsFoundBehindManyShortOnes)
     EXPECT_FALSE(TryLock(OtherFile, {900, 1}, true));
     ASSERT_EQ(Unlock(A, {0, 1000}), STATUS_SUCCESS);
     EXPECT_TRUE(TryLock(OtherFile, {900, 1}, true));
-}
-
-TEST_F(LockRules, SingleUnlockNeedsTheExactRangeAndOwner)
-{
-    EXPECT_EQ(Unlock(A, {10, 10}), STATUS_RANGE_NOT_LOCKED);
-    ASSERT_TRUE(TryLock(A, {10, 10}, true));
-    const std::tuple<Who, Bytes> misses[] = {
-        {A, {10, 9}}, {A, {9, 10}}, {A, {10, 0}}, {OtherKey, {10, 10}}, {OtherProcess, {10, 10}}, {OtherFile, {10, 10}},
-    };
-    for (const auto& [who, bytes] : misses) EXPECT_EQ(Unlock(who, bytes), STATUS_RANGE_NOT_LOCKED);
-    EXPECT_EQ(Unlock(A, {10, 10}), STATUS_SUCCESS);
-    EXPECT_EQ(Unlock(A, {10, 10}), STATUS_RANGE_NOT_LOCKED);
-}
-
-TEST_F(LockRules, SingleUnlockTakesTheExclusiveLockFirstAndOneSharedLockAtATime)
-{
-    ASSERT_TRUE(TryLock(A, {0, 4}, true));
-    ASSERT_TRUE(TryLock(A, {0, 4}, false));
-    ASSERT_TRUE(TryLock(A, {0, 4}, false));
-    ASSERT_EQ(Unlock(A, {0, 4}), STATUS_SUCCESS);
-    EXPECT_TRUE(MayRead(OtherFile, {0, 4}));
-    ASSERT_EQ(Unlock(A, {0, 4}), STATUS_SUCCESS);
-    EXPECT_FALSE(MayWrite(OtherFile, {0, 4}));
-    ASSERT_EQ(Unlock(A, {0, 4}), STATUS_SUCCESS);
-    EXPECT_TRUE(MayWrite(OtherFile, {0, 4}));
 }
 
 TEST_F(LockRules, UnlockAllIsForOneFileObjectAndProcessAndMaybeOneKey)

@@ -52,17 +52,6 @@ TEST_F(LockWait, UnlockServesWaitersInOrderOfArrival)
     EXPECT_FALSE(MayRead(A, {0, 1}));
 }
 
-TEST_F(LockWait, NothingWaitsForAWaiter)
-{
-    ASSERT_TRUE(TryLock(A, {0, 10}, Shared));
-    LockRequest writer;
-    Wait(writer, B, {0, 20}, Exclusive);
-    EXPECT_TRUE(TryLock(C, {0, 10}, Shared));
-    EXPECT_TRUE(TryLock(C, {15, 1}, Exclusive));
-    EXPECT_TRUE(writer.Cancel());
-    ExpectOrder({&writer});
-}
-
 TEST_F(LockWait, UnlockOfAllWakesOthersAndEndsTheOwnersWaits)
 {
     ASSERT_TRUE(TryLock(A, {0, 1}, Exclusive));
@@ -82,22 +71,6 @@ TEST_F(LockWait, UnlockOfAllWakesOthersAndEndsTheOwnersWaits)
     EXPECT_EQ(other.Status, STATUS_SUCCESS);
     ASSERT_EQ(Unlock(C, {9, 1}), STATUS_SUCCESS);
     ExpectOrder({&stillHeld});
-}
-
-TEST_F(LockWait, CancellationEndsTheWaitAndLeavesNoTrace)
-{
-    ASSERT_TRUE(TryLock(A, {0, 10}, Exclusive));
-    LockRequest first, second;
-    Wait(first, B, {0, 10}, Exclusive);
-    Wait(second, C, {0, 10}, Exclusive);
-    EXPECT_TRUE(first.Cancel());
-    ExpectOrder({&first});
-    EXPECT_EQ(first.Status, STATUS_CANCELLED);
-    EXPECT_FALSE(first.Cancel());
-    ASSERT_EQ(Unlock(A, {0, 10}), STATUS_SUCCESS);
-    ExpectOrder({&second});
-    EXPECT_FALSE(second.Cancel());
-    EXPECT_EQ(HeldCount(), 1u);
 }
 
 TEST_F(LockWait, ARequestCancelledBeforeItWouldWaitFailsAtOnce)
