@@ -26,6 +26,12 @@ std::string Indented(const std::string& text)
     return indented;
 }
 
+std::string Explained(const Property& rule, const std::string& call, const std::string& got)
+{
+    return "    rule:   " + std::string(rule.Rule) + "\n    call:   " + Indented(call) +
+           "\n    got:    " + Indented(got) + "\n    do:     " + rule.Remedy + "\n";
+}
+
 std::string JsonText(const std::string& text)
 {
     std::string quoted = "\"";
@@ -75,19 +81,23 @@ std::string AsText(const Report& report)
         char line[80];
         std::snprintf(line, sizeof line, "%-10s  %s", Word(result.Outcome), result.Rule->Id);
         text += line;
-        if (result.Outcome == Verdict::Broken) {
-            if (result.Times > 1) text += "  (" + std::to_string(result.Times) + " times)";
-            text += "\n    rule:   " + std::string(result.Rule->Rule);
-            text += "\n    call:   " + Indented(result.Call);
-            text += "\n    got:    " + Indented(result.Got);
-            text += "\n    do:     " + std::string(result.Rule->Remedy);
-        }
+        if (result.Outcome == Verdict::Broken && result.Times > 1)
+            text += "  (" + std::to_string(result.Times) + " times)";
         text += '\n';
+        if (result.Outcome == Verdict::Broken) text += Explained(*result.Rule, result.Call, result.Got);
     }
     return text + report.Plugin + ", seed " + std::to_string(report.Seed) + ": " +
            std::to_string(Count(report, Verdict::Held)) + " rules held, " +
            std::to_string(Count(report, Verdict::Broken)) + " broken, " +
            std::to_string(Count(report, Verdict::NotTried)) + " not tried\n";
+}
+
+std::string AsText(const Breach& breach)
+{
+    for (const Property* property = kProperties; property->Id; ++property)
+        if (breach.Property == property->Id)
+            return "the plugin breaks " + breach.Property + "\n" + Explained(*property, breach.Call, breach.Got);
+    return breach.Property + "\n";
 }
 
 std::string AsJson(const Report& report)

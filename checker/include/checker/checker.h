@@ -8,6 +8,8 @@
 
 #include <gvnd/plugin_entry.h>
 
+#include "checker/verifier.h"
+
 namespace checker {
 
 // One rule of the contract.
@@ -55,6 +57,8 @@ Report Check(const GvndPlugin& plugin, const std::string& arguments, const Optio
 
 // One line for each property, and behind a broken one the rule, the call, and what to do.
 std::string AsText(const Report& report);
+// Of one, as the verifier tells it.
+std::string AsText(const Breach& breach);
 std::string AsJson(const Report& report);
 std::string AsJUnit(const Report& report);
 
