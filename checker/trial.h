@@ -23,7 +23,6 @@ public:
     explicit Log(int fd) : fd_(fd) {}
     void Held(const std::string& property);
     void Broke(const Breach& breach);
-    // What is a breach there is none for now: memory is short on purpose, or a request is cancelled.
     std::set<std::string> Broken() const;
 
 private:
