@@ -10,6 +10,7 @@ gvnd_sources(GVND_ENTRY_SOURCES plugins/entry)
 gvnd_sources(GVND_HOSTFS_SOURCES plugins/hostfs)
 gvnd_sources(GVND_LAYER_SOURCES plugins/layer)
 gvnd_sources(GVND_WORKBENCH_SOURCES workbench)
+gvnd_sources(GVND_CHECKER_SOURCES checker)
 gvnd_sources(GVND_TOOL_SOURCES tools/gvnd)
 
 set(GVND_LIBRARIES "")
@@ -101,6 +102,17 @@ if(TARGET gvnd_driver AND TARGET gvnd_layer AND GVND_WORKBENCH_SOURCES)
     install(DIRECTORY workbench/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/gvnd-workbench
         FILES_MATCHING PATTERN "*.h")
     list(APPEND GVND_LIBRARIES workbench)
+endif()
+
+# Holds a plugin to its contract.
+if(TARGET gvnd_workbench AND GVND_CHECKER_SOURCES)
+    gvnd_library(checker SOURCES ${GVND_CHECKER_SOURCES})
+    target_include_directories(gvnd_checker PUBLIC
+        $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/checker/include>
+        $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}/gvnd-checker>)
+    target_link_libraries(gvnd_checker PUBLIC gvnd_workbench)
+    install(DIRECTORY checker/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/gvnd-checker FILES_MATCHING PATTERN "*.h")
+    list(APPEND GVND_LIBRARIES checker)
 endif()
 
 list(TRANSFORM GVND_LIBRARIES PREPEND gvnd:: OUTPUT_VARIABLE GVND_LINK_ALL)

@@ -7,6 +7,8 @@ file(GLOB_RECURSE GVND_BOUNDARY_HEADERS CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOU
     ${PROJECT_SOURCE_DIR}/include/*.h)
 file(GLOB_RECURSE GVND_WORKBENCH_HEADERS CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/workbench/include
     ${PROJECT_SOURCE_DIR}/workbench/include/*.h)
+file(GLOB_RECURSE GVND_CHECKER_HEADERS CONFIGURE_DEPENDS RELATIVE ${PROJECT_SOURCE_DIR}/checker/include
+    ${PROJECT_SOURCE_DIR}/checker/include/*.h)
 
 # Writes a file that includes one header twice, so that a missing #pragma once shows too.
 function(gvnd_header_probe out header extension)
@@ -17,7 +19,8 @@ function(gvnd_header_probe out header extension)
 endfunction()
 
 set(GVND_PROBES "")
-foreach(header IN LISTS GVND_NTHOST_HEADERS GVND_BOUNDARY_HEADERS GVND_WORKBENCH_HEADERS)
+foreach(header IN LISTS GVND_NTHOST_HEADERS GVND_BOUNDARY_HEADERS GVND_WORKBENCH_HEADERS
+        GVND_CHECKER_HEADERS)
     gvnd_header_probe(probe ${header} cpp)
     list(APPEND GVND_PROBES ${probe})
 endforeach()
@@ -35,7 +38,7 @@ if(GVND_PROBES)
     target_compile_options(header_check PRIVATE ${GVND_HOSTED_FLAGS} -fshort-wchar)
     target_compile_definitions(header_check PRIVATE NTHOST_CHECKS=$<BOOL:${GVND_CHECKS}>)
     target_include_directories(header_check PRIVATE ${PROJECT_SOURCE_DIR}/nthost/include ${PROJECT_SOURCE_DIR}/include
-        ${PROJECT_SOURCE_DIR}/workbench/include ${PROJECT_SOURCE_DIR}/plugins)
+        ${PROJECT_SOURCE_DIR}/workbench/include ${PROJECT_SOURCE_DIR}/checker/include ${PROJECT_SOURCE_DIR}/plugins)
 endif()
 
 file(GLOB_RECURSE GVND_RULED_FILES CONFIGURE_DEPENDS

@@ -149,7 +149,7 @@ typedef struct PluginOps {
     PluginSetTimeFn SetTime; // optional: times are then not kept
     PluginGetVolInfoFn GetVolInfo;
     PluginSetVolLabelFn SetVolLabel;
-    PluginFdFn Close; // optional: the handle is forgotten
+    PluginFdFn Close; // optional without Rename and Delete, which fail if they cannot close: the handle is forgotten
     PluginRenameFn Rename;
     PluginDeleteFn Delete;
     PluginFlushVolFn FlushVol;

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <string>
 
+#include <nthost/calls.h>
+
 namespace nthost {
 
 constexpr unsigned kMaximumFrames = 12;
@@ -18,8 +20,6 @@ std::string StackText(const CapturedStack& stack);
 
 // The whole current stack, by unwind tables; also through a signal frame.
 std::string CurrentStackText();
-// "function file:line" as far as known, else "module+offset".
-std::string FrameText(void* address);
 
 // Code that is not the compiler's of this process: who knows it says so here.
 struct StackPosition {

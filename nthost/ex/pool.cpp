@@ -2,6 +2,7 @@
 // the lists of live blocks. With checks on, the set of live addresses tells a block freed twice before its header is
 // looked at, memory is filled on allocation and on free, and each block keeps the stack that made it.
 #include <nthost/faults.h>
+#include <nthost/pool.h>
 
 #include <cstddef>
 #include <cstdlib>
@@ -165,6 +166,36 @@ BlockHeader* LiveHeader(void* block)
     return HeaderOf(block);
 }
 
+// In front of a wild pointer there need not be memory.
+[[gnu::noinline]] bool ReadMagic(const BlockHeader* header, uint64_t* magic)
+{
+    NT_GUARD guard;
+    if (!NtGuardEnter(&guard)) return false;
+    *magic = header->Magic;
+    NtGuardLeave(&guard);
+    return true;
+}
+
+bool IsLive(const void* block)
+{
+    if (reinterpret_cast<uintptr_t>(block) % 16 != 0) return false;
+    if (NTHOST_CHECKS) {
+        LiveSet& set = LiveSetOf(block);
+        std::lock_guard lock(set.Lock);
+        return set.Blocks.contains(block);
+    }
+    uint64_t magic = 0;
+    return ReadMagic(static_cast<const BlockHeader*>(block) - 1, &magic) && magic == kLiveMagic;
+}
+
+bool IsIntact(const BlockHeader* header)
+{
+    // The address sanitizer ends the program at the first such write.
+    if (NTHOST_ASAN) return true;
+    return header->FrontGuard[0] == kGuard && header->FrontGuard[1] == kGuard &&
+           memcmp(reinterpret_cast<const char*>(header + 1) + header->Size, &kGuard, kTailGuard) == 0;
+}
+
 } // namespace
 
 PoolShard* Shards()
@@ -181,6 +212,14 @@ uint64_t Allocations() { return allocations.load(std::memory_order_relaxed); }
 
 using namespace nthost;
 using namespace nthost::ex;
+
+bool nthost::FindPoolBlock(const void* address, PoolExtent* extent)
+{
+    if (!address || !IsLive(address)) return false;
+    const auto* const header = static_cast<const BlockHeader*>(address) - 1;
+    *extent = {header->Size, header->Serial, IsIntact(header)};
+    return true;
+}
 
 PVOID NTAPI ExAllocatePoolWithTag(POOL_TYPE PoolType, SIZE_T NumberOfBytes, ULONG Tag)
 {

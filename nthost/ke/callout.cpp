@@ -7,16 +7,12 @@
 
 namespace nthost {
 
-namespace {
-
-std::string HeldText(_ETHREAD* thread)
+std::string HeldLocksText()
 {
     std::string text;
-    for (const HeldLock& held : ke::HeldBy(thread)) text += " " + HexText(held.Address);
+    for (const HeldLock& held : ke::HeldBy(ke::CurrentThread())) text += " " + HexText(held.Address);
     return text.empty() ? " none" : text;
 }
-
-} // namespace
 
 ThreadState CaptureThreadState()
 {
@@ -40,7 +36,13 @@ void CompareThreadState(const ThreadState& before, const char* what)
                       Format("%s: %p before, %p after", what, before.TopLevelIrp, thread->TopLevelIrp));
     if (const size_t held = ke::HeldBy(thread).size(); held != before.HeldCount)
         ReportFinding("lock-held-at-return",
-                      Format("%s: %zu locks before, %zu after:", what, before.HeldCount, held) + HeldText(thread));
+                      Format("%s: %zu locks before, %zu after:", what, before.HeldCount, held) + HeldLocksText());
+    RestoreThreadState(before);
+}
+
+void RestoreThreadState(const ThreadState& before)
+{
+    _ETHREAD* const thread = ke::CurrentThread();
     ke::SetIrql(thread, before.Irql);
     thread->ApcDisable = before.ApcDisable;
     thread->GuardedRegions = before.GuardedRegions;

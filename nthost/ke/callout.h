@@ -6,6 +6,7 @@
 #include <type_traits>
 
 #include "ke/thread.h"
+#include <nthost/calls.h>
 #include <nthost/check.h>
 
 namespace nthost {
@@ -17,15 +18,6 @@ enum class MustRestore {
     Nothing // DriverEntry of another, acquire and release callbacks, a thread's start routine
 };
 
-struct ThreadState {
-    KIRQL Irql;
-    uint32_t ApcDisable;
-    uint32_t GuardedRegions;
-    PIRP TopLevelIrp;
-    size_t HeldCount;
-};
-
-ThreadState CaptureThreadState();
 // Reports "irql-changed", "critical-region-left-open", "guarded-region-left-open", "top-level-irp-left",
 // "lock-held-at-return", naming `what`.
 void CompareThreadState(const ThreadState& before, const char* what);

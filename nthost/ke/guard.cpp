@@ -10,6 +10,7 @@
 #include "check/stack.h"
 #include "ke/exceptions.h"
 #include "ke/thread.h"
+#include <nthost/calls.h>
 #include <nthost/debug.h>
 
 namespace nthost::ke {
@@ -40,9 +41,22 @@ const ExceptionHooks* WantedHooks()
     return hooks && hooks->Wanted() ? hooks : nullptr;
 }
 
+// For who watches the innermost guard.
+void Note(const _ETHREAD* thread, const Exception& exception)
+{
+    ExceptionNote* const note = thread->Guard ? ExceptionWatch::NoteOf(thread->Guard) : nullptr;
+    if (!note) return;
+    note->Code = exception.Code;
+    note->IsFault = exception.Fault != nullptr;
+    note->IsWrite = exception.Parameters[0] == 1;
+    note->Address = reinterpret_cast<const void*>(exception.Parameters[1]);
+    note->Stack = CurrentStackText();
+}
+
 // Returns if nobody handles the exception.
 void Deliver(_ETHREAD* thread, const Exception& exception)
 {
+    Note(thread, exception);
     if (const ExceptionHooks* hooks = WantedHooks())
         hooks->Dispatch(exception);
     else if (thread->Guard)

@@ -1,48 +1,10 @@
 // The layer's thunks are one template over the slot; only the description of the arguments differs by type.
 
 #include "layer/layer.h"
-
-#include <cinttypes>
-#include <cstdio>
-
-#include <nthost/debug.h>
+#include "layer/operations.h"
 
 namespace layer {
 namespace {
-
-std::string Describe(PCUNICODE_STRING text) { return nthost::ToUtf8(text); }
-std::string Describe(const char* text) { return text; }
-std::string Describe(ULONG value) { return std::to_string(value); }
-std::string Describe(PluginFd fd)
-{
-    char text[32];
-    std::snprintf(text, sizeof text, "#%" PRIx64, static_cast<uint64_t>(fd));
-    return text;
-}
-std::string Describe(LONGLONG value) { return std::to_string(value); }
-std::string Describe(const ULONG* value) { return std::to_string(*value); }
-std::string Describe(const LONGLONG* value) { return std::to_string(*value); }
-// Buffers and out parameters say nothing about the call.
-std::string Describe(const void*) { return {}; }
-template <typename T>
-std::string Describe(T** /*out*/)
-{
-    return {};
-}
-
-template <auto Slot>
-struct Named;
-
-template <typename... Arguments>
-std::string DescribeAll(Arguments... arguments)
-{
-    std::string all;
-    [[maybe_unused]] auto add = [&all](const std::string& one) {
-        if (!one.empty()) all += (all.empty() ? "" : " ") + one;
-    };
-    (add(Describe(arguments)), ...);
-    return all;
-}
 
 // A fault that no compiler can see coming.
 void TouchBadAddress()
@@ -78,20 +40,6 @@ void Fill(PluginOps& table, const PluginOps& inner)
     if (inner.*Slot) table.*Slot = Thunk<Slot, Function>::Call;
 }
 
-// clang-format off
-#define FOR_EACH_OPERATION(X) \
-    X(GetNormalizedPath) X(AccessCheck) X(Lookup) X(Open) X(OpenDir) X(Create) X(CreateDir) X(Read) X(Write) \
-    X(ReadDirEntry) X(GetInfo) X(SetFileSize) X(SetAttr) X(SetTime) X(GetVolInfo) X(SetVolLabel) X(Close) \
-    X(Rename) X(Delete) X(FlushVol) X(FlushFile) X(ListEa) X(GetEa) X(SetEa) X(DeleteEa) X(ReadLink)
-// clang-format on
-
-#define NAME_OPERATION(name)                       \
-    template <>                                    \
-    struct Named<&PluginOps::name> {               \
-        static constexpr const char* Name = #name; \
-    };
-FOR_EACH_OPERATION(NAME_OPERATION)
-
 } // namespace
 
 PluginLayer::PluginLayer(const PluginOps* inner) : inner_(inner)
@@ -101,7 +49,7 @@ PluginLayer::PluginLayer(const PluginOps* inner) : inner_(inner)
     table_.OnMounted = OnMounted;
     table_.OnUnmounted = OnUnmounted;
 #define FILL_OPERATION(name) Fill<&PluginOps::name>(table_, *inner);
-    FOR_EACH_OPERATION(FILL_OPERATION)
+    GVND_FOR_EACH_OPERATION(FILL_OPERATION)
 }
 
 void NTAPI PluginLayer::OnMounted(void* context)

@@ -41,29 +41,6 @@ TEST_F(Files, WrongObjectsAndMissingOnes)
     EXPECT_EQ(nullptr, none);
 }
 
-TEST_F(Files, DataGoesWhereItIsWritten)
-{
-    const PluginFd fd = Fs().Create(u"\\File").Fd;
-    NTSTATUS status = STATUS_SUCCESS;
-    EXPECT_EQ("", Fs().Read(fd, 0, 10, &status));
-    EXPECT_STATUS(STATUS_END_OF_FILE, status);
-    EXPECT_STATUS(STATUS_SUCCESS, Fs().Write(fd, 3, "abc"));
-    EXPECT_EQ(std::string("\0\0\0abc", 6), Fs().Read(fd, 0, 10, &status)); // short at the end
-    EXPECT_EQ("", Fs().Read(fd, 6, 10, &status));
-    EXPECT_STATUS(STATUS_END_OF_FILE, status);
-    EXPECT_EQ("", Fs().Read(fd, 6, 0, &status));
-    EXPECT_STATUS(STATUS_SUCCESS, status);
-    for (const LONGLONG offset : {LONGLONG{-1}, LONGLONG{INT64_MAX - 2}}) {
-        (void)Fs().Read(fd, offset, 10, &status);
-        EXPECT_STATUS(STATUS_INVALID_PARAMETER, status);
-        EXPECT_STATUS(STATUS_INVALID_PARAMETER, Fs().Write(fd, offset, "abc"));
-    }
-    EXPECT_STATUS(STATUS_SUCCESS, Fs().Ops->FlushFile(Fs().Ops->PluginContext, nullptr, fd));
-    EXPECT_STATUS(STATUS_SUCCESS, Fs().Ops->FlushVol(Fs().Ops->PluginContext, nullptr));
-    EXPECT_EQ(6, Fs().Info(fd).Info.EndOfFile);
-    EXPECT_EQ(std::string("\0\0\0abc", 6), Peek("File"));
-}
-
 TEST_F(Files, SizesAndAllocation)
 {
     const PluginFd fd = Fs().Create(u"\\f").Fd;

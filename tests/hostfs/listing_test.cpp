@@ -34,26 +34,6 @@ TEST_F(Listing, DotsStandInAllDirectoriesButTheRoot)
     EXPECT_STATUS(STATUS_INVALID_DEVICE_REQUEST, Fs().EntryAt(Fs().Open(u"\\dir\\b").Fd, 0).Status);
 }
 
-TEST_F(Listing, EntriesSayWhatLookupSays)
-{
-    Put("dir/b", "twelve bytes");
-    ASSERT_EQ(0, symlink("b", At("dir/link").c_str()));
-    const PluginFd file = Fs().Open(u"\\dir\\b").Fd;
-    EXPECT_STATUS(STATUS_SUCCESS, Fs().SetAttr(file, FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_READONLY));
-    (void)Fs().EntryAt(directory_, 0);
-    for (ULONG index = 2; index < 6; ++index) {
-        const Entry entry = Fs().EntryAt(directory_, index);
-        const PluginFileInfo info = Fs().Lookup(u"\\dir\\" + entry.Name).Info;
-        EXPECT_EQ(info.FileAttributes, entry.Record.FileAttributes);
-        EXPECT_EQ(info.CreationTime, entry.Record.CreationTime);
-        EXPECT_EQ(info.LastWriteTime, entry.Record.LastWriteTime);
-        EXPECT_EQ(info.ChangeTime, entry.Record.ChangeTime);
-        EXPECT_EQ(info.EndOfFile, entry.Record.EndOfFile);
-        EXPECT_EQ(info.AllocationSize, entry.Record.AllocationSize);
-    }
-    EXPECT_EQ(12, Fs().EntryAt(directory_, 2).Record.EndOfFile);
-}
-
 TEST_F(Listing, ANumberKeepsItsNameWhileNothingIsDeleted)
 {
     EXPECT_EQ((Names{u".", u"..", u"b", u"d", u"f"}), Fs().List(directory_));

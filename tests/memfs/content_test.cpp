@@ -18,26 +18,6 @@ protected:
     PluginFd file = 0;
 };
 
-TEST_F(ContentTest, ReadsEndAtTheEndOfTheFile)
-{
-    ASSERT_EQ(fs->Write(file, 0, "0123456789"), STATUS_SUCCESS);
-    const struct {
-        LONGLONG Offset;
-        ULONG Length;
-        NTSTATUS Status;
-        const char* Bytes;
-    } rows[] = {
-        {0, 10, STATUS_SUCCESS, "0123456789"}, {3, 4, STATUS_SUCCESS, "3456"},         {8, 10, STATUS_SUCCESS, "89"},
-        {10, 1, STATUS_END_OF_FILE, ""},       {1ll << 60, 1, STATUS_END_OF_FILE, ""}, {10, 0, STATUS_SUCCESS, ""},
-        {-1, 1, STATUS_INVALID_PARAMETER, ""},
-    };
-    for (const auto& row : rows) {
-        std::string bytes;
-        EXPECT_EQ(fs->Read(file, row.Offset, row.Length, &bytes), row.Status) << row.Offset;
-        EXPECT_EQ(bytes, row.Bytes);
-    }
-}
-
 // Each row writes a few bytes at a place of a new file, perhaps cuts it there, and looks at all of it.
 TEST_F(ContentTest, WhatWasNeverWrittenIsZero)
 {

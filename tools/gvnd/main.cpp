@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include "gvnd/commands/check.h"
 #include "gvnd/demo.h"
 #include "gvnd/mount/mount.h"
 #include "gvnd/plugins.h"
@@ -38,7 +39,7 @@ int ReportLeaks(Session& session)
 {
     const workbench::Report report = session.Finish();
     report.Print();
-    return report.ExitCode();
+    return report.Clean() && session.PluginAtFault() ? ExitPlugin : report.ExitCode();
 }
 
 void RunCommands(Shell& shell, const Options& options)
@@ -100,7 +101,24 @@ void AddVolumeOptions(CLI::App* command, Options& options)
                         "who may open the volume, as in \"D:P(A;;GA;;;SY)(A;;GR;;;WD)\"; everybody without it");
     command->add_option("--image", options.Image,
                         "a kernel image of the driver (gvnd.sys), run instead of the driver inside");
+    command->add_flag("--verify", options.Volume.Verify, "hold each call of the plugin to its contract");
     command->add_flag("--trace", options.Trace, "the driver's trace on standard error, from the load on");
+}
+
+void AddCheckOptions(CLI::App* command, CheckChoice& check)
+{
+    command->add_option("plugin,-p,--plugin", check.Plugin, "as for -p of the other commands; see `plugins`")
+        ->required();
+    command->add_flag("--read-only", check.How.ReadOnly, "change nothing");
+    command->add_flag("--keeps", check.How.Keeps, "a volume that is made anew must have what the last one had");
+    command->add_option("--only", check.How.Scenario, "only scenarios whose name begins so, as in `list` or `model`");
+    command->add_option("--seed", check.How.Seed, "of generated sequences")->capture_default_str();
+    command->add_option("--steps", check.How.Steps, "length of a generated sequence")->capture_default_str();
+    command->add_option("--threads", check.How.Threads, "calls at the same time")->capture_default_str();
+    command->add_option("--stuck-after", check.How.StuckAfter, "milliseconds after which a call counts as stuck")
+        ->capture_default_str();
+    command->add_flag("--json", check.Json, "the report as JSON");
+    command->add_option("--junit", check.JUnit, "a file for the report as JUnit's XML");
 }
 
 int Main(int argc, char** argv)
@@ -115,7 +133,9 @@ int Main(int argc, char** argv)
                "  gvnd import -p hostfs:DIR HOST-DIR /PATH         copies a tree in, and compares it\n"
                "  gvnd export -p hostfs:DIR / HOST-DIR             copies a tree out, and compares it\n"
                "  gvnd mount -p hostfs:DIR MOUNT-DIR               a directory, through the driver, for any program\n"
-               "Exit codes: 0 success, 1 a request failed, 2 wrong usage, 3 copies disagree, 4 something leaked.");
+               "  gvnd check so:./plugin.so:ARGUMENTS              holds a plugin to its contract\n"
+               "Exit codes: 0 success, 1 a request failed, 2 wrong usage, 3 copies disagree, 4 something leaked,\n"
+               "5 the plugin is at fault.");
     Options options;
     CLI::App* const shell = app.add_subcommand("shell", "commands on a volume; `help` inside lists them");
     AddVolumeOptions(shell, options);
@@ -133,6 +153,10 @@ int Main(int argc, char** argv)
     std::vector<std::string> sharedObjects;
     CLI::App* const plugins = app.add_subcommand("plugins", "what -p can name, with the arguments of each");
     plugins->add_option("shared-object", sharedObjects, "plugins to look at");
+    CheckChoice check;
+    CLI::App* const checkCommand =
+        app.add_subcommand("check", "hold a plugin to its contract; what it makes on the volume it removes again");
+    AddCheckOptions(checkCommand, check);
     MountOptions mount;
     CLI::App* const mounter =
         app.add_subcommand("mount", "a volume as a file system of this machine; docs/mount.md says what differs");
@@ -158,6 +182,7 @@ int Main(int argc, char** argv)
         PrintPlugins(sharedObjects);
         return ExitSuccess;
     }
+    if (*checkCommand) return RunCheck(check);
     if (*mounter) {
         mount.Volume = ChoiceOf(options);
         mount.Trace = options.Trace;

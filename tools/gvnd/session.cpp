@@ -1,6 +1,7 @@
 // The plugin that the user chose, mounted, and what is done with its links.
 #include "gvnd/session.h"
 
+#include <checker/checker.h>
 #include <fmt/format.h>
 #include <gvnd/memfs.h>
 #include <hostfs/hostfs.h>
@@ -54,6 +55,7 @@ void Session::MakePlugin(const VolumeChoice& choice)
 void Session::DestroyPlugin()
 {
     volume_.reset();
+    verifier_.reset();
     if (operations_) plugin_.Plugin->Destroy(operations_);
     operations_ = nullptr;
 }
@@ -62,7 +64,15 @@ void Session::Mount(const VolumeChoice& choice)
 {
     MakePlugin(choice);
     try {
-        volume_.emplace(host_, operations_, workbench::MountOptions{.Name = kName, .Sddl = choice.Sddl});
+        PluginOps* table = operations_;
+        if (choice.Verify) {
+            verifier_ = std::make_unique<checker::Verifier>(operations_, [this](const checker::Breach& breach) {
+                atFault_ = true;
+                fmt::print(stderr, "{}", checker::AsText(breach));
+            });
+            table = verifier_->Table();
+        }
+        volume_.emplace(host_, table, workbench::MountOptions{.Name = kName, .Sddl = choice.Sddl});
     } catch (const Failure& failure) {
         DestroyPlugin();
         throw Failure("mount " + choice.Plugin, failure.Status());

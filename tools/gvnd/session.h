@@ -1,10 +1,12 @@
 // A booted host with the driver, and one mounted volume: what every command works on.
 #pragma once
 
+#include <atomic>
+#include <memory>
+#include <optional>
 #include <string>
 
-#include <optional>
-
+#include <checker/verifier.h>
 #include <workbench/host.h>
 #include <workbench/volume.h>
 
@@ -17,6 +19,7 @@ struct VolumeChoice {
     bool ReadOnly = false;
     uint64_t Capacity = 0; // of memfs, in bytes; 0 is its own default
     std::string Sddl = {}; // who may open the device; empty: everybody
+    bool Verify = false;   // each call of the plugin is held to its contract, and a breach printed
 };
 
 class Session {
@@ -52,6 +55,9 @@ public:
     // Requests that the driver has been sent, of all kinds, since it was loaded.
     uint64_t Requests() const;
 
+    // Of a volume that is verified: a rule was broken.
+    bool PluginAtFault() const { return atFault_; }
+
     void SetTrace(bool on);
     // Unmounts, unloads, shuts down; what leaked.
     workbench::Report Finish();
@@ -63,6 +69,8 @@ private:
     workbench::Host host_;
     ChosenPlugin plugin_; // its code outlives what is below
     PluginOps* operations_ = nullptr;
+    std::atomic<bool> atFault_{false};
+    std::unique_ptr<checker::Verifier> verifier_;
     std::optional<workbench::Volume> volume_;
 };
 

@@ -33,6 +33,6 @@ public:
 };
 
 // Exit codes; stable.
-enum ExitCode { ExitSuccess = 0, ExitFailure = 1, ExitUsage = 2, ExitMismatch = 3, ExitLeak = 4 };
+enum ExitCode { ExitSuccess = 0, ExitFailure = 1, ExitUsage = 2, ExitMismatch = 3, ExitLeak = 4, ExitPlugin = 5 };
 
 } // namespace tool

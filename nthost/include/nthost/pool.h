@@ -31,6 +31,14 @@ struct PoolBlock {
     std::string Stack; // symbolised; empty without checks
 };
 
+struct PoolExtent {
+    SIZE_T Size;
+    uint64_t Serial;
+    bool Intact; // nobody has written in front of it or behind it
+};
+// Of the live block that begins at the address; false if none does. Any address will do.
+bool FindPoolBlock(const void* address, PoolExtent* extent);
+
 // Live blocks with a Serial greater than `after`, oldest first.
 std::vector<PoolBlock> LivePoolBlocks(uint64_t after = 0);
 // One line for a leak report: tag, size, kind, stack.

@@ -200,7 +200,7 @@ int RunMount(const MountOptions& options)
     }
     const workbench::Report report = session.Finish();
     report.Print();
-    return report.ExitCode();
+    return report.Clean() && session.PluginAtFault() ? ExitPlugin : report.ExitCode();
 }
 
 } // namespace tool

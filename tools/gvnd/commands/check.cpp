@@ -1,0 +1,23 @@
+// The command `check`.
+#include "gvnd/commands/check.h"
+
+#include <fstream>
+
+#include <fmt/format.h>
+
+#include "gvnd/plugins.h"
+#include "gvnd/status.h"
+
+namespace tool {
+
+int RunCheck(const CheckChoice& choice)
+{
+    const ChosenPlugin chosen = ChoosePlugin(choice.Plugin);
+    const checker::Report report = checker::Check(*chosen.Plugin, chosen.Arguments, choice.How);
+    fmt::print("{}", choice.Json ? checker::AsJson(report) : checker::AsText(report));
+    if (!choice.JUnit.empty() && !(std::ofstream(choice.JUnit) << checker::AsJUnit(report)))
+        throw HostFailure(fmt::format("cannot write '{}'", choice.JUnit));
+    return report.AllHold() ? ExitSuccess : ExitPlugin;
+}
+
+} // namespace tool
