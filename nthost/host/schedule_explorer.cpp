@@ -163,6 +163,9 @@ std::optional<ScheduleFailure> Run(const ScheduleExplorer::Scenario& scenario, c
     return failure;
 }
 
+// Addresses and numbers differ from schedule to schedule.
+std::string KindOf(const ScheduleFailure& failure) { return failure.What.substr(0, failure.What.find(" 0x")); }
+
 // Drops pieces of the list, half of it first, then smaller ones, as long as what is left still fails.
 template <typename Item>
 void ShrinkList(ScheduleExplorer& explorer, ScheduleFailure& failure, std::vector<Item> ScheduleFailure::*list,
@@ -175,7 +178,7 @@ void ShrinkList(ScheduleExplorer& explorer, ScheduleFailure& failure, std::vecto
             const auto begin = items.begin() + static_cast<std::ptrdiff_t>(at);
             items.erase(begin, begin + static_cast<std::ptrdiff_t>(std::min(piece, items.size() - at)));
             const auto still = items.size() < least ? std::nullopt : explorer.Replay(smaller);
-            if (!still) {
+            if (!still || KindOf(*still) != KindOf(failure)) {
                 at += piece;
                 continue;
             }

@@ -65,7 +65,7 @@ public:
     std::optional<ScheduleFailure> Explore(const ExploreOptions& options = {});
     // The same schedule by its switches, without a seed. Nothing if it passes.
     std::optional<ScheduleFailure> Replay(const ScheduleFailure& failure);
-    // Fewer bodies and fewer switches that still fail. The failure need not be the same one.
+    // Fewer bodies and fewer switches that still fail in the same way.
     ScheduleFailure Shrink(ScheduleFailure failure);
 
 private:
