@@ -103,8 +103,8 @@ void TraceHolders(Vcb* vcb)
                 GvLoad(vcb->VolumeFcb->OpenCount));
 }
 
-// The request and its pin are one step: without a pin whoever leaves last may take the volume down as soon as the lock is
-// given up. False if that is under way already.
+// The request and its pin are one step: without a pin whoever leaves last may take the volume down as soon as the lock
+// is given up. False if that is under way already.
 bool RequestUnderPin(Vcb* vcb)
 {
     GvHeldSpinLock lock(vcb->PinLock);
