@@ -103,6 +103,17 @@ void TraceHolders(Vcb* vcb)
                 GvLoad(vcb->VolumeFcb->OpenCount));
 }
 
+// The request and its pin are one step: without a pin whoever leaves last may take the volume down as soon as the lock
+// is given up. False if that is under way already.
+bool RequestUnderPin(Vcb* vcb)
+{
+    GvHeldSpinLock lock(vcb->PinLock);
+    if (vcb->MountState == GvUnmounting) return false;
+    if (vcb->MountState == GvMounted) GvStore(vcb->MountState, GvUnmountRequested);
+    InterlockedIncrement(reinterpret_cast<volatile LONG*>(&vcb->PinCount));
+    return true;
+}
+
 } // namespace
 
 NTSTATUS GvUnmountIfDrained(PDEVICE_OBJECT device)
@@ -117,14 +128,11 @@ NTSTATUS NTAPI GvUnmountRequest(PDEVICE_OBJECT device)
     if (KeGetCurrentIrql() != PASSIVE_LEVEL) return STATUS_UNSUCCESSFUL;
     GV_TRACE(GvTraceNotable, "unmount requested on device: 0x%x\n", device);
     Vcb* const vcb = GvVcbOf(device);
-    {
-        GvHeldSpinLock lock(vcb->PinLock);
-        if (vcb->MountState == GvMounted) GvStore(vcb->MountState, GvUnmountRequested);
+    if (RequestUnderPin(vcb)) {
+        TraceHolders(vcb);
+        GvUnpinVcb(device);
+        GvUnmountIfDrained(device);
     }
-    GvPinVcb(device);
-    TraceHolders(vcb);
-    GvUnpinVcb(device);
-    GvUnmountIfDrained(device);
     ObDereferenceObject(device);
     return STATUS_SUCCESS;
 }

@@ -57,6 +57,8 @@ std::string ThreadPlace()
     return texts ? texts->Place() : "";
 }
 
+std::string ThreadReport() { return ThreadLines(); }
+
 std::string Format(const char* format, ...)
 {
     va_list arguments;

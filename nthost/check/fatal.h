@@ -20,5 +20,6 @@ struct ThreadTexts {
 };
 void SetThreadTexts(const ThreadTexts* texts);
 std::string ThreadPlace();
+std::string ThreadReport(); // Lines
 
 } // namespace nthost

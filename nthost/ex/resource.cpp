@@ -10,6 +10,7 @@
 #include "check/text.h"
 #include "ke/live.h"
 #include "ke/held.h"
+#include "ke/schedule.h"
 #include "ke/wait.h"
 #include "ke/word_lock.h"
 
@@ -130,6 +131,7 @@ void AcquireSlowly(PERESOURCE resource, _ETHREAD* thread, Request request)
         ke::ArmWake(thread);
         Enqueue(resource, waiter, request);
     }
+    ke::NoteWaitFor("a resource", resource);
     ke::AwaitWake(thread);
 }
 
@@ -208,6 +210,7 @@ BOOLEAN Acquire(PERESOURCE resource, BOOLEAN wait, Request request, void* where)
     _ETHREAD* const thread = ke::CurrentThread();
     if (NTHOST_CHECKS) CheckAcquire(resource, thread);
     if (NTHOST_CHECKS && wait && !ke::FindHeld(thread, resource)) NoteLockOrder(thread, resource, BlockersOf(request));
+    ke::SwitchPoint("a resource's acquisition");
     if (!TryAcquire(resource, thread, request)) {
         if (!wait) return FALSE;
         if (request == Request::Exclusive && ke::FindHeld(thread, resource))
@@ -234,6 +237,7 @@ void ReleaseOwn(PERESOURCE resource, _ETHREAD* thread)
     if (!held) return NotOwned(resource, "release");
     ke::NoteReleased(thread, held);
     Drop(resource);
+    ke::SwitchPoint("a resource's release");
 }
 
 } // namespace

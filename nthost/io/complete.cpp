@@ -167,6 +167,7 @@ NTSTATUS FASTCALL IofCallDriver(PDEVICE_OBJECT DeviceObject, PIRP Irp)
 
 VOID FASTCALL IofCompleteRequest(PIRP Irp, CCHAR)
 {
+    ke::SwitchPoint("a completion");
     if (NTHOST_CHECKS) {
         if (!MayComplete(Irp)) return;
         CheckCompletion(Irp);

@@ -5,6 +5,7 @@
 
 #include <type_traits>
 
+#include "ke/schedule_point.h"
 #include "ke/thread.h"
 #include <nthost/calls.h>
 #include <nthost/check.h>
@@ -30,6 +31,7 @@ public:
     {
         thread_->Calls = &record_;
         thread_->PreviousMode = KernelMode;
+        ke::SwitchPoint(what);
     }
     ~DriverCall()
     {

@@ -1,6 +1,7 @@
 // Events and semaphores: what sets their state. Their waits are wait.cpp's.
 #include "ke/lock_order.h"
 #include "ke/dispatcher.h"
+#include "ke/schedule_point.h"
 #include "ke/thread.h"
 #include "ke/wait.h"
 
@@ -76,7 +77,12 @@ VOID NTAPI KeClearEvent(PRKEVENT Event) { Reset(&Event->Header); }
 LONG NTAPI KeResetEvent(PRKEVENT Event) { return Reset(&Event->Header); }
 
 // Wait TRUE announces that a wait follows at once; nothing is gained from it here.
-LONG NTAPI KeSetEvent(PRKEVENT Event, KPRIORITY, BOOLEAN) { return Signal(&Event->Header, 1); }
+LONG NTAPI KeSetEvent(PRKEVENT Event, KPRIORITY, BOOLEAN)
+{
+    const LONG before = Signal(&Event->Header, 1);
+    SwitchPoint("an event that was set");
+    return before;
+}
 
 LONG NTAPI KeReadStateEvent(PRKEVENT Event) { return __atomic_load_n(&Event->Header.SignalState, __ATOMIC_ACQUIRE); }
 
@@ -91,7 +97,9 @@ VOID NTAPI KeInitializeSemaphore(PRKSEMAPHORE Semaphore, LONG Count, LONG Limit)
 LONG NTAPI KeReleaseSemaphore(PRKSEMAPHORE Semaphore, KPRIORITY, LONG Adjustment, BOOLEAN)
 {
     if (_ETHREAD* const thread = NTHOST_CHECKS ? CurrentThreadOrNull() : nullptr) thread->ReleasedSemaphore = Semaphore;
-    return ReleaseSemaphore(Semaphore, Adjustment);
+    const LONG before = ReleaseSemaphore(Semaphore, Adjustment);
+    SwitchPoint("a semaphore's release");
+    return before;
 }
 
 LONG NTAPI KeReadStateSemaphore(PRKSEMAPHORE Semaphore)

@@ -9,6 +9,7 @@
 #include "ke/lock_order.h"
 #include "check/text.h"
 #include "ke/held.h"
+#include "ke/schedule_point.h"
 #include "ke/wait.h"
 
 using namespace nthost;
@@ -45,6 +46,7 @@ void Acquire(_ETHREAD* thread, PFAST_MUTEX mutex, HeldLock::Kind kind, void* whe
 {
     if (NTHOST_CHECKS) CheckAcquire(thread, mutex);
     if (NTHOST_CHECKS) NoteLockOrder(thread, mutex);
+    ke::SwitchPoint("a mutex's acquisition");
     if (InterlockedDecrement(&mutex->Count) != 0) {
         __atomic_add_fetch(&mutex->Contention, 1, __ATOMIC_RELAXED);
         (void)KeWaitForSingleObject(&mutex->Event, Executive, KernelMode, FALSE, nullptr);

@@ -9,6 +9,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "ke/schedule.h"
 #include "ke/word_lock.h"
 
 namespace nthost::ke {
@@ -26,15 +27,24 @@ timespec ToTimespec(int64_t nanoseconds)
 
 bool ParkOnAddress(std::atomic<uint32_t>* word, uint32_t expected, int64_t deadline)
 {
+    if (TakesPart()) return ScheduledPark(word, expected, deadline);
     const timespec until = ToTimespec(deadline);
     const long result = syscall(SYS_futex, word, FUTEX_WAIT_BITSET_PRIVATE, expected,
                                 deadline == NoDeadline ? nullptr : &until, nullptr, FUTEX_BITSET_MATCH_ANY);
     return !(result == -1 && errno == ETIMEDOUT);
 }
 
-void UnparkAddress(std::atomic<uint32_t>* word, unsigned count) { syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, count); }
+void UnparkAddress(std::atomic<uint32_t>* word, unsigned count)
+{
+    if (TakesPart()) return ScheduledUnpark(word, count);
+    syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, count);
+}
 
-void GiveWay() { sched_yield(); }
+void GiveWay()
+{
+    if (TakesPart()) return SwitchAway();
+    sched_yield();
+}
 
 unsigned HostProcessors()
 {

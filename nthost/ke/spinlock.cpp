@@ -6,6 +6,7 @@
 #include "ke/lock_order.h"
 #include "check/text.h"
 #include "ke/held.h"
+#include "ke/schedule_point.h"
 #include "ke/word_lock.h"
 
 using namespace nthost;
@@ -47,6 +48,7 @@ KIRQL NTAPI KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock)
     const KIRQL before = thread->Irql;
     if (before < DISPATCH_LEVEL) ke::SetIrql(thread, DISPATCH_LEVEL);
     if (NTHOST_CHECKS) CheckAcquire(thread, SpinLock);
+    ke::SwitchPoint("a spin lock's acquisition");
     ke::LockWord(WordOf(SpinLock));
     if (NTHOST_CHECKS)
         ke::NoteHeld(thread, SpinLock, HeldLock::Kind::SpinLock, ke::HoldMode::Exclusive, __builtin_return_address(0));
@@ -58,4 +60,5 @@ VOID NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql)
     _ETHREAD* const thread = ke::CurrentThread();
     if (!NTHOST_CHECKS || CheckRelease(thread, SpinLock)) ke::UnlockWord(WordOf(SpinLock));
     ke::SetIrql(thread, NewIrql);
+    ke::SwitchPoint("a spin lock's release");
 }

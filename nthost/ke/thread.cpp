@@ -9,6 +9,7 @@
 #include "check/fatal.h"
 #include "check/text.h"
 #include "ke/apc.h"
+#include "ke/schedule.h"
 #include "ke/current.h"
 #include "ke/wait.h"
 
@@ -37,9 +38,18 @@ void SetCurrentThread(_ETHREAD* thread)
     if (thread) SetIrql(thread, thread->Irql);
 }
 
-int64_t MonotonicNow() { return Nanoseconds(CLOCK_MONOTONIC); }
+int64_t MonotonicNow()
+{
+    if (scheduled.load(std::memory_order_relaxed)) return ScheduleTime();
+    return Nanoseconds(CLOCK_MONOTONIC);
+}
 
-int64_t SystemTimeNow() { return Nanoseconds(CLOCK_REALTIME) / 100 + kUnixEpoch; }
+int64_t SystemTimeNow()
+{
+    constexpr int64_t newYear = 133485408000000000; // 2024
+    if (scheduled.load(std::memory_order_relaxed)) return newYear + ScheduleTime() / 100;
+    return Nanoseconds(CLOCK_REALTIME) / 100 + kUnixEpoch;
+}
 
 } // namespace nthost::ke
 

@@ -13,6 +13,7 @@
 #include "ke/apc.h"
 #include "ke/dispatcher.h"
 #include "ke/held.h"
+#include "ke/schedule.h"
 #include "ke/word_lock.h"
 
 namespace nthost::ke {
@@ -189,7 +190,8 @@ public:
     ~WatchedWait()
     {
         static const bool severalProcessors = HostProcessors() > 1;
-        thread_->Spins = severalProcessors && __builtin_ia32_rdtsc() - start_ < kWorthSpinning;
+        thread_->Spins = severalProcessors && !scheduled.load(std::memory_order_relaxed) &&
+                         __builtin_ia32_rdtsc() - start_ < kWorthSpinning;
     }
     WatchedWait(const WatchedWait&) = delete;
     WatchedWait& operator=(const WatchedWait&) = delete;
@@ -203,6 +205,7 @@ bool TookObjects(NTSTATUS result) { return (result & ~STATUS_ABANDONED_WAIT_0) <
 
 NTSTATUS Block(WaitRecord& wait, int64_t deadline)
 {
+    NoteWaitFor("an object", wait.Count ? wait.Blocks[0].Object : nullptr);
     if (AwaitWake(wait.Thread, deadline)) return wait.Result;
     {
         std::lock_guard lock(dispatcherLock);
@@ -232,6 +235,7 @@ NTSTATUS WaitOnce(WaitRecord& wait, bool onlyTests, int64_t deadline)
 
 NTSTATUS WaitUnnoted(WaitRecord& wait, PVOID* objects, const LARGE_INTEGER* timeout)
 {
+    SwitchPoint("a wait");
     const bool onlyTests = OnlyTests(timeout);
     if (NTHOST_CHECKS && !onlyTests) CheckMayBlock(wait.Thread);
     for (ULONG i = 0; i < wait.Count; ++i) {

@@ -8,6 +8,7 @@
 #include <nthost/check.h>
 
 #include "check/fatal.h"
+#include "ke/schedule_point.h"
 #include "ke/lock_order.h"
 #include "check/text.h"
 #include "ke/thread.h"
@@ -79,6 +80,7 @@ void CheckLevel(const void* address)
 NTSTATUS ResolvePageFault(void* address, bool write)
 {
     if (!AnyViews()) return STATUS_NOT_MAPPED_VIEW;
+    ke::SwitchPoint("a page fault");
     for (;;) {
         const Step step = LookAt(address, write);
         if (step.Kind == Next::Done) return step.Status;

@@ -9,6 +9,7 @@
 
 #include "ke/callout.h"
 #include "check/fatal.h"
+#include "ke/schedule.h"
 #include "ob/object.h"
 #include "ps/threads.h"
 
@@ -27,6 +28,7 @@ struct BaseFrame {
 struct StartParameters {
     _ETHREAD* Thread; // referenced
     StartedBy By;
+    unsigned Ticket;
 };
 
 thread_local BaseFrame* base;
@@ -53,6 +55,7 @@ void* SystemThreadMain(void* argument)
 {
     const StartParameters start = *static_cast<StartParameters*>(argument);
     delete static_cast<StartParameters*>(argument);
+    ke::EnterSchedule(start.Ticket);
     EnterThread(start.Thread);
     BaseFrame frame{};
     base = &frame;
@@ -67,15 +70,21 @@ void* SystemThreadMain(void* argument)
     endedThreads.push_back(pthread_self());
     nativeLock.unlock();
     LeaveThread(frame.ExitStatus);
+    ke::LeaveSchedule();
     return nullptr;
 }
 
 bool StartLinuxThread(_ETHREAD* thread, StartedBy by)
 {
     JoinEndedThreads();
-    auto* const start = new StartParameters{thread, by};
+    auto* const start = new StartParameters{thread, by, ke::AnnounceThread()};
+    const unsigned ticket = start->Ticket;
     pthread_t native;
-    if (pthread_create(&native, nullptr, SystemThreadMain, start) == 0) return true;
+    if (pthread_create(&native, nullptr, SystemThreadMain, start) == 0) {
+        ke::NameThread(ticket, native);
+        return true;
+    }
+    ke::WithdrawThread(ticket);
     delete start;
     return false;
 }
@@ -146,7 +155,10 @@ void JoinEndedThreads()
         std::lock_guard lock(nativeLock);
         ended.swap(endedThreads);
     }
-    for (const pthread_t thread : ended) pthread_join(thread, nullptr);
+    for (const pthread_t thread : ended) {
+        ke::AwaitLeft(thread);
+        pthread_join(thread, nullptr);
+    }
 }
 
 } // namespace nthost::ps

@@ -10,6 +10,7 @@
 #include "ke/apc.h"
 #include "ke/current.h"
 #include "ke/running.h"
+#include "ke/schedule.h"
 #include "ke/wait.h"
 #include "ob/object.h"
 #include "ps/ids.h"
@@ -118,11 +119,24 @@ ThreadAttachment::~ThreadAttachment()
 std::thread StartThread(PEPROCESS process, std::function<void()> body, KPROCESSOR_MODE previousMode)
 {
     ObReferenceObject(process); // until the new thread has its own
-    return std::thread([process, previousMode, body = std::move(body)] {
-        const ThreadAttachment attachment(process, previousMode);
-        ObDereferenceObject(process);
-        body();
+    const unsigned ticket = ke::AnnounceThread();
+    std::thread thread([process, previousMode, ticket, body = std::move(body)] {
+        ke::EnterSchedule(ticket);
+        {
+            const ThreadAttachment attachment(process, previousMode);
+            ObDereferenceObject(process);
+            body();
+        }
+        ke::LeaveSchedule();
     });
+    ke::NameThread(ticket, thread.native_handle());
+    return thread;
+}
+
+void JoinThread(std::thread& thread)
+{
+    ke::AwaitLeft(thread.native_handle());
+    thread.join();
 }
 
 } // namespace nthost

@@ -44,6 +44,7 @@ void Fill(PluginOps& table, const PluginOps& inner)
 
 PluginLayer::PluginLayer(const PluginOps* inner) : inner_(inner)
 {
+    KeInitializeEvent(&unmountedEvent_, NotificationEvent, FALSE);
     table_.Version = inner->Version;
     table_.PluginContext = this;
     table_.OnMounted = OnMounted;
@@ -64,9 +65,12 @@ void NTAPI PluginLayer::OnUnmounted(void* context)
 {
     auto* const layer = static_cast<PluginLayer*>(context);
     if (layer->inner_->OnUnmounted) layer->inner_->OnUnmounted(layer->inner_->PluginContext);
-    const std::lock_guard lock(layer->mutex_);
-    ++layer->unmounted_;
-    layer->unmountedChanged_.notify_all();
+    {
+        const std::lock_guard lock(layer->mutex_);
+        ++layer->unmounted_;
+    }
+    // Whoever waits may end the layer at once.
+    KeSetEvent(&layer->unmountedEvent_, IO_NO_INCREMENT, FALSE);
 }
 
 unsigned PluginLayer::Mounted() const
@@ -83,8 +87,7 @@ unsigned PluginLayer::Unmounted() const
 
 void PluginLayer::WaitUntilUnmounted()
 {
-    std::unique_lock lock(mutex_);
-    unmountedChanged_.wait(lock, [this] { return unmounted_ != 0; });
+    (void)KeWaitForSingleObject(&unmountedEvent_, Executive, KernelMode, FALSE, nullptr);
 }
 
 std::vector<PluginCall> PluginLayer::Calls() const

@@ -70,7 +70,7 @@ public:
 
     unsigned Mounted() const;
     unsigned Unmounted() const;
-    // Returns once OnUnmounted has been called.
+    // Returns once OnUnmounted has been called. On a thread of nthost's.
     void WaitUntilUnmounted();
 
     // --- for the thunks
@@ -104,7 +104,7 @@ private:
     std::map<std::string, std::shared_ptr<Gate>, std::less<>> gates_;
     unsigned mounted_ = 0;
     unsigned unmounted_ = 0;
-    std::condition_variable unmountedChanged_;
+    KEVENT unmountedEvent_;
 };
 
 } // namespace layer

@@ -48,6 +48,8 @@ public:
 
 // A std::thread whose body runs attached.
 std::thread StartThread(PEPROCESS process, std::function<void()> body, KPROCESSOR_MODE previousMode = UserMode);
+// Joins it, in a schedule too (nthost/schedule.h).
+void JoinThread(std::thread& thread);
 
 // The current thread acts for another process while this lives (its handles, its mode).
 class ActAs {
