@@ -6,6 +6,7 @@ option(GVND_MS_ABI "NT routines and callbacks have the Microsoft calling convent
     OFF)
 option(GVND_BUILD_TESTS "Build the tests" ${PROJECT_IS_TOP_LEVEL})
 option(GVND_BUILD_TOOL "Build the gvnd command line tool" ${PROJECT_IS_TOP_LEVEL})
+option(GVND_BUILD_FUZZ "Build the fuzz targets; needs clang and -fsanitize=fuzzer-no-link" OFF)
 option(GVND_BUILD_BENCH "Build the benchmarks" OFF)
 option(GVND_BUILD_CHECKS "Compile every public header alone and check the include rules" ${PROJECT_IS_TOP_LEVEL})
 set(GVND_SANITIZE "" CACHE STRING "Value of -fsanitize= for everything, or empty")
