@@ -40,6 +40,12 @@ expect "link is marked" 0 '^link@$' "$gvnd" shell "${volume[@]}" -c 'ls'
 expect "cat" 0 '^hello$' "$gvnd" shell "${volume[@]}" -c 'cat /hello.txt'
 expect "stat" 0 '^size +6$' "$gvnd" shell "${volume[@]}" -c 'stat /hello.txt'
 expect "plugin calls" 0 'plugin: Open .hello.txt' "$gvnd" shell "${volume[@]}" -c 'calls on; cat /hello.txt'
+expect "plugin calls of a failure" 1 'plugin: Lookup .nothing .* us  -> 0xc0000034 STATUS_OBJECT_NAME_NOT_FOUND$' \
+    "$gvnd" shell "${volume[@]}" -c 'calls on; cat /nothing'
+expect "totals of plugin calls" 1 'plugin: [1-9][0-9]* calls, 1 failed, [0-9.]+ us of the command.s [0-9.]+ us$' \
+    "$gvnd" shell "${volume[@]}" -c 'calls on; cat /nothing'
+expect "trace of failures" 1 '#[0-9]+ +! GVND-> .*STATUS_OBJECT_NAME_NOT_FOUND' \
+    "$gvnd" shell "${volume[@]}" -c 'trace failures; cat /nothing'
 expect "trace" 0 'GvCreate\(\) done' "$gvnd" shell "${volume[@]}" -c 'trace on; cat /hello.txt'
 expect "sharing" 1 'STATUS_SHARING_VIOLATION' "$gvnd" shell "${volume[@]}" -c 'open /hello.txt r r; open /hello.txt w rwd'
 expect "locks" 1 'STATUS_LOCK_NOT_GRANTED' "$gvnd" shell "${volume[@]}" \

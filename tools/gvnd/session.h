@@ -6,6 +6,7 @@
 #include <optional>
 
 #include <workbench/host.h>
+#include <workbench/trace.h>
 #include <workbench/volume.h>
 
 #include "gvnd/plugins.h"
@@ -52,7 +53,7 @@ public:
     // Requests that the driver has been sent, of all kinds, since it was loaded.
     uint64_t Requests() const;
 
-    void SetTrace(bool on);
+    void SetTrace(workbench::TracePrinting what);
     // Unmounts, unloads, shuts down; what leaked.
     workbench::Report Finish();
 

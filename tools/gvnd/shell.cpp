@@ -1,12 +1,14 @@
 // Lines, words, and which command they mean.
 #include "gvnd/shell.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <utility>
 
 #include <fmt/format.h>
+#include <nthost/debug.h>
 #include <readline/history.h>
 #include <readline/readline.h>
 
@@ -62,8 +64,14 @@ bool Shell::Run(const std::string& line)
     if (words.empty()) return true;
     if (words[0] == "exit" || words[0] == "quit") return false;
     if (session_.Mounted()) session_.Plugin().Clear();
-    RunWords(words);
-    if (showCalls_) PrintCalls();
+    const auto start = std::chrono::steady_clock::now();
+    try {
+        RunWords(words);
+    } catch (...) { // when the calls are wanted most
+        if (showCalls_) PrintCalls(std::chrono::steady_clock::now() - start);
+        throw;
+    }
+    if (showCalls_) PrintCalls(std::chrono::steady_clock::now() - start);
     return true;
 }
 
@@ -92,13 +100,33 @@ unsigned Shell::AddHandle(File file, std::string note)
     return nextHandle_++;
 }
 
-void Shell::PrintCalls()
+namespace {
+
+double Microseconds(std::chrono::nanoseconds time) { return static_cast<double>(time.count()) / 1000; }
+
+std::string Ending(NTSTATUS status)
+{
+    if (status == STATUS_PENDING) return "  -> ended by an exception";
+    if (NT_SUCCESS(status)) return {};
+    return fmt::format("  -> 0x{:08x} {}", static_cast<unsigned>(status), nthost::StatusName(status));
+}
+
+} // namespace
+
+void Shell::PrintCalls(std::chrono::nanoseconds whole)
 {
     if (!session_.Mounted()) return;
-    for (const layer::PluginCall& call : session_.Plugin().Calls()) {
-        fmt::print("  plugin: {}{}\n", call.Text(),
-                   NT_SUCCESS(call.Status) ? "" : fmt::format("  -> 0x{:08x}", static_cast<unsigned>(call.Status)));
+    const std::vector<layer::PluginCall> calls = session_.Plugin().Calls();
+    if (calls.empty()) return;
+    std::chrono::nanoseconds inside{};
+    size_t failed = 0;
+    for (const layer::PluginCall& call : calls) {
+        fmt::print("  plugin: {:<40} {:>9.1f} us{}\n", call.Text(), Microseconds(call.Took), Ending(call.Status));
+        inside += call.Took;
+        failed += !NT_SUCCESS(call.Status) || call.Status == STATUS_PENDING;
     }
+    fmt::print("  plugin: {} calls, {} failed, {:.1f} us of the command's {:.1f} us\n", calls.size(), failed,
+               Microseconds(inside), Microseconds(whole));
 }
 
 void Shell::RunScript(std::istream& script)

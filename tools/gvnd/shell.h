@@ -2,6 +2,7 @@
 // commands.h has the table of commands; they find here what they share.
 #pragma once
 
+#include <chrono>
 #include <iosfwd>
 #include <map>
 #include <string>
@@ -45,7 +46,8 @@ public:
     void ShowCalls(bool on) { showCalls_ = on; }
 
 private:
-    void PrintCalls();
+    // What the last line caused; the time is the whole line's.
+    void PrintCalls(std::chrono::nanoseconds whole);
 
     Session& session_;
     std::map<unsigned, OpenHandle> handles_;
