@@ -79,6 +79,13 @@ expect "missing root" 1 'STATUS_OBJECT_NAME_NOT_FOUND' "$gvnd" shell -p hostfs:/
 expect "usage" 2 'Run with --help' "$gvnd" export
 expect "memfs is empty" 0 '^0 entries$' "$gvnd" shell -c 'ls -l'
 printf 'ls\nexit\nfrob\n' >"$work/script"
+printf 'ls\ncat /nothing; ls\n' >"$work/script2"
+expect "a script's failure names its line" 1 '/script2:2: cat /nothing; ls$' \
+    "$gvnd" shell "${volume[@]}" "$work/script2"
+expect "semicolons in quotes and scripts" 0 '^a;b$' "$gvnd" shell -c 'write /f 0 "a;b\n"; cat /f # a remark; frob'
+for sink in 'exec >/dev/full' 'exec > >(exec >/dev/null </dev/null; :); wait $!'; do
+    expect "lost output by $sink" 1 'output is lost|cannot write' bash -c "($sink; exec \"\$@\")" - "$gvnd" shell "${volume[@]}" -c ls
+done
 expect "script file" 0 '^hello.txt$' "$gvnd" shell "${volume[@]}" "$work/script"
 
 # --- what each command changes, on memfs; a row is what it is about, what must be printed, and the commands

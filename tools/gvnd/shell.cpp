@@ -48,6 +48,24 @@ Words Split(const std::string& line)
     return words;
 }
 
+// Semicolons separate commands, but not in double quotes or a remark.
+std::vector<std::string> SplitCommands(const std::string& line)
+{
+    std::vector<std::string> commands(1);
+    bool quoted = false;
+    for (const char c : line) {
+        const bool wordBegins =
+            commands.back().empty() || commands.back().back() == ' ' || commands.back().back() == '\t';
+        if (!quoted && wordBegins && c == '#') break;
+        if (c == '"') quoted = !quoted;
+        if (!quoted && c == ';')
+            commands.emplace_back();
+        else
+            commands.back() += c;
+    }
+    return commands;
+}
+
 const Command& FindCommand(const std::string& name)
 {
     for (const Command& command : Commands()) {
@@ -60,7 +78,14 @@ const Command& FindCommand(const std::string& name)
 
 bool Shell::Run(const std::string& line)
 {
-    const Words words = Split(line);
+    for (const std::string& command : SplitCommands(line))
+        if (!RunCommand(command)) return false;
+    return true;
+}
+
+bool Shell::RunCommand(const std::string& command)
+{
+    const Words words = Split(command);
     if (words.empty()) return true;
     if (words[0] == "exit" || words[0] == "quit") return false;
     if (session_.Mounted()) session_.Plugin().Clear();
@@ -106,7 +131,7 @@ double Microseconds(std::chrono::nanoseconds time) { return static_cast<double>(
 
 std::string Ending(NTSTATUS status)
 {
-    if (status == STATUS_PENDING) return "  -> ended by an exception";
+    if (status == STATUS_PENDING) return "  -> did not return";
     if (NT_SUCCESS(status)) return {};
     return fmt::format("  -> 0x{:08x} {}", static_cast<unsigned>(status), nthost::StatusName(status));
 }
@@ -129,10 +154,17 @@ void Shell::PrintCalls(std::chrono::nanoseconds whole)
                Microseconds(inside), Microseconds(whole));
 }
 
-void Shell::RunScript(std::istream& script)
+void Shell::RunScript(std::istream& script, const std::string& name)
 {
     std::string line;
-    while (std::getline(script, line) && Run(line)) {}
+    for (unsigned number = 1; std::getline(script, line); ++number) {
+        try {
+            if (!Run(line)) return;
+        } catch (...) {
+            fmt::print(stderr, "{}:{}: {}\n", name, number, line);
+            throw;
+        }
+    }
 }
 
 void Shell::RunInteractive()
