@@ -38,10 +38,4 @@ void TraceLog::Clear()
     texts_.clear();
 }
 
-void PrintTrace(bool on)
-{
-    if (!on) return nthost::SetDebugSink({});
-    nthost::SetDebugSink([](std::string_view text) { std::fwrite(text.data(), 1, text.size(), stderr); });
-}
-
 } // namespace workbench

@@ -68,7 +68,10 @@ int WbFinish(WbHost* host)
     return report.ExitCode();
 }
 
-void WbTrace(BOOLEAN on) { workbench::PrintTrace(on); }
+void WbTrace(BOOLEAN on)
+{
+    workbench::PrintTrace(on ? workbench::TracePrinting::Everything : workbench::TracePrinting::Off);
+}
 
 const char* WbStatusName(NTSTATUS status)
 {

@@ -129,7 +129,9 @@ std::atomic<uint64_t> g_requestsSent;
 
 NTSTATUS CallDispatch(PDEVICE_OBJECT device, PIRP irp, UCHAR major)
 {
-    g_requestsSent.fetch_add(1, std::memory_order_relaxed);
+    IrpRecord* const record = RecordOf(irp);
+    record->Number.store(g_requestsSent.fetch_add(1, std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    record->SentFor.store(IoGetCurrentIrpStackLocation(irp)->FileObject, std::memory_order_relaxed);
     _ETHREAD* const thread = ke::CurrentThread();
     PIRP const outer = thread->CurrentIrp;
     thread->CurrentIrp = irp;
@@ -145,6 +147,20 @@ NTSTATUS CallDispatch(PDEVICE_OBJECT device, PIRP irp, UCHAR major)
 
 using namespace nthost;
 using namespace nthost::io;
+
+RequestAtWork nthost::CurrentRequest()
+{
+    const _ETHREAD* const thread = ke::CurrentThreadOrNull();
+    if (!thread) return {};
+    PIRP irp = thread->CurrentIrp;
+    // A worker's; below the last marker there are no addresses.
+    if (!irp && reinterpret_cast<ULONG_PTR>(thread->TopLevelIrp) > FSRTL_MAX_TOP_LEVEL_IRP_FLAG)
+        irp = thread->TopLevelIrp;
+    if (!irp) return {};
+    const IrpRecord* const record = RecordOf(irp);
+    return {record->Number.load(std::memory_order_relaxed), irp, record->Device.load(std::memory_order_relaxed),
+            record->SentFor.load(std::memory_order_relaxed)};
+}
 
 uint64_t nthost::RequestsSent() { return g_requestsSent.load(std::memory_order_relaxed); }
 

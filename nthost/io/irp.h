@@ -52,13 +52,15 @@ struct IrpRecord {
     std::atomic<PDEVICE_OBJECT> Device; // whose location is current; for a cancel that meets completion
     std::atomic<uint32_t> Met;          // Meeting
     KEVENT Done;                        // Waited: initialised before the issuer says that it left
-    PEPROCESS Requestor;                // process the request was made for
-    PFILE_OBJECT File;                  // of a service's request; an asynchronous one has a reference of its own
-    LIST_ENTRY FileEntry;               // in the file object's list, under its lock
-    bool OnThreadList;                  // written under the file object's lock once the request is on its list
-    bool OnFileList;                    // the owner's alone
-    ULONG OutputLength;                 // room in UserBuffer for a buffered request's output
-    std::atomic<const void*> Queue;     // the semaphore that it was pended with, if that is known; with checks on
+    std::atomic<uint64_t> Number;       // in the order of sending; for observers, like the next
+    std::atomic<PFILE_OBJECT> SentFor;
+    PEPROCESS Requestor;            // process the request was made for
+    PFILE_OBJECT File;              // of a service's request; an asynchronous one has a reference of its own
+    LIST_ENTRY FileEntry;           // in the file object's list, under its lock
+    bool OnThreadList;              // written under the file object's lock once the request is on its list
+    bool OnFileList;                // the owner's alone
+    ULONG OutputLength;             // room in UserBuffer for a buffered request's output
+    std::atomic<const void*> Queue; // the semaphore that it was pended with, if that is known; with checks on
     WORK_QUEUE_ITEM Drop;
     // How the caller is told of the end beyond its events: one of the two. The record is held until it has been.
     ke::Apc Apc;

@@ -177,15 +177,19 @@ size_t PluginLayer::Begin(const char* operation, std::string arguments)
 {
     ++total_;
     const std::lock_guard lock(mutex_);
-    calls_.push_back({operation, std::move(arguments), STATUS_PENDING});
+    calls_.push_back({operation, std::move(arguments), STATUS_PENDING, std::chrono::steady_clock::now()});
     return cleared_ + calls_.size() - 1;
 }
 
 void PluginLayer::End(size_t note, NTSTATUS status)
 {
     if (note == kNoNote) return;
+    const auto now = std::chrono::steady_clock::now();
     const std::lock_guard lock(mutex_);
-    if (note >= cleared_) calls_[note - cleared_].Status = status;
+    if (note < cleared_) return;
+    PluginCall& call = calls_[note - cleared_];
+    call.Status = status;
+    call.Took = now - call.Begun;
 }
 
 std::shared_ptr<PluginLayer::Gate> PluginLayer::CloseGate(const std::string& operation)

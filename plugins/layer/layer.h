@@ -4,6 +4,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -22,6 +23,8 @@ struct PluginCall {
     std::string Operation;
     std::string Arguments;
     NTSTATUS Status; // STATUS_PENDING while it runs, and for good if an exception ended it
+    std::chrono::steady_clock::time_point Begun = {};
+    std::chrono::nanoseconds Took = {}; // with whatever the layer had to do in between
     std::string Text() const { return Arguments.empty() ? Operation : Operation + " " + Arguments; }
 };
 

@@ -40,6 +40,12 @@ expect "link is marked" 0 '^link@$' "$gvnd" shell "${volume[@]}" -c 'ls'
 expect "cat" 0 '^hello$' "$gvnd" shell "${volume[@]}" -c 'cat /hello.txt'
 expect "stat" 0 '^size +6$' "$gvnd" shell "${volume[@]}" -c 'stat /hello.txt'
 expect "plugin calls" 0 'plugin: Open .hello.txt' "$gvnd" shell "${volume[@]}" -c 'calls on; cat /hello.txt'
+expect "plugin calls of a failure" 1 'plugin: Lookup .nothing .* us  -> 0xc0000034 STATUS_OBJECT_NAME_NOT_FOUND$' \
+    "$gvnd" shell "${volume[@]}" -c 'calls on; cat /nothing'
+expect "totals of plugin calls" 1 'plugin: [1-9][0-9]* calls, 1 failed, [0-9.]+ us of the command.s [0-9.]+ us$' \
+    "$gvnd" shell "${volume[@]}" -c 'calls on; cat /nothing'
+expect "trace of failures" 1 '#[0-9]+ +! GVND-> .*STATUS_OBJECT_NAME_NOT_FOUND' \
+    "$gvnd" shell "${volume[@]}" -c 'trace failures; cat /nothing'
 expect "trace" 0 'GvCreate\(\) done' "$gvnd" shell "${volume[@]}" -c 'trace on; cat /hello.txt'
 expect "sharing" 1 'STATUS_SHARING_VIOLATION' "$gvnd" shell "${volume[@]}" -c 'open /hello.txt r r; open /hello.txt w rwd'
 expect "locks" 1 'STATUS_LOCK_NOT_GRANTED' "$gvnd" shell "${volume[@]}" \
@@ -73,6 +79,13 @@ expect "missing root" 1 'STATUS_OBJECT_NAME_NOT_FOUND' "$gvnd" shell -p hostfs:/
 expect "usage" 2 'Run with --help' "$gvnd" export
 expect "memfs is empty" 0 '^0 entries$' "$gvnd" shell -c 'ls -l'
 printf 'ls\nexit\nfrob\n' >"$work/script"
+printf 'ls\ncat /nothing; ls\n' >"$work/script2"
+expect "a script's failure names its line" 1 '/script2:2: cat /nothing; ls$' \
+    "$gvnd" shell "${volume[@]}" "$work/script2"
+expect "semicolons in quotes and scripts" 0 '^a;b$' "$gvnd" shell -c 'write /f 0 "a;b\n"; cat /f # a remark; frob'
+for sink in 'exec >/dev/full' 'exec > >(exec >/dev/null </dev/null; :); wait $!'; do
+    expect "lost output by $sink" 1 'output is lost|cannot write' bash -c "($sink; exec \"\$@\")" - "$gvnd" shell "${volume[@]}" -c ls
+done
 expect "script file" 0 '^hello.txt$' "$gvnd" shell "${volume[@]}" "$work/script"
 
 # --- what each command changes, on memfs; a row is what it is about, what must be printed, and the commands

@@ -3,9 +3,11 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <thread>
 
 #include <gvnd/memfs.h>
 #include <nthost/check.h>
+#include <nthost/requests.h>
 #include <workbench/workbench.h>
 
 #include "support/host.h"
@@ -134,6 +136,47 @@ TEST_F(Workbench, TablesAreHeldToWhatTheyOwe)
     NTSTATUS status;
     EXPECT_TRUE(plugin.List(1, &status).empty());
     EXPECT_STATUS(STATUS_DISK_CORRUPT_ERROR, status);
+}
+
+// Rows: the driver's text, what is printed of it.
+TEST(TraceLine, NamesStatusesAndFailuresAndCompletesTheRequestsOwnAddresses)
+{
+    const auto* const file = reinterpret_cast<const void*>(0x7f0012345678);
+    constexpr const char* kRows[][2] = {
+        {"GvCreate() done, FO: 0x12345678, status: 0x0, info: 0x1\n\n",
+         "  GvCreate() done, FO: 0x7f0012345678, status: 0x0 STATUS_SUCCESS, info: 0x1\n\n"},
+        {"GvDoCreate(): 0xc0000034\n", "! GvDoCreate(): 0xc0000034 STATUS_OBJECT_NAME_NOT_FOUND\n"},
+        {"FO: 0x12345679, length: 0x103\n", "  FO: 0x12345679, length: 0x103\n"}, // neither this file nor a status
+        {"FO: 0x0, name: 0xc0ffee\n", "  FO: 0x0, name: 0xc0ffee\n"},
+        {"ends in 0x", "  ends in 0x\n"},
+    };
+    for (const auto& [text, line] : kRows) {
+        EXPECT_EQ(TraceLine("", text, {.Seconds = 0.5, .Request = 17, .Addresses = {nullptr, file}}),
+                  std::string("    0.500000 #17     ") + line);
+    }
+}
+
+// The same number on the thread that sent a request and on the worker that took it.
+TEST_F(Workbench, RequestsAreNumberedOnWhateverThreadWorksForThem)
+{
+    Volume volume(Host(), memfs_);
+    volume.Open("/file", {.Access = FILE_GENERIC_WRITE, .Disposition = FILE_CREATE}).Write(0, "0123", 4);
+    uint64_t opened = 0, read = 0;
+    std::thread::id reader;
+    volume.Plugin().Before("Lookup", [&](PKEVENT) { opened = nthost::CurrentRequest().Number; });
+    volume.Plugin().Before("Read", [&](PKEVENT) {
+        read = nthost::CurrentRequest().Number;
+        reader = std::this_thread::get_id();
+    });
+    uint64_t sent = nthost::RequestsSent();
+    const OpenResult file = Open(Text(volume.NtPath("/file")), {.Access = FILE_READ_DATA | SYNCHRONIZE, .Options = 0});
+    ASSERT_STATUS(STATUS_SUCCESS, file.Status);
+    EXPECT_EQ(opened, sent + 1);
+    sent = nthost::RequestsSent();
+    EXPECT_EQ(ReadText(file.File.Get(), 4), "0123");
+    EXPECT_EQ(read, sent + 1);
+    EXPECT_NE(reader, std::this_thread::get_id());
+    EXPECT_EQ(nthost::CurrentRequest().Number, 0u);
 }
 
 } // namespace

@@ -1,5 +1,8 @@
 // The command line.
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -45,17 +48,14 @@ int ReportLeaks(Session& session)
 void RunCommands(Shell& shell, const Options& options)
 {
     if (!options.Script.empty()) {
-        std::string lines = options.Script;
-        for (char& c : lines)
-            if (c == ';') c = '\n';
-        std::istringstream script(lines);
-        shell.RunScript(script);
+        std::istringstream lines(options.Script);
+        for (std::string line; std::getline(lines, line) && shell.Run(line);) {}
     } else if (!options.ScriptFile.empty() && options.ScriptFile != "-") {
         std::ifstream file(options.ScriptFile);
         if (!file) throw Usage(fmt::format("cannot read the script '{}'", options.ScriptFile));
-        shell.RunScript(file);
+        shell.RunScript(file, options.ScriptFile);
     } else if (options.ScriptFile == "-" || !isatty(STDIN_FILENO)) {
-        shell.RunScript(std::cin);
+        shell.RunScript(std::cin, "standard input");
     } else {
         shell.RunInteractive();
     }
@@ -191,12 +191,21 @@ int Main(int argc, char** argv)
     return RunDemo();
 }
 
+// What was printed has arrived: a full disk and a closed pipe show only now, if the output is short.
+int WithOutput(int code)
+{
+    if (std::fflush(stdout) == 0 && !std::ferror(stdout)) return code;
+    fmt::print(stderr, "gvnd: output is lost: {}\n", std::strerror(errno));
+    return code ? code : int{ExitFailure};
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
+    std::signal(SIGPIPE, SIG_IGN); // the write fails then, and is told
     try {
-        return Main(argc, argv);
+        return WithOutput(Main(argc, argv));
     } catch (const Usage& error) {
         fmt::print(stderr, "gvnd: {}\n", error.what());
         return ExitUsage;

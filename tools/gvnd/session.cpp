@@ -7,7 +7,6 @@
 #include <hostfs/hostfs.h>
 #include <nthost/requests.h>
 #include <workbench/plugin_table.h>
-#include <workbench/trace.h>
 
 #include "gvnd/client.h"
 #include "gvnd/eas.h"
@@ -23,7 +22,7 @@ constexpr char kName[] = "Gvnd";
 
 Session::Session(bool trace, const std::string& image)
 {
-    SetTrace(trace);
+    SetTrace(trace ? workbench::TracePrinting::Everything : workbench::TracePrinting::Off);
     Require("load the driver " + image, host_.LoadGvnd(image));
 }
 
@@ -36,7 +35,7 @@ Session::~Session()
     }
 }
 
-void Session::SetTrace(bool on) { workbench::PrintTrace(on); }
+void Session::SetTrace(workbench::TracePrinting what) { workbench::PrintTrace(what); }
 
 uint64_t Session::Requests() const { return nthost::RequestsSent(); }
 

@@ -8,6 +8,7 @@
 
 #include <checker/verifier.h>
 #include <workbench/host.h>
+#include <workbench/trace.h>
 #include <workbench/volume.h>
 
 #include "gvnd/plugins.h"
@@ -58,7 +59,7 @@ public:
     // Of a volume that is verified: a rule was broken.
     bool PluginAtFault() const { return atFault_; }
 
-    void SetTrace(bool on);
+    void SetTrace(workbench::TracePrinting what);
     // Unmounts, unloads, shuts down; what leaked.
     workbench::Report Finish();
 

@@ -1,12 +1,14 @@
 // Lines, words, and which command they mean.
 #include "gvnd/shell.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <utility>
 
 #include <fmt/format.h>
+#include <nthost/debug.h>
 #include <readline/history.h>
 #include <readline/readline.h>
 
@@ -46,6 +48,24 @@ Words Split(const std::string& line)
     return words;
 }
 
+// Semicolons separate commands, but not in double quotes or a remark.
+std::vector<std::string> SplitCommands(const std::string& line)
+{
+    std::vector<std::string> commands(1);
+    bool quoted = false;
+    for (const char c : line) {
+        const bool wordBegins =
+            commands.back().empty() || commands.back().back() == ' ' || commands.back().back() == '\t';
+        if (!quoted && wordBegins && c == '#') break;
+        if (c == '"') quoted = !quoted;
+        if (!quoted && c == ';')
+            commands.emplace_back();
+        else
+            commands.back() += c;
+    }
+    return commands;
+}
+
 const Command& FindCommand(const std::string& name)
 {
     for (const Command& command : Commands()) {
@@ -58,12 +78,25 @@ const Command& FindCommand(const std::string& name)
 
 bool Shell::Run(const std::string& line)
 {
-    const Words words = Split(line);
+    for (const std::string& command : SplitCommands(line))
+        if (!RunCommand(command)) return false;
+    return true;
+}
+
+bool Shell::RunCommand(const std::string& command)
+{
+    const Words words = Split(command);
     if (words.empty()) return true;
     if (words[0] == "exit" || words[0] == "quit") return false;
     if (session_.Mounted()) session_.Plugin().Clear();
-    RunWords(words);
-    if (showCalls_) PrintCalls();
+    const auto start = std::chrono::steady_clock::now();
+    try {
+        RunWords(words);
+    } catch (...) { // when the calls are wanted most
+        if (showCalls_) PrintCalls(std::chrono::steady_clock::now() - start);
+        throw;
+    }
+    if (showCalls_) PrintCalls(std::chrono::steady_clock::now() - start);
     return true;
 }
 
@@ -92,19 +125,46 @@ unsigned Shell::AddHandle(File file, std::string note)
     return nextHandle_++;
 }
 
-void Shell::PrintCalls()
+namespace {
+
+double Microseconds(std::chrono::nanoseconds time) { return static_cast<double>(time.count()) / 1000; }
+
+std::string Ending(NTSTATUS status)
 {
-    if (!session_.Mounted()) return;
-    for (const layer::PluginCall& call : session_.Plugin().Calls()) {
-        fmt::print("  plugin: {}{}\n", call.Text(),
-                   NT_SUCCESS(call.Status) ? "" : fmt::format("  -> 0x{:08x}", static_cast<unsigned>(call.Status)));
-    }
+    if (status == STATUS_PENDING) return "  -> did not return";
+    if (NT_SUCCESS(status)) return {};
+    return fmt::format("  -> 0x{:08x} {}", static_cast<unsigned>(status), nthost::StatusName(status));
 }
 
-void Shell::RunScript(std::istream& script)
+} // namespace
+
+void Shell::PrintCalls(std::chrono::nanoseconds whole)
+{
+    if (!session_.Mounted()) return;
+    const std::vector<layer::PluginCall> calls = session_.Plugin().Calls();
+    if (calls.empty()) return;
+    std::chrono::nanoseconds inside{};
+    size_t failed = 0;
+    for (const layer::PluginCall& call : calls) {
+        fmt::print("  plugin: {:<40} {:>9.1f} us{}\n", call.Text(), Microseconds(call.Took), Ending(call.Status));
+        inside += call.Took;
+        failed += !NT_SUCCESS(call.Status) || call.Status == STATUS_PENDING;
+    }
+    fmt::print("  plugin: {} calls, {} failed, {:.1f} us of the command's {:.1f} us\n", calls.size(), failed,
+               Microseconds(inside), Microseconds(whole));
+}
+
+void Shell::RunScript(std::istream& script, const std::string& name)
 {
     std::string line;
-    while (std::getline(script, line) && Run(line)) {}
+    for (unsigned number = 1; std::getline(script, line); ++number) {
+        try {
+            if (!Run(line)) return;
+        } catch (...) {
+            fmt::print(stderr, "{}:{}: {}\n", name, number, line);
+            throw;
+        }
+    }
 }
 
 void Shell::RunInteractive()

@@ -2,6 +2,7 @@
 // commands.h has the table of commands; they find here what they share.
 #pragma once
 
+#include <chrono>
 #include <iosfwd>
 #include <map>
 #include <string>
@@ -24,14 +25,14 @@ class Shell {
 public:
     explicit Shell(Session& session) : session_(session) {}
 
-    // Runs one line; false after `exit`. A failure is thrown.
+    // Runs one line, whose commands semicolons separate; false after `exit`. A failure is thrown.
     bool Run(const std::string& line);
     // One command by its words, as a part of another.
     void RunWords(const Words& words);
     // Lines until the end or `exit`. Interactive: prompt and history, and failures are printed and forgotten; else the
-    // first failure ends it.
+    // first failure ends it, and is told with the script's name and the number of its line.
     void RunInteractive();
-    void RunScript(std::istream& script);
+    void RunScript(std::istream& script, const std::string& name);
 
     Session& Volume() { return session_; }
     File Open(const std::string& path, const OpenRequest& how = {.Access = kReading}) const
@@ -45,7 +46,9 @@ public:
     void ShowCalls(bool on) { showCalls_ = on; }
 
 private:
-    void PrintCalls();
+    bool RunCommand(const std::string& command);
+    // What the last line caused; the time is the whole line's.
+    void PrintCalls(std::chrono::nanoseconds whole);
 
     Session& session_;
     std::map<unsigned, OpenHandle> handles_;

@@ -61,9 +61,10 @@ constexpr Command kCommands[] = {
     {"Volume", "as", "SID[+GROUP]... COMMAND...",
      "run a command as another user, whom --sddl may keep out: as S-1-5-21-1-2-3-1002 ls", 2, kAny, As, Needs::Handles},
 
-    {"Shell", "trace", "on|off", "the driver's own trace on standard error", 1, 1, Trace, Needs::Nothing},
-    {"Shell", "calls", "on|off", "after each command, the plugin operations that it caused", 1, 1, Calls,
+    {"Shell", "trace", "on|failures|off", "the driver's own trace on standard error, or what failed in it", 1, 1, Trace,
      Needs::Nothing},
+    {"Shell", "calls", "on|off", "after each command, the plugin operations that it caused, with their times", 1, 1,
+     Calls, Needs::Nothing},
     {"Shell", "help", "[COMMAND]", "this list, or the lines of one command", 0, 1, Help, Needs::Nothing},
 };
 
@@ -84,7 +85,12 @@ std::span<const Command> Commands() { return kCommands; }
 
 namespace commands {
 
-void Trace(Shell& shell, const Words& words) { shell.Volume().SetTrace(Switch(words[1])); }
+void Trace(Shell& shell, const Words& words)
+{
+    using workbench::TracePrinting;
+    if (words[1] == "failures") return shell.Volume().SetTrace(TracePrinting::Failures);
+    shell.Volume().SetTrace(Switch(words[1]) ? TracePrinting::Everything : TracePrinting::Off);
+}
 
 void Calls(Shell& shell, const Words& words) { shell.ShowCalls(Switch(words[1])); }
 

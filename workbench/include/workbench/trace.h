@@ -1,6 +1,7 @@
 // The driver's trace, recorded or printed.
 #pragma once
 
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -26,7 +27,20 @@ private:
     std::vector<std::string> texts_;
 };
 
-// On standard error, as it comes.
-void PrintTrace(bool on);
+enum class TracePrinting { Off, Failures, Everything };
+// On standard error, as it comes: a line for each message, as TraceLine makes it. Failures: only messages in which a
+// failing status stands.
+void PrintTrace(TracePrinting what);
+
+// "    0.001234 #17     ! " and the driver's texts: seconds since the first line, the request's number, a mark for a
+// failure; behind each status its name; and whole the addresses of the request's packet, file object and device, of
+// which the driver prints the low 32 bits.
+struct TraceOrigin {
+    double Seconds = 0;
+    uint64_t Request = 0; // 0: none
+    std::vector<const void*> Addresses = {};
+};
+std::string TraceLine(const std::string& prefix, const std::string& message, const TraceOrigin& origin);
+bool TellsOfFailure(const std::string& message);
 
 } // namespace workbench
