@@ -94,7 +94,7 @@ void RunOne(const ScheduleExplorer::Scenario& scenario, const ke::SchedulePlan& 
 
 [[noreturn]] void RunChild(const ScheduleExplorer::Scenario& scenario, const Order& order, Shared* memory)
 {
-    ChildState state{memory, {}, nullptr, order.Replayed ? &order.Replayed->Bodies : nullptr};
+    ChildState state{memory, {}, nullptr, order.Replayed ? &order.Replayed->Bodies : &order.Seeds.Bodies};
     g_child = &state;
     if (order.Replayed) {
         const auto& switches = order.Replayed->Switches;
@@ -156,9 +156,8 @@ std::optional<ScheduleFailure> Run(const ScheduleExplorer::Scenario& scenario, c
     if (order.Replayed) failure.Seed = order.Replayed->Seed, failure.Schedules = order.Replayed->Schedules;
     const ke::ScheduleLog& log = memory->Schedules ? memory->Log : memory->Base;
     failure.Switches.assign(log.Switches, log.Switches + log.SwitchCount);
-    if (order.Replayed)
-        failure.Bodies = order.Replayed->Bodies;
-    else
+    failure.Bodies = order.Replayed ? order.Replayed->Bodies : order.Seeds.Bodies;
+    if (failure.Bodies.empty())
         for (unsigned i = 0; i < memory->Bodies; ++i) failure.Bodies.push_back(i);
     return failure;
 }
@@ -166,18 +165,16 @@ std::optional<ScheduleFailure> Run(const ScheduleExplorer::Scenario& scenario, c
 // Addresses and numbers differ from schedule to schedule.
 std::string KindOf(const ScheduleFailure& failure) { return failure.What.substr(0, failure.What.find(" 0x")); }
 
-// Drops pieces of the list, half of it first, then smaller ones, as long as what is left still fails.
-template <typename Item>
-void ShrinkList(ScheduleExplorer& explorer, ScheduleFailure& failure, std::vector<Item> ScheduleFailure::*list,
-                size_t least)
+// Drops pieces of the switches, half of them first, then smaller ones, as long as what is left still fails.
+void ShrinkSwitches(ScheduleExplorer& explorer, ScheduleFailure& failure)
 {
-    for (size_t piece = std::max<size_t>((failure.*list).size() / 2, 1); piece > 0; piece /= 2) {
-        for (size_t at = 0; at < (failure.*list).size() && (failure.*list).size() > least;) {
+    for (size_t piece = std::max<size_t>(failure.Switches.size() / 2, 1); piece > 0; piece /= 2) {
+        for (size_t at = 0; at < failure.Switches.size();) {
             ScheduleFailure smaller = failure;
-            auto& items = smaller.*list;
-            const auto begin = items.begin() + static_cast<std::ptrdiff_t>(at);
-            items.erase(begin, begin + static_cast<std::ptrdiff_t>(std::min(piece, items.size() - at)));
-            const auto still = items.size() < least ? std::nullopt : explorer.Replay(smaller);
+            const auto begin = smaller.Switches.begin() + static_cast<std::ptrdiff_t>(at);
+            smaller.Switches.erase(begin,
+                                   begin + static_cast<std::ptrdiff_t>(std::min(piece, smaller.Switches.size() - at)));
+            const auto still = explorer.Replay(smaller);
             if (!still || KindOf(*still) != KindOf(failure)) {
                 at += piece;
                 continue;
@@ -186,6 +183,26 @@ void ShrinkList(ScheduleExplorer& explorer, ScheduleFailure& failure, std::vecto
             smaller.Report = still->Report;
             failure = std::move(smaller);
         }
+    }
+}
+
+// Drops one body after another. Without it choices fall elsewhere, so others are tried where the same do not fail.
+void ShrinkBodies(ScheduleExplorer& explorer, ScheduleFailure& failure)
+{
+    constexpr unsigned tries = 200;
+    for (size_t at = 0; at < failure.Bodies.size() && failure.Bodies.size() > 1;) {
+        ScheduleFailure fewer = failure;
+        fewer.Bodies.erase(fewer.Bodies.begin() + static_cast<std::ptrdiff_t>(at));
+        auto still = explorer.Replay(fewer);
+        if (!still || KindOf(*still) != KindOf(failure))
+            still = explorer.Explore({.Count = tries, .Bodies = fewer.Bodies});
+        if (!still || KindOf(*still) != KindOf(failure)) {
+            ++at;
+            continue;
+        }
+        still->Seed = failure.Seed;
+        still->Schedules = failure.Schedules;
+        failure = std::move(*still);
     }
 }
 
@@ -239,8 +256,8 @@ std::optional<ScheduleFailure> ScheduleExplorer::Replay(const ScheduleFailure& f
 
 ScheduleFailure ScheduleExplorer::Shrink(ScheduleFailure failure)
 {
-    ShrinkList(*this, failure, &ScheduleFailure::Bodies, 1);
-    ShrinkList(*this, failure, &ScheduleFailure::Switches, 0);
+    ShrinkBodies(*this, failure);
+    ShrinkSwitches(*this, failure);
     return failure;
 }
 

@@ -196,7 +196,7 @@ const Mistake kMistakes[] = {
     {"reenter-read-open-other", "call.no-reentry", [] { READ(OpenOnTheVolume()); }},
     {"reenter-write-open-self", "call.no-reentry", [] { WRITE(OpenOnTheVolume(); return right()); }},
     // what comes in
-    {"free-path", "record.pool", [] { LOOKUP(ExFreePoolWithTag(const_cast<PUNICODE_STRING>(path), 0)); }},
+    {"free-path", "record.pool|call.arguments-not-kept|call.survives", [] { LOOKUP(ExFreePoolWithTag(const_cast<PUNICODE_STRING>(path), 0)); }},
     {"keep-path", "call.arguments-not-kept", [] { LOOKUP(static PCUNICODE_STRING kept; if (kept && kept->Length == 1) s = STATUS_DISK_FULL; kept = path); }},
     {"write-path", "call.arguments-unchanged", [] { LOOKUP(path->Buffer[0] = L'/'); }},
     // what goes out

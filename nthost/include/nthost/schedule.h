@@ -54,6 +54,7 @@ struct ExploreOptions {
     uint64_t FirstSeed = 1;
     unsigned Count = 100;
     Strategy How = Strategy::Mixed;
+    std::vector<unsigned> Bodies = {}; // of Run, by index, that take part; all if empty
 };
 
 class ScheduleExplorer {
