@@ -8,7 +8,7 @@ namespace fuzz {
 void Input::Take(void* to, size_t size)
 {
     const size_t count = std::min(size, left_);
-    std::memcpy(to, at_, count);
+    if (count) std::memcpy(to, at_, count);
     at_ += count;
     left_ -= count;
 }

@@ -47,7 +47,7 @@ template <auto Slot>
 void NTAPI Notify(void* context)
 {
     const PluginOps* const honest = static_cast<Liar*>(context)->Honest();
-    (honest->*Slot)(honest->PluginContext);
+    if (honest->*Slot) (honest->*Slot)(honest->PluginContext);
 }
 
 template <auto Slot, typename Fn>

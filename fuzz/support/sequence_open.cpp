@@ -57,7 +57,8 @@ void Sequence::Create()
     const ULONG attributes = how & 32 ? input_.Bits(kAttributes) : 0;
     LARGE_INTEGER allocation;
     allocation.QuadPart = how & 64 ? input_.Number() : 0;
-    const std::u16string path = relative ? Path(input_).substr(1) : AnyPath();
+    std::u16string path = relative ? Path(input_) : AnyPath();
+    if (relative && !path.empty()) path.erase(0, 1);
     HostileString name(input_, path);
     OBJECT_ATTRIBUTES object = Attributes(name, relative);
     const std::string eas = how & 128 ? EaList() : std::string();

@@ -7,6 +7,7 @@
 #include "image/exports.h"
 #include "image/platform.h"
 #include "image/stack_use.h"
+#include "image/unwind_codes.h"
 #include <nthost/check.h>
 
 namespace nthost::image {
@@ -79,8 +80,9 @@ public:
     {
         if (mprotect(base_, PageUp(file_.HeaderSize), PROT_READ)) return "its headers cannot be protected";
         for (const Section& section : file_.Sections) {
-            const int access = (section.Readable() ? PROT_READ : 0) | (section.Writable() ? PROT_WRITE : 0) |
-                               (section.Executable() ? PROT_EXEC : 0);
+            // Readable whatever it says: its unwind data may stand there, and those are read in fault handlers.
+            const int access =
+                PROT_READ | (section.Writable() ? PROT_WRITE : 0) | (section.Executable() ? PROT_EXEC : 0);
             if (mprotect(base_ + section.Address, PageUp(section.VirtualSize), access))
                 return "its sections cannot be protected";
         }
@@ -90,13 +92,14 @@ public:
     const char* CheckFunctions()
     {
         const Directory& all = file_.Exceptions;
+        if (all.Address % alignof(RuntimeFunction)) return "its exception directory is damaged";
         module_->Functions = reinterpret_cast<const RuntimeFunction*>(base_ + all.Address);
         module_->FunctionCount = all.Size / sizeof(RuntimeFunction);
         uint32_t last = 0;
         for (size_t i = 0; i < module_->FunctionCount; ++i) {
             const RuntimeFunction& function = module_->Functions[i];
             if (function.Begin < last || function.End <= function.Begin || function.End > file_.ImageSize ||
-                !file_.Inside(function.Unwind, 4))
+                !UnwindsSoundly(function.Unwind))
                 return "its exception directory is damaged";
             last = function.End;
         }
@@ -104,6 +107,25 @@ public:
     }
 
 private:
+    // A function's unwind data and those that it continues, which stack walks believe.
+    bool UnwindsSoundly(uint32_t at) const
+    {
+        constexpr unsigned kLongestChain = 32;
+        for (unsigned links = 0; links < kLongestChain; ++links) {
+            if (at % alignof(uint32_t) || !file_.Inside(at, offsetof(UnwindInfo, Codes))) return false;
+            const auto& info = *reinterpret_cast<const UnwindInfo*>(base_ + at);
+            const uint64_t tail = reinterpret_cast<const uint8_t*>(info.Tail()) - base_;
+            if (info.Flags() & Continues) {
+                if (!file_.Inside(tail, sizeof(RuntimeFunction))) return false;
+                at = reinterpret_cast<const RuntimeFunction*>(info.Tail())->Unwind;
+                continue;
+            }
+            if (!(info.Flags() & (HandlesExceptions | HandlesUnwinding))) return file_.Inside(tail, 0);
+            return file_.Inside(tail, sizeof(uint32_t)) && file_.Inside(*info.Tail(), 1);
+        }
+        return false;
+    }
+
     // A NUL-terminated text within the image; null for one that does not end.
     const char* TextAt(uint64_t address) const
     {

@@ -13,6 +13,9 @@
 #include <nthost/user_memory.h>
 #include <workbench/requests.h>
 
+#include "image/pe.h"
+#include "image/module.h"
+#include "image/unwind_codes.h"
 #include "image_driver/exercise.h"
 #include "ke/guarded.h"
 #include "support/client.h"
@@ -291,15 +294,24 @@ constexpr Damage kDamages[] = {
     {"empty", 0, 0, 1},
 };
 
+std::string WholeImage()
+{
+    std::ifstream file(Image(), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::filesystem::path DamagedCopy()
+{
+    return std::filesystem::path(testing::TempDir()) / ("damaged" + std::to_string(getpid()) + ".sys");
+}
+
 TEST_F(Images, AreRefusedWhenDamaged)
 {
     const QuietFindings quiet;
-    std::ifstream file(Image(), std::ios::binary);
-    const std::string whole{std::istreambuf_iterator<char>(file), {}};
+    const std::string whole = WholeImage();
     uint32_t header;
     memcpy(&header, &whole[0x3c], sizeof header);
-    const std::filesystem::path copy =
-        std::filesystem::path(testing::TempDir()) / ("damaged" + std::to_string(getpid()) + ".sys");
+    const std::filesystem::path copy = DamagedCopy();
     for (const Damage& damage : kDamages) {
         SCOPED_TRACE(damage.Name);
         std::string bytes = whole.substr(0, damage.Length ? damage.Length : whole.npos);
@@ -311,6 +323,55 @@ TEST_F(Images, AreRefusedWhenDamaged)
     std::filesystem::remove(copy);
     EXPECT_STATUS(STATUS_INVALID_IMAGE_FORMAT, LoadImage("exerciser", copy, &driver_));
     ExpectFindings({"image-unusable"});
+}
+
+// Where the file has an address of the image.
+size_t FileOffset(const image::PeFile& file, uint32_t address)
+{
+    for (const image::Section& section : file.Sections)
+        if (address - section.Address < section.VirtualSize) return section.FileOffset + address - section.Address;
+    return 0;
+}
+
+// Of the first function, whose unwind data are believed later, when a stack is walked.
+struct UnwindDamage {
+    const char* Name;
+    void (*Make)(image::RuntimeFunction* function, image::UnwindInfo* info, uint32_t* tail);
+};
+const UnwindDamage kUnwindDamages[] = {
+    {"not aligned", [](auto* function, auto*, auto*) { ++function->Unwind; }},
+    {"a handler outside",
+     [](auto*, auto* info, auto* tail) {
+         info->VersionAndFlags = 1 | image::HandlesExceptions << 3;
+         *tail = 0x7ffffff0;
+     }},
+    {"continues itself",
+     [](auto* function, auto* info, auto* tail) {
+         info->VersionAndFlags = 1 | image::Continues << 3;
+         memcpy(tail, function, sizeof *function);
+     }},
+};
+
+TEST_F(Images, AreRefusedWhenStacksCouldNotBeWalked)
+{
+    const QuietFindings quiet;
+    std::string reason;
+    const auto file = image::ReadPeFile(Image(), &reason);
+    ASSERT_TRUE(file) << reason;
+    const std::filesystem::path copy = DamagedCopy();
+    for (const UnwindDamage& damage : kUnwindDamages) {
+        SCOPED_TRACE(damage.Name);
+        std::string bytes = WholeImage();
+        auto* const function =
+            reinterpret_cast<image::RuntimeFunction*>(&bytes[FileOffset(*file, file->Exceptions.Address)]);
+        auto* const info = reinterpret_cast<image::UnwindInfo*>(&bytes[FileOffset(*file, function->Unwind)]);
+        damage.Make(function, info, const_cast<uint32_t*>(info->Tail()));
+        std::ofstream(copy, std::ios::binary) << bytes;
+        EXPECT_STATUS(STATUS_INVALID_IMAGE_FORMAT, LoadImage("exerciser", copy, &driver_));
+        ExpectFindings({"image-unusable"});
+        if (driver_) (void)Unload();
+    }
+    std::filesystem::remove(copy);
 }
 
 } // namespace
