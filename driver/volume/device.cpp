@@ -2,6 +2,7 @@
 
 #include "volume/device.h"
 
+#include "frame/atomic.h"
 #include "frame/trace.h"
 #include "secure/secure.h"
 
@@ -47,4 +48,8 @@ NTSTATUS GvUtlCreateDevAndSymLink(const GvDeviceParameters& parameters, PDEVICE_
     return STATUS_SUCCESS;
 }
 
-void GvUtlClearDevInitializing(PDEVICE_OBJECT device) { device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING); }
+// An open may look at this moment whether it is too early.
+void GvUtlClearDevInitializing(PDEVICE_OBJECT device)
+{
+    GvStore(device->Flags, device->Flags & ~static_cast<ULONG>(DO_DEVICE_INITIALIZING));
+}
