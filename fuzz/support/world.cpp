@@ -85,12 +85,15 @@ MemfsTable::~MemfsTable() { MemFsDestroy(operations_); }
 void UseVolume(const GvndPlugin* plugin, PluginOps* honest, const PluginOps* table,
                const std::function<void(const std::string& link)>& use)
 {
+    // Another name each time: the device of the last volume goes at some moment after its plugin's last call.
+    static unsigned uses;
+    const std::string name = "Fuzzed" + std::to_string(uses++ % 64);
     PDEVICE_OBJECT device = nullptr;
-    workbench::Require("mount", TheHost().Mount({.Name = "Fuzzed"}, table, &device));
+    workbench::Require("mount", TheHost().Mount({.Name = name}, table, &device));
     {
         nthost::Process process("hostile");
         nthost::ActAs acting(process.Object());
-        use("\\??\\Fuzzed");
+        use("\\??\\" + name);
     }
     workbench::Require("unmount", TheHost().RequestUnmount(device));
     plugin->WaitUntilUnmounted(honest);
