@@ -121,7 +121,11 @@ public:
             std::this_thread::sleep_for(5ms);
         }
         if (const std::string wrong = volumes_.Empty(); !wrong.empty()) return run_.Complain(wrong);
-        const nthost::PoolUsage now = nthost::PoolTotals();
+        nthost::PoolUsage now = nthost::PoolTotals();
+        for (unsigned tries = 0; tries < 1000 && looks_ && now.LiveBlocks > first_.LiveBlocks; ++tries) {
+            std::this_thread::sleep_for(5ms);
+            now = nthost::PoolTotals();
+        }
         if (looks_++ == 0) {
             first_ = now;
         } else if (now.LiveBlocks > first_.LiveBlocks) {
