@@ -4,6 +4,7 @@
 #include "dataio/dataio.h"
 
 #include "plugin/call.h"
+#include "frame/atomic.h"
 #include "frame/buffer.h"
 #include "frame/resource.h"
 #include "objects/util.h"
@@ -29,7 +30,7 @@ ReadRequest ReadParameters(PIRP irp)
         .File = GvFcbOf(stack->FileObject),
         .Offset = stack->Parameters.Read.ByteOffset.QuadPart,
         .IsPaging = (irp->Flags & IRP_PAGING_IO) != 0,
-        .IsSynchronous = (stack->FileObject->Flags & FO_SYNCHRONOUS_IO) != 0,
+        .IsSynchronous = (GvLoad(stack->FileObject->Flags) & FO_SYNCHRONOUS_IO) != 0,
         .IsMdl = (stack->MinorFunction & IRP_MN_MDL) != 0,
     };
 }
@@ -39,7 +40,7 @@ void TraceParameters(const ReadRequest& read)
     GV_TRACE_AS("GvDoRead", GvTraceFlow,
                 "mn: 0x%x, fo: 0x%x, fo-flags: 0x%x, synch: 0x%x, irp-flags: 0x%x, paging: 0x%x, mdl: 0x%x, "
                 "user-buffer: 0x%x\n",
-                IoGetCurrentIrpStackLocation(read.Irp)->MinorFunction, read.FileObject, read.FileObject->Flags,
+                IoGetCurrentIrpStackLocation(read.Irp)->MinorFunction, read.FileObject, GvLoad(read.FileObject->Flags),
                 static_cast<ULONG>(read.IsSynchronous), read.Irp->Flags, static_cast<ULONG>(read.IsPaging),
                 static_cast<ULONG>(read.IsMdl), read.Irp->UserBuffer);
 }

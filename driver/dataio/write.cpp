@@ -5,6 +5,7 @@
 
 #include "dataio/dataio.h"
 
+#include "frame/atomic.h"
 #include "frame/buffer.h"
 #include "frame/guard.h"
 #include "plugin/call.h"
@@ -39,17 +40,17 @@ WriteRequest WriteParameters(PIRP irp)
         .Offset = stack->Parameters.Write.ByteOffset.QuadPart,
         .Length = stack->Parameters.Write.Length,
         .IsPaging = (irp->Flags & IRP_PAGING_IO) != 0,
-        .IsSynchronous = (stack->FileObject->Flags & FO_SYNCHRONOUS_IO) != 0,
+        .IsSynchronous = (GvLoad(stack->FileObject->Flags) & FO_SYNCHRONOUS_IO) != 0,
         .IsMdl = (stack->MinorFunction & IRP_MN_MDL) != 0,
     };
 }
 
 void TraceParameters(const WriteRequest& write)
 {
-    GV_TRACE_AS(kName, GvTraceFlow,
-                "mn: 0x%x, fo: 0x%x, fo-flags: 0x%x, irp-flags: 0x%x, mdl: 0x%x, user-buffer: 0x%x\n",
-                IoGetCurrentIrpStackLocation(write.Irp)->MinorFunction, write.FileObject, write.FileObject->Flags,
-                write.Irp->Flags, static_cast<ULONG>(write.IsMdl), write.Irp->UserBuffer);
+    GV_TRACE_AS(
+        kName, GvTraceFlow, "mn: 0x%x, fo: 0x%x, fo-flags: 0x%x, irp-flags: 0x%x, mdl: 0x%x, user-buffer: 0x%x\n",
+        IoGetCurrentIrpStackLocation(write.Irp)->MinorFunction, write.FileObject, GvLoad(write.FileObject->Flags),
+        write.Irp->Flags, static_cast<ULONG>(write.IsMdl), write.Irp->UserBuffer);
 }
 
 // The offset is the caller's, and the sum may leave the signed range.

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "ob/service.h"
+#include "io/file.h"
 #include "ke/word_lock.h"
 #include "ob/handle.h"
 #include "ob/object.h"
@@ -225,7 +226,7 @@ const IO_COMPLETION_CONTEXT* PortOf(PFILE_OBJECT file)
 
 NTSTATUS BindPort(PFILE_OBJECT file, const FILE_COMPLETION_INFORMATION& binding, KPROCESSOR_MODE mode)
 {
-    if (file->Flags & FO_SYNCHRONOUS_IO) return STATUS_INVALID_PARAMETER;
+    if (HasFlag(file, FO_SYNCHRONOUS_IO)) return STATUS_INVALID_PARAMETER;
     PortReference port;
     if (const NTSTATUS status = port.Open(binding.Port, mode); !NT_SUCCESS(status)) return status;
     auto* const context = new (std::nothrow) IO_COMPLETION_CONTEXT{port.Get(), binding.Key};
@@ -252,7 +253,7 @@ bool TellsPort(PFILE_OBJECT file, NTSTATUS status, Inline how)
 {
     if (how == Inline::No) return true;
     if (NT_ERROR(status)) return false;
-    return !(NT_SUCCESS(status) && (file->Flags & FO_SKIP_COMPLETION_PORT));
+    return !(NT_SUCCESS(status) && HasFlag(file, FO_SKIP_COMPLETION_PORT));
 }
 
 } // namespace nthost::io

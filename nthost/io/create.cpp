@@ -4,6 +4,7 @@
 #include <nthost/faults.h>
 
 #include "io/ea_list.h"
+#include "io/file.h"
 #include "io/open.h"
 #include "ob/service.h"
 #include "ob/object.h"
@@ -62,7 +63,7 @@ NTSTATUS ReturnFile(const CreateArguments& arguments, ULONG attributes, const Op
     NTSTATUS status = ob::WriteUser(arguments.StatusBlock, opened.Result, arguments.Mode);
     if (NT_SUCCESS(status)) {
         // The file object must know of its handle before another thread can close it.
-        file->Flags |= FO_HANDLE_CREATED;
+        SetFlag(file, FO_HANDLE_CREATED);
         status = ob::ReturnHandle(file, opened.Granted, attributes, arguments.Mode, arguments.Handle);
     }
     return status;

@@ -30,10 +30,10 @@ void SendClosing(PFILE_OBJECT file, UCHAR major)
 
 void SendCleanup(PFILE_OBJECT file)
 {
-    const bool synchronous = file->Flags & FO_SYNCHRONOUS_IO;
+    const bool synchronous = HasFlag(file, FO_SYNCHRONOUS_IO);
     if (synchronous) LockFileObject(file);
     SendClosing(file, IRP_MJ_CLEANUP);
-    file->Flags |= FO_CLEANUP_COMPLETE;
+    SetFlag(file, FO_CLEANUP_COMPLETE);
     if (synchronous) UnlockFileObject(file);
 }
 
@@ -50,9 +50,9 @@ void CloseFile(PEPROCESS process, void* body, ACCESS_MASK, ULONG processRemainin
 void DeleteFile(void* body)
 {
     auto* const file = static_cast<PFILE_OBJECT>(body);
-    if (file->Flags & FO_FILE_OPEN) {
+    if (HasFlag(file, FO_FILE_OPEN)) {
         // An open that never got a handle still has had its create.
-        if (!(file->Flags & FO_CLEANUP_COMPLETE)) SendCleanup(file);
+        if (!HasFlag(file, FO_CLEANUP_COMPLETE)) SendCleanup(file);
         SendClosing(file, IRP_MJ_CLOSE);
     }
     if (file->FileName.Buffer) ExFreePoolWithTag(file->FileName.Buffer, 0);

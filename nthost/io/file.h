@@ -18,6 +18,18 @@ struct FileBody {
 
 inline FileBody* BodyOf(PFILE_OBJECT file) { return reinterpret_cast<FileBody*>(file); }
 
+// The flags of a file object change while requests are out on it: its mode is set, its last handle goes while a section
+// still pages through it. From the first request on they are read and changed by these alone.
+inline ULONG FileFlags(const FILE_OBJECT* file) { return __atomic_load_n(&file->Flags, __ATOMIC_RELAXED); }
+inline bool HasFlag(const FILE_OBJECT* file, ULONG flag) { return FileFlags(file) & flag; }
+inline void SetFlag(PFILE_OBJECT file, ULONG flag, bool on = true)
+{
+    if (on)
+        __atomic_fetch_or(&file->Flags, flag, __ATOMIC_SEQ_CST);
+    else
+        __atomic_fetch_and(&file->Flags, ~flag, __ATOMIC_SEQ_CST);
+}
+
 extern OBJECT_TYPE FileType;
 extern const GENERIC_MAPPING FileMapping;
 

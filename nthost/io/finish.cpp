@@ -53,7 +53,7 @@ void EndBuffers(IrpRecord* record)
 bool OnSynchronousFile(PIRP irp)
 {
     PFILE_OBJECT const file = irp->Tail.Overlay.OriginalFileObject;
-    return file && (file->Flags & FO_SYNCHRONOUS_IO);
+    return file && HasFlag(file, FO_SYNCHRONOUS_IO);
 }
 
 // An error that the service returns itself is told nowhere else; one that came later is, unless the caller waits for
@@ -68,7 +68,7 @@ void SignalFile(PIRP irp)
     PFILE_OBJECT const file = irp->Tail.Overlay.OriginalFileObject;
     // Requests of one file may end at the same moment.
     std::atomic_ref(file->FinalStatus).store(irp->IoStatus.Status, std::memory_order_relaxed);
-    if (!(file->Flags & FO_SKIP_SET_EVENT)) KeSetEvent(&file->Event, IO_NO_INCREMENT, FALSE);
+    if (!HasFlag(file, FO_SKIP_SET_EVENT)) KeSetEvent(&file->Event, IO_NO_INCREMENT, FALSE);
 }
 
 void TellCaller(PIRP irp, Pended pended, bool tells)
@@ -232,7 +232,7 @@ void NoteQueueWait(PDEVICE_OBJECT device, const IrpRecord* record)
 void AwaitDone(IrpRecord* record)
 {
     PIRP const irp = &record->Irp;
-    const bool alertable = OnSynchronousFile(irp) && (irp->Tail.Overlay.OriginalFileObject->Flags & FO_ALERTABLE_IO);
+    const bool alertable = OnSynchronousFile(irp) && HasFlag(irp->Tail.Overlay.OriginalFileObject, FO_ALERTABLE_IO);
     const KPROCESSOR_MODE mode = alertable ? irp->RequestorMode : static_cast<KPROCESSOR_MODE>(KernelMode);
     if (KeWaitForSingleObject(&record->Done, Executive, mode, alertable, nullptr) == STATUS_SUCCESS) return;
     IoCancelIrp(irp);

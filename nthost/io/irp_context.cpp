@@ -1,4 +1,5 @@
 // In which context a request is served: what it and its thread say when a driver asks.
+#include "io/file.h"
 #include "io/irp.h"
 #include "ke/thread.h"
 
@@ -9,7 +10,7 @@ BOOLEAN NTAPI IoIsOperationSynchronous(PIRP Irp)
 {
     PFILE_OBJECT const file = Irp->Tail.Overlay.OriginalFileObject;
     constexpr ULONG SynchronousPaging = IRP_PAGING_IO | IRP_SYNCHRONOUS_PAGING_IO;
-    if (file && (file->Flags & FO_SYNCHRONOUS_IO)) return TRUE;
+    if (file && HasFlag(file, FO_SYNCHRONOUS_IO)) return TRUE;
     // The paging bit alone says nothing: its companion has another meaning on other requests.
     return (Irp->Flags & IRP_SYNCHRONOUS_API) || (Irp->Flags & SynchronousPaging) == SynchronousPaging;
 }

@@ -86,7 +86,7 @@ PFILE_OBJECT NewFileFor(const OpenParameters& open, const Target& target)
         UncountOpen(target.Device);
         return nullptr;
     }
-    if (IsCaseSensitive(open)) file->Flags |= FO_OPENED_CASE_SENSITIVE;
+    if (IsCaseSensitive(open)) SetFlag(file, FO_OPENED_CASE_SENSITIVE);
     if (SetFileName(file, target.Path, target.Length)) return file;
     ObDereferenceObject(file);
     return nullptr;
@@ -153,7 +153,7 @@ NTSTATUS Create(const OpenParameters& open, const Target& target, OpenedFile* op
         return status;
     }
     if (status != STATUS_REPARSE) {
-        file->Flags |= FO_FILE_OPEN;
+        SetFlag(file, FO_FILE_OPEN);
         KeSetEvent(&file->Event, IO_NO_INCREMENT, FALSE); // nothing is out on it
     }
     opened->File = file;

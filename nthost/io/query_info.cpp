@@ -47,7 +47,7 @@ struct Query {
 
 ULONG ModeOf(PFILE_OBJECT file)
 {
-    const ULONG flags = file->Flags;
+    const ULONG flags = FileFlags(file);
     const ULONG waiting = flags & FO_ALERTABLE_IO ? FILE_SYNCHRONOUS_IO_ALERT : FILE_SYNCHRONOUS_IO_NONALERT;
     return (flags & FO_SYNCHRONOUS_IO ? waiting : 0) | (flags & FO_WRITE_THROUGH ? FILE_WRITE_THROUGH : 0) |
            (flags & FO_SEQUENTIAL_ONLY ? FILE_SEQUENTIAL_ONLY : 0) |
@@ -135,7 +135,7 @@ bool AskFast(const Query& query, Request& request, NTSTATUS* status)
 
 FILE_IO_COMPLETION_NOTIFICATION_INFORMATION NotificationOf(PFILE_OBJECT file)
 {
-    const ULONG flags = file->Flags;
+    const ULONG flags = FileFlags(file);
     return {(flags & FO_SKIP_COMPLETION_PORT ? FILE_SKIP_COMPLETION_PORT_ON_SUCCESS : 0) |
             (flags & FO_SKIP_SET_EVENT ? FILE_SKIP_SET_EVENT_ON_HANDLE : 0) |
             (flags & FO_SKIP_SET_FAST_IO ? FILE_SKIP_SET_USER_EVENT_ON_FAST_IO : 0)};
@@ -152,7 +152,7 @@ NTSTATUS AnswerOrAsk(const Query& query, Request& request)
     case FileAlignmentInformation:
         return Answer(query, FILE_ALIGNMENT_INFORMATION{request.Device()->AlignmentRequirement});
     case FilePositionInformation:
-        return file->Flags & FO_SYNCHRONOUS_IO ? AnswerPosition(query, file) : AskDriver(query, request);
+        return HasFlag(file, FO_SYNCHRONOUS_IO) ? AnswerPosition(query, file) : AskDriver(query, request);
     case FileIoCompletionNotificationInformation: return Answer(query, NotificationOf(file));
     default: return AskDriver(query, request);
     }

@@ -121,7 +121,7 @@ void UnlockAllOf(PFILE_OBJECT file, PEPROCESS process)
 {
     if (!__atomic_load_n(&file->LockOperation, __ATOMIC_RELAXED)) return;
     PDEVICE_OBJECT const device = IoGetRelatedDeviceObject(file);
-    const bool synchronous = file->Flags & FO_SYNCHRONOUS_IO;
+    const bool synchronous = HasFlag(file, FO_SYNCHRONOUS_IO);
     const ActAs owner(process, KernelMode);
     if (synchronous) LockFileObject(file);
     IO_STATUS_BLOCK result{};

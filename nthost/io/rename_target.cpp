@@ -4,6 +4,7 @@
 #include "io/rename_target.h"
 
 #include "io/finish.h"
+#include "io/file.h"
 #include "io/open.h"
 
 namespace nthost::io {
@@ -45,7 +46,7 @@ namespace {
     OpenParameters open{};
     open.Mode = request.Irp()->RequestorMode;
     open.Name = &name;
-    open.Attributes = request.File()->Flags & FO_OPENED_CASE_SENSITIVE ? 0 : OBJ_CASE_INSENSITIVE;
+    open.Attributes = HasFlag(request.File(), FO_OPENED_CASE_SENSITIVE) ? 0 : OBJ_CASE_INSENSITIVE;
     open.DesiredAccess = access;
     open.ShareAccess = FILE_SHARE_READ | FILE_SHARE_WRITE;
     open.Disposition = FILE_OPEN;

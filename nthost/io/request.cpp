@@ -88,7 +88,7 @@ NTSTATUS Request::RequireAny(ACCESS_MASK access) const
 
 void Request::LockFile()
 {
-    if (fileLocked_ || !(file_->Flags & FO_SYNCHRONOUS_IO)) return;
+    if (fileLocked_ || !HasFlag(file_, FO_SYNCHRONOUS_IO)) return;
     LockFileObject(file_);
     fileLocked_ = true;
 }
@@ -97,7 +97,7 @@ NTSTATUS Request::EndFast(const IO_STATUS_BLOCK& result)
 {
     result_ = result;
     const NTSTATUS written = ob::WriteUser(statusBlock_, result, mode_);
-    if (event_ && !(file_->Flags & FO_SKIP_SET_FAST_IO)) KeSetEvent(event_, IO_NO_INCREMENT, FALSE);
+    if (event_ && !HasFlag(file_, FO_SKIP_SET_FAST_IO)) KeSetEvent(event_, IO_NO_INCREMENT, FALSE);
     if (const auto* const port = PortOf(file_); port && apcContext_ && TellsPort(file_, result.Status, Inline::Yes))
         (void)PostPacket(static_cast<CompletionPort*>(port->Port), port->Key, apcContext_, result);
     return NT_SUCCESS(written) ? result.Status : written;
@@ -105,7 +105,7 @@ NTSTATUS Request::EndFast(const IO_STATUS_BLOCK& result)
 
 NTSTATUS Request::Build(UCHAR major, UCHAR minor)
 {
-    const bool synchronousFile = file_->Flags & FO_SYNCHRONOUS_IO;
+    const bool synchronousFile = HasFlag(file_, FO_SYNCHRONOUS_IO);
     LockFile();
     if (event_) KeClearEvent(event_);
     const bool waitsApart = service_ == Service::AlwaysWaits && !synchronousFile;

@@ -5,6 +5,7 @@
 
 #include <ntifs.h>
 
+#include "io/file.h"
 #include "io/irp.h"
 
 namespace nthost::io {
@@ -67,7 +68,7 @@ public:
 
 private:
     [[nodiscard]] NTSTATUS ReferenceEvent(HANDLE event);
-    bool Waits() const { return service_ == Service::AlwaysWaits || (file_->Flags & FO_SYNCHRONOUS_IO); }
+    bool Waits() const { return service_ == Service::AlwaysWaits || HasFlag(file_, FO_SYNCHRONOUS_IO); }
 
     KPROCESSOR_MODE mode_ = KernelMode;
     Service service_ = Service::AlwaysWaits;

@@ -48,7 +48,7 @@ bool IsPosition(LARGE_INTEGER position, PFILE_OBJECT file)
 {
     if (position.QuadPart < 0) return false;
     const ULONG sector = file->DeviceObject->SectorSize;
-    return !(file->Flags & FO_NO_INTERMEDIATE_BUFFERING) || sector <= 1 || position.QuadPart % sector == 0;
+    return !HasFlag(file, FO_NO_INTERMEDIATE_BUFFERING) || sector <= 1 || position.QuadPart % sector == 0;
 }
 
 NTSTATUS SetPosition(const Change& change, PFILE_OBJECT file)
@@ -70,16 +70,8 @@ constexpr ULONG SynchronousModes = FILE_SYNCHRONOUS_IO_ALERT | FILE_SYNCHRONOUS_
 bool IsMode(ULONG mode, PFILE_OBJECT file)
 {
     if (mode & ~(SynchronousModes | FILE_WRITE_THROUGH | FILE_SEQUENTIAL_ONLY)) return false;
-    const bool synchronous = file->Flags & FO_SYNCHRONOUS_IO;
+    const bool synchronous = HasFlag(file, FO_SYNCHRONOUS_IO);
     return synchronous == !!(mode & SynchronousModes) && (mode & SynchronousModes) != SynchronousModes;
-}
-
-void SetFlag(PFILE_OBJECT file, ULONG flag, bool on)
-{
-    if (on)
-        __atomic_fetch_or(&file->Flags, flag, __ATOMIC_SEQ_CST);
-    else
-        __atomic_fetch_and(&file->Flags, ~flag, __ATOMIC_SEQ_CST);
 }
 
 NTSTATUS SetMode(const Change& change, PFILE_OBJECT file)
@@ -90,8 +82,7 @@ NTSTATUS SetMode(const Change& change, PFILE_OBJECT file)
     if (!NT_SUCCESS(status)) return status;
     if (!IsMode(wanted.Mode, file)) return STATUS_INVALID_PARAMETER;
     // Nothing is held back of what is written unbuffered, so there it means nothing.
-    if (!(file->Flags & FO_NO_INTERMEDIATE_BUFFERING))
-        SetFlag(file, FO_WRITE_THROUGH, wanted.Mode & FILE_WRITE_THROUGH);
+    if (!HasFlag(file, FO_NO_INTERMEDIATE_BUFFERING)) SetFlag(file, FO_WRITE_THROUGH, wanted.Mode & FILE_WRITE_THROUGH);
     SetFlag(file, FO_SEQUENTIAL_ONLY, wanted.Mode & FILE_SEQUENTIAL_ONLY);
     SetFlag(file, FO_ALERTABLE_IO, wanted.Mode & FILE_SYNCHRONOUS_IO_ALERT);
     return AnswerDone(change);
@@ -114,7 +105,7 @@ NTSTATUS SetNotification(const Change& change, PFILE_OBJECT file)
     const NTSTATUS status = ob::ReadUser(static_cast<const FILE_IO_COMPLETION_NOTIFICATION_INFORMATION*>(change.Buffer),
                                          &wanted, change.Mode);
     if (!NT_SUCCESS(status)) return status;
-    if ((wanted.Flags & ~Known) || (file->Flags & FO_SYNCHRONOUS_IO)) return STATUS_INVALID_PARAMETER;
+    if ((wanted.Flags & ~Known) || HasFlag(file, FO_SYNCHRONOUS_IO)) return STATUS_INVALID_PARAMETER;
     // Nobody takes them back: a request on its way may count on what it saw.
     if (wanted.Flags & FILE_SKIP_COMPLETION_PORT_ON_SUCCESS) SetFlag(file, FO_SKIP_COMPLETION_PORT, true);
     if (wanted.Flags & FILE_SKIP_SET_EVENT_ON_HANDLE) SetFlag(file, FO_SKIP_SET_EVENT, true);
@@ -163,7 +154,7 @@ NTSTATUS Apply(const Change& change, Request& request)
     if (change.Class == FileModeInformation) return SetMode(change, file);
     if (change.Class == FileCompletionInformation) return SetPort(change, file);
     if (change.Class == FileIoCompletionNotificationInformation) return SetNotification(change, file);
-    const bool isPosition = change.Class == FilePositionInformation && (file->Flags & FO_SYNCHRONOUS_IO);
+    const bool isPosition = change.Class == FilePositionInformation && HasFlag(file, FO_SYNCHRONOUS_IO);
     return isPosition ? SetPosition(change, file) : AskDriver(change, request);
 }
 

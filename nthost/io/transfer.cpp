@@ -1,6 +1,7 @@
 // Reading and writing: access, position and alignment rules. How the data travels is the device's choice. The file
 // object's own position is taken under its lock, which the request holds from Build on; the file system moves it.
 #include "io/fast_io.h"
+#include "io/file.h"
 #include "io/request.h"
 #include "ob/service.h"
 #include "ob/capture.h"
@@ -44,7 +45,7 @@ bool OnlyAppends(const Request& request)
     switch (position.Base) {
     case Position::From::End: return STATUS_SUCCESS;
     case Position::From::Current:
-        return file->Flags & FO_SYNCHRONOUS_IO ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER; // others have none
+        return HasFlag(file, FO_SYNCHRONOUS_IO) ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER; // others have none
     default: return position.Offset.QuadPart >= 0 ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER;
     }
 }
@@ -68,7 +69,7 @@ bool OnlyAppends(const Request& request)
 bool IsAligned(const Transfer& transfer, const Position& position, const Request& request)
 {
     PFILE_OBJECT const file = request.File();
-    if (!(file->Flags & FO_NO_INTERMEDIATE_BUFFERING)) return true;
+    if (!HasFlag(file, FO_NO_INTERMEDIATE_BUFFERING)) return true;
     if (reinterpret_cast<ULONG_PTR>(transfer.Buffer) & request.Device()->AlignmentRequirement) return false;
     const ULONG sector = file->DeviceObject->SectorSize;
     if (sector <= 1) return true;
@@ -116,13 +117,13 @@ void FillRequest(Request& request, const Transfer& transfer, ULONG key, const Po
     const LARGE_INTEGER offset = OffsetOf(position, file);
     PIO_STACK_LOCATION const location = request.Location();
     request.Irp()->Flags |= IRP_DEFER_IO_COMPLETION;
-    if (file->Flags & FO_NO_INTERMEDIATE_BUFFERING) request.Irp()->Flags |= IRP_NOCACHE;
+    if (HasFlag(file, FO_NO_INTERMEDIATE_BUFFERING)) request.Irp()->Flags |= IRP_NOCACHE;
     if (transfer.Way == Direction::Read) {
         request.Irp()->Flags |= IRP_READ_OPERATION;
         Fill(location->Parameters.Read, transfer, key, offset);
     } else {
         request.Irp()->Flags |= IRP_WRITE_OPERATION;
-        if (file->Flags & FO_WRITE_THROUGH) location->Flags = SL_WRITE_THROUGH;
+        if (HasFlag(file, FO_WRITE_THROUGH)) location->Flags = SL_WRITE_THROUGH;
         Fill(location->Parameters.Write, transfer, key, offset);
     }
 }
@@ -143,7 +144,7 @@ bool IsFinal(NTSTATUS status, Direction way)
 bool MoveFast(Request& request, const Transfer& transfer, ULONG key, const Position& position, NTSTATUS* status)
 {
     PFILE_OBJECT const file = request.File();
-    if (!request.MayBeFast() || !(file->Flags & FO_SYNCHRONOUS_IO) || !file->PrivateCacheMap) return false;
+    if (!request.MayBeFast() || !HasFlag(file, FO_SYNCHRONOUS_IO) || !file->PrivateCacheMap) return false;
     request.LockFile();
     LARGE_INTEGER offset = OffsetOf(position, file);
     IO_STATUS_BLOCK result{};

@@ -6,7 +6,6 @@
 #include <future>
 #include <thread>
 
-#include <nthost/process.h>
 #include <nthost/sections.h>
 
 #include "create/create.h"
@@ -52,10 +51,6 @@ protected:
         IO_STATUS_BLOCK block = {};
         LARGE_INTEGER zero = {};
         return NtWriteFile(file, nullptr, nullptr, nullptr, &block, const_cast<char*>(data), length, &zero, nullptr);
-    }
-    static std::thread InTheBackground(std::function<void()> body)
-    {
-        return nthost::StartThread(nthost::HostProcess(), std::move(body));
     }
 };
 

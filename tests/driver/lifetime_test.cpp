@@ -4,7 +4,6 @@
 #include <atomic>
 #include <thread>
 
-#include <nthost/process.h>
 #include <nthost/sections.h>
 
 #include "objects/fcb.h"
@@ -23,10 +22,6 @@ constexpr OpenRequest kAsync = {.Access = FILE_READ_DATA | FILE_WRITE_DATA, .Opt
 
 class Lifetimes : public VolumeTest {
 protected:
-    static std::thread InTheBackground(std::function<void()> body)
-    {
-        return nthost::StartThread(nthost::HostProcess(), std::move(body));
-    }
     // A read that the memory manager sends from inside of other work on this thread.
     NTSTATUS ReadNested(PFILE_OBJECT file, char* byte)
     {

@@ -1,6 +1,9 @@
 // Mapped files: what comes through a view and what through a handle agree, whichever wrote last; sections that outlive
 // their handles; what a mapped file refuses; what a plugin's touches and locks do to the order of waits.
 
+#include <atomic>
+#include <thread>
+
 #include <nthost/check.h>
 
 #include "open_volume.h"
@@ -175,6 +178,23 @@ TEST_F(Mapped, FilesAreWrittenByThePageWriterAsOneCall)
     EXPECT_EQ(TakeCalls(), Lines{"Write 0 8192"});
     EXPECT_EQ(nthost::DataSectionOf(object.Get()).DirtyPages, 0u);
     EXPECT_EQ(support::ReadText(file.Get(), 4, PAGE_SIZE - 2), "over");
+}
+
+// The file object through which the pages go is that of the handle that made the section, on its way out by then.
+TEST_F(Mapped, FilesAreWrittenFromTheirPagesWhileTheirLastHandleGoes)
+{
+    Handle file = OpenFilled();
+    View view(file.Get());
+    EXPECT_STATUS(STATUS_SUCCESS, view.Put(0, "page"));
+    std::atomic<bool> closed = false; // says when, and orders nothing
+    std::thread flush = InTheBackground([&] {
+        while (!closed.load(std::memory_order_relaxed)) std::this_thread::yield();
+        EXPECT_STATUS(STATUS_SUCCESS, view.Flush());
+    });
+    file.Close();
+    closed.store(true, std::memory_order_relaxed);
+    flush.join();
+    EXPECT_EQ(support::ReadText(OpenOrFail("\\file").Get(), 4), "page");
 }
 
 #if NTHOST_CHECKS

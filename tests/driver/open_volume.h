@@ -3,9 +3,12 @@
 // nothing.
 #pragma once
 
+#include <functional>
 #include <optional>
+#include <thread>
 
 #include <gvnd/memfs.h>
+#include <nthost/process.h>
 #include <workbench/plugin_table.h>
 #include <workbench/volume.h>
 
@@ -30,6 +33,11 @@ class VolumeTest : public support::HostFixture {
 protected:
     void SetUp() override;
     void TearDown() override;
+
+    static std::thread InTheBackground(std::function<void()> body)
+    {
+        return nthost::StartThread(nthost::HostProcess(), std::move(body));
+    }
 
     // Content. Also while mounted: a change behind the driver's back.
     void MakeDir(const std::string& path);
