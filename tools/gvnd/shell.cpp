@@ -1,9 +1,11 @@
 // Lines, words, and which command they mean.
 #include "gvnd/shell.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <utility>
 
@@ -110,6 +112,9 @@ void Shell::RunWords(const Words& words)
         throw Usage("the volume has been unmounted; exit and mount it again");
     }
     command.Run(*this, words);
+    // A full disk and a closed pipe show here at the latest; what follows would be lost as well.
+    if (std::fflush(stdout) != 0 || std::ferror(stdout))
+        throw HostFailure(fmt::format("output is lost: {}", std::strerror(errno)));
 }
 
 OpenHandle& Shell::Handle(const std::string& number)
