@@ -150,6 +150,15 @@ for command in '' shell import export plugins check mount 'shell -c help'; do
     [ -z "$long" ] || fail "help of '$command' is wider than 80 columns: $long"
 done
 
+# --- history, which a terminal has alone: the second shell finds the first one's line by Ctrl-P twice
+
+typed() { printf '%b' "$1" | XDG_STATE_HOME="$work/state" timeout 60 script -qec "'$gvnd' shell" /dev/null; }
+if command -v script >/dev/null; then
+    typed 'mkdir /remembered\nexit\n' >/dev/null
+    typed '\x10\x10\nls\nexit\n' | grep 'remembered/' >/dev/null || fail "history: the last shell's line did not come back"
+    [ "$(grep -c remembered "$work/state/gvnd/history")" = 2 ] || fail "history: $(cat "$work/state/gvnd/history")"
+fi
+
 # --- lost output, of every command that prints
 
 for command in ls 'ls -l' 'cat /f' 'get /f -' 'find /' pwd 'stat /f' 'attr /f' 'ea list /f' 'ea get /f K' 'map /f show' \
