@@ -127,6 +127,7 @@ if(GVND_BUILD_TOOL AND GVND_TOOL_SOURCES AND TARGET gvnd_driver)
     mark_as_advanced(GVND_READLINE)
     gvnd_executable(gvnd ${GVND_TOOL_SOURCES})
     target_include_directories(gvnd PRIVATE ${PROJECT_SOURCE_DIR}/tools)
+    target_compile_definitions(gvnd PRIVATE GVND_TOOL_VERSION="${PROJECT_VERSION}")
     target_compile_definitions(gvnd PRIVATE GVND_PLUGIN_DIRECTORY="${CMAKE_INSTALL_LIBDIR}/gvnd")
     # A plugin that is loaded may use any routine of the host, also one that nobody here uses.
     target_link_options(gvnd PRIVATE

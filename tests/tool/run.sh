@@ -130,6 +130,47 @@ expect "label" 0 '^label +Shelf$' "$gvnd" shell -c 'label Shelf; label'
 expect "capacity" 0 '^size +4194304 ' "$gvnd" shell --capacity 4M -c 'df'
 expect "help of one command" 0 'mv \[--replace\] PATH' "$gvnd" shell -c 'help mv'
 
+both "cp" '^abc$' 'write /f 0 "abc\n"; write /g 0 longer; cp /f /g; rm /f; cat /g'
+both "relative paths" '^/d/e$' 'mkdir d; cd d; mkdir e; write e/f 0 x; cd ./e; mv f ../g; cp ../g h; pwd; cat /d/e/h; rm /d/g; cd; rm -r d; stat /'
+both "cd back up" '^g$' 'mkdir /d; cd d; touch ../g; cd ..; rmdir d; ls'
+both "rm -r keeps what links lead to" '^/keep/f$' \
+    'mkdir /keep; write /keep/f 0 x; mkdir /d; mkdir /d/e; touch /d/e/g; ln /keep /d/e/l; ln /keep/f /d/l; rm -r /d; find /'
+both "rm -r" '^0 entries$' 'mkdir /d; mkdir /d/e; touch /d/e/f; rm -r /d; touch /g; rm -r /g; ls -l'
+both "find" '^/d/e/Name.TXT$' 'mkdir /d; mkdir /d/e; touch /d/e/Name.TXT; ln /d /d/e/loop; find / *.txt'
+expect "put and get by standard input and output" 0 '^one$' bash -c "printf 'put - /f\none\n' | '$gvnd' shell - >/dev/null &&
+    printf 'one\n' | '$gvnd' shell -c 'put - /f; get /f -'"
+expect "cp onto itself" 1 STATUS_SHARING_VIOLATION "$gvnd" shell -c 'write /f 0 abc; cp /f /f'
+expect "cd to nothing" 1 STATUS_OBJECT_NAME_NOT_FOUND "$gvnd" shell -c 'cd /nothing'
+expect "rm -r of the root" 2 'root cannot be removed' "$gvnd" shell -c 'rm -r /'
+expect "version" 0 '^gvnd [0-9]+\.[0-9]+\.[0-9]+$' "$gvnd" --version
+for command in '' shell import export plugins check mount 'shell -c help'; do
+    # shellcheck disable=SC2086 # which splits it
+    case $command in *-c*) set -- $command ;; *) set -- $command --help ;; esac
+    long=$("$gvnd" "$@" | awk 'length > 80')
+    [ -z "$long" ] || fail "help of '$command' is wider than 80 columns: $long"
+done
+
+# --- history, which a terminal has alone: the second shell finds the first one's line by Ctrl-P twice
+
+typed() { printf '%b' "$1" | XDG_STATE_HOME="$work/state" timeout 60 script -qec "'$gvnd' shell" /dev/null; }
+if command -v script >/dev/null; then
+    typed 'mkdir /remembered\nexit\n' >/dev/null
+    typed '\x10\x10\nls\nexit\n' | grep 'remembered/' >/dev/null || fail "history: the last shell's line did not come back"
+    [ "$(grep -c remembered "$work/state/gvnd/history")" = 2 ] || fail "history: $(cat "$work/state/gvnd/history")"
+fi
+
+# --- lost output, of every command that prints
+
+for command in ls 'ls -l' 'cat /f' 'get /f -' 'find /' pwd 'stat /f' 'attr /f' 'ea list /f' 'ea get /f K' 'map /f show' \
+    'open /f' 'open /f; handles' df label mounted help 'calls on; ls'; do
+    expect "lost output of $command" 1 'output is lost|cannot write' bash -c '"$@" >/dev/full' - "$gvnd" shell \
+        -c "write /f 0 abc; ea set /f K v; $command"
+done
+for command in --help --version plugins "check memfs --only none" "import $work/tree /"; do
+    # shellcheck disable=SC2086 # which splits it
+    expect "lost output of gvnd $command" 1 'output is lost|cannot write' bash -c '"$@" >/dev/full' - "$gvnd" $command
+done
+
 # --- failures: the status by its name
 
 refused()

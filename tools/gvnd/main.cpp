@@ -49,7 +49,10 @@ void RunCommands(Shell& shell, const Options& options)
 {
     if (!options.Script.empty()) {
         std::istringstream lines(options.Script);
-        for (std::string line; std::getline(lines, line) && shell.Run(line);) {}
+        if (options.Script.find('\n') == std::string::npos)
+            shell.Run(options.Script);
+        else
+            shell.RunScript(lines, "-c");
     } else if (!options.ScriptFile.empty() && options.ScriptFile != "-") {
         std::ifstream file(options.ScriptFile);
         if (!file) throw Usage(fmt::format("cannot read the script '{}'", options.ScriptFile));
@@ -123,10 +126,9 @@ void AddCheckOptions(CLI::App* command, CheckChoice& check)
 
 int Main(int argc, char** argv)
 {
-    CLI::App app(
-        "gvnd: mounts a storage plugin behind the NT file-system driver, in this process.\n"
-        "Without a command it shows the road of one file, imports /usr/include into memory and compares it, and\n"
-        "exports it through a served directory.");
+    CLI::App app("gvnd: mounts a storage plugin behind the NT file-system driver, in this process.\n"
+                 "Without a command it shows the road of one file, imports /usr/include into\n"
+                 "memory and compares it, and exports it through a served directory.");
     app.footer("Examples:\n"
                "  gvnd shell                                       an empty volume in memory; try `help`\n"
                "  gvnd shell -p hostfs:DIR -c \"calls on; ls -l\"    a directory, with what each command asks of it\n"
@@ -134,8 +136,10 @@ int Main(int argc, char** argv)
                "  gvnd export -p hostfs:DIR / HOST-DIR             copies a tree out, and compares it\n"
                "  gvnd mount -p hostfs:DIR MOUNT-DIR               a directory, through the driver, for any program\n"
                "  gvnd check so:./plugin.so:ARGUMENTS              holds a plugin to its contract\n"
-               "Exit codes: 0 success, 1 a request failed, 2 wrong usage, 3 copies disagree, 4 something leaked,\n"
-               "5 the plugin is at fault.");
+               "Exit codes: 0 success, 1 a request failed, 2 wrong usage, 3 copies disagree,\n"
+               "4 something leaked, 5 the plugin is at fault.");
+    app.set_version_flag("--version", "gvnd " GVND_TOOL_VERSION);
+    app.get_formatter()->column_width(28);
     Options options;
     CLI::App* const shell = app.add_subcommand("shell", "commands on a volume; `help` inside lists them");
     AddVolumeOptions(shell, options);
@@ -171,6 +175,9 @@ int Main(int argc, char** argv)
     app.require_subcommand(0, 1);
     try {
         app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        fmt::print("{}", Wrapped(app.help()));
+        return ExitSuccess;
     } catch (const CLI::ParseError& error) {
         const int code = app.exit(error);
         return code == 0 ? ExitSuccess : ExitUsage;

@@ -1,10 +1,14 @@
 // Lines, words, and which command they mean.
 #include "gvnd/shell.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <iostream>
+#include <system_error>
 #include <utility>
 
 #include <fmt/format.h>
@@ -110,6 +114,9 @@ void Shell::RunWords(const Words& words)
         throw Usage("the volume has been unmounted; exit and mount it again");
     }
     command.Run(*this, words);
+    // A full disk and a closed pipe show here at the latest; what follows would be lost as well.
+    if (std::fflush(stdout) != 0 || std::ferror(stdout))
+        throw HostFailure(fmt::format("output is lost: {}", std::strerror(errno)));
 }
 
 OpenHandle& Shell::Handle(const std::string& number)
@@ -167,13 +174,45 @@ void Shell::RunScript(std::istream& script, const std::string& name)
     }
 }
 
+namespace {
+
+// Where the lines that were typed are kept; empty if there is nowhere to keep them, which is no failure.
+std::string HistoryFile()
+{
+    const char* const state = std::getenv("XDG_STATE_HOME");
+    const char* const home = std::getenv("HOME");
+    std::filesystem::path directory;
+    if (state && *state == '/')
+        directory = state;
+    else if (home && *home)
+        directory = std::filesystem::path(home) / ".local/state";
+    else
+        return {};
+    std::error_code failed;
+    std::filesystem::create_directories(directory / "gvnd", failed);
+    return failed ? std::string() : (directory / "gvnd/history").string();
+}
+
+// Each line goes out as it is typed: two shells at once lose nothing, and neither does one that is killed.
+void Remember(const std::string& line, const std::string& file)
+{
+    if (line.empty()) return;
+    add_history(line.c_str());
+    if (file.empty()) return;
+    if (append_history(1, file.c_str()) == ENOENT) write_history(file.c_str());
+}
+
+} // namespace
+
 void Shell::RunInteractive()
 {
+    const std::string history = HistoryFile();
+    if (!history.empty()) read_history(history.c_str());
     fmt::print("`help` lists the commands, `exit` leaves.\n");
     while (char* const typed = readline("gvnd> ")) {
         const std::string line = typed;
         std::free(typed);
-        if (!line.empty()) add_history(line.c_str());
+        Remember(line, history);
         try {
             if (!Run(line)) return;
         } catch (const std::exception& error) {

@@ -6,10 +6,12 @@
 #include <iosfwd>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "gvnd/client.h"
 #include "gvnd/session.h"
+#include "gvnd/text.h"
 
 namespace tool {
 
@@ -35,9 +37,13 @@ public:
     void RunScript(std::istream& script, const std::string& name);
 
     Session& Volume() { return session_; }
+    // Paths that do not begin at the root begin at the directory of `cd`.
+    std::string Resolve(const std::string& path) const { return ResolvePath(directory_, path); }
+    const std::string& Directory() const { return directory_; }
+    void SetDirectory(std::string directory) { directory_ = std::move(directory); }
     File Open(const std::string& path, const OpenRequest& how = {.Access = kReading}) const
     {
-        return OpenFile(session_.NtPath(path), how);
+        return OpenFile(session_.NtPath(Resolve(path)), how);
     }
     // By the number that `open` printed.
     OpenHandle& Handle(const std::string& number);
@@ -52,6 +58,7 @@ private:
 
     Session& session_;
     std::map<unsigned, OpenHandle> handles_;
+    std::string directory_ = "/";
     unsigned nextHandle_ = 1;
     bool showCalls_ = false;
 };

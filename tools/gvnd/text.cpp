@@ -5,6 +5,7 @@
 #include <charconv>
 #include <ctime>
 #include <utility>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -185,6 +186,37 @@ void PrintHex(uint64_t offset, std::string_view bytes)
     }
 }
 
+namespace {
+
+// Where a line's last column begins, behind two blanks or more; else where its text does.
+size_t HangingIndent(std::string_view line, size_t columns)
+{
+    const size_t begin = std::min(line.find_first_not_of(' '), line.size());
+    const size_t gap = line.rfind("  ", columns / 2 + columns / 4);
+    return gap == std::string_view::npos || gap < begin ? begin : gap + 2;
+}
+
+} // namespace
+
+std::string Wrapped(std::string_view text, size_t columns)
+{
+    std::string wrapped;
+    for (size_t at = 0; at < text.size();) {
+        const size_t end = std::min(text.find('\n', at), text.size());
+        std::string line(text.substr(at, end - at));
+        at = end + 1;
+        const size_t indent = HangingIndent(line, columns);
+        while (line.size() > columns) {
+            const size_t blank = line.rfind(' ', columns);
+            if (blank == std::string::npos || blank <= indent) break; // one word
+            wrapped += line.substr(0, line.find_last_not_of(' ', blank) + 1) + '\n';
+            line = std::string(indent, ' ') + line.substr(blank + 1);
+        }
+        wrapped += line + '\n';
+    }
+    return wrapped;
+}
+
 std::string SizeText(uint64_t bytes)
 {
     constexpr const char* kUnits[] = {"B", "KB", "MB", "GB", "TB", "PB"};
@@ -199,6 +231,29 @@ SplitPath SplitLast(const std::string& path)
     const size_t slash = path.find_last_of("/\\");
     if (slash == std::string::npos) return {"/", path};
     return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
+}
+
+std::string ResolvePath(const std::string& directory, const std::string& path)
+{
+    const auto separates = [](char c) { return c == '/' || c == '\\'; };
+    if (!path.empty() && separates(path.front())) return path;
+    std::vector<std::string> components;
+    const std::string whole = directory + "/" + path;
+    for (size_t at = 0; at < whole.size();) {
+        const size_t end = std::min(whole.find_first_of("/\\", at), whole.size());
+        const std::string component = whole.substr(at, end - at);
+        at = end + 1;
+        if (component == "..") {
+            if (!components.empty()) components.pop_back();
+        } else if (!component.empty() && component != ".") {
+            components.push_back(component);
+        }
+    }
+    std::string resolved;
+    for (const std::string& component : components) resolved += "/" + component;
+    // What asks for a directory still does.
+    if (resolved.empty() || (!path.empty() && separates(path.back()))) resolved += '/';
+    return resolved;
 }
 
 bool IsPattern(const std::string& name) { return name.find_first_of("*?<>\"") != std::string::npos; }

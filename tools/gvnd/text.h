@@ -33,6 +33,9 @@ std::string BytesText(std::string_view bytes);
 // Lines of sixteen bytes, with their offsets and what can be printed.
 void PrintHex(uint64_t offset, std::string_view bytes);
 
+// Lines of at most that many columns. What is broken goes on below the last column of the line, or its beginning.
+std::string Wrapped(std::string_view text, size_t columns = 80);
+
 // "1.5 GB".
 std::string SizeText(uint64_t bytes);
 
@@ -42,6 +45,9 @@ struct SplitPath {
     std::string Last;
 };
 SplitPath SplitLast(const std::string& path);
+// A path that does not begin at the root begins at the directory; its . and .. are resolved by their text. One from the
+// root is left as it is, for the file system to judge.
+std::string ResolvePath(const std::string& directory, const std::string& path);
 bool IsPattern(const std::string& name);
 
 } // namespace tool

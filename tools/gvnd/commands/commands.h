@@ -32,6 +32,7 @@ namespace commands {
 
 // info.cpp
 void List(Shell& shell, const Words& words);
+void Find(Shell& shell, const Words& words);
 void Stat(Shell& shell, const Words& words);
 void Attr(Shell& shell, const Words& words);
 void Touch(Shell& shell, const Words& words);
@@ -40,6 +41,7 @@ void Touch(Shell& shell, const Words& words);
 void Cat(Shell& shell, const Words& words);
 void Get(Shell& shell, const Words& words);
 void Put(Shell& shell, const Words& words);
+void Copy(Shell& shell, const Words& words);
 void Write(Shell& shell, const Words& words);
 void Append(Shell& shell, const Words& words);
 void Truncate(Shell& shell, const Words& words);
@@ -77,6 +79,8 @@ void As(Shell& shell, const Words& words);
 
 // table.cpp
 void Trace(Shell& shell, const Words& words);
+void ChangeDirectory(Shell& shell, const Words& words);
+void PrintDirectory(Shell& shell, const Words& words);
 void Calls(Shell& shell, const Words& words);
 void Help(Shell& shell, const Words& words);
 

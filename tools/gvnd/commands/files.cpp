@@ -1,7 +1,11 @@
 // Contents of files: reading, writing, and their sizes.
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
+#include <memory>
+#include <system_error>
 #include <vector>
 
 #include <fmt/format.h>
@@ -30,6 +34,14 @@ void ReadAll(const File& file, Each&& each)
     }
 }
 
+void PrintFile(const File& file)
+{
+    ReadAll(file, [](std::string_view piece) {
+        if (std::fwrite(piece.data(), 1, piece.size(), stdout) != piece.size())
+            throw HostFailure(fmt::format("output is lost: {}", std::strerror(errno)));
+    });
+}
+
 LARGE_INTEGER Size(const std::string& word)
 {
     LARGE_INTEGER size;
@@ -44,13 +56,13 @@ namespace commands {
 void Cat(Shell& shell, const Words& words)
 {
     const File file = shell.Open(words[1], {.Access = kReading, .Options = FILE_NON_DIRECTORY_FILE});
-    ReadAll(file, [](std::string_view piece) { std::fwrite(piece.data(), 1, piece.size(), stdout); });
-    std::fflush(stdout);
+    PrintFile(file);
 }
 
 void Get(Shell& shell, const Words& words)
 {
     const File file = shell.Open(words[1], {.Access = kReading, .Options = FILE_NON_DIRECTORY_FILE});
+    if (words[2] == "-") return PrintFile(file);
     std::ofstream target(words[2], std::ios::binary | std::ios::trunc);
     if (!target) throw HostFailure(fmt::format("create {}: {}", words[2], std::strerror(errno)));
     const auto size = file.Query<FILE_STANDARD_INFORMATION>(FileStandardInformation, "size").EndOfFile.QuadPart;
@@ -66,22 +78,42 @@ void Get(Shell& shell, const Words& words)
 
 void Put(Shell& shell, const Words& words)
 {
-    std::ifstream source(words[1], std::ios::binary | std::ios::ate);
-    if (!source) throw HostFailure(fmt::format("open {}: {}", words[1], std::strerror(errno)));
-    ProgressLine line(true, "copied", static_cast<uint64_t>(source.tellg()));
-    source.seekg(0);
+    const bool standardInput = words[1] == "-";
+    FILE* const opened = standardInput ? nullptr : std::fopen(words[1].c_str(), "rb");
+    if (!standardInput && !opened) throw HostFailure(fmt::format("open {}: {}", words[1], std::strerror(errno)));
+    const std::unique_ptr<FILE, int (*)(FILE*)> closer(opened, std::fclose);
+    FILE* const source = standardInput ? stdin : opened;
+    std::error_code unknown;
+    const auto size = standardInput ? 0 : std::filesystem::file_size(words[1], unknown);
+    ProgressLine line(true, "copied", unknown ? 0 : size);
     const File file = shell.Open(words[2], {.Access = FILE_WRITE_DATA | SYNCHRONIZE,
                                             .Disposition = FILE_OVERWRITE_IF,
                                             .Options = FILE_NON_DIRECTORY_FILE});
     std::vector<char> buffer(kChunk);
     for (uint64_t offset = 0;;) {
-        source.read(buffer.data(), static_cast<std::streamsize>(buffer.size()));
-        const auto got = static_cast<size_t>(source.gcount());
+        const size_t got = std::fread(buffer.data(), 1, buffer.size(), source);
         if (got == 0) break;
         file.Write(offset, buffer.data(), got);
         line.Update(1, offset += got);
     }
-    if (source.bad()) throw HostFailure(fmt::format("read {}: {}", words[1], std::strerror(errno)));
+    const bool failed = std::ferror(source) != 0;
+    if (standardInput) std::clearerr(stdin); // the prompt goes on behind the end that was typed
+    if (failed) throw HostFailure(fmt::format("read {}: {}", words[1], std::strerror(errno)));
+}
+
+// Nobody may write to the source meanwhile, which also keeps a file from being copied onto itself.
+void Copy(Shell& shell, const Words& words)
+{
+    const File source =
+        shell.Open(words[1], {.Access = kReading, .Share = FILE_SHARE_READ, .Options = FILE_NON_DIRECTORY_FILE});
+    const File target = shell.Open(words[2], {.Access = FILE_WRITE_DATA | SYNCHRONIZE,
+                                              .Disposition = FILE_OVERWRITE_IF,
+                                              .Options = FILE_NON_DIRECTORY_FILE});
+    uint64_t offset = 0;
+    ReadAll(source, [&](std::string_view piece) {
+        target.Write(offset, piece.data(), piece.size());
+        offset += piece.size();
+    });
 }
 
 void Write(Shell& shell, const Words& words)

@@ -2,8 +2,11 @@
 #include "gvnd/commands/info.h"
 
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include <fmt/format.h>
+#include <fnmatch.h>
 
 #include "gvnd/commands/commands.h"
 #include "gvnd/status.h"
@@ -33,9 +36,11 @@ void PrintTimes(int64_t creation, int64_t access, int64_t write, int64_t change)
                TimeText(write), TimeText(change));
 }
 
+const char* Mark(const Entry& entry) { return entry.IsDirectory() ? "/" : entry.IsLink() ? "@" : ""; }
+
 void PrintEntry(const Entry& entry, bool longForm)
 {
-    const char* const mark = entry.IsDirectory() ? "/" : entry.IsLink() ? "@" : "";
+    const char* const mark = Mark(entry);
     if (longForm)
         fmt::print("{}  {:>14}  {}  {}{}\n", AttributeText(entry.Attributes), entry.Size, TimeText(entry.LastWrite),
                    entry.Name, mark);
@@ -156,7 +161,7 @@ namespace commands {
 void List(Shell& shell, const Words& words)
 {
     const bool longForm = words.size() > 1 && words[1] == "-l";
-    std::string path = words.size() > (longForm ? 2u : 1u) ? words.back() : "/";
+    std::string path = shell.Resolve(words.size() > (longForm ? 2u : 1u) ? words.back() : "");
     std::string pattern;
     if (const SplitPath split = SplitLast(path); IsPattern(split.Last)) {
         path = split.Directory;
@@ -171,10 +176,33 @@ void List(Shell& shell, const Words& words)
     if (longForm) fmt::print("{} entries\n", count);
 }
 
+// Links are named, not followed: they may lead back up.
+void Find(Shell& shell, const Words& words)
+{
+    std::string pattern = words.size() > 2 ? words[2] : "";
+    const auto matches = [&](const std::string& name) {
+        return pattern.empty() || fnmatch(pattern.c_str(), name.c_str(), FNM_CASEFOLD | FNM_NOESCAPE) == 0;
+    };
+    std::vector<std::string> open = {words[1]};
+    while (!open.empty()) {
+        const std::string path = std::move(open.back());
+        open.pop_back();
+        const char* const separator = path.empty() || path.ends_with('/') || path.ends_with('\\') ? "" : "/";
+        std::vector<std::string> below;
+        ListDirectory(shell.Open(path, kListing), "", [&](const Entry& entry) {
+            const std::string child = path + separator + entry.Name;
+            if (matches(entry.Name)) fmt::print("{}{}\n", child, Mark(entry));
+            if (entry.IsDirectory() && !entry.IsLink()) below.push_back(child);
+        });
+        open.insert(open.end(), below.rbegin(), below.rend());
+    }
+}
+
 void Stat(Shell& shell, const Words& words)
 {
-    if (const auto entry = FindEntry(shell.Volume(), words[1]); entry && entry->IsLink()) {
-        return PrintLink(shell.Volume(), words[1], *entry);
+    const std::string path = shell.Resolve(words[1]);
+    if (const auto entry = FindEntry(shell.Volume(), path); entry && entry->IsLink()) {
+        return PrintLink(shell.Volume(), path, *entry);
     }
     const File file = shell.Open(words[1], {.Access = FILE_READ_ATTRIBUTES | FILE_READ_EA | SYNCHRONIZE});
     for (const auto& print : kClasses) print(file);

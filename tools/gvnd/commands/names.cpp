@@ -1,5 +1,8 @@
 // Making, removing, renaming and linking names. Every open follows links, so a link itself is looked for in its
 // directory first: removing a link must not remove what it leads to.
+#include <string>
+#include <vector>
+
 #include <fmt/format.h>
 
 #include "gvnd/commands/commands.h"
@@ -13,7 +16,7 @@ namespace {
 
 bool IsLink(Shell& shell, const std::string& path)
 {
-    const auto entry = FindEntry(shell.Volume(), path);
+    const auto entry = FindEntry(shell.Volume(), shell.Resolve(path));
     return entry && entry->IsLink();
 }
 
@@ -22,6 +25,28 @@ void Delete(Shell& shell, const std::string& path, ULONG type)
 {
     const File file = shell.Open(path, {.Access = DELETE | SYNCHRONIZE, .Options = type});
     file.Set(FileDispositionInformation, FILE_DISPOSITION_INFORMATION{TRUE}, "remove");
+}
+
+// From the leaves on; links go and what they lead to stays. A directory is listed to its end before it changes.
+void RemoveTree(Shell& shell, const std::string& path)
+{
+    std::vector<Entry> entries;
+    try {
+        ListDirectory(shell.Open(path, kListing), "", [&](const Entry& entry) { entries.push_back(entry); });
+    } catch (const Failure& failure) {
+        if (failure.Status() != STATUS_NOT_A_DIRECTORY) throw;
+        return Delete(shell, path, FILE_NON_DIRECTORY_FILE);
+    }
+    for (const Entry& entry : entries) {
+        const std::string child = path + (path.ends_with('/') ? "" : "/") + entry.Name;
+        if (entry.IsLink())
+            shell.Volume().RemoveLink(child);
+        else if (entry.IsDirectory())
+            RemoveTree(shell, child);
+        else
+            Delete(shell, child, FILE_NON_DIRECTORY_FILE);
+    }
+    Delete(shell, path, FILE_DIRECTORY_FILE);
 }
 
 } // namespace
@@ -37,8 +62,14 @@ void MakeDirectory(Shell& shell, const Words& words)
 
 void Remove(Shell& shell, const Words& words)
 {
-    if (IsLink(shell, words[1])) return shell.Volume().RemoveLink(words[1]);
-    Delete(shell, words[1], FILE_NON_DIRECTORY_FILE);
+    const bool recursive = words.size() > 2;
+    if (recursive && words[1] != "-r") throw Usage("usage: rm [-r] PATH");
+    const std::string path = shell.Resolve(words.back());
+    if (IsLink(shell, path)) return shell.Volume().RemoveLink(path);
+    if (!recursive) return Delete(shell, path, FILE_NON_DIRECTORY_FILE);
+    if (path.find_first_not_of("/\\") == std::string::npos)
+        throw Usage("the root cannot be removed; remove what is in it");
+    RemoveTree(shell, path);
 }
 
 void RemoveDirectory(Shell& shell, const Words& words)
@@ -52,8 +83,8 @@ void Move(Shell& shell, const Words& words)
 {
     const bool replace = words.size() > 3;
     if (replace && words[1] != "--replace") throw Usage("usage: mv [--replace] PATH NEW-PATH");
-    const std::string& from = words[words.size() - 2];
-    const std::string& to = words.back();
+    const std::string from = shell.Resolve(words[words.size() - 2]);
+    const std::string to = shell.Resolve(words.back());
     if (IsLink(shell, from)) throw Usage("a link cannot be renamed; remove it and make another");
     const SplitPath place = SplitLast(to);
     const bool sameDirectory = VolumePath(place.Directory) == VolumePath(SplitLast(from).Directory);
@@ -62,7 +93,10 @@ void Move(Shell& shell, const Words& words)
     Require("rename " + ShownPath(file.Path()), workbench::Rename(file.Handle(), name, replace));
 }
 
-void Link(Shell& shell, const Words& words) { shell.Volume().MakeLink(words[2], words[1]); }
+void Link(Shell& shell, const Words& words)
+{
+    shell.Volume().MakeLink(shell.Resolve(words[2]), shell.Resolve(words[1]));
+}
 
 } // namespace commands
 

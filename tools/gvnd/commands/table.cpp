@@ -16,11 +16,16 @@ using namespace commands;
 
 constexpr Command kCommands[] = {
     {"Looking", "ls", "[-l] [PATH[/PATTERN]]", "list a directory; * and ? in the last component select", 0, 2, List},
+    {"Looking", "cd", "[PATH]", "the directory at which other paths begin; the root without PATH", 0, 1,
+     ChangeDirectory},
+    {"Looking", "pwd", "", "print that directory", 0, 0, PrintDirectory},
+    {"Looking", "find", "PATH [PATTERN]", "everything below PATH, or what has a name like PATTERN", 1, 2, Find},
     {"Looking", "cat", "PATH", "print a file", 1, 1, Cat},
     {"Looking", "stat", "PATH", "everything that can be asked of an object, by information class", 1, 1, Stat},
 
-    {"Contents", "put", "HOST-FILE PATH", "copy a file of this machine into the volume", 2, 2, Put},
-    {"Contents", "get", "PATH HOST-FILE", "copy a file of the volume to this machine", 2, 2, Get},
+    {"Contents", "put", "HOST-FILE PATH", "copy a file of this machine, or standard input for -", 2, 2, Put},
+    {"Contents", "get", "PATH HOST-FILE", "copy a file to this machine, or standard output for -", 2, 2, Get},
+    {"Contents", "cp", "PATH NEW-PATH", "copy what a file contains; NEW-PATH is overwritten", 2, 2, Copy},
     {"Contents", "write", "PATH OFFSET TEXT", "write at an offset; \\n \\t \\0 \\\\ \\xHH in the text", 3, 3, Write},
     {"Contents", "append", "PATH TEXT", "write at the end", 2, 2, Append},
     {"Contents", "truncate", "PATH SIZE", "set the end of the file; SIZE as 4096, 0x1000 or 4K", 2, 2, Truncate},
@@ -29,7 +34,7 @@ constexpr Command kCommands[] = {
     {"Contents", "map", "PATH change OFFSET TEXT", "map the file, change bytes in the view, and flush it", 2, 4, Map},
 
     {"Names", "mkdir", "PATH", "make a directory", 1, 1, MakeDirectory},
-    {"Names", "rm", "PATH", "remove a file or a link", 1, 1, Remove},
+    {"Names", "rm", "[-r] PATH", "remove a file or a link; -r a directory with all in it", 1, 2, Remove},
     {"Names", "rmdir", "PATH", "remove an empty directory", 1, 1, RemoveDirectory},
     {"Names", "mv", "[--replace] PATH NEW-PATH", "rename or move; --replace what has the new name", 2, 3, Move},
     {"Names", "ln", "TARGET PATH", "make a link; TARGET is a path of the volume", 2, 2, Link},
@@ -71,11 +76,11 @@ constexpr Command kCommands[] = {
 void PrintCommand(const Command& command)
 {
     const std::string usage = fmt::format("{} {}", command.Name, command.Arguments);
-    constexpr size_t kColumn = 40;
+    constexpr size_t kColumn = 34;
     if (usage.size() >= kColumn) {
-        fmt::print("  {}\n  {:<{}} {}\n", usage, "", kColumn, command.Help);
+        fmt::print("{}", Wrapped(fmt::format("  {}\n  {:<{}}  {}", usage, "", kColumn, command.Help)));
     } else {
-        fmt::print("  {:<{}} {}\n", usage, kColumn, command.Help);
+        fmt::print("{}", Wrapped(fmt::format("  {:<{}}  {}", usage, kColumn, command.Help)));
     }
 }
 
@@ -92,6 +97,15 @@ void Trace(Shell& shell, const Words& words)
     shell.Volume().SetTrace(Switch(words[1]) ? TracePrinting::Everything : TracePrinting::Off);
 }
 
+void ChangeDirectory(Shell& shell, const Words& words)
+{
+    const std::string path = shell.Resolve(words.size() > 1 ? words[1] : "/");
+    shell.Open(path, kListing); // which must be there
+    shell.SetDirectory(path);
+}
+
+void PrintDirectory(Shell& shell, const Words&) { fmt::print("{}\n", shell.Directory()); }
+
 void Calls(Shell& shell, const Words& words) { shell.ShowCalls(Switch(words[1])); }
 
 void Help(Shell&, const Words& words)
@@ -106,9 +120,10 @@ void Help(Shell&, const Words& words)
     }
     if (!found) throw Usage(fmt::format("unknown command '{}'", words[1]));
     if (words.size() > 1) return;
-    fmt::print("  {:<40} {}\n", "exit", "leave");
-    fmt::print(
-        "Paths begin at the volume's root; / and \\ both separate. Double quotes hold blanks, # begins a remark.\n");
+    fmt::print("  {:<34}  {}\n", "exit", "leave");
+    fmt::print("Paths begin at the volume's root or at the directory of cd; / and \\ both\n"
+               "separate. Semicolons separate commands. Double quotes hold blanks, # begins a\n"
+               "remark.\n");
 }
 
 } // namespace commands

@@ -16,9 +16,9 @@ void Report(const CopyTotals& totals)
 
 } // namespace
 
-void Import(Shell& shell, const Words& words) { Report(ImportTree(shell.Volume(), words[1], words[2])); }
+void Import(Shell& shell, const Words& words) { Report(ImportTree(shell.Volume(), words[1], shell.Resolve(words[2]))); }
 
-void Export(Shell& shell, const Words& words) { Report(ExportTree(shell.Volume(), words[1], words[2])); }
+void Export(Shell& shell, const Words& words) { Report(ExportTree(shell.Volume(), shell.Resolve(words[1]), words[2])); }
 
 } // namespace commands
 
