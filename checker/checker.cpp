@@ -2,6 +2,7 @@
 // share says what the plugin was doing when the child ended without a word.
 #include "checker/checker.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <map>
@@ -59,6 +60,13 @@ constexpr const char* kOfEveryCall[] = {
 };
 
 bool Wanted(const Options& options, const char* name) { return std::string(name).starts_with(options.Scenario); }
+
+std::string Names()
+{
+    std::string names;
+    for (const Scenario& scenario : kScenarios) names += std::string(scenario.Name) + ", ";
+    return names + "mount";
+}
 
 // Whether the slots are there without which no other scenario can run.
 bool CanGoOn(Trial& trial)
@@ -287,6 +295,11 @@ private:
 
 Report Check(const GvndPlugin& plugin, const std::string& arguments, const Options& options)
 {
+    const bool any = Wanted(options, "mount") ||
+                     std::any_of(std::begin(kScenarios), std::end(kScenarios),
+                                 [&](const Scenario& scenario) { return Wanted(options, scenario.Name); });
+    if (!any)
+        throw std::invalid_argument("no scenario's name begins with '" + options.Scenario + "'; there are " + Names());
     Collector collector;
     Child(plugin, arguments, options).Follow(&collector);
     return {plugin.Name, options.Seed, collector.Results()};

@@ -17,6 +17,12 @@ function(gvnd_library name)
     if(ARG_KERNEL)
         target_compile_options(${target} PRIVATE $<$<COMPILE_LANGUAGE:CXX>:${GVND_KERNEL_FLAGS}>)
     endif()
+    if(GVND_SANITIZE)
+        # Whoever links the installed library needs the runtimes that it was built for, and their interceptors see only
+        # what is compiled for them.
+        target_compile_options(${target} INTERFACE $<INSTALL_INTERFACE:-fsanitize=${GVND_SANITIZE}>)
+        target_link_options(${target} INTERFACE $<INSTALL_INTERFACE:-fsanitize=${GVND_SANITIZE}>)
+    endif()
     if(ARG_ENTRY)
         # Several drivers and plugins stand side by side in one process, each with an entry of its own name.
         target_compile_definitions(${target} PRIVATE DriverEntry=${ARG_ENTRY})

@@ -19,6 +19,7 @@ run(${CMAKE_COMMAND} -G Ninja -S ${SOURCE_DIR} -B ${work}/build -D CMAKE_PREFIX_
 run(${CMAKE_COMMAND} --build ${work}/build)
 run(${work}/build/outsider)
 run(${work}/build/hello_test)
+run(${work}/build/contract_test)
 
 set(plugins ${work}/plugins)
 foreach(example hello slots archive)

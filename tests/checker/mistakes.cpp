@@ -6,8 +6,10 @@
 #include <cstring>
 #include <mutex>
 #include <stdexcept>
+#include <thread>
 
 #include <gvnd/memfs.h>
+#include <nthost/process.h>
 #include <workbench/plugin_table.h>
 #include <workbench/requests.h>
 
@@ -110,6 +112,33 @@ void OpenOnTheVolume()
     nested = true;
     (void)workbench::Open(workbench::Text("\\??\\Checked\\another"));
     nested = false;
+}
+
+// As a plugin does that takes itself away: from the file that it opens on a thread of its own to the device below.
+void UnmountMyself()
+{
+    static bool done;
+    if (done) return;
+    std::thread other = nthost::StartThread(nthost::HostProcess(), [] {
+        const workbench::OpenResult volume = workbench::Open(workbench::Text("\\??\\Checked"));
+        const workbench::OpenResult control = workbench::Open(workbench::Text(GVND_CONTROL_DEVICE_NAME),
+                                                              {.Access = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE,
+                                                               .Share = FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                                               .Kernel = true});
+        const GvServices* services = nullptr;
+        IO_STATUS_BLOCK block{};
+        PFILE_OBJECT file = nullptr;
+        if (!NT_SUCCESS(volume.Status) || !NT_SUCCESS(control.Status) ||
+            !NT_SUCCESS(ZwDeviceIoControlFile(control.File.Get(), nullptr, nullptr, nullptr, &block,
+                                              IOCTL_GVND_GET_SERVICE_TABLE, nullptr, 0, &services, sizeof services)) ||
+            !NT_SUCCESS(ObReferenceObjectByHandle(volume.File.Get(), 0, IoFileObjectType, KernelMode,
+                                                  reinterpret_cast<void**>(&file), nullptr)))
+            return;
+        done = true;
+        (void)services->UnmountRequest(file->DeviceObject);
+        ObDereferenceObject(file);
+    });
+    other.join();
 }
 
 VOID NTAPI Raise(void*) { ExRaiseStatus(STATUS_DISK_FULL); }
@@ -277,6 +306,7 @@ const Mistake kMistakes[] = {
     {"volinfo-no-record", "record.owed", [] { VOLUME(Replace(info, nullptr)); }},
     {"sector-512", "volume.sector", [] { VOLUME((*info)->BytesPerSector = 512); }},
     {"normalized-garbage", "normalized.same", [] { Set(&PluginOps::GetNormalizedPath, [](PCUNICODE_STRING, PUNICODE_STRING* text) { *text = StringOf(u"\\q\u00fc"); return STATUS_SUCCESS; }); }},
+    {"unmount-in-read", "mount.works", [] { READ(UnmountMyself()); }},
     {"leak-pool", "memory.nothing-left", [] { LOOKUP((void)Pool(100)); }},
     {nullptr, nullptr, nullptr},
 };

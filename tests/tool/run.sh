@@ -75,6 +75,40 @@ expect "a plugin of the tool's convention" 0 STATUS_DISK_FULL cat "$work/convent
 expect "a plugin of another convention" 0 'built for version 1( in the kernel.s .*)? of the plugin entry, and this is 1( in the .*)?; build it' \
     cat "$work/conventions"
 
+# --- plugins that keep to the contract, and one that does not: it lists nothing, and its attributes say what the
+# boundary does not carry
+mkdir "$work/checked"
+echo content >"$work/checked/file"
+quick=(--steps 50 --threads 2)
+expect "check of memfs" 0 '^held +model.files' "$gvnd" check memfs "${quick[@]}"
+expect "check of hostfs" 0 '^held +remount.keeps' "$gvnd" check "hostfs:$work/checked" --keeps "${quick[@]}"
+[ "$(ls "$work/checked")" = file ] || fail "check: leaves $(ls "$work/checked")"
+expect "check of nothing" 2 'memfs, hostfs, and so:PATH' "$gvnd" check nofs
+expect "check by a scenario that is none" 2 'nosuch' "$gvnd" check memfs --only nosuch
+sed 's/FILE_ATTRIBUTE_READONLY :/FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_NORMAL :/; /Ops.ReadDirEntry =/d' \
+    "$source/examples/hello/hello_plugin.cpp" >"$work/wrong.cpp"
+grep -q ATTRIBUTE_NORMAL "$work/wrong.cpp" || fail "the example has no mistake to check for"
+for kernel in 0 1; do
+    c++ -std=c++20 -shared -fPIC -fshort-wchar -Wno-multichar -DNTHOST_MS_ABI=$kernel -I"$source/nthost/include" \
+        -I"$source/include" -o "$work/wrong$kernel.so" "$work/wrong.cpp"
+    "$gvnd" plugins "$work/wrong$kernel.so" >"$work/about" 2>&1 && grep -q '^so:.*file' "$work/about" &&
+        wrong=(-p "so:$work/wrong$kernel.so")
+done
+expect "check of a wrong plugin" 5 '^broken +table.slots' "$gvnd" check "${wrong[@]}" "${quick[@]}" \
+    --junit "$work/junit.xml"
+expect "check as JSON" 5 '"table.slots", "verdict": "broken"' "$gvnd" check "${wrong[@]}" "${quick[@]}" --json
+"$gvnd" check "${wrong[@]}" "${quick[@]}" --json | python3 -c 'import json, sys; json.load(sys.stdin)' ||
+    fail "check: the JSON is malformed"
+python3 - "$work/junit.xml" <<'END' || fail "check: the JUnit file does not name the breach"
+import sys, xml.etree.ElementTree as tree
+cases = tree.parse(sys.argv[1]).getroot().iter("testcase")
+sys.exit("table.slots" not in [case.get("name") for case in cases if case.find("failure") is not None])
+END
+expect "a report that cannot be written" 1 '/dev/full' "$gvnd" check memfs "${quick[@]}" --only model --junit /dev/full
+expect "a wrong plugin that is not verified" 0 '^Hello' "$gvnd" shell "${wrong[@]}" -c 'cat /hello.txt'
+expect "a wrong plugin that is verified" 5 'record.attributes' "$gvnd" shell "${wrong[@]}" --verify -c 'cat /hello.txt'
+expect "a right plugin that is verified" 0 '^content$' "$gvnd" shell -p "hostfs:$work/checked" --verify -c 'cat /file'
+
 expect "missing root" 1 'STATUS_OBJECT_NAME_NOT_FOUND' "$gvnd" shell -p hostfs:/no/such/dir -c 'ls'
 expect "usage" 2 'Run with --help' "$gvnd" export
 expect "memfs is empty" 0 '^0 entries$' "$gvnd" shell -c 'ls -l'

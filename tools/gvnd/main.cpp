@@ -104,7 +104,8 @@ void AddVolumeOptions(CLI::App* command, Options& options)
                         "who may open the volume, as in \"D:P(A;;GA;;;SY)(A;;GR;;;WD)\"; everybody without it");
     command->add_option("--image", options.Image,
                         "a kernel image of the driver (gvnd.sys), run instead of the driver inside");
-    command->add_flag("--verify", options.Volume.Verify, "hold each call of the plugin to its contract");
+    command->add_flag("--verify", options.Volume.Verify,
+                      "hold each call of the plugin to its contract; a mount stays in the foreground");
     command->add_flag("--trace", options.Trace, "the driver's trace on standard error, from the load on");
 }
 

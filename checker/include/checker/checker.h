@@ -52,7 +52,8 @@ struct Options {
 };
 
 // The calling process must not have nthost booted, and no other threads. A volume is made by the plugin's entry; what
-// is made on it is removed again. Never throws for what the plugin does; std::runtime_error if there can be no child.
+// is made on it is removed again. Never throws for what the plugin does; std::runtime_error if there can be no child,
+// std::invalid_argument if no scenario has a name that begins as asked for.
 Report Check(const GvndPlugin& plugin, const std::string& arguments, const Options& options = {});
 
 // One line for each property, and behind a broken one the rule, the call, and what to do.

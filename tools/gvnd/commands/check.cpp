@@ -2,6 +2,7 @@
 #include "gvnd/commands/check.h"
 
 #include <fstream>
+#include <stdexcept>
 
 #include <fmt/format.h>
 
@@ -13,7 +14,13 @@ namespace tool {
 int RunCheck(const CheckChoice& choice)
 {
     const ChosenPlugin chosen = ChoosePlugin(choice.Plugin);
-    const checker::Report report = checker::Check(*chosen.Plugin, chosen.Arguments, choice.How);
+    const checker::Report report = [&] {
+        try {
+            return checker::Check(*chosen.Plugin, chosen.Arguments, choice.How);
+        } catch (const std::invalid_argument& error) {
+            throw Usage(error.what());
+        }
+    }();
     fmt::print("{}", choice.Json ? checker::AsJson(report) : checker::AsText(report));
     if (!choice.JUnit.empty() && !(std::ofstream(choice.JUnit) << checker::AsJUnit(report)))
         throw HostFailure(fmt::format("cannot write '{}'", choice.JUnit));

@@ -177,7 +177,9 @@ int RunMount(const MountOptions& options)
 {
     const Words words = ReadWords(options.Words);
     const std::string directory = MountPoint(options.Directory);
-    Background background(options.Foreground || options.Debug);
+    // A breach is told as it happens, and by the exit code: in the background nobody would see either.
+    const bool foreground = options.Foreground || options.Debug || options.Volume.Verify;
+    Background background(foreground);
     Stopper stopper(directory); // blocks the signals, for the threads that follow too
 
     Session session(options.Trace);
@@ -191,7 +193,7 @@ int RunMount(const MountOptions& options)
         FuseSession fuse(&server, choice.Plugin, words.Kernel);
         fuse.Mount(directory);
         background.Ready();
-        if (options.Foreground || options.Debug) fmt::print("{} is mounted on {}\n", choice.Plugin, directory);
+        if (foreground) fmt::print("{} is mounted on {}\n", choice.Plugin, directory);
         std::fflush(stdout);
         stopper.Start(fuse.Get(), [&] { return bridge.OpenPaths(); });
         fuse.Serve();
