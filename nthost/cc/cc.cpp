@@ -2,9 +2,12 @@
 // all that is kept of a file. Relies on sectionLock for the looks; flush and purge take it themselves.
 #include <ntifs.h>
 
+#include <nthost/faults.h>
+
 #include "mm/pages.h"
 
 using namespace nthost::mm;
+using nthost::FaultInjected;
 
 namespace {
 
@@ -29,13 +32,16 @@ bool CutsUsers(const ControlArea* area, const LARGE_INTEGER* newSize)
 VOID NTAPI CcFlushCache(PSECTION_OBJECT_POINTERS pointers, PLARGE_INTEGER offset, ULONG length, PIO_STATUS_BLOCK status)
 {
     IO_STATUS_BLOCK result = {{STATUS_SUCCESS}, 0};
-    if (const AreaHold area(HoldArea(pointers, AreaKind::Data)); area)
+    if (FaultInjected("CcFlushCache"))
+        result.Status = STATUS_UNEXPECTED_IO_ERROR;
+    else if (const AreaHold area(HoldArea(pointers, AreaKind::Data)); area)
         FlushRange(area.Get(), RangeOf(area.Get(), offset, length), &result);
     if (status) *status = result;
 }
 
 BOOLEAN NTAPI CcPurgeCacheSection(PSECTION_OBJECT_POINTERS pointers, PLARGE_INTEGER offset, ULONG length, ULONG)
 {
+    if (FaultInjected("CcPurgeCacheSection")) return FALSE;
     const AreaHold area(HoldArea(pointers, AreaKind::Data));
     return !area || PurgeRange(area.Get(), RangeOf(area.Get(), offset, length));
 }
@@ -48,6 +54,7 @@ BOOLEAN NTAPI CcUninitializeCacheMap(PFILE_OBJECT, PLARGE_INTEGER, PCACHE_UNINIT
 
 BOOLEAN NTAPI MmFlushImageSection(PSECTION_OBJECT_POINTERS pointers, MMFLUSH_TYPE type)
 {
+    if (FaultInjected("MmFlushImageSection")) return FALSE;
     if (type == MmFlushForDelete && IsInUse(pointers, AreaKind::Data)) return FALSE;
     const AreaHold image(HoldArea(pointers, AreaKind::Image));
     return !image || DropUnused(image.Get(), false);
@@ -55,7 +62,9 @@ BOOLEAN NTAPI MmFlushImageSection(PSECTION_OBJECT_POINTERS pointers, MMFLUSH_TYP
 
 BOOLEAN NTAPI MmCanFileBeTruncated(PSECTION_OBJECT_POINTERS pointers, PLARGE_INTEGER newSize)
 {
-    if (!MmFlushImageSection(pointers, MmFlushForWrite)) return FALSE;
+    if (FaultInjected("MmCanFileBeTruncated")) return FALSE;
+    if (const AreaHold image(HoldArea(pointers, AreaKind::Image)); image && !DropUnused(image.Get(), false))
+        return FALSE;
     const AreaHold area(HoldArea(pointers, AreaKind::Data));
     return !area || !CutsUsers(area.Get(), newSize);
 }

@@ -129,6 +129,7 @@ VOID NTAPI MmProbeAndLockPages(PMDL MemoryDescriptorList, KPROCESSOR_MODE Access
         ReportMdl("mdl-empty", mdl, "an MDL of no bytes was locked: it describes no page, and mapping it fails");
         ExRaiseStatus(STATUS_INVALID_PARAMETER);
     }
+    if (FaultInjected("MmProbeAndLockPages")) ExRaiseStatus(STATUS_INSUFFICIENT_RESOURCES);
     // Pinned before it is touched: what was seen to be there is then what gets locked.
     char* const start = static_cast<char*>(MmGetMdlVirtualAddress(mdl));
     Arena* const pinned = PinArenaOf(start, mdl->ByteCount);

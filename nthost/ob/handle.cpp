@@ -9,6 +9,7 @@
 #include "ke/thread.h"
 #include "ob/header.h"
 #include <nthost/debug.h>
+#include <nthost/faults.h>
 
 namespace nthost::ob {
 
@@ -137,6 +138,7 @@ NTSTATUS NTAPI ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK DesiredAcces
 {
     *Object = nullptr;
     HandleEntry entry;
+    if (nthost::FaultInjected("ObReferenceObjectByHandle")) return STATUS_INSUFFICIENT_RESOURCES;
     NTSTATUS status = ReferenceHandle(PsGetCurrentProcess(), Handle, AccessMode, &entry);
     if (!NT_SUCCESS(status)) return status;
 
@@ -158,6 +160,7 @@ NTSTATUS NTAPI ObOpenObjectByPointer(PVOID Object, ULONG HandleAttributes, PACCE
                                      PHANDLE Handle)
 {
     *Handle = nullptr;
+    if (nthost::FaultInjected("ObOpenObjectByPointer")) return STATUS_INSUFFICIENT_RESOURCES;
     const POBJECT_TYPE type = TypeOf(Object);
     if (ObjectType && type != ObjectType) return STATUS_OBJECT_TYPE_MISMATCH;
     if (AccessMode != KernelMode) HandleAttributes &= ~OBJ_KERNEL_HANDLE;

@@ -79,6 +79,24 @@ void LockAgainstLastClose(Schedule& schedule)
                   [&] { stage.Remove("\\a\\file"); }});
 }
 
+// The lock that is asked for has to wait: it is granted, cancelled or refused, and ends either way.
+void LockAgainstCancel(Schedule& schedule)
+{
+    Stage stage(schedule);
+    Handle owner = stage.Get("\\a\\file", kReadWrite);
+    Handle locker = stage.Get("\\a\\file", kAsync);
+    workbench::Require("lock", workbench::Lock(owner.Get(), 0, 8));
+    Request request;
+    schedule.Run({[&] {
+                      const NTSTATUS status = request.StartLock(locker.Get(), 0, 8);
+                      if (!NT_SUCCESS(status)) return;
+                      (void)request.Cancel(locker.Get());
+                      (void)request.Wait();
+                  },
+                  [&] { (void)workbench::Unlock(owner.Get(), 0, 8); },
+                  [&] { (void)workbench::CancelAll(locker.Get()); }});
+}
+
 // One entry a call, so that both threads take turns.
 void ListPart(HANDLE directory, std::set<std::string>* names)
 {
@@ -180,6 +198,26 @@ void ReopenAgainstPages(Schedule& schedule)
                   [&] { (void)stage.Open("\\file", kReadWrite); }, [&] { stage.RenameTo("\\file", "\\b\\moved"); }});
 }
 
+// Pages that come in under a write of another file are read without a lock, while the handle that reads them is
+// replaced.
+void SwitchAgainstNestedPages(Schedule& schedule)
+{
+    Stage stage(schedule);
+    Handle file = stage.Get("\\file");
+    Handle other = stage.Get("\\b\\file", kReadWrite);
+    const View view(file.Get(), View::Kind::ReadOnly);
+    schedule.Run({[&] {
+                      for (const size_t page : {0, 1, 2}) {
+                          IO_STATUS_BLOCK block = {};
+                          LARGE_INTEGER zero = {};
+                          const NTSTATUS status = NtWriteFile(other.Get(), nullptr, nullptr, nullptr, &block,
+                                                              view.Address() + page * PAGE_SIZE, 64, &zero, nullptr);
+                          stage.Expect(NT_SUCCESS(status), "a page does not come for a write");
+                      }
+                  },
+                  [&] { (void)stage.Open("\\file", kReadWrite); }, [&] { stage.RenameTo("\\file", "\\b\\moved"); }});
+}
+
 void PageWriterAgainstAll(Schedule& schedule)
 {
     Stage stage(schedule);
@@ -260,12 +298,14 @@ const NamedScenario kScenarios[] = {
     {"OpenAgainstUnmount", OpenAgainstUnmount},
     {"LockAgainstCleanup", LockAgainstCleanup},
     {"LockAgainstLastClose", LockAgainstLastClose},
+    {"LockAgainstCancel", LockAgainstCancel},
     {"ListingAgainstListing", ListingAgainstListing},
     {"ListingAgainstDeletion", ListingAgainstDeletion},
     {"CancelAgainstCompletion", CancelAgainstCompletion},
     {"CancelAgainstClose", CancelAgainstClose},
     {"WriteAgainstPages", WriteAgainstPages},
     {"ReopenAgainstPages", ReopenAgainstPages},
+    {"SwitchAgainstNestedPages", SwitchAgainstNestedPages},
     {"PageWriterAgainstAll", PageWriterAgainstAll},
     {"IdleSectionAgainstWrite", IdleSectionAgainstWrite},
     {"MountAgainstOpen", MountAgainstOpen},
