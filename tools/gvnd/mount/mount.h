@@ -12,8 +12,8 @@ struct MountOptions {
     VolumeChoice Volume;
     std::string Directory;
     std::vector<std::string> Words; // of -o, comma-separated
-    bool Foreground = false; // also with Volume.Verify
-    bool Debug = false; // stays in the foreground
+    bool Foreground = false;        // also with Volume.Verify
+    bool Debug = false;             // stays in the foreground
     bool Trace = false;
 };
 
