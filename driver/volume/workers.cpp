@@ -133,6 +133,8 @@ VOID NTAPI FspWorkerThread(PVOID startContext)
         ObReferenceObjectByHandle(handle, SYNCHRONIZE, GvObjectType(PsThreadType), KernelMode, &thread, nullptr);
     if (!NT_SUCCESS(status)) {
         GV_TRACE_FAILED_AS("FspStopWorkerThreads", "ObReferenceObjectByHandle", status);
+        ZwWaitForSingleObject(handle, FALSE, nullptr); // whoever asked frees what the thread uses
+        ZwClose(handle);
         return status;
     }
     ZwClose(handle);
@@ -165,8 +167,10 @@ NTSTATUS FspStartWorkerThreads(Vcb* vcb, PKEVENT stopEvent, ULONG count, HANDLE*
 NTSTATUS FspStopWorkerThreads(PKEVENT stopEvent, ULONG count, HANDLE* threads)
 {
     KeSetEvent(stopEvent, IO_NO_INCREMENT, FALSE);
+    NTSTATUS first = STATUS_SUCCESS;
     for (ULONG i = 0; i < count; ++i) {
-        if (const NTSTATUS status = WaitForEnd(threads[i]); status != STATUS_SUCCESS) return status;
+        const NTSTATUS status = WaitForEnd(threads[i]);
+        if (first == STATUS_SUCCESS) first = status;
     }
-    return STATUS_SUCCESS;
+    return first;
 }

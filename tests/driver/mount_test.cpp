@@ -107,6 +107,18 @@ TEST_F(MountFaults, StopsTheThreadsThatHadStarted)
     EXPECT_EQ(Trace().Count("worker thread stopping gracefully\n"), 299u);
 }
 
+// What they use is freed then, so they are waited for also when no thread object can be had from a handle.
+TEST_F(MountFaults, WaitsForThreadsByTheirHandles)
+{
+    Load();
+    const nthost::FaultPlan fault("PsCreateSystemThread", 3);
+    const nthost::FaultPlan handles("ObReferenceObjectByHandle", 2, nthost::Repeat::Yes); // the first: what is below
+    EXPECT_FALSE(MountOnce());
+    EXPECT_EQ(handles.Injected(), 2u);
+    EXPECT_EQ(Trace().Count("ObReferenceObjectByHandle(): 0xc000009a\n"), 2u);
+    EXPECT_EQ(Trace().Count("worker thread stopping gracefully\n"), 2u);
+}
+
 // Nothing is left that could try again, so the volume stays as it is; here the test tries again.
 TEST_F(MountFaults, WithoutAWorkItemTheVolumeStays)
 {
