@@ -4,6 +4,7 @@
 #include "ke/callout.h"
 #include "io/irp.h"
 #include "io/outstanding.h"
+#include "ob/handle.h"
 #include "ob/service.h"
 #include "ob/capture.h"
 
@@ -19,7 +20,7 @@ __attribute__((no_sanitize("thread"), noinline)) void MarkCancelled(PIRP irp) { 
 NTSTATUS ReferenceFile(HANDLE handle, KPROCESSOR_MODE mode, PFILE_OBJECT* file)
 {
     void* object;
-    const NTSTATUS status = ObReferenceObjectByHandle(handle, 0, IoFileObjectType, mode, &object, nullptr);
+    const NTSTATUS status = ob::ReferenceObjectByHandle(handle, 0, IoFileObjectType, mode, &object, nullptr);
     if (NT_SUCCESS(status)) *file = static_cast<PFILE_OBJECT>(object);
     return status;
 }

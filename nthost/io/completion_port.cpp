@@ -116,7 +116,7 @@ public:
     {
         void* body;
         const NTSTATUS status =
-            ObReferenceObjectByHandle(handle, IO_COMPLETION_MODIFY_STATE, &g_portType, mode, &body, nullptr);
+            ob::ReferenceObjectByHandle(handle, IO_COMPLETION_MODIFY_STATE, &g_portType, mode, &body, nullptr);
         if (NT_SUCCESS(status)) port_ = static_cast<CompletionPort*>(body);
         return status;
     }

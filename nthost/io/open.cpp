@@ -14,6 +14,7 @@
 #include "io/finish.h"
 #include "io/request.h"
 #include "ke/thread.h"
+#include "ob/handle.h"
 #include "ob/object.h"
 
 namespace nthost::io {
@@ -177,7 +178,7 @@ NTSTATUS ReferenceRelated(HANDLE root, KPROCESSOR_MODE mode, PFILE_OBJECT* relat
     *related = nullptr;
     if (!root) return STATUS_SUCCESS;
     void* object;
-    const NTSTATUS status = ObReferenceObjectByHandle(root, 0, IoFileObjectType, mode, &object, nullptr);
+    const NTSTATUS status = ob::ReferenceObjectByHandle(root, 0, IoFileObjectType, mode, &object, nullptr);
     if (NT_SUCCESS(status)) *related = static_cast<PFILE_OBJECT>(object);
     return status;
 }

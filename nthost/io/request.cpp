@@ -15,6 +15,7 @@
 #include "ke/thread.h"
 #include "ke/guarded.h"
 #include "ob/capture.h"
+#include "ob/handle.h"
 
 namespace nthost::io {
 
@@ -54,7 +55,7 @@ NTSTATUS Request::ReferenceEvent(HANDLE event)
     if (!event) return STATUS_SUCCESS;
     void* object;
     const NTSTATUS status =
-        ObReferenceObjectByHandle(event, EVENT_MODIFY_STATE, ExEventObjectType, mode_, &object, nullptr);
+        ob::ReferenceObjectByHandle(event, EVENT_MODIFY_STATE, ExEventObjectType, mode_, &object, nullptr);
     if (NT_SUCCESS(status)) event_ = static_cast<PKEVENT>(object);
     return status;
 }
@@ -71,7 +72,7 @@ NTSTATUS Request::Open(const ServiceCaller& caller, HANDLE file, ACCESS_MASK acc
 
     void* object;
     OBJECT_HANDLE_INFORMATION information;
-    status = ObReferenceObjectByHandle(file, access, IoFileObjectType, mode_, &object, &information);
+    status = ob::ReferenceObjectByHandle(file, access, IoFileObjectType, mode_, &object, &information);
     if (!NT_SUCCESS(status)) return status;
     file_ = static_cast<PFILE_OBJECT>(object);
     granted_ = information.GrantedAccess;

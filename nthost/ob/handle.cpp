@@ -122,6 +122,27 @@ std::vector<std::string> OpenHandles(PEPROCESS process)
 
 HandleTable* NewHandleTable() { return new HandleTable; }
 
+NTSTATUS ReferenceObjectByHandle(HANDLE handle, ACCESS_MASK access, POBJECT_TYPE type, KPROCESSOR_MODE mode,
+                                 PVOID* object, POBJECT_HANDLE_INFORMATION information)
+{
+    *object = nullptr;
+    HandleEntry entry;
+    NTSTATUS status = ReferenceHandle(PsGetCurrentProcess(), handle, mode, &entry);
+    if (!NT_SUCCESS(status)) return status;
+
+    if (type && TypeOf(entry.Body) != type)
+        status = STATUS_OBJECT_TYPE_MISMATCH;
+    else if (mode != KernelMode && (access & ~entry.Granted))
+        status = STATUS_ACCESS_DENIED;
+    if (!NT_SUCCESS(status)) {
+        ObDereferenceObject(entry.Body);
+        return status;
+    }
+    if (information) *information = {entry.Attributes, entry.Granted};
+    *object = entry.Body;
+    return STATUS_SUCCESS;
+}
+
 void DeleteHandleTable(HandleTable* table)
 {
     if (table && !table->Indexes().empty()) Fatal("a handle table with open handles was deleted");
@@ -137,22 +158,8 @@ NTSTATUS NTAPI ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK DesiredAcces
                                          POBJECT_HANDLE_INFORMATION HandleInformation)
 {
     *Object = nullptr;
-    HandleEntry entry;
     if (nthost::FaultInjected("ObReferenceObjectByHandle")) return STATUS_INSUFFICIENT_RESOURCES;
-    NTSTATUS status = ReferenceHandle(PsGetCurrentProcess(), Handle, AccessMode, &entry);
-    if (!NT_SUCCESS(status)) return status;
-
-    if (ObjectType && TypeOf(entry.Body) != ObjectType)
-        status = STATUS_OBJECT_TYPE_MISMATCH;
-    else if (AccessMode != KernelMode && (DesiredAccess & ~entry.Granted))
-        status = STATUS_ACCESS_DENIED;
-    if (!NT_SUCCESS(status)) {
-        ObDereferenceObject(entry.Body);
-        return status;
-    }
-    if (HandleInformation) *HandleInformation = {entry.Attributes, entry.Granted};
-    *Object = entry.Body;
-    return STATUS_SUCCESS;
+    return ReferenceObjectByHandle(Handle, DesiredAccess, ObjectType, AccessMode, Object, HandleInformation);
 }
 
 NTSTATUS NTAPI ObOpenObjectByPointer(PVOID Object, ULONG HandleAttributes, PACCESS_STATE PassedAccessState,

@@ -10,6 +10,7 @@
 #include "ke/callout.h"
 #include "check/fatal.h"
 #include "ke/schedule.h"
+#include "ob/handle.h"
 #include "ob/object.h"
 #include "ps/threads.h"
 
@@ -114,8 +115,8 @@ NTSTATUS ReferenceOwner(HANDLE handle, PEPROCESS* process)
     constexpr ACCESS_MASK createThread = 0x0002;
     *process = PsInitialSystemProcess;
     if (handle)
-        return ObReferenceObjectByHandle(handle, createThread, PsProcessType, KernelMode,
-                                         reinterpret_cast<PVOID*>(process), nullptr);
+        return ob::ReferenceObjectByHandle(handle, createThread, PsProcessType, KernelMode,
+                                           reinterpret_cast<PVOID*>(process), nullptr);
     ObReferenceObject(*process);
     return STATUS_SUCCESS;
 }

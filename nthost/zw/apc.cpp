@@ -2,6 +2,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "ob/handle.h"
 #include "ob/service.h"
 #include "ke/apc.h"
 #include "ke/thread.h"
@@ -29,7 +30,7 @@ void Deliver(ke::Apc* apc)
 NTSTATUS ReferenceThread(HANDLE handle, ACCESS_MASK access, KPROCESSOR_MODE mode, PETHREAD* thread)
 {
     void* body;
-    const NTSTATUS status = ObReferenceObjectByHandle(handle, access, PsThreadType, mode, &body, nullptr);
+    const NTSTATUS status = ob::ReferenceObjectByHandle(handle, access, PsThreadType, mode, &body, nullptr);
     if (NT_SUCCESS(status)) *thread = static_cast<PETHREAD>(body);
     return status;
 }

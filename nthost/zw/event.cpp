@@ -46,7 +46,7 @@ NTSTATUS ChangeEvent(KPROCESSOR_MODE mode, HANDLE handle, PLONG previousState, C
     if (previousState)
         if (const NTSTATUS status = ob::ProbeUser(previousState, mode); !NT_SUCCESS(status)) return status;
     void* body;
-    const NTSTATUS status = ObReferenceObjectByHandle(handle, EVENT_MODIFY_STATE, &g_eventType, mode, &body, nullptr);
+    const NTSTATUS status = ob::ReferenceObjectByHandle(handle, EVENT_MODIFY_STATE, &g_eventType, mode, &body, nullptr);
     if (!NT_SUCCESS(status)) return status;
     const LONG before = change(static_cast<PKEVENT>(body));
     ObDereferenceObject(body);

@@ -20,8 +20,8 @@ public:
 
     [[nodiscard]] NTSTATUS Open(HANDLE handle, KPROCESSOR_MODE mode)
     {
-        return ObReferenceObjectByHandle(handle, PROCESS_DUP_HANDLE, PsProcessType, mode,
-                                         reinterpret_cast<PVOID*>(&process_), nullptr);
+        return ob::ReferenceObjectByHandle(handle, PROCESS_DUP_HANDLE, PsProcessType, mode,
+                                           reinterpret_cast<PVOID*>(&process_), nullptr);
     }
     PEPROCESS Get() const { return process_; }
 

@@ -34,7 +34,7 @@ NTSTATUS StartOf(const ob::CapturedAttributes& attributes, KPROCESSOR_MODE mode,
         if (!rest->empty()) rest->erase(0, 1);
     } else {
         if (!name.empty() && name.front() == u'\\') return STATUS_OBJECT_PATH_SYNTAX_BAD;
-        const NTSTATUS status = ObReferenceObjectByHandle(attributes.RootDirectory, 0, KeyType, mode, &body, nullptr);
+        const NTSTATUS status = ob::ReferenceObjectByHandle(attributes.RootDirectory, 0, KeyType, mode, &body, nullptr);
         if (!NT_SUCCESS(status)) return status;
         *rest = name;
     }
@@ -155,7 +155,7 @@ NTSTATUS QueryValueKey(KPROCESSOR_MODE mode, HANDLE handle, PUNICODE_STRING valu
     if (!NT_SUCCESS(status)) return status;
 
     void* body;
-    status = ObReferenceObjectByHandle(handle, KEY_QUERY_VALUE, KeyType, mode, &body, nullptr);
+    status = ob::ReferenceObjectByHandle(handle, KEY_QUERY_VALUE, KeyType, mode, &body, nullptr);
     if (!NT_SUCCESS(status)) return status;
     ValueImage image;
     status = ReadValue(static_cast<KeyBody*>(body)->Node, name.View(), kImages[index], &image);

@@ -73,8 +73,8 @@ void DeleteSection(void* body)
 [[nodiscard]] NTSTATUS NewSection(const SectionRequest& request, KPROCESSOR_MODE mode, void** body)
 {
     void* object;
-    NTSTATUS status = ObReferenceObjectByHandle(request.File, mm::FindProtection(request.Protection)->File,
-                                                IoFileObjectType, mode, &object, nullptr);
+    NTSTATUS status = ob::ReferenceObjectByHandle(request.File, mm::FindProtection(request.Protection)->File,
+                                                  IoFileObjectType, mode, &object, nullptr);
     if (!NT_SUCCESS(status)) return status;
     auto* const file = static_cast<PFILE_OBJECT>(object);
     *body = FaultInjected("NtCreateSection") ? nullptr : ob::CreateObject(&SectionType, sizeof(SectionBody));

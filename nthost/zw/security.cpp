@@ -6,6 +6,7 @@
 
 #include "io/device.h"
 #include "io/device_security.h"
+#include "ob/handle.h"
 #include "ob/service.h"
 #include "ke/thread.h"
 #include "rtl/descriptor.h"
@@ -139,7 +140,7 @@ NTSTATUS SetSecurityObject(KPROCESSOR_MODE mode, HANDLE handle, SECURITY_INFORMA
     if (mode == KernelMode && FaultInjected("ZwSetSecurityObject")) return STATUS_INSUFFICIENT_RESOURCES;
     if (!descriptor) return STATUS_ACCESS_VIOLATION;
     void* object;
-    NTSTATUS status = ObReferenceObjectByHandle(handle, AccessToSet(information), nullptr, mode, &object, nullptr);
+    NTSTATUS status = ob::ReferenceObjectByHandle(handle, AccessToSet(information), nullptr, mode, &object, nullptr);
     if (!NT_SUCCESS(status)) return status;
     status = SetOn(object, information, descriptor, mode);
     ObDereferenceObject(object);

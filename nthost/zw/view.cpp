@@ -1,5 +1,6 @@
 // The services on views: mapping, unmapping, and flushing a range of one. What the caller's pointers hold is taken
 // once, at the start, and given back at the end.
+#include "ob/handle.h"
 #include "ob/service.h"
 #include "mm/pages.h"
 #include "mm/view.h"
@@ -106,8 +107,8 @@ bool IsMisaligned(const Placement& placement)
 
 [[nodiscard]] NTSTATUS ReferenceProcess(HANDLE handle, KPROCESSOR_MODE mode, PEPROCESS* process)
 {
-    return ObReferenceObjectByHandle(handle, PROCESS_VM_OPERATION, PsProcessType, mode,
-                                     reinterpret_cast<PVOID*>(process), nullptr);
+    return ob::ReferenceObjectByHandle(handle, PROCESS_VM_OPERATION, PsProcessType, mode,
+                                       reinterpret_cast<PVOID*>(process), nullptr);
 }
 
 struct ViewKind {
@@ -136,7 +137,7 @@ NTSTATUS MapViewOfSection(KPROCESSOR_MODE mode, HANDLE sectionHandle, HANDLE pro
     if (!NT_SUCCESS(status)) return status;
     const mm::Protection& protection = *mm::FindProtection(kind.Protect);
     void* section;
-    status = ObReferenceObjectByHandle(sectionHandle, protection.Section, &SectionType, mode, &section, nullptr);
+    status = ob::ReferenceObjectByHandle(sectionHandle, protection.Section, &SectionType, mode, &section, nullptr);
     if (NT_SUCCESS(status)) {
         status = MapReferenced(process, static_cast<SectionBody*>(section), protection, &placement, mode);
         ObDereferenceObject(section);

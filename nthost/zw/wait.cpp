@@ -2,6 +2,7 @@
 // meanwhile.
 #include <cstring>
 
+#include "ob/handle.h"
 #include "ob/service.h"
 #include "ob/object.h"
 #include "ob/capture.h"
@@ -24,7 +25,7 @@ public:
     [[nodiscard]] NTSTATUS Add(HANDLE handle, KPROCESSOR_MODE mode)
     {
         PVOID body;
-        const NTSTATUS status = ObReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, mode, &body, nullptr);
+        const NTSTATUS status = ob::ReferenceObjectByHandle(handle, SYNCHRONIZE, nullptr, mode, &body, nullptr);
         if (!NT_SUCCESS(status)) return status;
         bodies_[count_] = body;
         const POBJECT_TYPE type = ob::TypeOf(body);
