@@ -348,9 +348,8 @@ TEST_P(SecureMount, LooksForTheRoutineOnce)
 
 TEST_P(SecureMount, UnwindsFromEachStep)
 {
-    for (const char* routine :
-         {"ExAllocatePoolWithTag", "IoCreateDevice", "ObReferenceObjectByHandle", "ObOpenObjectByPointer",
-          "ZwSetSecurityObject", kCreateRoutine, kConvertRoutine, "IoCreateSymbolicLink"}) {
+    for (const char* routine : {"ExAllocatePoolWithTag", "IoCreateDevice", "ObOpenObjectByPointer",
+                                "ZwSetSecurityObject", kCreateRoutine, kConvertRoutine, "IoCreateSymbolicLink"}) {
         SCOPED_TRACE(routine);
         unsigned failures = 0;
         const unsigned sites = nthost::SweepFaults(routine, [&](unsigned) {
