@@ -69,18 +69,18 @@ struct NamedSpan {
     const char* Name;
 };
 
-// Behind "others" the requests, so that theirs need no look-up, then those whose pages they move.
+// Behind "others" the requests, so that theirs need no look-up, then those that move pages.
 class Names {
 public:
     static constexpr SpanName FirstRequest = 1, PagingRead = FirstRequest + std::size(kRequests),
                               PagingWrite = PagingRead + 1;
 
-    Names()
+    constexpr Names()
     {
-        Append({SpanKind::Call, "others"});
-        for (const char* const name : kRequests) Append({SpanKind::Request, name});
-        Append({SpanKind::Request, "IRP_MJ_READ (paging)"});
-        Append({SpanKind::Request, "IRP_MJ_WRITE (paging)"});
+        names_[0] = {SpanKind::Call, "others"};
+        for (size_t i = 0; i < std::size(kRequests); ++i) names_[FirstRequest + i] = {SpanKind::Request, kRequests[i]};
+        names_[PagingRead] = {SpanKind::Request, "IRP_MJ_READ (paging)"};
+        names_[PagingWrite] = {SpanKind::Request, "IRP_MJ_WRITE (paging)"};
     }
     SpanName Of(SpanKind kind, const char* name)
     {
@@ -88,30 +88,21 @@ public:
         const size_t count = Count();
         for (size_t i = 1; i < count; ++i)
             if (names_[i].Kind == kind && !std::strcmp(names_[i].Name, name)) return static_cast<SpanName>(i);
-        return count == kMaxNames ? SpanName{0} : Append({kind, name});
+        if (count == kMaxNames) return 0;
+        names_[count] = {kind, name};
+        count_.store(count + 1, std::memory_order_release);
+        return static_cast<SpanName>(count);
     }
     size_t Count() const { return count_.load(std::memory_order_acquire); }
     const NamedSpan& At(size_t name) const { return names_[name]; }
 
 private:
-    SpanName Append(NamedSpan name)
-    {
-        const size_t index = Count();
-        names_[index] = name;
-        count_.store(index + 1, std::memory_order_release);
-        return static_cast<SpanName>(index);
-    }
-
     std::mutex mutex_;
-    std::atomic<size_t> count_{0};
+    std::atomic<size_t> count_{PagingWrite + 1};
     NamedSpan names_[kMaxNames]{};
 };
 
-Names& TheNames()
-{
-    static Names names;
-    return names;
-}
+constinit Names g_names; // named spans come before any constructor has run
 
 // --- time
 
@@ -163,8 +154,8 @@ uint64_t TicksOf(size_t bucket)
 }
 
 struct Counts {
-    Word Count, Bytes, Ticks;
-    std::atomic<uint32_t> Buckets[kBuckets];
+    Word Bytes, Ticks;
+    Word Buckets[kBuckets];
 };
 
 struct Failure {
@@ -188,7 +179,7 @@ class Record {
 public:
     explicit Record(size_t size) : size_(size) {}
 
-    void Note(const Span& span);
+    void Note(const Span& span, uint64_t bytes);
 
     // --- the wait that the thread is in
     Word WaitSince, WaitRequest;
@@ -221,7 +212,7 @@ private:
     Failure failures_[kFailures];
 };
 
-void Record::Note(const Span& span)
+void Record::Note(const Span& span, uint64_t bytes)
 {
     const uint64_t next = next_.load(std::memory_order_relaxed);
     const uint64_t words[kWords] = {
@@ -239,14 +230,12 @@ void Record::Note(const Span& span)
 
     Counts& counts = counts_[span.Name];
     const uint64_t ticks = span.End - span.Begin;
-    Add(counts.Count, 1);
     Add(counts.Ticks, ticks);
-    std::atomic<uint32_t>& bucket = counts.Buckets[BucketOf(ticks)];
-    bucket.store(bucket.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    Add(counts.Buckets[BucketOf(ticks)], 1);
     if (NT_ERROR(span.Status))
         CountFailure(span.Name, span.Status);
-    else if (TheNames().At(span.Name).Kind != SpanKind::Wait && span.Value)
-        Add(counts.Bytes, span.Value);
+    else
+        Add(counts.Bytes, bytes);
 }
 
 void Record::CountFailure(SpanName name, NTSTATUS status)
@@ -342,11 +331,11 @@ Sums SumsOf(size_t name)
     Sums sums;
     ForEachRecord([&](const Record& record) {
         const Counts& counts = record.CountsOf(name);
-        sums.Count += counts.Count.load(std::memory_order_relaxed);
         sums.Bytes += counts.Bytes.load(std::memory_order_relaxed);
         sums.Ticks += counts.Ticks.load(std::memory_order_relaxed);
         for (size_t i = 0; i < kBuckets; ++i) sums.Buckets[i] += counts.Buckets[i].load(std::memory_order_relaxed);
     });
+    for (const uint64_t count : sums.Buckets) sums.Count += count;
     return sums;
 }
 
@@ -399,12 +388,11 @@ void NoteRequest(const RequestEnd& end)
 {
     const _ETHREAD* const thread = CurrentThreadOrNull();
     if (!thread || !thread->Record) return;
-    const bool isRead = end.IsPaging && end.Major == IRP_MJ_READ, isWrite = end.IsPaging && end.Major == IRP_MJ_WRITE;
     auto name = static_cast<SpanName>(Names::FirstRequest + end.Major);
-    if (isRead) name = Names::PagingRead;
-    if (isWrite) name = Names::PagingWrite;
-    thread->Record->Note({name, end.SentBy, end.Number, end.SentAt, SpanClock(), end.Status,
-                          end.Major == IRP_MJ_CREATE ? 0 : end.Information}); // there it says what was done
+    if (end.IsPaging && end.Major == IRP_MJ_READ) name = Names::PagingRead;
+    if (end.IsPaging && end.Major == IRP_MJ_WRITE) name = Names::PagingWrite;
+    const uint64_t bytes = end.Major == IRP_MJ_CREATE ? 0 : end.Information; // there it says what was done
+    thread->Record->Note({name, end.SentBy, end.Number, end.SentAt, SpanClock(), end.Status, bytes}, bytes);
 }
 
 RecordedWait::RecordedWait(const char* what, const void* address) : record_(nullptr)
@@ -426,7 +414,8 @@ RecordedWait::~RecordedWait()
     record_->Note({WaitName(what), record_->Thread.load(std::memory_order_relaxed),
                    record_->WaitRequest.load(std::memory_order_relaxed),
                    record_->WaitSince.load(std::memory_order_relaxed), SpanClock(), STATUS_SUCCESS,
-                   reinterpret_cast<uint64_t>(record_->WaitAddress.load())});
+                   reinterpret_cast<uint64_t>(record_->WaitAddress.load())},
+                  0);
 }
 
 } // namespace nthost::ke
@@ -435,13 +424,14 @@ namespace nthost {
 
 using namespace ke;
 
-SpanName NameSpans(SpanKind kind, const char* name) { return TheNames().Of(kind, name); }
+SpanName NameSpans(SpanKind kind, const char* name) { return g_names.Of(kind, name); }
 
 void NoteCall(SpanName name, uint64_t begun, NTSTATUS status, uint64_t bytes)
 {
     const _ETHREAD* const thread = CurrentThreadOrNull();
     if (!thread || !thread->Record) return;
-    thread->Record->Note({name, RecordedNumber(thread), CurrentRequest().Number, begun, SpanClock(), status, bytes});
+    thread->Record->Note({name, RecordedNumber(thread), CurrentRequest().Number, begun, SpanClock(), status, bytes},
+                         bytes);
 }
 
 std::vector<RecordedSpan> RecordedSpans()
@@ -450,7 +440,7 @@ std::vector<RecordedSpan> RecordedSpans()
     std::vector<RecordedSpan> spans;
     ForEachRecord([&](const Record& record) {
         record.ForEachSpan([&](const Span& span, uint32_t thread) {
-            const NamedSpan& named = TheNames().At(span.Name);
+            const NamedSpan& named = g_names.At(span.Name);
             spans.push_back({named.Kind, named.Name, thread, span.BegunBy, span.Request,
                              lengthOf(span.Begin - origin.Ticks), lengthOf(span.End - span.Begin), span.Status,
                              span.Value});
@@ -466,10 +456,10 @@ std::vector<SpanCounts> RecordedCounts()
     const TickLength lengthOf;
     const std::map<uint64_t, uint64_t> failures = FailuresByKey();
     std::vector<SpanCounts> all;
-    for (size_t name = 0; name < TheNames().Count(); ++name) {
+    for (size_t name = 0; name < g_names.Count(); ++name) {
         const Sums sums = SumsOf(name);
         if (!sums.Count) continue;
-        const NamedSpan& named = TheNames().At(name);
+        const NamedSpan& named = g_names.At(name);
         SpanCounts counts = {named.Kind,
                              named.Name,
                              sums.Count,
