@@ -10,7 +10,6 @@
 #include "check/text.h"
 #include "ke/live.h"
 #include "ke/held.h"
-#include "ke/recorder.h"
 #include "ke/schedule.h"
 #include "ke/wait.h"
 #include "ke/word_lock.h"
@@ -133,7 +132,6 @@ void AcquireSlowly(PERESOURCE resource, _ETHREAD* thread, Request request)
         Enqueue(resource, waiter, request);
     }
     ke::NoteWaitFor("a resource", resource);
-    const ke::RecordedWait recorded("a resource", resource);
     ke::AwaitWake(thread);
 }
 

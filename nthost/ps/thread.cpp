@@ -2,7 +2,6 @@
 #include <nthost/process.h>
 
 #include <new>
-#include <utility>
 
 #include "ke/callout.h"
 #include "check/fatal.h"
@@ -10,7 +9,6 @@
 #include "check/text.h"
 #include "ke/apc.h"
 #include "ke/current.h"
-#include "ke/recorder.h"
 #include "ke/running.h"
 #include "ke/schedule.h"
 #include "ke/wait.h"
@@ -68,7 +66,6 @@ void EnterThread(_ETHREAD* thread)
 {
     if (ke::CurrentThreadOrNull()) Fatal("this thread is already attached to a process");
     ke::SetCurrentThread(thread);
-    thread->Record = ke::TakeRecord(thread);
     ke::AddRunning(thread);
 }
 
@@ -86,7 +83,6 @@ void LeaveThread(NTSTATUS exitStatus)
     _ETHREAD* const thread = ke::CurrentThread();
     thread->ExitStatus = exitStatus;
     ke::RemoveRunning(thread);
-    ke::GiveRecord(std::exchange(thread->Record, nullptr));
     ke::SignalHeader(&thread->Header);
     ke::SetCurrentThread(nullptr);
     ObDereferenceObject(thread);
