@@ -308,5 +308,38 @@ expect "a volume that is too small" 3 'STATUS_DISK_FULL' "$gvnd" import --capaci
 expect "export of a subtree" 0 '^1 files in 1 directories' "$gvnd" export "${volume[@]}" /sub "$work/sub"
 expect "export to no directory" 1 'cannot create directories' "$gvnd" export -p "hostfs:$source/driver" / /dev/full/x
 
+# The manual page has every option and command, and is well-formed; the completion of the command line knows them.
+manual=$source/tools/gvnd/gvnd.1
+if command -v groff >/dev/null; then
+    complaints=$(groff -man -ww -z "$manual" 2>&1)
+    [ -z "$complaints" ] || fail "the manual page: $complaints"
+fi
+page=$(sed 's/\\-/-/g' "$manual")
+for command in '' shell import export mount check plugins; do
+    for option in $("$gvnd" $command --help | sed -nE 's/^  (-[^ ]+).*/\1/p' | tr , ' '); do
+        grep -qE -- "(^|[^-a-z])$option([^-a-z]|$)" <<<"$page" || fail "the manual page lacks $option"
+    done
+done
+for command in $("$gvnd" shell -c help | sed -nE 's/^  ([a-z]+)( .*|$)/\1/p'); do
+    grep -qE "^([a-z]+, )*$command(,|$)" "$manual" || fail "the manual page lacks the shell's $command"
+done
+
+# completes REPLIES WORD...: what the last word could become.
+completes()
+{
+    local wanted=$1 got
+    shift
+    got=$(source "$source/tools/gvnd/gvnd.bash" && compopt() { :; } && COMP_WORDS=("$@") COMP_CWORD=$(($# - 1)) &&
+        _gvnd "$gvnd" && echo "${COMPREPLY[*]}")
+    [ "$got" = "$wanted" ] || fail "completion of '$*': '$got', expected '$wanted'"
+}
+completes "import" gvnd im
+completes "--read-only" gvnd shell --re
+completes "hostfs:" gvnd shell -p ho
+completes "$work/tree/hello.txt" gvnd shell -p hostfs : "$work/tree/hel"
+completes "$work/tree" gvnd import "$work/tre"
+completes "writeback" gvnd mount -o w
+completes "" gvnd shell --capacity ""
+
 [ $failed = 0 ] && echo "all of the tool's uses went as they should"
 exit $failed
