@@ -13,7 +13,8 @@ struct Advice {
 constexpr Advice Advices[] = {
     {STATUS_OBJECT_NAME_NOT_FOUND, "nothing has this name; `ls` its directory, and mind that names are the plugin's"},
     {STATUS_OBJECT_PATH_NOT_FOUND, "a directory on the way does not exist; `ls` the path from the root on"},
-    {STATUS_OBJECT_PATH_SYNTAX_BAD, "the path is malformed: absolute, no `.` or `..`, no file in the middle"},
+    {STATUS_OBJECT_PATH_SYNTAX_BAD,
+     "the path is malformed: from the root it has no `.` or `..`, and no file in the middle"},
     {STATUS_OBJECT_NAME_INVALID, "the name has a character that NT does not allow, or a file's name ends in a slash"},
     {STATUS_OBJECT_NAME_COLLISION, "something with this name exists already"},
     {STATUS_ACCESS_DENIED,
@@ -23,7 +24,7 @@ constexpr Advice Advices[] = {
     {STATUS_LOCK_NOT_GRANTED, "another handle has locked some of these bytes; see `handles`"},
     {STATUS_RANGE_NOT_LOCKED, "unlock names exactly the range that was locked, on the same handle"},
     {STATUS_FILE_IS_A_DIRECTORY, "this is a directory; use `ls`"},
-    {STATUS_NOT_A_DIRECTORY, "this is not a directory; use `cat`"},
+    {STATUS_NOT_A_DIRECTORY, "this is a file, and a directory is wanted; `stat` shows what it is"},
     {STATUS_OBJECT_TYPE_MISMATCH, "only files can be read"},
     {STATUS_NO_SUCH_FILE, "nothing matches the pattern"},
     {STATUS_INSUFFICIENT_RESOURCES, "out of memory, or too many requests wait; try again"},
