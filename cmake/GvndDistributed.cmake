@@ -20,3 +20,5 @@ target_compile_options(gvnd_glusterfs PRIVATE ${GVND_HOSTED_FLAGS})
 target_compile_features(gvnd_glusterfs PRIVATE cxx_std_20)
 target_compile_definitions(gvnd_glusterfs PRIVATE NTHOST_MS_ABI=$<BOOL:${GVND_MS_ABI}>)
 target_link_libraries(gvnd_glusterfs PRIVATE gvnd_ntifs gvnd_plugin PkgConfig::GFAPI)
+# The client library's threads outlive the plugin (cluster.cpp).
+target_link_options(gvnd_glusterfs PRIVATE -Wl,-z,nodelete)

@@ -6,6 +6,8 @@
 
 #include <cerrno>
 #include <charconv>
+#include <system_error>
+#include <thread>
 #include <utility>
 
 #include <fcntl.h>
@@ -128,10 +130,18 @@ int Cluster::Start()
     return S_ISDIR(info.st_mode) ? 0 : ENOTDIR;
 }
 
+// The library's end of a connection first disconnects and then waits, up to ten seconds, for a timer of its own that it
+// can no longer cancel. Everything that was written has been handed over when the last handle was closed, so nobody
+// else needs to wait: a thread does, which the process may end at any time. This module stays loaded for it.
 Cluster::~Cluster()
 {
     root_.reset();
-    if (client_) glfs_fini(client_);
+    if (!client_) return;
+    try {
+        std::thread(glfs_fini, client_).detach();
+    } catch (const std::system_error&) {
+        glfs_fini(client_);
+    }
 }
 
 int Cluster::StatFileSystem(struct statvfs* info)
