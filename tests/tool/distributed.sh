@@ -52,28 +52,30 @@ expect "not empty" 'STATUS_DIRECTORY_NOT_EMPTY' "rmdir /tree"
 expect "not there" 'STATUS_OBJECT_NAME_NOT_FOUND' "cat /none"
 expect "no way there" 'STATUS_OBJECT_PATH_NOT_FOUND' "cat /none/file"
 expect "takes no changes" 'STATUS_MEDIA_WRITE_PROTECTED' "mkdir /x" "${PLUGIN%"$PLACE"}ro,$PLACE"
-expect "a directory of it" 'file 0.txt' "ls '/sub 0'" "$PLUGIN/tree/d0"
+expect "a directory of it" 'file 0.txt' 'ls "/sub 0"' "$PLUGIN/tree/d0"
 expect "no such volume" 'STATUS_' "ls" "${PLUGIN%"$PLACE"}${PLACE%/trial}:/other"
 expect "arguments" 'STATUS_INVALID_PARAMETER' "ls" "${PLUGIN%"$PLACE"}never,$PLACE"
 expect "flushed" '^$' "flush"
 
 # --- two hosts on one volume: each sees what the other has finished. A host reads its commands from a pipe.
-start_host() # NUMBER [PLUGIN]
+start_host() # NUMBER
 {
     mkfifo "$work/in$1"
-    "$GVND" shell -p "${2:-$PLUGIN}" - <"$work/in$1" >"$work/out$1" 2>&1 &
+    "$GVND" shell -p "$PLUGIN" - <"$work/in$1" >"$work/out$1" 2>&1 8>&- &
     hosts[$1]=$!
 }
-say() # FD NUMBER COMMAND: its output, once it has been carried out
+say() # FD NUMBER COMMANDS: their output, once they have been carried out
 {
-    local end="end-of-$RANDOM$RANDOM" before
+    local before
     before=$(wc -l <"$work/out$2")
-    printf '%s\nput %s /mark-%s\nls /mark-%s\nrm /mark-%s\n' "$3" "$work/put/a" "$end" "$end" "$end" >&"$1"
+    echo "end of $RANDOM$RANDOM" >"$work/end$2"
+    printf '%s\nput "%s" /end%s\ncat /end%s\nrm /end%s\n' "$3" "$work/end$2" "$2" "$2" "$2" >&"$1"
     for _ in $(seq 600); do
-        tail -n "+$((before + 1))" "$work/out$2" | grep -q "mark-$end" && break
+        tail -n "+$((before + 1))" "$work/out$2" | grep -qxFf "$work/end$2" && break
+        kill -0 "${hosts[$2]}" 2>/dev/null || break
         sleep 0.05
     done
-    tail -n "+$((before + 1))" "$work/out$2"
+    tail -n "+$((before + 1))" "$work/out$2" | grep -vxFf "$work/end$2"
 }
 start_host 1
 exec 8>"$work/in1"
@@ -82,11 +84,15 @@ exec 9>"$work/in2"
 say 8 1 "put $work/put/a /shared" >/dev/null
 grep -q hello <<<"$(say 9 2 'cat /shared')" || fail "a new file is not seen"
 say 9 2 "put $work/put/b /shared2; rm /shared" >/dev/null
-grep -q 'NAME_NOT_FOUND' <<<"$(say 8 1 'cat /shared')" || fail "a deletion is not seen"
-say 8 1 "mv /shared2 /moved; append /moved more" >/dev/null
+names=$(say 8 1 'ls')
+grep -qx shared2 <<<"$names" && ! grep -qx shared <<<"$names" || fail "a deletion is not seen: $names"
+say 8 1 "mv /shared2 /moved; append /moved more; attr /moved +h" >/dev/null
 grep -q more <<<"$(say 9 2 'cat /moved')" || fail "a rename and what was appended are not seen"
+grep -q H <<<"$(say 9 2 'attr /moved')" || fail "attributes are not seen"
+grep -q 'OBJECT_NAME_NOT_FOUND' <<<"$(say 9 2 'cat /shared2')" || fail "an old name is still there"
 exec 8>&- 9>&-
-wait "${hosts[1]}" "${hosts[2]}"
+wait "${hosts[1]}" || fail "the first host: $(cat "$work/out1")"
+wait "${hosts[2]}" # which the old name stopped
 hosts=()
 
 # --- a server dies while files are written, and the other one after that has healed: nothing is lost
