@@ -129,6 +129,13 @@ if(TARGET gvnd)
     set_tests_properties(tool.CommandLine PROPERTIES TIMEOUT 300)
 endif()
 
+# The plugin over a store of several machines, by servers that the test starts; skipped where there are none to start.
+if(TARGET gvnd AND TARGET gvnd_glusterfs AND CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT GVND_MS_ABI)
+    add_test(NAME tool.Distributed COMMAND ${PROJECT_SOURCE_DIR}/scripts/try-distributed -g $<TARGET_FILE:gvnd>
+        ${PROJECT_SOURCE_DIR}/tests/tool/distributed.sh)
+    set_tests_properties(tool.Distributed PROPERTIES TIMEOUT 600 SKIP_RETURN_CODE 77)
+endif()
+
 # The stranger's test of a plugin in C, built here too, where the sanitizers and nthost's checks see it.
 if(TARGET gvnd_workbench)
     gvnd_executable(hello_c_test tests/outsider/hello.c tests/outsider/hello_test.c)

@@ -121,7 +121,8 @@ int Cluster::Start()
     if (glfs_set_logging(client_, isLogged ? options_.Log.c_str() : "/dev/null", isLogged ? 7 : 1) != 0 ||
         glfs_set_volfile_server(client_, "tcp", options_.Server.c_str(), options_.Port) != 0)
         return LastErrorOr(EINVAL);
-    if (glfs_init(client_) != 0) return LastErrorOr(ENOTCONN);
+    // EIO is how the library says that the volume is known and none of its servers answers.
+    if (glfs_init(client_) != 0) return errno == EIO ? ENOTCONN : LastErrorOr(ENOTCONN);
 
     struct stat info = {};
     glfs_object_t* const root = glfs_h_lookupat(client_, nullptr, options_.Directory.c_str(), &info, 0);
