@@ -43,7 +43,7 @@ endif()
 set(GVND_PRIVATE_nthost nthost)
 set(GVND_PRIVATE_driver driver)
 set(GVND_PRIVATE_memfs plugins/memfs)
-set(GVND_PRIVATE_hostfs plugins/hostfs)
+set(GVND_PRIVATE_hostfs plugins/hostfs plugins/posixfs)
 
 function(gvnd_test_directory name)
     gvnd_sources(sources tests/${name})
@@ -55,7 +55,7 @@ function(gvnd_test_directory name)
     target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}/tests ${PROJECT_SOURCE_DIR}/driver)
     string(REGEX REPLACE "_.*" "" component ${name})
     if(DEFINED GVND_PRIVATE_${component})
-        target_include_directories(${target} PRIVATE ${PROJECT_SOURCE_DIR}/${GVND_PRIVATE_${component}})
+        target_include_directories(${target} PRIVATE ${GVND_PRIVATE_${component}})
     endif()
     target_compile_options(${target} PRIVATE ${GVND_TEST_FLAGS})
     target_link_libraries(${target} PRIVATE $<TARGET_NAME_IF_EXISTS:gvnd_testsupport> ${GVND_LINK_ALL} gvnd_plugin
@@ -127,6 +127,13 @@ add_test(NAME scripts.CheckIncludesRefusesBadOnes COMMAND ${PROJECT_SOURCE_DIR}/
 if(TARGET gvnd)
     add_test(NAME tool.CommandLine COMMAND ${PROJECT_SOURCE_DIR}/tests/tool/run.sh $<TARGET_FILE:gvnd> ${PROJECT_SOURCE_DIR})
     set_tests_properties(tool.CommandLine PROPERTIES TIMEOUT 300)
+endif()
+
+# The plugin over a store of several machines, by servers that the test starts; skipped where there are none to start.
+if(TARGET gvnd AND TARGET gvnd_glusterfs AND CMAKE_BUILD_TYPE STREQUAL "Release" AND NOT GVND_MS_ABI)
+    add_test(NAME tool.Distributed COMMAND ${PROJECT_SOURCE_DIR}/scripts/try-distributed -g $<TARGET_FILE:gvnd>
+        ${PROJECT_SOURCE_DIR}/tests/tool/distributed.sh)
+    set_tests_properties(tool.Distributed PROPERTIES TIMEOUT 600 SKIP_RETURN_CODE 77)
 endif()
 
 # The stranger's test of a plugin in C, built here too, where the sanitizers and nthost's checks see it.

@@ -1,7 +1,6 @@
 // Resolution beneath the root (beneath.h). No lock, no state but the root's descriptor.
 #include "beneath.h"
 
-#include "directory.h"
 #include "errors.h"
 
 #include <climits>
@@ -16,6 +15,9 @@
 #include <unistd.h>
 
 namespace hostfs {
+
+using namespace posixfs;
+
 namespace {
 
 constexpr int kPathFlags = O_PATH | O_NOFOLLOW | O_CLOEXEC;
@@ -53,13 +55,6 @@ UniqueFd::~UniqueFd()
     if (fd_ >= 0) close(fd_);
 }
 
-Kind KindOf(mode_t mode)
-{
-    if (S_ISREG(mode)) return Kind::File;
-    if (S_ISDIR(mode)) return Kind::Directory;
-    return S_ISLNK(mode) ? Kind::Link : Kind::Special;
-}
-
 std::string ProcPath(int fd) { return "/proc/self/fd/" + std::to_string(fd); }
 
 UniqueFd Reopen(int pathFd, int flags)
@@ -84,87 +79,28 @@ NTSTATUS Beneath::Create(const char* directory, Method wanted, std::unique_ptr<B
 
 NTSTATUS Beneath::Describe(const char* directory)
 {
-    struct stat info = {};
-    if (fstat(root_.Get(), &info) != 0) return LastError();
-    device_ = info.st_dev;
-    inode_ = info.st_ino;
-
     const std::unique_ptr<char, decltype(&free)> path(realpath(ProcPath(root_.Get()).c_str(), nullptr), free);
     if (!path) return LastError();
     rootPaths_ = {path.get(), std::filesystem::absolute(directory)};
     return STATUS_SUCCESS;
 }
 
-UniqueFd Beneath::OpenChild(int directory, const std::string& name) const
+UniqueFd Beneath::Child(int directory, const std::string& name) const
 {
     if (method_ == Method::OneCall) return UniqueFd(OpenAt2(directory, name.c_str()));
     return UniqueFd(Uninterrupted([&] { return openat(directory, name.c_str(), kPathFlags); }));
 }
 
-UniqueFd Beneath::OpenAnyCase(int directory, const std::string& name) const
+UniqueFd Beneath::Find(const Components& path) const
 {
-    UniqueFd child = OpenChild(directory, name);
-    if (child || errno != ENOENT) return child;
-    const std::string spelled = FindAnyCase(directory, name);
-    if (!spelled.empty()) return OpenChild(directory, spelled);
-    errno = ENOENT;
-    return {};
-}
-
-UniqueFd Beneath::OpenExact(const Components& path) const
-{
-    if (path.empty()) return OpenChild(root_.Get(), ".");
+    if (path.empty()) return Child(root_.Get(), ".");
     UniqueFd at;
     for (size_t next = 0; next < path.size();) {
         const std::string step = method_ == Method::OneCall ? JoinSome(path, &next) : path[next++];
-        at = OpenChild(at ? at.Get() : root_.Get(), step);
+        at = Child(at ? at.Get() : root_.Get(), step);
         if (!at) break;
     }
     return at;
-}
-
-NTSTATUS Beneath::Resolve(const Components& path, UniqueFd* fd) const
-{
-    *fd = OpenExact(path);
-    if (*fd) return STATUS_SUCCESS;
-    if (errno != ENOENT) return LastError();
-
-    UniqueFd at = OpenChild(root_.Get(), ".");
-    for (size_t i = 0; at && i < path.size(); ++i) {
-        at = OpenAnyCase(at.Get(), path[i]);
-        if (!at && errno == ENOENT && i + 1 < path.size()) return STATUS_OBJECT_PATH_NOT_FOUND;
-    }
-    if (!at) return LastError();
-    *fd = std::move(at);
-    return STATUS_SUCCESS;
-}
-
-NTSTATUS Beneath::Locate(const Components& path, Place* place) const
-{
-    if (path.empty()) return STATUS_ACCESS_DENIED;
-    const NTSTATUS status = Resolve(Components(path.begin(), path.end() - 1), &place->Parent);
-    if (!NT_SUCCESS(status)) return status == STATUS_OBJECT_NAME_NOT_FOUND ? STATUS_OBJECT_PATH_NOT_FOUND : status;
-
-    place->Given = place->Leaf = path.back();
-    struct stat info = {};
-    place->Exists = fstatat(place->Parent.Get(), place->Leaf.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0;
-    if (place->Exists) return STATUS_SUCCESS;
-    if (errno != ENOENT) return LastError();
-    if (std::string spelled = FindAnyCase(place->Parent.Get(), place->Given); !spelled.empty()) {
-        place->Leaf = std::move(spelled);
-        place->Exists = true;
-    }
-    return STATUS_SUCCESS;
-}
-
-std::string FindAnyCase(int directory, const std::string& name)
-{
-    const NameMatcher matcher(name);
-    std::string found;
-    const NTSTATUS status = ForEachName(directory, [&](const std::string& candidate, unsigned char) {
-        if (matcher.Matches(candidate) && (found.empty() || candidate < found)) found = candidate;
-    });
-    return NT_SUCCESS(status) ? found : std::string();
 }
 
 } // namespace hostfs

@@ -9,6 +9,9 @@
 namespace hostfs {
 namespace {
 
+using posixfs::Contained;
+using posixfs::Volume;
+
 NTSTATUS NTAPI Create(const char* arguments, PluginOps** operations)
 {
     *operations = nullptr;

@@ -1,8 +1,9 @@
-// Making and ending a volume, and its table of operations. Needs no lock: a volume is used by others only while it
+// Making and ending a volume. Needs no lock: a volume is used by others only while it
 // exists.
 #include "hostfs.h"
 
 #include "errors.h"
+#include "host_store.h"
 #include "operations.h"
 #include "volume.h"
 
@@ -10,6 +11,8 @@
 
 namespace hostfs {
 namespace {
+
+using posixfs::Volume;
 
 // Best effort: with the soft limit as it is, opens fail sooner, with a status that says so.
 void RaiseDescriptorLimit()
@@ -20,6 +23,8 @@ void RaiseDescriptorLimit()
     (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+std::string LastComponent(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
+
 NTSTATUS CreateVolume(const HostFsOptions& options, PluginOps** operations)
 {
     if (!options.Root || !*options.Root) return STATUS_INVALID_PARAMETER;
@@ -27,60 +32,31 @@ NTSTATUS CreateVolume(const HostFsOptions& options, PluginOps** operations)
     std::unique_ptr<Beneath> root;
     if (const NTSTATUS status = Beneath::Create(options.Root, method, &root); !NT_SUCCESS(status)) return status;
     RaiseDescriptorLimit();
-    *operations = std::make_unique<Volume>(std::move(root), options).release()->Operations();
+    std::string label = options.Label && *options.Label ? options.Label : LastComponent(root->RootPaths().front());
+    auto volume =
+        std::make_unique<Volume>(std::make_unique<HostStore>(std::move(root)), options.ReadOnly, std::move(label));
+    if (const NTSTATUS status = volume->Start(); !NT_SUCCESS(status)) return status;
+    *operations = volume.release()->Operations();
     return STATUS_SUCCESS;
 }
 
 } // namespace
-
-PluginOps MakeOperations(Volume* volume)
-{
-    PluginOps operations = {};
-    operations.Version = GVND_PLUGIN_VERSION;
-    operations.PluginContext = volume;
-    operations.OnUnmounted = [](void* context) NTAPI { Volume::From(context).Unmounted(); };
-    operations.Lookup = Lookup;
-    operations.Open = Open;
-    operations.OpenDir = OpenDir;
-    operations.Create = Create;
-    operations.CreateDir = CreateDir;
-    operations.Read = Read;
-    operations.Write = Write;
-    operations.ReadDirEntry = ReadDirEntry;
-    operations.GetInfo = GetInfo;
-    operations.SetFileSize = SetFileSize;
-    operations.SetAttr = SetAttr;
-    operations.SetTime = SetTime;
-    operations.GetVolInfo = GetVolInfo;
-    operations.SetVolLabel = SetVolLabel;
-    operations.Close = Close;
-    operations.Rename = Rename;
-    operations.Delete = Delete;
-    operations.FlushVol = FlushVol;
-    operations.FlushFile = FlushFile;
-    operations.ListEa = ListEa;
-    operations.GetEa = GetEa;
-    operations.SetEa = SetEa;
-    operations.DeleteEa = DeleteEa;
-    operations.ReadLink = ReadLink;
-    return operations;
-}
 
 } // namespace hostfs
 
 NTSTATUS HostFsCreate(const HostFsOptions& options, PluginOps** operations)
 {
     *operations = nullptr;
-    return hostfs::Contained([&] { return hostfs::CreateVolume(options, operations); });
+    return posixfs::Contained([&] { return hostfs::CreateVolume(options, operations); });
 }
 
 void HostFsDestroy(PluginOps* operations)
 {
-    if (operations) delete &hostfs::Volume::From(operations->PluginContext);
+    if (operations) delete &posixfs::Volume::From(operations->PluginContext);
 }
 
 NTSTATUS HostFsMakeLink(PluginOps* operations, PCUNICODE_STRING path, PCUNICODE_STRING target)
 {
-    return hostfs::Contained(
-        [&] { return hostfs::MakeLink(hostfs::Volume::From(operations->PluginContext), path, target); });
+    return posixfs::Contained(
+        [&] { return posixfs::MakeLink(posixfs::Volume::From(operations->PluginContext), path, target); });
 }

@@ -1,7 +1,7 @@
 // The name mapping by itself, and odd names through a volume.
 #include "fixture.h"
 
-#include "../../plugins/hostfs/names.h"
+#include "../../plugins/posixfs/names.h"
 
 #include <algorithm>
 #include <random>
@@ -9,8 +9,8 @@
 namespace hostfs_tests {
 namespace {
 
-using hostfs::ToLinuxName;
-using hostfs::ToNtName;
+using posixfs::ToLinuxName;
+using posixfs::ToNtName;
 
 struct NameRow {
     std::string Linux;

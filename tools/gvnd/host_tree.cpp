@@ -12,10 +12,11 @@
 
 #include <fmt/format.h>
 
-#include <hostfs/links.h>
-#include <hostfs/metadata.h>
-#include <hostfs/names.h>
+#include <hostfs/host_store.h>
 #include <nthost/debug.h>
+#include <posixfs/links.h>
+#include <posixfs/metadata.h>
+#include <posixfs/names.h>
 
 #include "gvnd/status.h"
 #include "gvnd/tree.h"
@@ -43,13 +44,15 @@ std::string Upcased(std::string name)
 
 class HostNode : public TreeNode {
 public:
-    HostNode(hostfs::UniqueFd fd, std::string title) : fd_(std::move(fd)), title_(std::move(title)) {}
+    HostNode(hostfs::UniqueFd fd, std::string title)
+        : fd_(fd.Get()), node_(hostfs::NodeOf(std::move(fd))), title_(std::move(title))
+    {}
 
     size_t Read(uint64_t offset, char* buffer, size_t length) override
     {
         size_t done = 0;
         while (done < length) {
-            const ssize_t got = pread(fd_.Get(), buffer + done, length - done, static_cast<off_t>(offset + done));
+            const ssize_t got = pread(fd_, buffer + done, length - done, static_cast<off_t>(offset + done));
             if (got < 0 && errno == EINTR) continue;
             if (got < 0) Fail(title_, "read", errno);
             if (got == 0) break;
@@ -61,7 +64,7 @@ public:
     void Write(uint64_t offset, const char* buffer, size_t length) override
     {
         for (size_t done = 0; done < length;) {
-            const ssize_t put = pwrite(fd_.Get(), buffer + done, length - done, static_cast<off_t>(offset + done));
+            const ssize_t put = pwrite(fd_, buffer + done, length - done, static_cast<off_t>(offset + done));
             if (put < 0 && errno == EINTR) continue;
             if (put < 0) Fail(title_, "write", errno);
             done += static_cast<size_t>(put);
@@ -70,8 +73,8 @@ public:
 
     NodeFacts Facts() override
     {
-        hostfs::Facts facts;
-        Require("look at " + title_, hostfs::Describe(fd_.Get(), &facts));
+        posixfs::Facts facts;
+        Require("look at " + title_, posixfs::Describe(*node_, &facts));
         return {.Attributes = facts.Info.FileAttributes & kCarriedAttributes,
                 .Creation = facts.Info.CreationTime,
                 .LastAccess = facts.Info.LastAccessTime,
@@ -82,11 +85,10 @@ public:
     // Times first: a file that has become read-only takes no creation time, which is an extended attribute.
     void SetFacts(const NodeFacts& facts) override
     {
-        Require("set times of " + title_,
-                hostfs::SetTimes(fd_.Get(), facts.Creation, facts.LastAccess, facts.LastWrite));
+        Require("set times of " + title_, posixfs::SetTimes(*node_, facts.Creation, facts.LastAccess, facts.LastWrite));
         if (Facts().Attributes == facts.Attributes)
             return; // or else every file would get the attribute that keeps them
-        const NTSTATUS status = hostfs::SetAttributes(fd_.Get(), facts.Attributes);
+        const NTSTATUS status = posixfs::SetAttributes(*node_, facts.Attributes);
         const Failure failure("set attributes of " + title_, status);
         if (status == STATUS_NOT_SUPPORTED) throw NotKept(failure.what());
         if (!NT_SUCCESS(status)) throw failure;
@@ -96,10 +98,12 @@ public:
     {
         EaMap eas;
         for (const std::string& name : XattrNames()) {
-            const auto value = hostfs::ReadXattr(fd_.Get(), name);
-            if (!value) Fail(title_, "read an extended attribute of", errno);
+            std::string value;
+            if (const int error = posixfs::ReadXattr(*node_, name, &value)) {
+                Fail(title_, "read an extended attribute of", error);
+            }
             // NT's names are upper case. An empty value is none there.
-            if (!value->empty()) eas[Upcased(name.substr(hostfs::kUserPrefix.size()))] = *value;
+            if (!value.empty()) eas[Upcased(name.substr(posixfs::kUserPrefix.size()))] = value;
         }
         return eas;
     }
@@ -107,7 +111,7 @@ public:
     void SetEas(const EaMap& eas) override
     {
         for (const auto& [name, value] : eas) {
-            const int error = hostfs::WriteXattr(fd_.Get(), std::string(hostfs::kUserPrefix) + name, value);
+            const int error = node_->SetXattr((std::string(posixfs::kUserPrefix) + name).c_str(), value);
             if (error) Fail(title_, "set an extended attribute of", error);
         }
     }
@@ -116,19 +120,20 @@ private:
     std::vector<std::string> XattrNames() const
     {
         std::string list(64 * 1024, '\0'); // the most that Linux gives
-        const ssize_t length = flistxattr(fd_.Get(), list.data(), list.size());
+        const ssize_t length = flistxattr(fd_, list.data(), list.size());
         if (length < 0 && errno != EOPNOTSUPP) Fail(title_, "list extended attributes of", errno);
         std::vector<std::string> names;
         for (ssize_t at = 0; at < length; at += static_cast<ssize_t>(names.back().size()) + 1) {
             names.emplace_back(list.data() + at);
         }
         std::erase_if(names, [](const std::string& name) {
-            return !name.starts_with(hostfs::kUserPrefix) || name.starts_with(hostfs::kOwnPrefix);
+            return !name.starts_with(posixfs::kUserPrefix) || name.starts_with(posixfs::kOwnPrefix);
         });
         return names;
     }
 
-    hostfs::UniqueFd fd_;
+    int fd_; // the node's
+    posixfs::NodeRef node_;
     std::string title_;
 };
 
@@ -148,7 +153,7 @@ public:
     {
         std::vector<TreeEntry> entries;
         for (const fs::directory_entry& entry : fs::directory_iterator(LinuxPath(path))) {
-            const hostfs::NtText name = hostfs::ToNtName(entry.path().filename().string());
+            const posixfs::NtText name = posixfs::ToNtName(entry.path().filename().string());
             const std::string shown = nthost::ToUtf8(reinterpret_cast<const WCHAR*>(name.data()), name.size());
             struct stat info = {};
             if (lstat(entry.path().c_str(), &info) != 0) Fail(entry.path(), "look at", errno);
@@ -179,10 +184,10 @@ public:
     std::optional<std::string> ReadLink(const std::string& path) override
     {
         const std::string target = fs::read_symlink(LinuxPath(path)).string();
-        hostfs::Components directory = LinuxNames(path);
+        posixfs::Components directory = LinuxNames(path);
         directory.pop_back();
-        hostfs::NtText leadsTo;
-        const NTSTATUS status = hostfs::TargetFromRoot(target, directory, {realRoot_, root_}, &leadsTo);
+        posixfs::NtText leadsTo;
+        const NTSTATUS status = posixfs::TargetFromRoot(target, directory, {realRoot_, root_}, &leadsTo);
         if (status == STATUS_ACCESS_DENIED) return std::nullopt;
         Require("read the link " + Title(path), status);
         const std::string shown = nthost::ToUtf8(reinterpret_cast<const WCHAR*>(leadsTo.data()), leadsTo.size());
@@ -191,29 +196,29 @@ public:
 
     void MakeLink(const std::string& path, const std::string& target) override
     {
-        hostfs::Components directory = LinuxNames(path);
+        posixfs::Components directory = LinuxNames(path);
         directory.pop_back();
-        const std::string text = hostfs::LinkText(directory, LinuxNames(target));
+        const std::string text = posixfs::LinkText(directory, LinuxNames(target));
         if (symlink(text.c_str(), LinuxPath(path).c_str()) != 0) Fail(Title(path), "make the link", errno);
     }
 
 private:
     static NodeKind KindOf(mode_t mode)
     {
-        switch (hostfs::KindOf(mode)) {
-        case hostfs::Kind::File: return NodeKind::File;
-        case hostfs::Kind::Directory: return NodeKind::Directory;
-        case hostfs::Kind::Link: return NodeKind::Link;
+        switch (posixfs::KindOf(mode)) {
+        case posixfs::Kind::File: return NodeKind::File;
+        case posixfs::Kind::Directory: return NodeKind::Directory;
+        case posixfs::Kind::Link: return NodeKind::Link;
         default: return NodeKind::Other;
         }
     }
 
-    hostfs::Components LinuxNames(const std::string& path) const
+    posixfs::Components LinuxNames(const std::string& path) const
     {
-        hostfs::Components names;
+        posixfs::Components names;
         for (size_t at = 0; at < path.size();) {
             const size_t end = std::min(path.find('\\', at + 1), path.size());
-            const auto name = hostfs::ToLinuxName(nthost::FromUtf8(path.substr(at + 1, end - at - 1)));
+            const auto name = posixfs::ToLinuxName(nthost::FromUtf8(path.substr(at + 1, end - at - 1)));
             if (!name) throw NotRepresentable(fmt::format("{}: no name that Linux can hold", Title(path)));
             names.push_back(*name);
             at = end;

@@ -4,8 +4,8 @@
 
 #include <cerrno>
 
-#include <hostfs/links.h>
-#include <hostfs/names.h>
+#include <posixfs/links.h>
+#include <posixfs/names.h>
 #include <nthost/debug.h>
 
 #include "gvnd/mount/errors.h"
@@ -22,18 +22,18 @@ std::string Utf8(const NtName& text)
 }
 
 // False for names that Linux cannot hold.
-bool LinuxNames(const NtName& path, hostfs::Components* names)
+bool LinuxNames(const NtName& path, posixfs::Components* names)
 {
     const UNICODE_STRING counted = Counted(path);
-    return NT_SUCCESS(hostfs::ParsePath(&counted, names));
+    return NT_SUCCESS(posixfs::ParsePath(&counted, names));
 }
 
 bool LinkText(const NtName& link, const NtName& target, std::string* text)
 {
-    hostfs::Components directory, names;
+    posixfs::Components directory, names;
     if (!LinuxNames(link, &directory) || directory.empty() || !LinuxNames(target, &names)) return false;
     directory.pop_back();
-    *text = hostfs::LinkText(directory, names);
+    *text = posixfs::LinkText(directory, names);
     return true;
 }
 
@@ -99,7 +99,7 @@ NTSTATUS Links::ReadTarget(const NtName& path, NtName* target)
     if (!call.Table->ReadLink) return STATUS_NOT_SUPPORTED;
     NTSTATUS status = call.Table->ReadLink(call.Table->PluginContext, &call.Cancel, &name, &leadsTo, &other);
     if (NT_SUCCESS(status) && !leadsTo) status = STATUS_UNSUCCESSFUL;
-    if (NT_SUCCESS(status)) *target = hostfs::TextOf(leadsTo);
+    if (NT_SUCCESS(status)) *target = posixfs::TextOf(leadsTo);
     if (leadsTo) ExFreePoolWithTag(leadsTo, 0);
     if (other) ExFreePoolWithTag(other, 0);
     return status;
@@ -111,11 +111,11 @@ int Bridge::MakeSymlink(fuse_req_t request, const char* target, fuse_ino_t paren
     Place place;
     if (const int error = FindPlace(parent, name, &place)) return error;
     if (nodes_.IsHiddenName(place.Parent, place.Name)) return EACCES;
-    hostfs::Components directory;
+    posixfs::Components directory;
     if (!LinuxNames(place.Path, &directory)) return EINVAL;
     directory.pop_back();
-    hostfs::NtText leadsTo;
-    const NTSTATUS status = hostfs::TargetFromRoot(target, directory, {mountPoint_}, &leadsTo);
+    posixfs::NtText leadsTo;
+    const NTSTATUS status = posixfs::TargetFromRoot(target, directory, {mountPoint_}, &leadsTo);
     // What leaves the volume cannot be said in NT's form.
     if (!NT_SUCCESS(status)) return status == STATUS_ACCESS_DENIED ? EPERM : ErrorOf(status);
     try {

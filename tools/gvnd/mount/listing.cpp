@@ -6,7 +6,7 @@
 #include <cstring>
 #include <mutex>
 
-#include <hostfs/names.h>
+#include <posixfs/names.h>
 
 #include "gvnd/mount/errors.h"
 
@@ -98,7 +98,7 @@ int Bridge::ReadEntries(Node* directory, Listing* listing)
             const auto& record = *reinterpret_cast<const FILE_DIRECTORY_INFORMATION*>(at);
             NtName name(record.FileNameLength / sizeof(WCHAR), u'\0');
             std::memcpy(name.data(), record.FileName, record.FileNameLength);
-            const auto linuxName = hostfs::ToLinuxName(name);
+            const auto linuxName = posixfs::ToLinuxName(name);
             if (linuxName && *linuxName != "." && *linuxName != ".." && !nodes_.IsHiddenName(directory, name))
                 listing->Entries.push_back({*linuxName, TypeOf(record.FileAttributes)});
             if (record.NextEntryOffset == 0) break;

@@ -3,7 +3,7 @@
 
 #include <cerrno>
 
-#include <hostfs/names.h>
+#include <posixfs/names.h>
 
 #include "gvnd/eas.h"
 #include "gvnd/mount/errors.h"
@@ -36,7 +36,7 @@ int Bridge::FindPath(fuse_ino_t id, NtName* path)
 
 int Bridge::FindPlace(fuse_ino_t parent, const char* name, Place* place)
 {
-    place->Name = hostfs::ToNtName(name);
+    place->Name = posixfs::ToNtName(name);
     if (place->Name.size() > kMostCharacters) return ENAMETOOLONG;
     NtName directory;
     if (const int error = FindPath(parent, &directory)) return error;

@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <cstring>
 
-namespace hostfs {
+namespace posixfs {
 
 NTSTATUS MakeInfo(const Volume& volume, const Facts& facts, PluginFileInfo** info)
 {
@@ -50,4 +50,4 @@ NTSTATUS MakeString(NtTextView text, PUNICODE_STRING* string)
     return STATUS_SUCCESS;
 }
 
-} // namespace hostfs
+} // namespace posixfs

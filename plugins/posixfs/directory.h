@@ -1,18 +1,15 @@
-// Reading directories: all names of one, and the numbered listing of one that the driver walks.
+// The numbered listing of a directory that the driver walks.
 #pragma once
 
-#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include <ntifs.h>
 
-namespace hostfs {
+#include "node.h"
 
-// Calls visit with each name but "." and "..", and its DT_ type. The directory may be an O_PATH descriptor. The string
-// is one and the same, so that a scan allocates nothing per name.
-[[nodiscard]] NTSTATUS ForEachName(int directory, const std::function<void(const std::string&, unsigned char)>& visit);
+namespace posixfs {
 
 // A directory's names with a number each, shared by all handles of the directory. While nothing is deleted a number
 // means the same name, also over a refresh: names that came later are appended. A name that went leaves no gap. Has its
@@ -20,15 +17,15 @@ namespace hostfs {
 class DirListing {
 public:
     // Takes the directory's names as they are now.
-    [[nodiscard]] NTSTATUS Refresh(int directory);
+    [[nodiscard]] NTSTATUS Refresh(const Node& directory);
     // The first call takes the names, if nobody has; false behind the end.
-    [[nodiscard]] NTSTATUS At(int directory, size_t number, std::string* name, bool* exists);
+    [[nodiscard]] NTSTATUS At(const Node& directory, size_t number, std::string* name, bool* exists);
     // The object turned out to be gone: it leaves the listing, with those behind it that are gone as well. Nothing
     // happens if the number means another name by now.
-    void Forget(int directory, size_t number, const std::string& name);
+    void Forget(const Node& directory, size_t number, const std::string& name);
 
 private:
-    [[nodiscard]] static NTSTATUS ReadSorted(int directory, std::vector<std::string>* names);
+    [[nodiscard]] static NTSTATUS ReadSorted(const Node& directory, std::vector<std::string>* names);
     void Merge(std::vector<std::string> sorted);
 
     std::mutex lock_;
@@ -36,4 +33,4 @@ private:
     bool taken_ = false;
 };
 
-} // namespace hostfs
+} // namespace posixfs

@@ -5,7 +5,7 @@
 #include "records.h"
 #include "volume.h"
 
-namespace hostfs {
+namespace posixfs {
 namespace {
 
 // Listings of all directories but the root begin with these.
@@ -13,29 +13,29 @@ constexpr NtTextView kDots[] = {u".", u".."};
 
 NTSTATUS ReadEntry(Volume& volume, OpenObject& directory, ULONG index, PluginDirEntry** entry)
 {
-    const int fd = directory.Fd.Get();
+    const Node& node = *directory.At;
     DirListing& listing = volume.ListingOf(directory);
     // A listing that starts over sees what has changed.
     if (index == 0) {
-        if (const NTSTATUS status = listing.Refresh(fd); !NT_SUCCESS(status)) return status;
+        if (const NTSTATUS status = listing.Refresh(node); !NT_SUCCESS(status)) return status;
     }
 
-    const size_t dots = volume.Root().IsRoot(directory.Device, directory.Inode) ? 0 : std::size(kDots);
+    const size_t dots = volume.IsRoot(directory.Device, directory.Inode) ? 0 : std::size(kDots);
     Facts facts;
     if (index < dots) {
-        const NTSTATUS status = Describe(fd, &facts);
+        const NTSTATUS status = Describe(node, &facts);
         return NT_SUCCESS(status) ? MakeEntry(facts, kDots[index], entry) : status;
     }
     for (;;) {
         std::string name;
         bool exists = false;
-        if (const NTSTATUS status = listing.At(fd, index - dots, &name, &exists); !NT_SUCCESS(status)) return status;
+        if (const NTSTATUS status = listing.At(node, index - dots, &name, &exists); !NT_SUCCESS(status)) return status;
         if (!exists) return STATUS_NO_MORE_FILES;
 
-        const NTSTATUS status = DescribeEntry(fd, name, &facts);
+        const NTSTATUS status = DescribeEntry(node, name, &facts);
         const bool gone = status == STATUS_OBJECT_NAME_NOT_FOUND || (NT_SUCCESS(status) && facts.Kind == Kind::Special);
         if (!gone) return NT_SUCCESS(status) ? MakeEntry(facts, ToNtName(name), entry) : status;
-        listing.Forget(fd, index - dots, name);
+        listing.Forget(node, index - dots, name);
     }
 }
 
@@ -53,7 +53,7 @@ NTSTATUS InfoOf(const Volume& volume, PluginFd fd, PluginFileInfo** info)
     const OpenObjectRef object = volume.Find(fd);
     if (!object) return STATUS_INVALID_HANDLE;
     Facts facts;
-    const NTSTATUS status = Describe(object->Fd.Get(), &facts);
+    const NTSTATUS status = Describe(*object->At, &facts);
     return NT_SUCCESS(status) ? MakeInfo(volume, facts, info) : status;
 }
 
@@ -66,7 +66,7 @@ NTSTATUS ChangeObject(const Volume& volume, PluginFd fd, Change&& change)
     const OpenObjectRef object = volume.Find(fd);
     if (!object) return STATUS_INVALID_HANDLE;
     if (object->Kind == Kind::Link) return STATUS_INVALID_DEVICE_REQUEST;
-    return change(object->Fd.Get());
+    return change(*object->At);
 }
 
 } // namespace
@@ -84,7 +84,7 @@ NTSTATUS NTAPI GetInfo(void* context, PKEVENT, PluginFd fd, PluginFileInfo** inf
 NTSTATUS NTAPI SetAttr(void* context, PKEVENT, PluginFd fd, ULONG attributes)
 {
     return Contained([&] {
-        return ChangeObject(Volume::From(context), fd, [&](int object) { return SetAttributes(object, attributes); });
+        return ChangeObject(Volume::From(context), fd, [&](Node& object) { return SetAttributes(object, attributes); });
     });
 }
 
@@ -93,8 +93,8 @@ NTSTATUS NTAPI SetTime(void* context, PKEVENT, PluginFd fd, LONGLONG creation, L
 {
     return Contained([&] {
         return ChangeObject(Volume::From(context), fd,
-                            [&](int object) { return SetTimes(object, creation, lastAccess, lastWrite); });
+                            [&](Node& object) { return SetTimes(object, creation, lastAccess, lastWrite); });
     });
 }
 
-} // namespace hostfs
+} // namespace posixfs

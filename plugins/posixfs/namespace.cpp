@@ -1,4 +1,4 @@
-// Rename, Delete, ReadLink, and making a link. Relies on no lock: each change is one atomic call of the Linux machine,
+// Rename, Delete, ReadLink, and making a link. Relies on no lock: each change is one call of the store,
 // and where a name is exchanged between the look and the call, that call fails or hits what now bears the name in the
 // same directory.
 #include "operations.h"
@@ -6,60 +6,41 @@
 #include "errors.h"
 #include "links.h"
 #include "records.h"
+#include "resolve.h"
 #include "volume.h"
 
-#include <climits>
-#include <cstdio>
-
-#include <fcntl.h>
-#include <unistd.h>
-
-namespace hostfs {
+namespace posixfs {
 namespace {
 
 NTSTATUS LocateExisting(const Volume& volume, const Components& path, Place* place, Facts* facts)
 {
-    NTSTATUS status = volume.Root().Locate(path, place);
+    NTSTATUS status = Locate(volume.Files(), path, place);
     if (NT_SUCCESS(status) && !place->Exists) status = STATUS_OBJECT_NAME_NOT_FOUND;
-    if (NT_SUCCESS(status)) status = DescribeEntry(place->Parent.Get(), place->Leaf, facts);
+    if (NT_SUCCESS(status)) status = DescribeEntry(*place->Parent, place->Leaf, facts);
     if (NT_SUCCESS(status) && facts->Kind == Kind::Special) status = STATUS_ACCESS_DENIED;
     return status;
 }
 
-bool IsSameObject(int directoryA, const std::string& a, int directoryB, const std::string& b)
-{
-    struct stat first = {};
-    struct stat second = {};
-    const auto look = [](int directory, const std::string& name, struct stat* info) {
-        return fstatat(directory, name.c_str(), info, name.empty() ? AT_EMPTY_PATH : AT_SYMLINK_NOFOLLOW) == 0;
-    };
-    return look(directoryA, a, &first) && look(directoryB, b, &second) && first.st_dev == second.st_dev &&
-           first.st_ino == second.st_ino;
-}
-
-// Fails with EEXIST rather than replace. Where the file system cannot promise that in one step, it is two.
-int RenameWithoutReplacing(int from, const char* name, int to, const char* newName)
-{
-    if (renameat2(from, name, to, newName, RENAME_NOREPLACE) == 0) return 0;
-    if (errno != EINVAL && errno != ENOSYS) return errno;
-    struct stat info = {};
-    if (fstatat(to, newName, &info, AT_SYMLINK_NOFOLLOW) == 0) return EEXIST;
-    return renameat(from, name, to, newName) == 0 ? 0 : errno;
-}
+bool IsSame(const NodeStat& a, const NodeStat& b) { return a.Device == b.Device && a.Inode == b.Inode; }
 
 NTSTATUS Move(const Place& from, const Place& to)
 {
-    const bool sameDirectory = IsSameObject(from.Parent.Get(), "", to.Parent.Get(), "");
+    NodeStat source;
+    NodeStat target;
+    if (const int error = from.Parent->Stat(&source); error != 0) return StatusOf(error);
+    if (const int error = to.Parent->Stat(&target); error != 0) return StatusOf(error);
+    const bool sameDirectory = IsSame(source, target);
     const bool itself = to.Exists && sameDirectory && to.Leaf == from.Leaf;
     if (to.Exists && !itself) return STATUS_OBJECT_NAME_COLLISION;
     if (itself && to.Given == from.Leaf) return STATUS_SUCCESS;
 
-    const int error = RenameWithoutReplacing(from.Parent.Get(), from.Leaf.c_str(), to.Parent.Get(), to.Given.c_str());
+    const int error = from.Parent->Rename(from.Leaf, *to.Parent, to.Given, false);
     if (error == 0) return STATUS_SUCCESS;
     // On a file system that ignores case itself, the new spelling is there already: it is the old one.
-    if (error == EEXIST && itself && IsSameObject(from.Parent.Get(), from.Leaf, to.Parent.Get(), to.Given)) {
-        const int result = renameat(from.Parent.Get(), from.Leaf.c_str(), to.Parent.Get(), to.Given.c_str());
-        return result == 0 ? STATUS_SUCCESS : LastError();
+    if (error == EEXIST && itself && StatChild(*from.Parent, from.Leaf, &source) == 0 &&
+        StatChild(*to.Parent, to.Given, &target) == 0 && IsSame(source, target)) {
+        const int respelled = from.Parent->Rename(from.Leaf, *to.Parent, to.Given, true);
+        return respelled == 0 ? STATUS_SUCCESS : StatusOf(respelled);
     }
     return StatusOf(error);
 }
@@ -76,7 +57,7 @@ NTSTATUS RenamePath(const Volume& volume, PCUNICODE_STRING from, PCUNICODE_STRIN
     Place targetPlace;
     Facts facts;
     if (NT_SUCCESS(status)) status = LocateExisting(volume, source, &sourcePlace, &facts);
-    if (NT_SUCCESS(status)) status = volume.Root().Locate(target, &targetPlace);
+    if (NT_SUCCESS(status)) status = Locate(volume.Files(), target, &targetPlace);
     return NT_SUCCESS(status) ? Move(sourcePlace, targetPlace) : status;
 }
 
@@ -90,34 +71,25 @@ NTSTATUS DeletePath(const Volume& volume, PCUNICODE_STRING path)
     if (NT_SUCCESS(status)) status = LocateExisting(volume, components, &place, &facts);
     if (!NT_SUCCESS(status)) return status;
     if (facts.Info.FileAttributes & FILE_ATTRIBUTE_READONLY) return STATUS_CANNOT_DELETE;
-    const int flags = facts.Kind == Kind::Directory ? AT_REMOVEDIR : 0;
-    return unlinkat(place.Parent.Get(), place.Leaf.c_str(), flags) == 0 ? STATUS_SUCCESS : LastError();
-}
-
-NTSTATUS ReadTarget(int link, std::string* target)
-{
-    target->resize(PATH_MAX);
-    const ssize_t length = readlinkat(link, "", target->data(), target->size());
-    if (length < 0) return LastError();
-    target->resize(static_cast<size_t>(length));
-    return STATUS_SUCCESS;
+    const int error = place.Parent->Remove(place.Leaf, facts.Kind == Kind::Directory);
+    return error == 0 ? STATUS_SUCCESS : StatusOf(error);
 }
 
 NTSTATUS ReadLinkPath(const Volume& volume, PCUNICODE_STRING path, PUNICODE_STRING* result)
 {
     Components components;
     if (const NTSTATUS status = ParsePath(path, &components); !NT_SUCCESS(status)) return status;
-    UniqueFd link;
-    if (const NTSTATUS status = volume.Root().Resolve(components, &link); !NT_SUCCESS(status)) return status;
-    struct stat info = {};
-    if (fstat(link.Get(), &info) != 0) return LastError();
-    if (KindOf(info.st_mode) != Kind::Link) return STATUS_OBJECT_TYPE_MISMATCH;
+    NodeRef link;
+    if (const NTSTATUS status = Resolve(volume.Files(), components, &link); !NT_SUCCESS(status)) return status;
+    NodeStat stat;
+    if (const int error = link->Stat(&stat); error != 0) return StatusOf(error);
+    if (KindOf(stat.Mode) != Kind::Link) return STATUS_OBJECT_TYPE_MISMATCH;
 
     std::string target;
     NtText text;
     components.pop_back(); // the root is a directory, so a link has a name
-    NTSTATUS status = ReadTarget(link.Get(), &target);
-    if (NT_SUCCESS(status)) status = TargetFromRoot(target, components, volume.Root().RootPaths(), &text);
+    if (const int error = link->ReadLink(&target); error != 0) return StatusOf(error);
+    const NTSTATUS status = TargetFromRoot(target, components, volume.Files().RootPaths(), &text);
     return NT_SUCCESS(status) ? MakeString(text, result) : status;
 }
 
@@ -132,12 +104,13 @@ NTSTATUS MakeLink(const Volume& volume, PCUNICODE_STRING path, PCUNICODE_STRING 
     if (NT_SUCCESS(status)) status = ParsePath(target, &leadsTo);
 
     Place place;
-    if (NT_SUCCESS(status)) status = volume.Root().Locate(link, &place);
+    if (NT_SUCCESS(status)) status = Locate(volume.Files(), link, &place);
     if (NT_SUCCESS(status) && place.Exists) status = STATUS_OBJECT_NAME_COLLISION;
     if (!NT_SUCCESS(status)) return status;
     link.pop_back();
     const std::string text = LinkText(link, leadsTo);
-    return symlinkat(text.c_str(), place.Parent.Get(), place.Given.c_str()) == 0 ? STATUS_SUCCESS : LastError();
+    const int error = place.Parent->CreateLink(place.Given, text);
+    return error == 0 ? STATUS_SUCCESS : StatusOf(error);
 }
 
 NTSTATUS NTAPI Rename(void* context, PKEVENT, PCUNICODE_STRING from, PCUNICODE_STRING to)
@@ -155,4 +128,4 @@ NTSTATUS NTAPI ReadLink(void* context, PKEVENT, PCUNICODE_STRING path, PUNICODE_
     return Contained([&] { return ReadLinkPath(Volume::From(context), path, target); });
 }
 
-} // namespace hostfs
+} // namespace posixfs

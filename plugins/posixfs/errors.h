@@ -6,7 +6,7 @@
 
 #include <ntifs.h>
 
-namespace hostfs {
+namespace posixfs {
 
 // An errno as a status; never a success.
 [[nodiscard]] NTSTATUS StatusOf(int error);
@@ -34,4 +34,4 @@ auto Uninterrupted(Call&& call)
     return result;
 }
 
-} // namespace hostfs
+} // namespace posixfs

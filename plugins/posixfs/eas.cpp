@@ -11,9 +11,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include <sys/xattr.h>
-
-namespace hostfs {
+namespace posixfs {
 namespace {
 
 std::string Upcased(std::string name)
@@ -25,27 +23,11 @@ std::string Upcased(std::string name)
 
 bool IsOwn(std::string_view upcasedName) { return upcasedName.starts_with("GVND."); }
 
-// The raw list of the kernel: names that each end with a NUL.
-NTSTATUS ReadNames(const std::string& path, std::string* list)
-{
-    for (;;) {
-        const ssize_t needed = listxattr(path.c_str(), nullptr, 0);
-        if (needed < 0) return LastError();
-        list->resize(static_cast<size_t>(needed) + 256);
-        const ssize_t length = listxattr(path.c_str(), list->data(), list->size());
-        if (length >= 0) {
-            list->resize(static_cast<size_t>(length));
-            return STATUS_SUCCESS;
-        }
-        if (errno != ERANGE) return LastError(); // ERANGE: it grew in between
-    }
-}
-
 // What follows the prefix in the names of attributes that are EAs, in byte order.
-NTSTATUS ListSpellings(int fd, std::vector<std::string>* spellings)
+NTSTATUS ListSpellings(const Node& object, std::vector<std::string>* spellings)
 {
     std::string list;
-    if (const NTSTATUS status = ReadNames(ProcPath(fd), &list); !NT_SUCCESS(status)) return status;
+    if (const int error = object.ListXattrs(&list); error != 0) return StatusOf(error);
     for (size_t at = 0; at < list.size(); at += std::strlen(&list[at]) + 1) {
         const std::string_view name = &list[at];
         if (!name.starts_with(kUserPrefix) || name.size() == kUserPrefix.size()) continue;
@@ -66,10 +48,10 @@ std::string ShownAs(const std::string& spelling, const std::vector<std::string>&
 }
 
 // How Linux spells the EA that a name means; STATUS_NONEXISTENT_EA_ENTRY if there is none.
-NTSTATUS FindSpelling(int fd, const std::string& name, std::string* spelling)
+NTSTATUS FindSpelling(const Node& object, const std::string& name, std::string* spelling)
 {
     std::vector<std::string> all;
-    const NTSTATUS status = ListSpellings(fd, &all);
+    const NTSTATUS status = ListSpellings(object, &all);
     if (!NT_SUCCESS(status)) return status == STATUS_NOT_SUPPORTED ? STATUS_NONEXISTENT_EA_ENTRY : status;
     auto found = std::find(all.begin(), all.end(), name);
     if (found == all.end()) {
@@ -102,7 +84,7 @@ NTSTATUS List(const Volume& volume, PluginFd fd, char** names, ULONG* count)
     OpenObjectRef object;
     if (const NTSTATUS status = FindObject(volume, fd, &object); !NT_SUCCESS(status)) return status;
     std::vector<std::string> spellings;
-    if (const NTSTATUS status = ListSpellings(object->Fd.Get(), &spellings); !NT_SUCCESS(status)) return status;
+    if (const NTSTATUS status = ListSpellings(*object->At, &spellings); !NT_SUCCESS(status)) return status;
     *count = static_cast<ULONG>(spellings.size());
     if (spellings.empty()) return STATUS_SUCCESS;
 
@@ -119,15 +101,15 @@ NTSTATUS Get(const Volume& volume, PluginFd fd, const char* name, void** value, 
     OpenObjectRef object;
     if (const NTSTATUS status = FindObject(volume, fd, &object); !NT_SUCCESS(status)) return status;
     std::string spelling;
-    if (const NTSTATUS status = FindSpelling(object->Fd.Get(), name, &spelling); !NT_SUCCESS(status)) return status;
-    const std::optional<std::string> found = ReadXattr(object->Fd.Get(), XattrName(spelling));
-    if (!found) return LastError();
+    if (const NTSTATUS status = FindSpelling(*object->At, name, &spelling); !NT_SUCCESS(status)) return status;
+    std::string found;
+    if (const int error = ReadXattr(*object->At, XattrName(spelling), &found); error != 0) return StatusOf(error);
 
-    *length = static_cast<ULONG>(found->size());
-    if (found->empty()) return STATUS_SUCCESS;
-    *value = AllocateRecord<char>(found->size());
+    *length = static_cast<ULONG>(found.size());
+    if (found.empty()) return STATUS_SUCCESS;
+    *value = AllocateRecord<char>(found.size());
     if (!*value) return STATUS_INSUFFICIENT_RESOURCES;
-    std::memcpy(*value, found->data(), found->size());
+    std::memcpy(*value, found.data(), found.size());
     return STATUS_SUCCESS;
 }
 
@@ -137,12 +119,12 @@ NTSTATUS Set(const Volume& volume, PluginFd fd, const char* name, std::string_vi
     if (const NTSTATUS status = FindObjectToChange(volume, fd, name, &object); !NT_SUCCESS(status)) return status;
     const std::lock_guard guard(object->EaLock);
     std::string spelling = name;
-    const NTSTATUS status = FindSpelling(object->Fd.Get(), name, &spelling);
+    const NTSTATUS status = FindSpelling(*object->At, name, &spelling);
     if (!NT_SUCCESS(status) && status != STATUS_NONEXISTENT_EA_ENTRY) return status;
     const auto remembered = object->EaSpellings.find(Upcased(name));
     if (!NT_SUCCESS(status) && remembered != object->EaSpellings.end()) spelling = remembered->second;
 
-    const int error = WriteXattr(object->Fd.Get(), XattrName(spelling), value);
+    const int error = object->At->SetXattr(XattrName(spelling).c_str(), value);
     if (error == EOPNOTSUPP) return STATUS_EAS_NOT_SUPPORTED;
     return error == 0 ? STATUS_SUCCESS : StatusOf(error);
 }
@@ -153,8 +135,9 @@ NTSTATUS Remove(const Volume& volume, PluginFd fd, const char* name)
     if (const NTSTATUS status = FindObjectToChange(volume, fd, name, &object); !NT_SUCCESS(status)) return status;
     const std::lock_guard guard(object->EaLock);
     std::string spelling;
-    if (const NTSTATUS status = FindSpelling(object->Fd.Get(), name, &spelling); !NT_SUCCESS(status)) return status;
-    if (removexattr(ProcPath(object->Fd.Get()).c_str(), XattrName(spelling).c_str()) != 0) return LastError();
+    if (const NTSTATUS status = FindSpelling(*object->At, name, &spelling); !NT_SUCCESS(status)) return status;
+    const int error = object->At->RemoveXattr(XattrName(spelling).c_str());
+    if (error != 0) return StatusOf(error);
     object->EaSpellings[Upcased(name)] = spelling;
     return STATUS_SUCCESS;
 }
@@ -183,4 +166,4 @@ NTSTATUS NTAPI DeleteEa(void* context, PKEVENT, PluginFd fd, const char* name)
     return Contained([&] { return Remove(Volume::From(context), fd, name); });
 }
 
-} // namespace hostfs
+} // namespace posixfs

@@ -5,7 +5,7 @@
 #include <climits>
 #include <cstring>
 
-namespace hostfs {
+namespace posixfs {
 namespace {
 
 constexpr char16_t kEscapeBase = 0xf000;
@@ -180,4 +180,4 @@ NTSTATUS ParsePath(PCUNICODE_STRING path, Components* components)
     return STATUS_SUCCESS;
 }
 
-} // namespace hostfs
+} // namespace posixfs

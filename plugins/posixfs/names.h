@@ -18,7 +18,7 @@
 
 #include <ntifs.h>
 
-namespace hostfs {
+namespace posixfs {
 
 using NtText = std::u16string;
 using NtTextView = std::u16string_view;
@@ -51,4 +51,4 @@ private:
 // STATUS_NAME_TOO_LONG for one above 255 bytes.
 [[nodiscard]] NTSTATUS ParsePath(PCUNICODE_STRING path, Components* components);
 
-} // namespace hostfs
+} // namespace posixfs

@@ -1,4 +1,4 @@
-// Read, Write, SetFileSize, FlushFile. The buffer may be a caller's own memory, bad or not paged in: the kernel then
+// Read, Write, SetFileSize, FlushFile. The buffer may be a caller's own memory, bad or not paged in: the store then
 // refuses it, and it is touched here with nothing owned, so that the fault goes where the driver expects it. Relies on
 // no lock.
 #include "operations.h"
@@ -6,10 +6,7 @@
 #include "errors.h"
 #include "volume.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-namespace hostfs {
+namespace posixfs {
 namespace {
 
 // How often a page may go away again between its touch and the transfer.
@@ -35,15 +32,14 @@ struct Span {
     ULONG Done; // moved so far
 };
 
-// Repeats one system call until all is moved or no more comes. STATUS_ACCESS_VIOLATION if the kernel cannot reach the
+// Repeats one call until all is moved or no more comes. STATUS_ACCESS_VIOLATION if the store cannot reach the
 // buffer behind what is done.
 template <typename Call>
 NTSTATUS MoveAll(Span* span, Call&& call)
 {
     while (span->Done < span->Length) {
-        const ssize_t moved =
-            Uninterrupted([&] { return call(span->Done, span->Length - span->Done, span->Offset + span->Done); });
-        if (moved < 0) return LastError();
+        const ssize_t moved = call(span->Done, span->Length - span->Done, span->Offset + span->Done);
+        if (moved < 0) return StatusOf(static_cast<int>(-moved));
         if (moved == 0) return STATUS_SUCCESS;
         span->Done += static_cast<ULONG>(moved);
     }
@@ -55,7 +51,7 @@ NTSTATUS ReadSpan(const Volume& volume, PluginFd fd, char* buffer, Span* span)
     const FileIo file = FindFile(volume, fd, GVND_ACCESS_READ | GVND_ACCESS_EXECUTE);
     if (!file.Object) return file.Status;
     return MoveAll(span, [&](ULONG done, size_t length, off_t offset) {
-        return pread(file.Object->Fd.Get(), buffer + done, length, offset);
+        return file.Object->At->Read(buffer + done, length, offset);
     });
 }
 
@@ -65,7 +61,7 @@ NTSTATUS WriteSpan(const Volume& volume, PluginFd fd, const char* buffer, Span* 
     const FileIo file = FindFile(volume, fd, GVND_ACCESS_WRITE);
     if (!file.Object) return file.Status;
     return MoveAll(span, [&](ULONG done, size_t length, off_t offset) {
-        return pwrite(file.Object->Fd.Get(), buffer + done, length, offset);
+        return file.Object->At->Write(buffer + done, length, offset);
     });
 }
 
@@ -73,7 +69,7 @@ NTSTATUS WriteSpan(const Volume& volume, PluginFd fd, const char* buffer, Span* 
 void TouchToWrite(char* byte) { __atomic_fetch_or(byte, 0, __ATOMIC_RELAXED); }
 void TouchToRead(const char* byte) { (void)*static_cast<const volatile char*>(byte); }
 
-// Transfers, and brings the buffer's pages in where the kernel did not find them. A bad buffer ends in the touch, as an
+// Transfers, and brings the buffer's pages in where the store did not find them. A bad buffer ends in the touch, as an
 // exception that runs no destructors; therefore nothing in this frame owns anything.
 template <typename Buffer>
 NTSTATUS Transfer(const Volume& volume, PluginFd fd, Buffer buffer, Span* span,
@@ -90,30 +86,32 @@ NTSTATUS Transfer(const Volume& volume, PluginFd fd, Buffer buffer, Span* span,
     return STATUS_ACCESS_VIOLATION;
 }
 
-NTSTATUS Allocate(int fd, LONGLONG from, LONGLONG to)
+NTSTATUS Allocate(Node& file, LONGLONG from, LONGLONG to)
 {
     if (to <= from) return STATUS_SUCCESS;
-    const int result = Uninterrupted([&] { return fallocate(fd, FALLOC_FL_KEEP_SIZE, from, to - from); });
-    return result == 0 || errno == EOPNOTSUPP || errno == ENOSYS ? STATUS_SUCCESS : LastError();
+    const int error = file.Allocate(from, to - from);
+    return error == 0 || error == EOPNOTSUPP || error == ENOSYS ? STATUS_SUCCESS : StatusOf(error);
 }
 
-NTSTATUS Truncate(int fd, LONGLONG size)
+NTSTATUS Truncate(Node& file, LONGLONG size)
 {
-    return Uninterrupted([&] { return ftruncate(fd, size); }) == 0 ? STATUS_SUCCESS : LastError();
+    const int error = file.Truncate(size);
+    return error == 0 ? STATUS_SUCCESS : StatusOf(error);
 }
 
-NTSTATUS Resize(int fd, LONGLONG size, LONGLONG allocation)
+NTSTATUS Resize(Node& file, LONGLONG size, LONGLONG allocation)
 {
-    struct stat info = {};
-    if (fstat(fd, &info) != 0) return LastError();
+    NodeStat stat;
+    if (const int error = file.Stat(&stat); error != 0) return StatusOf(error);
     // Truncating to the same size gives back what was allocated behind the end; only then is it worth a new write time.
-    const LONGLONG allocated = info.st_blocks * 512;
-    if (size != info.st_size || allocation + info.st_blksize <= allocated) {
-        if (const NTSTATUS status = Truncate(fd, size); !NT_SUCCESS(status)) return status;
+    const auto oldSize = static_cast<LONGLONG>(stat.Size);
+    const auto allocated = static_cast<LONGLONG>(stat.Blocks * 512);
+    if (size != oldSize || allocation + LONGLONG{stat.BlockSize} <= allocated) {
+        if (const NTSTATUS status = Truncate(file, size); !NT_SUCCESS(status)) return status;
     }
     // Only behind the end, so that a sparse file stays sparse; and after truncating, which would take it back.
-    const NTSTATUS status = Allocate(fd, size, allocation);
-    if (!NT_SUCCESS(status) && size > info.st_size) (void)Truncate(fd, info.st_size);
+    const NTSTATUS status = Allocate(file, size, allocation);
+    if (!NT_SUCCESS(status) && size > oldSize) (void)Truncate(file, oldSize);
     return status;
 }
 
@@ -122,7 +120,7 @@ NTSTATUS SetSizes(const Volume& volume, PluginFd fd, LONGLONG size, const LONGLO
     if (const NTSTATUS status = volume.CheckWritable(); !NT_SUCCESS(status)) return status;
     if (size < 0 || (allocation && *allocation < 0)) return STATUS_INVALID_PARAMETER;
     const FileIo file = FindFile(volume, fd, GVND_ACCESS_WRITE);
-    return file.Object ? Resize(file.Object->Fd.Get(), size, allocation ? *allocation : size) : file.Status;
+    return file.Object ? Resize(*file.Object->At, size, allocation ? *allocation : size) : file.Status;
 }
 
 NTSTATUS Flush(const Volume& volume, PluginFd fd)
@@ -130,13 +128,8 @@ NTSTATUS Flush(const Volume& volume, PluginFd fd)
     const OpenObjectRef object = volume.Find(fd);
     if (!object) return STATUS_INVALID_HANDLE;
     if (object->Kind == Kind::Link) return STATUS_SUCCESS;
-    // A write error is reported to the descriptor that wrote, so another one is only the second choice: for a handle
-    // that can move no data itself, while others may have written.
-    UniqueFd reopened;
-    if (!object->HasContents && !(reopened = Reopen(object->Fd.Get(), O_RDONLY))) return LastError();
-    const int fileFd = reopened ? reopened.Get() : object->Fd.Get();
-    if (Uninterrupted([&] { return fsync(fileFd); }) == 0) return STATUS_SUCCESS;
-    return errno == EINVAL || errno == EROFS ? STATUS_SUCCESS : LastError(); // nothing to flush there
+    const int error = object->At->Sync();
+    return error == 0 || error == EINVAL || error == EROFS ? STATUS_SUCCESS : StatusOf(error); // nothing to flush there
 }
 
 } // namespace
@@ -172,4 +165,4 @@ NTSTATUS NTAPI FlushFile(void* context, PKEVENT, PluginFd fd)
     return Contained([&] { return Flush(Volume::From(context), fd); });
 }
 
-} // namespace hostfs
+} // namespace posixfs

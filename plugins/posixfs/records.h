@@ -6,7 +6,7 @@
 #include "metadata.h"
 #include "names.h"
 
-namespace hostfs {
+namespace posixfs {
 
 class Volume;
 
@@ -15,4 +15,4 @@ class Volume;
 // Header and text in one block. STATUS_NAME_TOO_LONG for a text that a counted string cannot hold.
 [[nodiscard]] NTSTATUS MakeString(NtTextView text, PUNICODE_STRING* string);
 
-} // namespace hostfs
+} // namespace posixfs

@@ -6,7 +6,7 @@
 
 #include "names.h"
 
-namespace hostfs {
+namespace posixfs {
 
 // target is what the link holds; directory the names that lead to the link's directory; roots the absolute paths of the
 // root. STATUS_ACCESS_DENIED for a target that leaves the root, STATUS_OBJECT_PATH_SYNTAX_BAD for an empty one.
@@ -16,4 +16,4 @@ namespace hostfs {
 // What a link in the directory must hold to lead to the target, both given by their names from the root down.
 [[nodiscard]] std::string LinkText(const Components& directory, const Components& target);
 
-} // namespace hostfs
+} // namespace posixfs

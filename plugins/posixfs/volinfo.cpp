@@ -9,11 +9,9 @@
 #include <cstddef>
 #include <cstring>
 
-#include <fcntl.h>
 #include <sys/statvfs.h>
-#include <unistd.h>
 
-namespace hostfs {
+namespace posixfs {
 namespace {
 
 constexpr size_t kMaxLabel = 32; // characters
@@ -21,8 +19,9 @@ const std::string kLabelName = std::string(kOwnPrefix) + "label";
 
 NtText LabelOf(const Volume& volume)
 {
-    const std::optional<std::string> stored = ReadXattr(volume.Root().RootFd(), kLabelName);
-    return ToNtName(stored ? *stored : volume.DefaultLabel()).substr(0, kMaxLabel);
+    std::string stored;
+    const bool isSet = ReadXattr(volume.Files().Root(), kLabelName, &stored) == 0;
+    return ToNtName(isSet ? stored : volume.DefaultLabel()).substr(0, kMaxLabel);
 }
 
 // The same for the same directory each time, and different for two directories of one file system.
@@ -35,9 +34,9 @@ ULONG SerialNumber(const struct statvfs& info, ino_t root)
 NTSTATUS MakeVolInfo(const Volume& volume, PluginVolInfo** record)
 {
     struct statvfs info = {};
-    if (fstatvfs(volume.Root().RootFd(), &info) != 0) return LastError();
+    if (const int error = volume.Files().StatFileSystem(&info); error != 0) return StatusOf(error);
     Facts root;
-    if (const NTSTATUS status = Describe(volume.Root().RootFd(), &root); !NT_SUCCESS(status)) return status;
+    if (const NTSTATUS status = Describe(volume.Files().Root(), &root); !NT_SUCCESS(status)) return status;
 
     const NtText label = LabelOf(volume);
     const size_t labelBytes = label.size() * sizeof(WCHAR);
@@ -62,14 +61,14 @@ NTSTATUS StoreLabel(const Volume& volume, PCUNICODE_STRING label)
     const NtText text = TextOf(label);
     const std::optional<std::string> bytes = ToLinuxName(text);
     if (!bytes || text.size() > kMaxLabel) return STATUS_INVALID_VOLUME_LABEL;
-    const int error = WriteXattr(volume.Root().RootFd(), kLabelName, *bytes);
+    const int error = volume.Files().Root().SetXattr(kLabelName.c_str(), *bytes);
     return error == 0 ? STATUS_SUCCESS : StatusOf(error);
 }
 
 NTSTATUS FlushFileSystem(const Volume& volume)
 {
-    const UniqueFd root = Reopen(volume.Root().RootFd(), O_RDONLY | O_DIRECTORY);
-    return root && syncfs(root.Get()) == 0 ? STATUS_SUCCESS : LastError();
+    const int error = volume.Files().Flush();
+    return error == 0 ? STATUS_SUCCESS : StatusOf(error);
 }
 
 } // namespace
@@ -89,4 +88,4 @@ NTSTATUS NTAPI FlushVol(void* context, PKEVENT)
     return Contained([&] { return FlushFileSystem(Volume::From(context)); });
 }
 
-} // namespace hostfs
+} // namespace posixfs

@@ -1,4 +1,4 @@
-// One served directory: its root, its options, its open objects and the listings that handles share. An operation looks
+// One served store: its root, its options, its open objects and the listings that handles share. An operation looks
 // its handle up, and holds the object while it works, so that a Close beside it takes effect when it is done.
 //
 // Handles are numbers that are never given out twice; a closed one is unknown for good. tableLock_ guards the tables
@@ -15,17 +15,16 @@
 
 #include <gvnd/plugin.h>
 
-#include "beneath.h"
 #include "directory.h"
-#include "hostfs.h"
 #include "metadata.h"
+#include "node.h"
 
-namespace hostfs {
+namespace posixfs {
 
-// What a handle stands for. Without HasContents the descriptor is an O_PATH one: Access says nothing that takes more.
+// What a handle stands for. Without HasContents it can move no data: Access says nothing that takes more.
 struct OpenObject {
-    UniqueFd Fd;
-    hostfs::Kind Kind = Kind::File;
+    NodeRef At;
+    posixfs::Kind Kind = Kind::File;
     PluginAccessMask Access = 0;
     bool HasContents = false;
     dev_t Device = 0;
@@ -41,15 +40,19 @@ using OpenObjectRef = std::shared_ptr<OpenObject>;
 
 class Volume {
 public:
-    Volume(std::unique_ptr<Beneath> root, const HostFsOptions& options);
+    Volume(std::unique_ptr<Store> store, bool readOnly, std::string label);
     [[nodiscard]] static Volume& From(void* context) { return *static_cast<Volume*>(context); }
 
-    [[nodiscard]] const Beneath& Root() const { return *root_; }
+    [[nodiscard]] Store& Files() const { return *store_; }
     [[nodiscard]] bool ReadOnly() const { return readOnly_; }
     // STATUS_MEDIA_WRITE_PROTECTED for a volume that takes no changes.
     [[nodiscard]] NTSTATUS CheckWritable() const { return readOnly_ ? STATUS_MEDIA_WRITE_PROTECTED : STATUS_SUCCESS; }
     [[nodiscard]] const std::string& DefaultLabel() const { return label_; }
     [[nodiscard]] PluginOps* Operations() { return &operations_; }
+
+    [[nodiscard]] bool IsRoot(dev_t device, ino_t inode) const { return device == rootDevice_ && inode == rootInode_; }
+    // The first thing after construction; the volume is of no use if it fails.
+    [[nodiscard]] NTSTATUS Start();
 
     void Unmounted() { KeSetEvent(&unmounted_, IO_NO_INCREMENT, FALSE); }
     void WaitUntilUnmounted() { KeWaitForSingleObject(&unmounted_, Executive, KernelMode, FALSE, nullptr); }
@@ -69,7 +72,9 @@ private:
 
     PluginOps operations_;
     KEVENT unmounted_;
-    std::unique_ptr<Beneath> root_;
+    std::unique_ptr<Store> store_;
+    dev_t rootDevice_ = 0;
+    ino_t rootInode_ = 0;
     bool readOnly_;
     std::string label_;
 
@@ -88,4 +93,4 @@ template <typename Record>
     return static_cast<Record*>(ExAllocatePoolWithTag(PagedPool, bytes, kPoolTag));
 }
 
-} // namespace hostfs
+} // namespace posixfs

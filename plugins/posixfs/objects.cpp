@@ -1,36 +1,36 @@
 // Lookup, Open, OpenDir, Create, CreateDir, Close. Relies on no lock: that a name stays what it was between two steps
-// is never assumed, everything after the first step goes through a descriptor.
+// is never assumed, everything after the first step goes through the object found.
 #include "operations.h"
 
 #include "errors.h"
 #include "records.h"
+#include "resolve.h"
 #include "volume.h"
 
 #include <fcntl.h>
-#include <unistd.h>
 
-namespace hostfs {
+namespace posixfs {
 namespace {
 
 constexpr PluginAccessMask kReadOnlyAccess = GVND_ACCESS_READ | GVND_ACCESS_EXECUTE;
 constexpr PluginAccessMask kContentAccess = GVND_ACCESS_READ | GVND_ACCESS_WRITE | GVND_ACCESS_EXECUTE;
 
-NTSTATUS ResolveAndDescribe(const Volume& volume, PCUNICODE_STRING path, UniqueFd* fd, Facts* facts)
+NTSTATUS ResolveAndDescribe(const Volume& volume, PCUNICODE_STRING path, NodeRef* node, Facts* facts)
 {
     Components components;
     NTSTATUS status = ParsePath(path, &components);
-    if (NT_SUCCESS(status)) status = volume.Root().Resolve(components, fd);
-    if (NT_SUCCESS(status)) status = Describe(fd->Get(), facts);
+    if (NT_SUCCESS(status)) status = Resolve(volume.Files(), components, node);
+    if (NT_SUCCESS(status)) status = Describe(**node, facts);
     if (NT_SUCCESS(status) && facts->Kind == Kind::Special) status = STATUS_ACCESS_DENIED;
     return status;
 }
 
 NTSTATUS LookupPath(const Volume& volume, PCUNICODE_STRING path, PluginFileInfo** info, PluginAccessMask* maxAccess)
 {
-    UniqueFd fd;
+    NodeRef node;
     Facts facts;
-    if (const NTSTATUS status = ResolveAndDescribe(volume, path, &fd, &facts); !NT_SUCCESS(status)) return status;
-    *maxAccess = AccessOf(fd.Get(), facts) & (volume.ReadOnly() ? kReadOnlyAccess : GVND_ACCESS_ALL);
+    if (const NTSTATUS status = ResolveAndDescribe(volume, path, &node, &facts); !NT_SUCCESS(status)) return status;
+    *maxAccess = AccessOf(*node, facts) & (volume.ReadOnly() ? kReadOnlyAccess : GVND_ACCESS_ALL);
     return MakeInfo(volume, facts, info);
 }
 
@@ -46,20 +46,17 @@ bool NeedsContents(Kind kind, PluginAccessMask wanted)
     return (wanted & (kind == Kind::Directory ? GVND_ACCESS_READ : kContentAccess)) != 0;
 }
 
-// Exchanges an O_PATH descriptor for one with which the object can do what is wanted.
-NTSTATUS OpenContents(Kind kind, PluginAccessMask wanted, UniqueFd* fd)
+NTSTATUS OpenContents(Kind kind, PluginAccessMask wanted, Node& node)
 {
     if (!NeedsContents(kind, wanted)) return STATUS_SUCCESS;
-    UniqueFd opened = Reopen(fd->Get(), kind == Kind::Directory ? O_RDONLY | O_DIRECTORY : OpenFlags(wanted));
-    if (!opened) return LastError();
-    *fd = std::move(opened);
-    return STATUS_SUCCESS;
+    const int error = node.OpenContents(kind == Kind::Directory ? O_RDONLY : OpenFlags(wanted));
+    return error == 0 ? STATUS_SUCCESS : StatusOf(error);
 }
 
-PluginFd AddObject(Volume& volume, UniqueFd fd, const Facts& facts, PluginAccessMask access)
+PluginFd AddObject(Volume& volume, NodeRef node, const Facts& facts, PluginAccessMask access)
 {
     auto object = std::make_shared<OpenObject>();
-    object->Fd = std::move(fd);
+    object->At = std::move(node);
     object->Kind = facts.Kind;
     object->Access = access;
     object->HasContents = NeedsContents(facts.Kind, access);
@@ -81,31 +78,16 @@ NTSTATUS OpenPath(Volume& volume, PCUNICODE_STRING path, Kind kind, PluginAccess
 {
     constexpr PluginAccessMask kChanges = GVND_ACCESS_WRITE | GVND_ACCESS_WRITE_ATTRIBUTES;
     if (volume.ReadOnly() && (wanted & kChanges)) return STATUS_MEDIA_WRITE_PROTECTED;
-    UniqueFd opened;
+    NodeRef opened;
     Facts facts;
     NTSTATUS status = ResolveAndDescribe(volume, path, &opened, &facts);
     if (NT_SUCCESS(status)) status = CheckKind(facts.Kind, kind, wanted);
-    if (NT_SUCCESS(status)) status = OpenContents(facts.Kind, wanted, &opened);
+    if (NT_SUCCESS(status)) status = OpenContents(facts.Kind, wanted, *opened);
     if (NT_SUCCESS(status)) *fd = AddObject(volume, std::move(opened), facts, wanted);
     return status;
 }
 
-NTSTATUS MakeFile(const Place& place, UniqueFd* made)
-{
-    constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    *made = UniqueFd(Uninterrupted([&] { return openat(place.Parent.Get(), place.Given.c_str(), kFlags, 0666); }));
-    return *made ? STATUS_SUCCESS : LastError();
-}
-
-NTSTATUS MakeDirectory(const Place& place, UniqueFd* made)
-{
-    if (mkdirat(place.Parent.Get(), place.Given.c_str(), 0777) != 0) return LastError();
-    constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    *made = UniqueFd(Uninterrupted([&] { return openat(place.Parent.Get(), place.Given.c_str(), kFlags); }));
-    return *made ? STATUS_SUCCESS : LastError();
-}
-
-NTSTATUS CreateAt(Volume& volume, PCUNICODE_STRING path, NTSTATUS (*make)(const Place&, UniqueFd*), PluginFd* fd)
+NTSTATUS CreateAt(Volume& volume, PCUNICODE_STRING path, int (Node::*make)(const std::string&, NodeRef*), PluginFd* fd)
 {
     if (const NTSTATUS status = volume.CheckWritable(); !NT_SUCCESS(status)) return status;
     Components components;
@@ -113,14 +95,16 @@ NTSTATUS CreateAt(Volume& volume, PCUNICODE_STRING path, NTSTATUS (*make)(const 
     if (components.empty()) return STATUS_OBJECT_NAME_COLLISION; // the root is always there
 
     Place place;
-    if (const NTSTATUS status = volume.Root().Locate(components, &place); !NT_SUCCESS(status)) return status;
+    if (const NTSTATUS status = Locate(volume.Files(), components, &place); !NT_SUCCESS(status)) return status;
     // Linux would make a second file that differs in case alone.
     if (place.Exists) return STATUS_OBJECT_NAME_COLLISION;
 
-    UniqueFd made;
-    if (const NTSTATUS status = make(place, &made); !NT_SUCCESS(status)) return status;
+    NodeRef made;
+    if (const int error = ((*place.Parent).*make)(place.Given, &made); error != 0) return StatusOf(error);
     Facts facts;
-    if (const NTSTATUS status = Describe(made.Get(), &facts); !NT_SUCCESS(status)) return status;
+    if (const NTSTATUS status = Describe(*made, &facts); !NT_SUCCESS(status)) return status;
+    // The first write would move it otherwise.
+    if (!facts.KeepsBirth) (void)SetTimes(*made, facts.Info.CreationTime, 0, 0);
     *fd = AddObject(volume, std::move(made), facts, GVND_ACCESS_ALL);
     return STATUS_SUCCESS;
 }
@@ -144,12 +128,12 @@ NTSTATUS NTAPI OpenDir(void* context, PKEVENT, PCUNICODE_STRING path, PluginAcce
 
 NTSTATUS NTAPI Create(void* context, PKEVENT, PCUNICODE_STRING path, PluginFd* fd)
 {
-    return Contained([&] { return CreateAt(Volume::From(context), path, MakeFile, fd); });
+    return Contained([&] { return CreateAt(Volume::From(context), path, &Node::CreateFile, fd); });
 }
 
 NTSTATUS NTAPI CreateDir(void* context, PKEVENT, PCUNICODE_STRING path, PluginFd* fd)
 {
-    return Contained([&] { return CreateAt(Volume::From(context), path, MakeDirectory, fd); });
+    return Contained([&] { return CreateAt(Volume::From(context), path, &Node::CreateDirectory, fd); });
 }
 
 NTSTATUS NTAPI Close(void* context, PKEVENT, PluginFd fd)
@@ -157,4 +141,4 @@ NTSTATUS NTAPI Close(void* context, PKEVENT, PluginFd fd)
     return Volume::From(context).Remove(fd) ? STATUS_SUCCESS : STATUS_INVALID_HANDLE;
 }
 
-} // namespace hostfs
+} // namespace posixfs

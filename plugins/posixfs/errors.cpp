@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <iterator>
 
-namespace hostfs {
+namespace posixfs {
 namespace {
 
 struct ErrorRow {
@@ -75,4 +75,4 @@ NTSTATUS StatusOf(int error)
 
 NTSTATUS LastError() { return StatusOf(errno); }
 
-} // namespace hostfs
+} // namespace posixfs

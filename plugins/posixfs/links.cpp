@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <string_view>
 
-namespace hostfs {
+namespace posixfs {
 namespace {
 
 // Applies a Linux path to a list of names; false if ".." would go above the start. At the root of Linux it does not.
@@ -66,4 +66,4 @@ std::string LinkText(const Components& directory, const Components& target)
     return text;
 }
 
-} // namespace hostfs
+} // namespace posixfs

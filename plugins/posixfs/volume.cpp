@@ -1,23 +1,27 @@
-// The tables of a volume (volume.h). tableLock_ is never held across a call of the Linux machine but the closing of
+// The tables of a volume (volume.h). tableLock_ is never held across a call of the store but the closing of
 // what drops out of a table, which happens after it was released.
 #include "volume.h"
 
+#include "errors.h"
 #include "operations.h"
 
 #include <algorithm>
 
-namespace hostfs {
-namespace {
+namespace posixfs {
 
-std::string LastComponent(const std::string& path) { return path.substr(path.find_last_of('/') + 1); }
-
-} // namespace
-
-Volume::Volume(std::unique_ptr<Beneath> root, const HostFsOptions& options)
-    : operations_(MakeOperations(this)), root_(std::move(root)), readOnly_(options.ReadOnly),
-      label_(options.Label && *options.Label ? options.Label : LastComponent(root_->RootPaths().front()))
+Volume::Volume(std::unique_ptr<Store> store, bool readOnly, std::string label)
+    : operations_(MakeOperations(this)), store_(std::move(store)), readOnly_(readOnly), label_(std::move(label))
 {
     KeInitializeEvent(&unmounted_, NotificationEvent, FALSE);
+}
+
+NTSTATUS Volume::Start()
+{
+    NodeStat root;
+    if (const int error = store_->Root().Stat(&root); error != 0) return StatusOf(error);
+    rootDevice_ = root.Device;
+    rootInode_ = root.Inode;
+    return STATUS_SUCCESS;
 }
 
 PluginFd Volume::Add(OpenObjectRef object)
@@ -60,7 +64,7 @@ DirListing& Volume::ListingOf(OpenObject& directory)
 ULONGLONG Volume::FileIdOf(const Facts& facts) const
 {
     constexpr ULONGLONG kSpread = 0x9e3779b97f4a7c15;
-    return facts.Inode ^ ((facts.Device - root_->Device()) * kSpread);
+    return facts.Inode ^ ((facts.Device - rootDevice_) * kSpread);
 }
 
-} // namespace hostfs
+} // namespace posixfs
