@@ -17,8 +17,9 @@ namespace se {
 struct Token;
 }
 namespace ke {
+class Record;
 struct WaitRecord;
-}
+} // namespace ke
 
 // A lock that the current thread holds: what it is, how often, in which mode, since where.
 struct HeldLock {
@@ -68,6 +69,7 @@ struct _ETHREAD {
     nthost::DriverCallRecord* Calls;    // the innermost call into driver code that is under way on this thread
     uint32_t Closing;                   // cleanups and closes among them; no fault is injected there
     PIRP CurrentIrp;                    // innermost request whose dispatch routine runs here
+    nthost::ke::Record* Record;         // what it does, for observers (ke/recorder.h)
     std::atomic<uint32_t> WakeWord;     // the wait core parks on it; changed by wakers
     bool Spins;                         // its last wait was short: the next begins awake
     PKSTART_ROUTINE StartRoutine;
