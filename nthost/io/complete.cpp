@@ -136,7 +136,7 @@ NTSTATUS CallDispatch(PDEVICE_OBJECT device, PIRP irp, UCHAR major)
     _ETHREAD* const thread = ke::CurrentThread();
     record->SentBy = ke::RecordedNumber(thread);
     record->SentMajor = major;
-    record->SentAt = SpanClock();
+    record->SentAt = ke::RequestBegins(thread, major);
     PIRP const outer = thread->CurrentIrp;
     thread->CurrentIrp = irp;
     const NTSTATUS status = CallDriver(MustRestore::Everything, "dispatch routine",

@@ -386,13 +386,15 @@ uint32_t RecordedNumber(const _ETHREAD* thread)
 
 void NoteRequest(const RequestEnd& end)
 {
-    const _ETHREAD* const thread = CurrentThreadOrNull();
+    _ETHREAD* const thread = CurrentThreadOrNull();
     if (!thread || !thread->Record) return;
+    const uint64_t now = SpanClock();
+    if (end.Major == IRP_MJ_CLEANUP && end.SentBy == RecordedNumber(thread)) thread->CleanupEnded = now;
     auto name = static_cast<SpanName>(Names::FirstRequest + end.Major);
     if (end.IsPaging && end.Major == IRP_MJ_READ) name = Names::PagingRead;
     if (end.IsPaging && end.Major == IRP_MJ_WRITE) name = Names::PagingWrite;
     const uint64_t bytes = end.Major == IRP_MJ_CREATE ? 0 : end.Information; // there it says what was done
-    thread->Record->Note({name, end.SentBy, end.Number, end.SentAt, SpanClock(), end.Status, bytes}, bytes);
+    thread->Record->Note({name, end.SentBy, end.Number, end.SentAt, now, end.Status, bytes}, bytes);
 }
 
 RecordedWait::RecordedWait(const char* what, const void* address) : record_(nullptr)
