@@ -443,9 +443,10 @@ std::vector<RecordedSpan> RecordedSpans()
     ForEachRecord([&](const Record& record) {
         record.ForEachSpan([&](const Span& span, uint32_t thread) {
             const NamedSpan& named = g_names.At(span.Name);
-            spans.push_back({named.Kind, named.Name, thread, span.BegunBy, span.Request,
-                             lengthOf(span.Begin - origin.Ticks), lengthOf(span.End - span.Begin), span.Status,
-                             span.Value});
+            // Spans that abut do so to the nanosecond.
+            const std::chrono::nanoseconds begin = lengthOf(span.Begin - origin.Ticks);
+            spans.push_back({named.Kind, named.Name, thread, span.BegunBy, span.Request, begin,
+                             lengthOf(span.End - origin.Ticks) - begin, span.Status, span.Value});
         });
     });
     std::stable_sort(spans.begin(), spans.end(),
