@@ -10,6 +10,7 @@
 #include "check/text.h"
 #include "ke/live.h"
 #include "ke/held.h"
+#include "ke/recorder.h"
 #include "ke/schedule.h"
 #include "ke/wait.h"
 #include "ke/word_lock.h"
@@ -132,6 +133,7 @@ void AcquireSlowly(PERESOURCE resource, _ETHREAD* thread, Request request)
         Enqueue(resource, waiter, request);
     }
     ke::NoteWaitFor("a resource", resource);
+    const ke::RecordedWait recorded("a resource", resource);
     ke::AwaitWake(thread);
 }
 

@@ -13,6 +13,7 @@
 #include "check/text.h"
 #include "io/finish.h"
 #include "io/irp.h"
+#include "ke/recorder.h"
 
 namespace nthost::io {
 
@@ -133,6 +134,9 @@ NTSTATUS CallDispatch(PDEVICE_OBJECT device, PIRP irp, UCHAR major)
     record->Number.store(g_requestsSent.fetch_add(1, std::memory_order_relaxed) + 1, std::memory_order_relaxed);
     record->SentFor.store(IoGetCurrentIrpStackLocation(irp)->FileObject, std::memory_order_relaxed);
     _ETHREAD* const thread = ke::CurrentThread();
+    record->SentBy = ke::RecordedNumber(thread);
+    record->SentMajor = major;
+    record->SentAt = ke::RequestBegins(thread, major);
     PIRP const outer = thread->CurrentIrp;
     thread->CurrentIrp = irp;
     const NTSTATUS status = CallDriver(MustRestore::Everything, "dispatch routine",

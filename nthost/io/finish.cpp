@@ -8,6 +8,7 @@
 #include <nthost/check.h>
 #include <nthost/process.h>
 
+#include "ke/recorder.h"
 #include "ke/callout.h"
 #include "ke/lock_order.h"
 #include "check/text.h"
@@ -228,6 +229,14 @@ void NoteQueueWait(PDEVICE_OBJECT device, const IrpRecord* record)
     NoteLockOrder(thread, queue);
 }
 
+void NoteEnd(const IrpRecord* record)
+{
+    const IRP& irp = record->Irp;
+    ke::NoteRequest({record->SentMajor, (irp.Flags & IRP_PAGING_IO) != 0,
+                     record->Number.load(std::memory_order_relaxed), record->SentAt, record->SentBy,
+                     irp.IoStatus.Status, irp.IoStatus.Information});
+}
+
 // On a file object that was opened for alertable I/O, an alert or an APC for the thread cancels the request.
 void AwaitDone(IrpRecord* record)
 {
@@ -277,6 +286,7 @@ void PassTop(IrpRecord* record)
         ReportFinding("irp-completed-without-owner", "irp " + HexText(&record->Irp));
         return;
     }
+    NoteEnd(record);
     record->State.store(IrpState::Ended, std::memory_order_release);
     if (record->Met.exchange(Completed, std::memory_order_acq_rel) != Left) return;
     if (record->How == Issue::Waited)

@@ -54,6 +54,9 @@ struct IrpRecord {
     KEVENT Done;                        // Waited: initialised before the issuer says that it left
     std::atomic<uint64_t> Number;       // in the order of sending; for observers, like the next
     std::atomic<PFILE_OBJECT> SentFor;
+    uint64_t SentAt; // for the recorder, like the next two
+    uint32_t SentBy;
+    UCHAR SentMajor;
     PEPROCESS Requestor;            // process the request was made for
     PFILE_OBJECT File;              // of a service's request; an asynchronous one has a reference of its own
     LIST_ENTRY FileEntry;           // in the file object's list, under its lock

@@ -17,8 +17,9 @@ namespace se {
 struct Token;
 }
 namespace ke {
+class Record;
 struct WaitRecord;
-}
+} // namespace ke
 
 // A lock that the current thread holds: what it is, how often, in which mode, since where.
 struct HeldLock {
@@ -68,8 +69,10 @@ struct _ETHREAD {
     nthost::DriverCallRecord* Calls;    // the innermost call into driver code that is under way on this thread
     uint32_t Closing;                   // cleanups and closes among them; no fault is injected there
     PIRP CurrentIrp;                    // innermost request whose dispatch routine runs here
-    std::atomic<uint32_t> WakeWord;     // the wait core parks on it; changed by wakers
-    bool Spins;                         // its last wait was short: the next begins awake
+    nthost::ke::Record* Record;         // what it does, for observers (ke/recorder.h)
+    uint64_t CleanupEnded;          // when, while the kernel is between a cleanup and the close that follows; else 0
+    std::atomic<uint32_t> WakeWord; // the wait core parks on it; changed by wakers
+    bool Spins;                     // its last wait was short: the next begins awake
     PKSTART_ROUTINE StartRoutine;
     PVOID StartContext;
     // Requests that this thread issued and that are not complete: the I/O manager's, under its own lock.

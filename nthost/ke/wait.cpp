@@ -13,6 +13,7 @@
 #include "ke/apc.h"
 #include "ke/dispatcher.h"
 #include "ke/held.h"
+#include "ke/recorder.h"
 #include "ke/schedule.h"
 #include "ke/word_lock.h"
 
@@ -206,6 +207,7 @@ bool TookObjects(NTSTATUS result) { return (result & ~STATUS_ABANDONED_WAIT_0) <
 NTSTATUS Block(WaitRecord& wait, int64_t deadline)
 {
     NoteWaitFor("an object", wait.Count ? wait.Blocks[0].Object : nullptr);
+    const RecordedWait recorded("an object", wait.Count ? wait.Blocks[0].Object : nullptr);
     if (AwaitWake(wait.Thread, deadline)) return wait.Result;
     {
         std::lock_guard lock(dispatcherLock);

@@ -55,6 +55,7 @@ NTSTATUS CloseSlot(const Slot& slot)
     const POBJECT_TYPE type = TypeOf(entry.Body);
     if (type->Close) type->Close(slot.Process, entry.Body, entry.Granted, processRemaining, remaining);
     ObDereferenceObject(entry.Body);
+    ke::CurrentThread()->CleanupEnded = 0; // the close of a file that lives on is another matter
     return STATUS_SUCCESS;
 }
 

@@ -2,6 +2,7 @@
 #include <nthost/process.h>
 
 #include <new>
+#include <utility>
 
 #include "ke/callout.h"
 #include "check/fatal.h"
@@ -9,6 +10,7 @@
 #include "check/text.h"
 #include "ke/apc.h"
 #include "ke/current.h"
+#include "ke/recorder.h"
 #include "ke/running.h"
 #include "ke/schedule.h"
 #include "ke/wait.h"
@@ -66,6 +68,7 @@ void EnterThread(_ETHREAD* thread)
 {
     if (ke::CurrentThreadOrNull()) Fatal("this thread is already attached to a process");
     ke::SetCurrentThread(thread);
+    thread->Record = ke::TakeRecord(thread);
     ke::AddRunning(thread);
 }
 
@@ -83,6 +86,7 @@ void LeaveThread(NTSTATUS exitStatus)
     _ETHREAD* const thread = ke::CurrentThread();
     thread->ExitStatus = exitStatus;
     ke::RemoveRunning(thread);
+    ke::GiveRecord(std::exchange(thread->Record, nullptr));
     ke::SignalHeader(&thread->Header);
     ke::SetCurrentThread(nullptr);
     ObDereferenceObject(thread);

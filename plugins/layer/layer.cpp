@@ -1,6 +1,12 @@
 // The layer's thunks are one template over the slot; only the description of the arguments differs by type.
 
 #include "layer/layer.h"
+
+#include <string_view>
+#include <tuple>
+
+#include <nthost/recorder.h>
+
 #include "layer/operations.h"
 
 namespace layer {
@@ -13,11 +19,24 @@ void TouchBadAddress()
     *reinterpret_cast<volatile char*>(address) = 1;
 }
 
+// What a read or a write has moved, which is told where its length was given.
+template <auto Slot, typename... Arguments>
+uint64_t BytesMoved([[maybe_unused]] Arguments... arguments)
+{
+    constexpr std::string_view name = Named<Slot>::Name;
+    if constexpr (name == "Read" || name == "Write")
+        return *std::get<ULONG*>(std::tuple<Arguments...>(arguments...));
+    else
+        return 0;
+}
+
 template <auto Slot, typename Function>
 struct Thunk;
 
 template <auto Slot, typename... Arguments>
 struct Thunk<Slot, NTSTATUS(NTAPI*)(void*, PKEVENT, Arguments...)> {
+    static inline const nthost::SpanName spanName = nthost::NameSpans(nthost::SpanKind::Call, Named<Slot>::Name);
+
     static NTSTATUS NTAPI Call(void* context, PKEVENT cancel, Arguments... arguments)
     {
         auto* const layer = static_cast<PluginLayer*>(context);
@@ -25,9 +44,11 @@ struct Thunk<Slot, NTSTATUS(NTAPI*)(void*, PKEVENT, Arguments...)> {
             layer->Noting() ? layer->Begin(Named<Slot>::Name, DescribeAll(arguments...)) : layer->CountOne();
         // From here on no object of this frame needs a destructor: an exception may jump over it.
         NTSTATUS status;
+        const uint64_t begun = nthost::SpanClock();
         if (!layer->Intercept(Named<Slot>::Name, cancel, &status)) {
             status = (layer->Inner()->*Slot)(layer->Inner()->PluginContext, cancel, arguments...);
         }
+        nthost::NoteCall(spanName, begun, status, NT_SUCCESS(status) ? BytesMoved<Slot>(arguments...) : 0);
         layer->End(note, status);
         return status;
     }

@@ -341,5 +341,27 @@ completes "$work/tree" gvnd import "$work/tre"
 completes "writeback" gvnd mount -o w
 completes "" gvnd shell --capacity ""
 
+# what the recorder kept: slices of one thread lie in one another, and calls in their requests
+expect "top" 0 'CreateDir +1 ' "$gvnd" shell -c "mkdir /a; top"
+expect "trace" 1 'STATUS_OBJECT_NAME_NOT_FOUND' "$gvnd" trace -o "$work/trace.json" -c "import $work/tree /t; cat /none"
+python3 - "$work/trace.json" <<'END' || fail "trace events: not what was done"
+import collections, json, sys
+events = json.load(open(sys.argv[1]))["traceEvents"]
+slices = [e for e in events if e["ph"] == "X"]
+requests = {e["args"]["request"]: e for e in slices if e["cat"] == "request"}
+calls = [e for e in slices if e["cat"] == "plugin"]
+assert any(e["name"] == "IRP_MJ_WRITE" and e["args"]["bytes"] for e in requests.values())
+assert any(e["name"] == "IRP_MJ_CREATE" and e["args"]["status"] == "STATUS_OBJECT_NAME_NOT_FOUND"
+           for e in requests.values())
+assert len(calls) > len(requests) / 2
+for call in calls:
+    request = requests.get(call["args"]["request"])
+    assert request is None or (request["ts"] - 0.01 <= call["ts"] and
+                               call["ts"] + call["dur"] <= request["ts"] + request["dur"] + 0.01)
+named = {e["tid"] for e in events if e["ph"] == "M" and e["name"] == "thread_name"}
+assert {e["tid"] for e in slices} <= named
+END
+expect "trace that cannot be written" 1 'cannot write .*/dev/full' "$gvnd" trace -o /dev/full -c "mkdir /a"
+
 [ $failed = 0 ] && echo "all of the tool's uses went as they should"
 exit $failed

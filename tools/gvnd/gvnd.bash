@@ -37,7 +37,7 @@ _gvnd()
         compopt -o nospace
         mapfile -t COMPREPLY < <(compgen -W "ro allow_other share= writeback nocache" -- "$cur")
         ;;
-    *:--capacity | *:--sddl | *:-c | *:--only | *:--seed | *:--steps | *:--threads | *:--stuck-after) ;;
+    *:--capacity | *:--sddl | *:--keep | *:-c | *:--only | *:--seed | *:--steps | *:--threads | *:--stuck-after) ;;
     mount:* | import:* | export:*)
         compopt -o filenames
         local kind=-d

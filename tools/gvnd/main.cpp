@@ -6,16 +6,21 @@
 #include <fstream>
 #include <iostream>
 #include <sstream>
+#include <exception>
 #include <stdexcept>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include <nthost/recorder.h>
+
 #include "gvnd/commands/check.h"
 #include "gvnd/demo.h"
 #include "gvnd/mount/mount.h"
 #include "gvnd/plugins.h"
+#include "gvnd/recording.h"
 #include "gvnd/session.h"
 #include "gvnd/shell.h"
 #include "gvnd/status.h"
@@ -30,8 +35,10 @@ struct Options {
     VolumeChoice Volume;
     bool Trace = false;
     std::string Image = workbench::ImageOfEnvironment("GVND_IMAGE");
-    std::string Script;     // -c
-    std::string ScriptFile; // a file, or - for standard input
+    std::string Script;            // -c
+    std::string ScriptFile;        // a file, or - for standard input
+    std::string TraceFile;         // of trace events; empty: none
+    size_t Kept = size_t{1} << 16; // spans of each thread in it
     std::string Capacity;
     std::string From; // export: a path of the volume; import: a directory of this machine
     std::string To;   // the other way round
@@ -44,6 +51,29 @@ int ReportLeaks(Session& session)
     report.Print();
     return report.Clean() && session.PluginAtFault() ? ExitPlugin : report.ExitCode();
 }
+
+// Writes the trace events however the commands end: what failed is what one wants to look at. A file that cannot be
+// written is told in any case; it is the result only of commands that did what they should.
+class Recording {
+public:
+    explicit Recording(std::string file) : file_(std::move(file)) {}
+    ~Recording() noexcept(false)
+    {
+        if (file_.empty()) return;
+        try {
+            WriteTraceEvents(file_);
+        } catch (const std::exception& error) {
+            if (std::uncaught_exceptions() == exceptions_) throw;
+            fmt::print(stderr, "gvnd: {}\n", error.what());
+        }
+    }
+    Recording(const Recording&) = delete;
+    Recording& operator=(const Recording&) = delete;
+
+private:
+    const std::string file_;
+    const int exceptions_ = std::uncaught_exceptions();
+};
 
 void RunCommands(Shell& shell, const Options& options)
 {
@@ -73,10 +103,12 @@ VolumeChoice ChoiceOf(const Options& options)
 
 int RunShell(const Options& options)
 {
+    if (!options.TraceFile.empty()) nthost::KeepSpans(options.Kept);
     Session session(options.Trace, options.Image);
     session.Mount(ChoiceOf(options));
     {
         Shell shell(session);
+        const Recording recording(options.TraceFile);
         RunCommands(shell, options);
     }
     return ReportLeaks(session);
@@ -135,6 +167,7 @@ int Main(int argc, char** argv)
                "  gvnd shell -p hostfs:DIR -c \"calls on; ls -l\"    a directory, with what each command asks of it\n"
                "  gvnd import -p hostfs:DIR HOST-DIR /PATH         copies a tree in, and compares it\n"
                "  gvnd export -p hostfs:DIR / HOST-DIR             copies a tree out, and compares it\n"
+               "  gvnd trace -o FILE -p hostfs:DIR -c \"ls -l\"      the same on a time line, for Perfetto\n"
                "  gvnd mount -p hostfs:DIR MOUNT-DIR               a directory, through the driver, for any program\n"
                "  gvnd check so:./plugin.so:ARGUMENTS              holds a plugin to its contract\n"
                "Exit codes: 0 success, 1 a request failed, 2 wrong usage, 3 copies disagree,\n"
@@ -146,6 +179,13 @@ int Main(int argc, char** argv)
     AddVolumeOptions(shell, options);
     shell->add_option("-c", options.Script, "commands to run, separated by semicolons");
     shell->add_option("script", options.ScriptFile, "a file of commands, - for standard input");
+    CLI::App* const tracer =
+        app.add_subcommand("trace", "the shell, and a file for Perfetto: requests, plugin calls and waits by thread");
+    AddVolumeOptions(tracer, options);
+    tracer->add_option("-o", options.TraceFile, "the file, written when the commands have ended")->required();
+    tracer->add_option("--keep", options.Kept, "the last spans of each thread that are kept")->capture_default_str();
+    tracer->add_option("-c", options.Script, "commands to run, separated by semicolons");
+    tracer->add_option("script", options.ScriptFile, "a file of commands, - for standard input");
     CLI::App* const importer =
         app.add_subcommand("import", "copy a directory of this machine into a volume, and verify it");
     AddVolumeOptions(importer, options);
@@ -183,7 +223,7 @@ int Main(int argc, char** argv)
         const int code = app.exit(error);
         return code == 0 ? ExitSuccess : ExitUsage;
     }
-    if (*shell) return RunShell(options);
+    if (*shell || *tracer) return RunShell(options);
     if (*importer) return RunTransfer(options, ImportTree);
     if (*exporter) return RunTransfer(options, ExportTree);
     if (*plugins) {

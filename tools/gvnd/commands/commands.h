@@ -82,6 +82,7 @@ void Trace(Shell& shell, const Words& words);
 void ChangeDirectory(Shell& shell, const Words& words);
 void PrintDirectory(Shell& shell, const Words& words);
 void Calls(Shell& shell, const Words& words);
+void Top(Shell& shell, const Words& words);
 void Help(Shell& shell, const Words& words);
 
 } // namespace commands

@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 
+#include "gvnd/recording.h"
 #include "gvnd/status.h"
 #include "gvnd/text.h"
 
@@ -70,6 +71,8 @@ constexpr Command kCommands[] = {
      Needs::Nothing},
     {"Shell", "calls", "on|off", "after each command, the plugin operations that it caused, with their times", 1, 1,
      Calls, Needs::Nothing},
+    {"Shell", "top", "", "counts and times of all requests and plugin calls so far, what failed, who waits", 0, 0, Top,
+     Needs::Nothing},
     {"Shell", "help", "[COMMAND]", "this list, or the lines of one command", 0, 1, Help, Needs::Nothing},
 };
 
@@ -107,6 +110,8 @@ void ChangeDirectory(Shell& shell, const Words& words)
 void PrintDirectory(Shell& shell, const Words&) { fmt::print("{}\n", shell.Directory()); }
 
 void Calls(Shell& shell, const Words& words) { shell.ShowCalls(Switch(words[1])); }
+
+void Top(Shell&, const Words&) { fmt::print("{}", Counts()); }
 
 void Help(Shell&, const Words& words)
 {
