@@ -189,6 +189,7 @@ public:
     std::atomic<uint32_t> Thread;
     Record* NextFree = nullptr; // under the lock of the list
 
+    size_t Size() const { return size_; }
     const Counts& CountsOf(size_t name) const { return counts_[name]; }
     const Failure* Failures() const { return failures_; }
     template <typename Each>
@@ -358,9 +359,11 @@ Record* TakeRecord(const _ETHREAD* thread)
 {
     Registry& registry = TheRegistry();
     const std::lock_guard lock(registry.Mutex);
-    Record* record = registry.Free;
+    Record** link = &registry.Free;
+    while (*link && (*link)->Size() != registry.Size) link = &(*link)->NextFree;
+    Record* record = *link;
     if (record)
-        registry.Free = record->NextFree;
+        *link = record->NextFree;
     else
         record = NewRecord(registry);
     if (!record) return nullptr;
@@ -461,7 +464,8 @@ std::vector<SpanCounts> RecordedCounts()
     std::vector<SpanCounts> all;
     for (size_t name = 0; name < g_names.Count(); ++name) {
         const Sums sums = SumsOf(name);
-        if (!sums.Count) continue;
+        // Failures that found no room are shown with "others", whether or not there are any.
+        if (!sums.Count && (name != 0 || !failures.contains(0))) continue;
         const NamedSpan& named = g_names.At(name);
         SpanCounts counts = {named.Kind,
                              named.Name,
@@ -472,8 +476,7 @@ std::vector<SpanCounts> RecordedCounts()
                              lengthOf(TicksUnder(sums, 0.99)),
                              {}};
         for (const auto& [key, count] : failures)
-            if (key >> 32 == name && (key || name == 0))
-                counts.Failures.emplace_back(static_cast<NTSTATUS>(key), count);
+            if (key >> 32 == name) counts.Failures.emplace_back(static_cast<NTSTATUS>(key), count);
         all.push_back(std::move(counts));
     }
     return all;
